@@ -1,0 +1,29 @@
+#pragma once
+/// @file
+
+#include <boost/filesystem/path.hpp>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "KVT/Api.h"
+
+namespace KVTX::Internal {
+
+/// How much of a program is borne before it is killed.
+struct SCommandLimits {
+  std::chrono::milliseconds m_Time{30'000};
+  std::size_t m_OutputBytes{1 << 20};
+};
+
+struct SCommandResult {
+  int m_Result{0};  ///< as CSystem::ExecuteCommand returns it
+  std::vector<std::string> m_Lines;
+};
+
+/// CSystem::ExecuteCommand with limits of choice. A cancellation point: the program is killed when the
+/// calling thread is cancelled.
+ZQ_API SCommandResult RunCommand(const boost::filesystem::path& program, const std::string& arguments,
+                                 const SCommandLimits& limits);
+
+}  // namespace KVTX::Internal
