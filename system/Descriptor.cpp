@@ -1,0 +1,25 @@
+#include "system/Descriptor.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+
+namespace NAMESPACE_piRVX {
+
+std::optional<std::string> ReadText(COperatingSystem& os, const std::string& path) {
+  constexpr std::size_t LONGEST = 1024UL * 1024;
+  const CDescriptor file(os, path, O_RDONLY);
+  if (!file.IsOpen()) return std::nullopt;
+  std::string text;
+  std::array<char, 4096> piece{};
+  while (text.size() < LONGEST) {
+    const ssize_t size = os.Read(file.Get(), piece.data(), std::min(piece.size(), LONGEST - text.size()));
+    if (size < 0) return std::nullopt;
+    if (size == 0) break;
+    text.append(piece.data(), static_cast<std::size_t>(size));
+  }
+  return text;
+}
+
+}  // namespace NAMESPACE_piRVX

@@ -1,0 +1,13 @@
+#pragma once
+/// @file
+/// Which machine this build of the plug-in runs on.
+
+#include "system/OperatingSystem.h"
+
+namespace NAMESPACE_piRVX {
+
+/// The machine that `createIf` gives to the plug-in: Linux in the shipped library, a simulated machine in the
+/// simulated build. Exactly one definition is linked in. Lives as long as the library.
+COperatingSystem& TheMachine();
+
+}  // namespace NAMESPACE_piRVX
