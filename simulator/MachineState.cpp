@@ -1,0 +1,232 @@
+#include "simulator/MachineState.h"
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+
+namespace NAMESPACE_piRVX::Simulation {
+namespace {
+
+constexpr std::uint64_t KIB = 1024;
+
+/// Calls `visit(block, offset in block, offset in range, count)` for every block that a range touches.
+template <typename TVisit>
+void ForEachPiece(std::uint64_t offset, std::size_t size, TVisit visit) {
+  for (std::size_t done = 0; done < size;) {
+    const std::size_t inside = (offset + done) % CSparseBytes::BLOCK;
+    const std::size_t count = std::min(CSparseBytes::BLOCK - inside, size - done);
+    visit((offset + done) / CSparseBytes::BLOCK, inside, done, count);
+    done += count;
+  }
+}
+
+/// The kernel puts a "p" between a name that ends with a digit and the partition's number.
+std::string PartitionName(const std::string& whole, unsigned int number) {
+  const bool digit = std::isdigit(static_cast<unsigned char>(whole.back())) != 0;
+  return whole + (digit ? "p" : "") + std::to_string(number);
+}
+
+template <typename TWhole>
+SBlock WholeBlock(TWhole& whole, std::uint64_t size) {
+  SBlock block;
+  block.m_Name = whole.m_Name;
+  block.m_Device = whole.m_Device;
+  block.m_Size = size;
+  if constexpr (std::is_same_v<TWhole, SDisk>) {
+    block.m_Disk = &whole;
+  } else {
+    block.m_Array = &whole;
+  }
+  return block;
+}
+
+SBlock PartitionBlock(SBlock whole, const SPartition& partition) {
+  whole.m_Name = PartitionName(whole.m_Name, partition.m_Number);
+  whole.m_Device = makedev(major(whole.m_Device), minor(whole.m_Device) + partition.m_Number);
+  whole.m_Partition = &partition;
+  whole.m_Start = partition.m_Start;
+  whole.m_Size = partition.m_Size;
+  return whole;
+}
+
+template <typename TMatch>
+std::optional<SBlock> FindBlockThat(SMachine& machine, TMatch matches) {
+  const auto search = [&](const SBlock& whole) -> std::optional<SBlock> {
+    if (matches(whole)) return whole;
+    for (const SPartition& partition : whole.Partitions()) {
+      if (const SBlock block = PartitionBlock(whole, partition); matches(block)) return block;
+    }
+    return std::nullopt;
+  };
+  for (SDisk& disk : machine.m_Disks) {
+    if (auto found = search(WholeBlock(disk, disk.m_Size))) return found;
+  }
+  for (SArray& array : machine.m_Arrays) {
+    if (auto found = search(WholeBlock(array, array.m_ArraySectors / 2))) return found;
+  }
+  return std::nullopt;
+}
+
+bool IsMember(const SMachine& machine, const SBlock& block) {
+  return std::any_of(machine.m_Arrays.begin(), machine.m_Arrays.end(), [&](const SArray& array) {
+    return std::any_of(array.m_Members.begin(), array.m_Members.end(), [&](const SMember& member) {
+      return member.m_Device == block.m_Device && member.m_Instance == block.Instance();
+    });
+  });
+}
+
+bool IsClaimed(const SMachine& machine, const SBlock& block) {
+  const bool held = block.m_Disk != nullptr && block.m_Partition == nullptr && block.m_Disk->m_Held;
+  return held || !block.Mount().empty() || IsMember(machine, block) ||
+         std::any_of(machine.m_Files.begin(), machine.m_Files.end(), [&](const auto& entry) {
+           const SOpenFile& file = entry.second;
+           return file.m_Kind == EFile::Block && (file.m_Flags & O_EXCL) != 0 &&
+                  file.m_Device == block.m_Device && file.m_Instance == block.Instance();
+         });
+}
+
+/// What a medium that does not answer gives.
+int MediumError(const SBlock& block) {
+  return block.m_Disk->m_State != "running" || block.m_Disk->m_Asleep ? EIO : 0;
+}
+
+}  // namespace
+
+std::string CSparseBytes::Read(std::uint64_t offset, std::size_t size) const {
+  std::string bytes(size, '\0');
+  ForEachPiece(offset, size,
+               [&](std::uint64_t number, std::size_t inside, std::size_t done, std::size_t count) {
+                 if (const auto block = m_Blocks.find(number); block != m_Blocks.end()) {
+                   std::memcpy(bytes.data() + done, block->second.data() + inside, count);
+                 }
+               });
+  return bytes;
+}
+
+void CSparseBytes::Write(std::uint64_t offset, const void* bytes, std::size_t size) {
+  ForEachPiece(offset, size,
+               [&](std::uint64_t number, std::size_t inside, std::size_t done, std::size_t count) {
+                 TBlock& block = m_Blocks[number];
+                 std::memcpy(block.data() + inside, static_cast<const char*>(bytes) + done, count);
+                 if (std::all_of(block.begin(), block.end(), [](char byte) { return byte == '\0'; }))
+                   m_Blocks.erase(number);
+               });
+}
+
+std::uint64_t SBlock::Instance() const {
+  return m_Disk != nullptr ? m_Disk->m_Instance : m_Array->m_Instance;
+}
+
+const std::vector<SPartition>& SBlock::Partitions() const {
+  return m_Disk != nullptr ? m_Disk->m_Partitions : m_Array->m_Partitions;
+}
+
+const std::string& SBlock::Mount() const {
+  if (m_Partition != nullptr) return m_Partition->m_Mount;
+  return m_Disk != nullptr ? m_Disk->m_Mount : m_Array->m_Mount;
+}
+
+std::vector<SBlock> AllBlocks(SMachine& machine) {
+  std::vector<SBlock> blocks;
+  const auto append = [&](const SBlock& whole) {
+    blocks.push_back(whole);
+    for (const SPartition& partition : whole.Partitions()) blocks.push_back(PartitionBlock(whole, partition));
+  };
+  for (SDisk& disk : machine.m_Disks) append(WholeBlock(disk, disk.m_Size));
+  for (SArray& array : machine.m_Arrays) append(WholeBlock(array, array.m_ArraySectors / 2));
+  return blocks;
+}
+
+std::optional<SBlock> FindBlock(SMachine& machine, dev_t device) {
+  return FindBlockThat(machine, [device](const SBlock& block) { return block.m_Device == device; });
+}
+
+std::optional<SBlock> FindBlock(SMachine& machine, const std::string& name) {
+  return FindBlockThat(machine, [&](const SBlock& block) { return block.m_Name == name; });
+}
+
+SDisk* FindDisk(SMachine& machine, const std::string& name) {
+  const auto found = std::find_if(machine.m_Disks.begin(), machine.m_Disks.end(),
+                                  [&](const SDisk& disk) { return disk.m_Name == name; });
+  return found == machine.m_Disks.end() ? nullptr : &*found;
+}
+
+SArray* FindArray(SMachine& machine, const std::string& name) {
+  const auto found = std::find_if(machine.m_Arrays.begin(), machine.m_Arrays.end(),
+                                  [&](const SArray& array) { return array.m_Name == name; });
+  return found == machine.m_Arrays.end() ? nullptr : &*found;
+}
+
+bool CanClaim(SMachine& machine, const SBlock& block) {
+  if (IsClaimed(machine, block)) return false;
+  SBlock whole = block.m_Disk != nullptr ? WholeBlock(*block.m_Disk, block.m_Disk->m_Size)
+                                         : WholeBlock(*block.m_Array, block.m_Array->m_ArraySectors / 2);
+  if (block.m_Partition != nullptr) return !IsClaimed(machine, whole);
+  return std::none_of(whole.Partitions().begin(), whole.Partitions().end(), [&](const SPartition& partition) {
+    return IsClaimed(machine, PartitionBlock(whole, partition));
+  });
+}
+
+std::size_t Openers(SMachine& machine, const SArray& array) {
+  std::size_t openers = array.m_Mount.empty() ? 0U : 1U;
+  for (const SPartition& partition : array.m_Partitions) openers += partition.m_Mount.empty() ? 0U : 1U;
+  for (const auto& [number, file] : machine.m_Files) {
+    if (file.m_Kind == EFile::Block && file.m_Instance == array.m_Instance) ++openers;
+  }
+  return openers;
+}
+
+int ReadBlock(const SBlock& block, std::uint64_t offset, std::size_t size, std::string& bytes) {
+  if (block.m_Disk == nullptr) {
+    bytes.assign(size, '\0');
+    return 0;
+  }
+  if (const int error = MediumError(block)) return error;
+  bytes = block.m_Disk->m_Bytes.Read(block.m_Start * KIB + offset, size);
+  return 0;
+}
+
+int WriteBlock(const SBlock& block, std::uint64_t offset, const void* bytes, std::size_t size) {
+  if (block.m_Disk == nullptr) return EIO;
+  if (const int error = MediumError(block)) return error;
+  block.m_Disk->m_Bytes.Write(block.m_Start * KIB + offset, bytes, size);
+  return 0;
+}
+
+std::uint64_t NextRandom(SMachine& machine) {
+  // splitmix64: every state is a good one, and one number is all that has to be kept.
+  std::uint64_t value = machine.m_Random += 0x9e3779b97f4a7c15ULL;
+  value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  value = (value ^ (value >> 27)) * 0x94d049bb133111ebULL;
+  return value ^ (value >> 31);
+}
+
+void Attach(SMachine& machine, SDisk disk) {
+  disk.m_Instance = ++machine.m_LastInstance;
+  if (disk.m_Host == NO_HOST) {
+    const std::string& driver = machine.m_Controllers[disk.m_Controller].m_Driver;
+    // An AHCI port is a host of its own, a PIIX channel takes two disks, on other controllers all share one
+    // host.
+    const std::size_t perHost = driver == "ahci" ? 1 : driver == "ata_piix" ? 2 : EVERYTHING;
+    unsigned int next = 0;
+    for (const SDisk& other : machine.m_Disks) next = std::max(next, other.m_Host + 1);
+    std::map<unsigned int, std::size_t> used;
+    for (const SDisk& other : machine.m_Disks) {
+      if (other.m_Controller == disk.m_Controller) ++used[other.m_Host];
+    }
+    const auto room = std::find_if(used.begin(), used.end(),
+                                   [perHost](const auto& entry) { return entry.second < perHost; });
+    disk.m_Host = room == used.end() ? next : room->first;
+    disk.m_Target = 0;
+    for (const SDisk& other : machine.m_Disks) {
+      if (other.m_Host == disk.m_Host) disk.m_Target = std::max(disk.m_Target, other.m_Target + 1);
+    }
+  }
+  machine.m_Disks.push_back(std::move(disk));
+}
+
+}  // namespace NAMESPACE_piRVX::Simulation

@@ -1,0 +1,57 @@
+#pragma once
+/// @file
+/// The md driver of a simulated machine: requests, background work, and /proc/mdstat.
+
+#include "simulator/MachineState.h"
+
+namespace NAMESPACE_piRVX::Simulation {
+
+/// What md knows of a RAID level.
+struct SPersonality {
+  int m_Level;
+  const char* m_Name;
+  bool m_Syncs;  ///< has redundancy, so members may fail and come back
+};
+const SPersonality* FindPersonality(int level);
+const SPersonality* FindPersonality(const std::string& name);
+
+/// Carries out a request on an array's device; 0 or the error. `argument` as ioctl() takes it.
+int MdIoctl(SMachine& machine, SArray& array, unsigned long request, void* argument);
+/// Opening a number of one of md's majors makes the array's device when it is new. Other numbers are left
+/// alone.
+void OpenMdDevice(SMachine& machine, dev_t device);
+/// Drops the devices that are empty and that nobody has open.
+void DropEmptyArrays(SMachine& machine);
+
+/// Writes the array's superblock to a free device, and adds it as a spare.
+int AddSpare(SMachine& machine, SArray& array, const SBlock& block);
+/// What the requests do; 0 or the error.
+int RunArray(SMachine& machine, SArray& array);
+int StopArray(SMachine& machine, SArray& array, std::size_t openersAllowed);
+int FailDisk(SMachine& machine, SArray& array, dev_t device);
+int RemoveDisk(SMachine& machine, SArray& array, dev_t device);
+
+/// Writes the array's present state to the superblocks of its members. A member that cannot be written fails.
+void UpdateSuperblocks(SMachine& machine, SArray& array);
+/// Starts what is due on the array: removal of failed members, a recovery onto spares, a resync.
+void CheckRecovery(SMachine& machine, SArray& array);
+/// Sectors that a running resync or recovery has done, and has to do.
+std::uint64_t SyncPosition(const SMachine& machine, const SArray& array);
+std::uint64_t SyncLength(const SArray& array);
+/// Changes how fast the array resyncs from now on.
+void SetSyncSpeed(SMachine& machine, SArray& array, std::uint64_t speed);
+/// Machine time at which the next resync or recovery ends.
+std::optional<std::uint64_t> NextSyncEnd(const SMachine& machine);
+/// Ends what has reached its end at the present machine time.
+void EndSyncs(SMachine& machine);
+
+/// True when the members that are in sync hold all of the array's data.
+bool IsEnough(const SArray& array);
+/// How many slots hold no member that is in sync.
+int DegradedBy(const SArray& array);
+/// Sets the array's size from its level and members.
+void ComputeArraySize(SArray& array);
+
+std::string MdStat(const SMachine& machine);
+
+}  // namespace NAMESPACE_piRVX::Simulation

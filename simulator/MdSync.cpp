@@ -1,0 +1,220 @@
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <array>
+
+#include "simulator/MdDriver.h"
+#include "simulator/Superblock.h"
+
+namespace NAMESPACE_piRVX::Simulation {
+namespace {
+
+constexpr std::array PERSONALITIES = {SPersonality{-1, "linear", false}, SPersonality{0, "raid0", false},
+                                      SPersonality{1, "raid1", true},    SPersonality{4, "raid4", true},
+                                      SPersonality{5, "raid5", true},    SPersonality{6, "raid6", true},
+                                      SPersonality{10, "raid10", true}};
+
+template <typename TMatch>
+const SPersonality* FindThat(TMatch matches) {
+  const auto* found = std::find_if(PERSONALITIES.begin(), PERSONALITIES.end(), matches);
+  return found == PERSONALITIES.end() ? nullptr : found;
+}
+
+bool IsRebuilding(const SMember& member) {
+  return member.m_Slot >= 0 && !member.m_InSync && !member.m_Faulty;
+}
+
+/// Minor of the whole disk: a member may be a partition, and two arrays on one disk do not sync at once.
+bool SharesDisk(const SArray& one, const SArray& other) {
+  return std::any_of(one.m_Members.begin(), one.m_Members.end(), [&](const SMember& member) {
+    return std::any_of(other.m_Members.begin(), other.m_Members.end(),
+                       [&](const SMember& second) { return member.m_Instance == second.m_Instance; });
+  });
+}
+
+bool MustWait(const SMachine& machine, const SArray& array) {
+  return std::any_of(machine.m_Arrays.begin(), machine.m_Arrays.end(), [&](const SArray& other) {
+    return &other != &array && other.m_Sync && !other.m_Sync->m_Delayed && SharesDisk(array, other);
+  });
+}
+
+void Start(SMachine& machine, SArray& array, bool recovery, std::uint64_t from) {
+  array.m_Sync = SSync{recovery, MustWait(machine, array), from, machine.m_Time};
+  ++machine.m_MdEvents;
+}
+
+/// Takes failed members out of their slots and puts spares into empty ones.
+void FillSlots(SMachine& machine, SArray& array) {
+  std::vector<bool> taken(static_cast<std::size_t>(array.m_RaidDisks), false);
+  for (SMember& member : array.m_Members) {
+    if (member.m_Slot < 0) continue;
+    if (member.m_Faulty) {
+      member.m_SavedSlot = std::exchange(member.m_Slot, -1);
+    } else {
+      taken[static_cast<std::size_t>(member.m_Slot)] = true;
+    }
+  }
+  for (SMember& member : array.m_Members) {
+    if (member.m_Slot >= 0 || member.m_Faulty || array.m_Broken) continue;
+    auto slot = std::find(taken.begin(), taken.end(), false);
+    const auto saved = static_cast<std::size_t>(member.m_SavedSlot);
+    if (saved < taken.size() && !taken[saved]) slot = taken.begin() + member.m_SavedSlot;
+    if (slot == taken.end()) continue;
+    *slot = true;
+    member.m_Slot = static_cast<int>(slot - taken.begin());
+    member.m_RecoveredSectors = 0;
+    ++machine.m_MdEvents;
+  }
+}
+
+std::uint64_t EndTime(const SArray& array) {
+  const std::uint64_t left = SyncLength(array) - std::min(array.m_Sync->m_From, SyncLength(array));
+  const std::uint64_t size = (left + 1) / 2;
+  return array.m_Sync->m_Since + (size * 1000 + array.m_Speed - 1) / array.m_Speed;
+}
+
+bool IsMoving(const SArray& array) { return array.m_Sync && !array.m_Sync->m_Delayed && array.m_Speed != 0; }
+
+void EndSync(SMachine& machine, SArray& array) {
+  if (!array.m_Sync->m_Recovery) array.m_SyncedSectors = EVERYTHING;
+  for (SMember& member : array.m_Members) {
+    if (array.m_Sync->m_Recovery && IsRebuilding(member)) member.m_InSync = true;
+  }
+  array.m_Sync.reset();
+  ++machine.m_MdEvents;
+  CheckRecovery(machine, array);
+  UpdateSuperblocks(machine, array);
+}
+
+}  // namespace
+
+const SPersonality* FindPersonality(int level) {
+  return FindThat([level](const SPersonality& entry) { return entry.m_Level == level; });
+}
+
+const SPersonality* FindPersonality(const std::string& name) {
+  return FindThat([&](const SPersonality& entry) { return name == entry.m_Name; });
+}
+
+int DegradedBy(const SArray& array) {
+  return array.m_RaidDisks - static_cast<int>(std::count_if(array.m_Members.begin(), array.m_Members.end(),
+                                                            [](const SMember& member) {
+                                                              return member.m_Slot >= 0 && member.m_InSync;
+                                                            }));
+}
+
+bool IsEnough(const SArray& array) {
+  const int missing = DegradedBy(array);
+  if (array.m_Level == 10) {
+    // Slots 2n and 2n+1 hold the same data.
+    std::vector<bool> pairs(static_cast<std::size_t>(array.m_RaidDisks + 1) / 2, false);
+    for (const SMember& member : array.m_Members) {
+      if (member.m_Slot >= 0 && member.m_InSync) pairs[static_cast<std::size_t>(member.m_Slot) / 2] = true;
+    }
+    return std::find(pairs.begin(), pairs.end(), false) == pairs.end();
+  }
+  const int borne = array.m_Level == 1                         ? array.m_RaidDisks - 1
+                    : array.m_Level == 6                       ? 2
+                    : array.m_Level == 4 || array.m_Level == 5 ? 1
+                                                               : 0;
+  return missing <= borne;
+}
+
+void ComputeArraySize(SArray& array) {
+  const auto disks = static_cast<std::uint64_t>(array.m_RaidDisks);
+  std::uint64_t each = array.m_DeviceSectors;
+  if (array.m_ChunkSectors != 0 && array.m_Level >= 4) each -= each % array.m_ChunkSectors;
+  switch (array.m_Level) {
+    case 1:
+      array.m_ArraySectors = each;
+      break;
+    case 4:
+    case 5:
+      array.m_ArraySectors = each * (disks - 1);
+      break;
+    case 6:
+      array.m_ArraySectors = each * (disks - 2);
+      break;
+    case 10:
+      array.m_ArraySectors = each * disks / 2;
+      break;
+    default:
+      array.m_ArraySectors = 0;
+      for (const SMember& member : array.m_Members)
+        array.m_ArraySectors += member.m_Slot >= 0 ? member.m_Sectors : 0;
+  }
+}
+
+std::uint64_t SyncLength(const SArray& array) { return array.m_DeviceSectors; }
+
+// Whole KiB, as a description counts them.
+std::uint64_t SyncPosition(const SMachine& machine, const SArray& array) {
+  const std::uint64_t passed = array.m_Sync->m_Delayed ? 0 : machine.m_Time - array.m_Sync->m_Since;
+  return std::min(SyncLength(array), array.m_Sync->m_From + passed * array.m_Speed / 1000 * 2);
+}
+
+void SetSyncSpeed(SMachine& machine, SArray& array, std::uint64_t speed) {
+  if (array.m_Sync) {
+    array.m_Sync->m_From = SyncPosition(machine, array);
+    array.m_Sync->m_Since = machine.m_Time;
+  }
+  array.m_Speed = speed;
+}
+
+std::optional<std::uint64_t> NextSyncEnd(const SMachine& machine) {
+  std::optional<std::uint64_t> next;
+  for (const SArray& array : machine.m_Arrays) {
+    if (IsMoving(array)) next = std::min(next.value_or(EVERYTHING), EndTime(array));
+  }
+  return next;
+}
+
+void EndSyncs(SMachine& machine) {
+  for (SArray& array : machine.m_Arrays) {
+    if (IsMoving(array) && EndTime(array) <= machine.m_Time) EndSync(machine, array);
+  }
+  for (SArray& array : machine.m_Arrays) {
+    if (array.m_Sync && array.m_Sync->m_Delayed && !MustWait(machine, array)) {
+      array.m_Sync->m_Delayed = false;
+      array.m_Sync->m_Since = machine.m_Time;
+      ++machine.m_MdEvents;
+    }
+  }
+}
+
+void CheckRecovery(SMachine& machine, SArray& array) {
+  const SPersonality* personality = FindPersonality(array.m_Level);
+  if (!array.m_Running || !personality->m_Syncs || array.m_Sync) return;
+  FillSlots(machine, array);
+  std::optional<std::uint64_t> recovered;
+  for (const SMember& member : array.m_Members) {
+    if (IsRebuilding(member)) recovered = std::min(recovered.value_or(EVERYTHING), member.m_RecoveredSectors);
+  }
+  if (recovered) {
+    Start(machine, array, true, *recovered);
+  } else if (array.m_SyncedSectors < array.m_DeviceSectors) {
+    // With one member left there is nothing to bring in line with it.
+    if (array.m_Level == 1 && array.m_RaidDisks - DegradedBy(array) < 2) {
+      array.m_SyncedSectors = EVERYTHING;
+    } else {
+      Start(machine, array, false, array.m_SyncedSectors);
+    }
+  }
+}
+
+void UpdateSuperblocks(SMachine& machine, SArray& array) {
+  ++array.m_Events;
+  array.m_Updated = (machine.m_ClockStart + machine.m_Time) / 1000;
+  if (array.m_MajorVersion != 1 || array.m_MinorVersion != 0) return;
+  std::vector<dev_t> failed;
+  for (const SMember& member : array.m_Members) {
+    if (member.m_Faulty) continue;
+    const auto block = FindBlock(machine, member.m_Device);
+    const bool there = block && block->Instance() == member.m_Instance;
+    if (!there || StoreSuperblock(*block, ComposeSuperblock(array, member, *block)) != 0)
+      failed.push_back(member.m_Device);
+  }
+  for (const dev_t device : failed) FailDisk(machine, array, device);
+}
+
+}  // namespace NAMESPACE_piRVX::Simulation

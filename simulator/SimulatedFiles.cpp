@@ -1,0 +1,230 @@
+#include "simulator/SimulatedFiles.h"
+
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/format.hpp>
+
+#include "simulator/MdDriver.h"
+
+namespace NAMESPACE_piRVX::Simulation {
+namespace {
+
+constexpr const char* UDEVADM = "/usr/bin/udevadm";
+
+SEntry TextEntry(std::string text) { return {SEntry::EKind::Text, std::move(text), 0, 0444}; }
+SEntry LinkEntry(std::string target) { return {SEntry::EKind::Link, std::move(target), 0, 0777}; }
+SEntry DirectoryEntry() { return {SEntry::EKind::Directory, "", 0, 0755}; }
+
+std::string Folder(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+/// Controllers behind a bridge show it in their path.
+std::string ControllerPath(const SController& controller) {
+  const bool bridged = controller.m_Address.substr(5, 2) != "00";
+  return "/devices/pci" + controller.m_Address.substr(0, 4) + ":00/" +
+         (bridged ? controller.m_Address.substr(0, 5) + "00:1c.0/" : "") + controller.m_Address;
+}
+
+std::string ScsiAddress(const SDisk& disk) {
+  return str(boost::format("%d:0:%d:0") % disk.m_Host % disk.m_Target);
+}
+
+/// SCSI identification: so many characters, padded with blanks.
+std::string Padded(const std::string& text, std::size_t width) {
+  return text.substr(0, width) + std::string(width - std::min(width, text.size()), ' ') + "\n";
+}
+
+std::optional<SEntry> DiskFile(const SDisk& disk, const std::string& name) {
+  if (name == "device") return LinkEntry("../../../" + ScsiAddress(disk));
+  if (name == "device/vendor") return TextEntry(Padded(disk.m_Vendor, 8));
+  if (name == "device/model") return TextEntry(Padded(disk.m_Model, 16));
+  if (name == "device/state") return TextEntry(disk.m_State + "\n");
+  if (name == "queue/rotational") return TextEntry(disk.m_SolidState ? "0\n" : "1\n");
+  if (name == "size") return TextEntry(std::to_string(disk.m_Size * 2) + "\n");
+  if (name == "dev")
+    return TextEntry(str(boost::format("%d:%d\n") % major(disk.m_Device) % minor(disk.m_Device)));
+  return std::nullopt;
+}
+
+/// What stands below /sys/block, `path` without that.
+std::optional<SEntry> BlockFile(SMachine& machine, const std::string& path) {
+  const std::string name = path.substr(0, path.find('/'));
+  const std::string rest = name.size() < path.size() ? path.substr(name.size() + 1) : "";
+  if (const SDisk* disk = FindDisk(machine, name)) {
+    return rest.empty() ? LinkEntry(".." + DevicePath(machine, *disk)) : DiskFile(*disk, rest);
+  }
+  const SArray* array = FindArray(machine, name);
+  if (array == nullptr) return std::nullopt;
+  if (rest.empty()) return LinkEntry("../devices/virtual/block/" + name);
+  if (rest == "size") return TextEntry(std::to_string(array->m_ArraySectors) + "\n");
+  return std::nullopt;
+}
+
+/// What stands below /sys/devices, `path` from "/devices" on.
+std::optional<SEntry> DeviceFile(SMachine& machine, const std::string& path) {
+  for (const SController& controller : machine.m_Controllers) {
+    const std::string folder = ControllerPath(controller);
+    if (!path.starts_with(folder)) continue;
+    const std::string name = path.substr(folder.size());
+    if (name.empty()) return DirectoryEntry();
+    if (name == "/vendor") return TextEntry(controller.m_Vendor + "\n");
+    if (name != "/driver") continue;
+    // Out of every folder that the path has below /sys.
+    std::string up;
+    for (auto depth = std::count(folder.begin(), folder.end(), '/'); depth > 0; --depth) up += "../";
+    return LinkEntry(up + "bus/pci/drivers/" + controller.m_Driver);
+  }
+  const auto begin = path.find("/block/");
+  if (begin == std::string::npos) return std::nullopt;
+  const std::string name = path.substr(begin + 7, path.find('/', begin + 7) - begin - 7);
+  const SDisk* disk = FindDisk(machine, name);
+  if (disk == nullptr || !path.starts_with(DevicePath(machine, *disk))) return std::nullopt;
+  const std::string rest = path.substr(DevicePath(machine, *disk).size());
+  return rest.empty() ? DirectoryEntry() : DiskFile(*disk, rest.substr(1));
+}
+
+std::string PartitionsText(SMachine& machine) {
+  std::string text = "major minor  #blocks  name\n\n";
+  for (const SBlock& block : AllBlocks(machine)) {
+    if (block.m_Size == 0) continue;
+    text += str(boost::format("%4d  %7d %10d %s\n") % major(block.m_Device) % minor(block.m_Device) %
+                block.m_Size % block.m_Name);
+  }
+  return text;
+}
+
+std::string DevicesText(const SMachine& machine) {
+  std::map<unsigned int, const char*> majors = {{8, "sd"}, {9, "md"}, {254, "virtblk"}, {259, "blkext"}};
+  for (unsigned int number = 65; number <= 71; ++number) majors[number] = "sd";
+  for (unsigned int number = 128; number <= 135; ++number) majors[number] = "sd";
+  majors[machine.m_MdpMajor] = "mdp";
+  std::string text = "Character devices:\n  1 mem\n  5 /dev/tty\n 10 misc\n\nBlock devices:\n";
+  for (const auto& [number, name] : majors) text += str(boost::format("%3d %s\n") % number % name);
+  return text;
+}
+
+/// Nodes below /dev: the kernel makes those of its devices, others were made with mknod.
+std::optional<SEntry> NodeEntry(SMachine& machine, const std::string& path) {
+  for (const SNode& node : machine.m_Nodes) {
+    if (node.m_Path == path) return SEntry{SEntry::EKind::Block, "", node.m_Device, node.m_Mode & 07777U};
+  }
+  if (!path.starts_with("/dev/")) return std::nullopt;
+  const auto block = FindBlock(machine, path.substr(5));
+  if (!block) return std::nullopt;
+  return SEntry{SEntry::EKind::Block, "", block->m_Device, 0660};
+}
+
+SProgramResult RunUdevadm(SMachine& machine, const std::string& arguments) {
+  const std::string prefix = "info -q all -n ";
+  const std::string path = arguments.starts_with(prefix) ? arguments.substr(prefix.size()) : "";
+  const auto entry = ResolveEntry(machine, path);
+  const auto block =
+      entry && entry->m_Kind == SEntry::EKind::Block ? FindBlock(machine, entry->m_Device) : std::nullopt;
+  if (!block) return {2, {}};
+  std::string devicePath =
+      "/devices/virtual/block/" + (block->m_Array != nullptr ? block->m_Array->m_Name : "");
+  if (block->m_Disk != nullptr) devicePath = DevicePath(machine, *block->m_Disk);
+  if (block->m_Partition != nullptr) devicePath += "/" + block->m_Name;
+  const char* type = block->m_Partition != nullptr ? "partition" : "disk";
+  const unsigned int majorNumber = major(block->m_Device), minorNumber = minor(block->m_Device);
+  std::vector<std::string> lines = {"P: " + devicePath,
+                                    "M: " + block->m_Name,
+                                    "U: block",
+                                    std::string("T: ") + type,
+                                    str(boost::format("D: b %d:%d") % majorNumber % minorNumber),
+                                    "N: " + block->m_Name,
+                                    "L: 0",
+                                    "E: DEVPATH=" + devicePath,
+                                    "E: DEVNAME=/dev/" + block->m_Name,
+                                    std::string("E: DEVTYPE=") + type,
+                                    str(boost::format("E: MAJOR=%d") % majorNumber),
+                                    str(boost::format("E: MINOR=%d") % minorNumber),
+                                    "E: SUBSYSTEM=block"};
+  if (block->m_Disk != nullptr) {
+    lines.push_back("E: ID_VENDOR=" + block->m_Disk->m_Vendor);
+    lines.push_back("E: ID_MODEL=" + block->m_Disk->m_Model);
+    lines.push_back("E: ID_SERIAL_SHORT=" + block->m_Disk->m_Serial);
+  }
+  lines.emplace_back();
+  return {1, lines};
+}
+
+SProgramResult RunSdparm(SMachine& machine, const std::string& arguments) {
+  const auto begin = arguments.find("/dev/");
+  if (begin == std::string::npos) return {2, {"One or more device names required"}};
+  const std::string path = arguments.substr(begin, arguments.find(' ', begin) - begin);
+  SDisk* disk = FindDisk(machine, path.substr(5));
+  if (disk == nullptr) return {2, {"open error: " + path + ": No such file or directory"}};
+  std::vector<std::string> lines = {"    " + path + ": " + disk->m_Vendor + "  " + disk->m_Model + "  0001"};
+  if (arguments.find("--command=start") != std::string::npos) {
+    disk->m_Asleep = false;
+    return {1, lines};
+  }
+  if (disk->m_Asleep) {
+    lines.emplace_back("mode sense: device not ready");
+    return {2, lines};
+  }
+  lines.emplace_back("Read write error recovery mode page:");
+  lines.emplace_back("  AWRE          1");
+  return {1, lines};
+}
+
+std::string SdparmPath(const SMachine& machine) { return Folder(machine.m_Process) + "/bin/sdparm"; }
+
+}  // namespace
+
+std::string DevicePath(const SMachine& machine, const SDisk& disk) {
+  const SController& controller = machine.m_Controllers[disk.m_Controller];
+  const std::string& driver = controller.m_Driver;
+  const std::string scsi = str(boost::format("/host%d/%%starget%d:0:%d/%s/block/%s") % disk.m_Host %
+                               disk.m_Host % disk.m_Target % ScsiAddress(disk) % disk.m_Name);
+  const std::string path = ControllerPath(controller);
+  if (disk.m_Name.starts_with("vd"))
+    return path + str(boost::format("/virtio%d/block/%s") % disk.m_Host % disk.m_Name);
+  if (driver == "ahci" || driver == "ata_piix") {
+    return path + "/ata" + std::to_string(disk.m_Host + 1) + str(boost::format(scsi) % "");
+  }
+  if (driver == "virtio-pci")
+    return path + "/virtio" + std::to_string(disk.m_Host) + str(boost::format(scsi) % "");
+  if (driver == "xhci_hcd") return path + "/usb1/1-1/1-1:1.0" + str(boost::format(scsi) % "");
+  const bool sas = driver == "mptsas" || driver == "mpt2sas" || driver == "mpt3sas";
+  constexpr const char* port = "port-%d:%d/end_device-%d:%d/";
+  const std::string sasPort =
+      str(boost::format(port) % disk.m_Host % disk.m_Target % disk.m_Host % disk.m_Target);
+  return path + str(boost::format(scsi) % (sas ? sasPort : ""));
+}
+
+std::optional<SEntry> FindEntry(SMachine& machine, const std::string& path) {
+  if (path == "/proc/partitions") return TextEntry(PartitionsText(machine));
+  if (path == "/proc/mdstat") return TextEntry(MdStat(machine));
+  if (path == "/proc/devices") return TextEntry(DevicesText(machine));
+  if (path == "/proc/self/exe") return LinkEntry(machine.m_Process);
+  if (path == "/dev/urandom") return SEntry{SEntry::EKind::Random, "", 0, 0666};
+  if (path == UDEVADM || path == machine.m_Process || (machine.m_HasSdparm && path == SdparmPath(machine))) {
+    return SEntry{SEntry::EKind::Text, "", 0, 0755};
+  }
+  for (const char* folder : {"/", "/proc", "/sys", "/sys/block", "/dev"}) {
+    if (path == folder) return DirectoryEntry();
+  }
+  if (path.starts_with("/sys/block/")) return BlockFile(machine, path.substr(11));
+  if (path.starts_with("/sys/devices/")) return DeviceFile(machine, path.substr(4));
+  return NodeEntry(machine, path);
+}
+
+std::optional<SEntry> ResolveEntry(SMachine& machine, const std::string& path) {
+  auto entry = FindEntry(machine, path);
+  // The links of sysfs lead to folders; the process's own to its program.
+  if (entry && entry->m_Kind == SEntry::EKind::Link) {
+    return path == "/proc/self/exe" ? FindEntry(machine, machine.m_Process) : DirectoryEntry();
+  }
+  return entry;
+}
+
+SProgramResult RunProgram(SMachine& machine, const std::string& program, const std::string& arguments) {
+  if (program == UDEVADM) return RunUdevadm(machine, arguments);
+  if (machine.m_HasSdparm && program == SdparmPath(machine)) return RunSdparm(machine, arguments);
+  return {0, {}};
+}
+
+}  // namespace NAMESPACE_piRVX::Simulation

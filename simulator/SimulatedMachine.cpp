@@ -1,0 +1,474 @@
+#include "simulator/SimulatedMachine.h"
+
+#include <fcntl.h>
+#include <linux/hdreg.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <thread>
+
+#include "simulator/MachineDescription.h"
+#include "simulator/MdDriver.h"
+#include "simulator/Monitor.h"
+#include "simulator/SimulatedFiles.h"
+
+namespace NAMESPACE_piRVX {
+
+using namespace Simulation;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr int FIRST_DESCRIPTOR = 1000;  // never one that the process itself has open
+constexpr std::uint64_t KIB = 1024;
+constexpr mode_t NODE_MASK = 022;  // the umask of a server
+constexpr const char* MDSTAT = "/proc/mdstat";
+
+int Failed(int error) {
+  if (error == 0) return 0;
+  errno = error;
+  return -1;
+}
+
+bool IsAtaDisk(const SMachine& machine, const SDisk& disk) {
+  const std::string& driver = machine.m_Controllers[disk.m_Controller].m_Driver;
+  return driver == "ahci" || driver == "ata_piix";
+}
+
+/// HDIO_DRIVE_CMD with SMART READ DATA; the data lies behind the four bytes of the command.
+int DriveCommand(const SMachine& machine, const SDisk& disk, void* argument) {
+  if (!IsAtaDisk(machine, disk)) return EINVAL;
+  if (argument == nullptr) return EFAULT;
+  constexpr unsigned char SMART_READ_DATA = 0xD0;
+  auto* bytes = static_cast<unsigned char*>(argument);
+  const bool isRead = bytes[0] == WIN_SMART && bytes[2] == SMART_READ_DATA && bytes[3] == 1;
+  if (!isRead || !disk.m_Smart || disk.m_Asleep || disk.m_State != "running") return EIO;
+  std::copy(disk.m_Smart->begin(), disk.m_Smart->end(), bytes + HDIO_DRIVE_CMD_HDR_SIZE);
+  return 0;
+}
+
+int DiskIoctl(const SMachine& machine, const SDisk& disk, unsigned long request, void* argument) {
+  if (request == HDIO_DRIVE_CMD) return DriveCommand(machine, disk, argument);
+  // What the two families of drivers answer to a request that they do not know.
+  return IsAtaDisk(machine, disk) || disk.m_Name.starts_with("vd") ? ENOTTY : EINVAL;
+}
+
+void FillStatus(struct stat& status, const SEntry& entry) {
+  status = {};
+  switch (entry.m_Kind) {
+    case SEntry::EKind::Block:
+      status.st_mode = S_IFBLK | entry.m_Mode;
+      status.st_rdev = entry.m_Device;
+      break;
+    case SEntry::EKind::Random:
+      status.st_mode = S_IFCHR | entry.m_Mode;
+      status.st_rdev = makedev(1, 9);
+      break;
+    case SEntry::EKind::Directory:
+      status.st_mode = S_IFDIR | entry.m_Mode;
+      break;
+    default:
+      status.st_mode = S_IFREG | entry.m_Mode;
+  }
+}
+
+}  // namespace
+
+class CSimulatedMachine::CInside {
+ public:
+  CInside(const std::string& description, EClock clock)
+      : m_Machine(ReadMachine(description)), m_Clock(clock) {
+    if (clock == EClock::Real) m_Machine.m_ClockStart = WallClock();
+  }
+
+  static std::uint64_t WallClock() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
+  }
+  /// Machine time that a real clock has reached.
+  std::uint64_t Elapsed() const ZQ_REQUIRES(m_Lock) {
+    const auto passed = std::chrono::duration_cast<milliseconds>(steady_clock::now() - m_Start).count();
+    return static_cast<std::uint64_t>(passed) + m_Skipped;
+  }
+  void CatchUp() ZQ_REQUIRES(m_Lock) {
+    if (m_Clock == EClock::Real) AdvanceTo(m_Machine, Elapsed());
+  }
+  /// When the machine changes by itself next.
+  steady_clock::time_point NextChange() ZQ_REQUIRES(m_Lock) {
+    const std::uint64_t scripted = m_Machine.m_Script.empty() ? EVERYTHING : m_Machine.m_Script.front().m_At;
+    const std::uint64_t next = std::min(scripted, NextSyncEnd(m_Machine).value_or(EVERYTHING));
+    if (m_Clock == EClock::Manual || next == EVERYTHING) return steady_clock::time_point::max();
+    return m_Start + milliseconds(next - std::min(next, m_Skipped)) + milliseconds(1);
+  }
+
+  /// What is at a path; what a test put there comes first.
+  std::optional<SEntry> Entry(const std::string& path) ZQ_REQUIRES(m_Lock) {
+    const auto replaced = m_Replaced.find(path);
+    if (replaced == m_Replaced.end()) return ResolveEntry(m_Machine, path);
+    if (!replaced->second) return std::nullopt;
+    return SEntry{SEntry::EKind::Text, *replaced->second, 0, 0644};
+  }
+  SOpenFile* File(int descriptor) ZQ_REQUIRES(m_Lock) {
+    const auto found = m_Machine.m_Files.find(descriptor);
+    return found == m_Machine.m_Files.end() ? nullptr : &found->second;
+  }
+  /// The device that was opened, unless it has gone.
+  std::optional<SBlock> Device(const SOpenFile& file) ZQ_REQUIRES(m_Lock) {
+    const auto block = FindBlock(m_Machine, file.m_Device);
+    return block && block->Instance() == file.m_Instance ? block : std::nullopt;
+  }
+  int Register(SOpenFile file) ZQ_REQUIRES(m_Lock) {
+    int descriptor = FIRST_DESCRIPTOR;
+    while (m_Machine.m_Files.count(descriptor) != 0) ++descriptor;
+    m_Machine.m_Files.emplace(descriptor, std::move(file));
+    return descriptor;
+  }
+  int OpenBlock(SOpenFile file) ZQ_REQUIRES(m_Lock) {
+    if (!FindBlock(m_Machine, file.m_Device)) OpenMdDevice(m_Machine, file.m_Device);
+    const auto block = FindBlock(m_Machine, file.m_Device);
+    const bool offline =
+        block && block->m_Disk != nullptr &&
+        (block->m_Disk->m_State == "offline" || block->m_Disk->m_State == "transport-offline" ||
+         block->m_Disk->m_State == "deleted");
+    if (!block || offline) return Failed(ENXIO);
+    if ((file.m_Flags & O_EXCL) != 0 && !CanClaim(m_Machine, *block)) return Failed(EBUSY);
+    file.m_Instance = block->Instance();
+    return Register(std::move(file));
+  }
+  ssize_t ReadText(SOpenFile& file, void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
+    if (!file.m_Text) {
+      const auto entry = Entry(file.m_Path);
+      file.m_Text = entry ? entry->m_Text : "";
+      file.m_MdEvents = m_Machine.m_MdEvents;
+    }
+    const std::size_t count = file.m_Position >= file.m_Text->size()
+                                  ? 0
+                                  : std::min<std::size_t>(size, file.m_Text->size() - file.m_Position);
+    if (count != 0) std::memcpy(buffer, file.m_Text->data() + file.m_Position, count);
+    file.m_Position += count;
+    return static_cast<ssize_t>(count);
+  }
+  ssize_t ReadDevice(SOpenFile& file, void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
+    const auto block = Device(file);
+    if (!block) return Failed(EIO);
+    const std::uint64_t left = block->m_Size * KIB - std::min(block->m_Size * KIB, file.m_Position);
+    std::string bytes;
+    const std::size_t count = std::min<std::uint64_t>(size, left);
+    if (const int error = ReadBlock(*block, file.m_Position, count, bytes)) return Failed(error);
+    std::memcpy(buffer, bytes.data(), count);
+    file.m_Position += count;
+    return static_cast<ssize_t>(count);
+  }
+  ssize_t WriteDevice(SOpenFile& file, const void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
+    const auto block = Device(file);
+    if (!block) return Failed(EIO);
+    const std::uint64_t left = block->m_Size * KIB - std::min(block->m_Size * KIB, file.m_Position);
+    if (left == 0 && size != 0) return Failed(ENOSPC);
+    const std::size_t count = std::min<std::uint64_t>(size, left);
+    if (const int error = WriteBlock(*block, file.m_Position, buffer, count)) return Failed(error);
+    file.m_Position += count;
+    return static_cast<ssize_t>(count);
+  }
+
+  CMonitor m_Lock;
+  SMachine m_Machine ZQ_GUARDED_BY(m_Lock);
+  const EClock m_Clock;
+  const steady_clock::time_point m_Start{steady_clock::now()};
+  std::uint64_t m_Skipped ZQ_GUARDED_BY(m_Lock){0};  ///< ms that Advance() added to a real clock
+  std::map<std::string, std::optional<std::string>> m_Replaced ZQ_GUARDED_BY(m_Lock);
+  std::map<std::string, std::optional<std::string>> m_Outputs ZQ_GUARDED_BY(m_Lock);
+  std::map<unsigned long, std::uint64_t> m_Ioctls ZQ_GUARDED_BY(m_Lock);
+  std::map<std::string, std::uint64_t> m_Commands ZQ_GUARDED_BY(m_Lock);
+};
+
+namespace {
+
+/// Holds the machine for one call. The clock has caught up when it is built; who waits for md learns of
+/// changes when it goes.
+template <typename TInside>
+class ZQ_SCOPED_CAPABILITY CTurn {
+ public:
+  explicit CTurn(TInside& inside) ZQ_ACQUIRE(inside.m_Lock) : m_Inside(inside) {
+    m_Inside.m_Lock.Lock();
+    m_Events = m_Inside.m_Machine.m_MdEvents;
+    m_Inside.CatchUp();
+  }
+  ~CTurn() ZQ_RELEASE() {
+    if (m_Inside.m_Machine.m_MdEvents != m_Events) m_Inside.m_Lock.NotifyAll();
+    m_Inside.m_Lock.Unlock();
+  }
+  CTurn(const CTurn&) = delete;
+  CTurn& operator=(const CTurn&) = delete;
+
+ private:
+  TInside& m_Inside;
+  std::uint64_t m_Events{};
+};
+
+}  // namespace
+
+CSimulatedMachine::CSimulatedMachine(const std::string& description, EClock clock)
+    : m_Inside(std::make_unique<CInside>(description, clock)) {}
+
+CSimulatedMachine::~CSimulatedMachine() = default;
+
+std::string CSimulatedMachine::Describe() const {
+  const CTurn turn(*m_Inside);
+  return WriteMachine(m_Inside->m_Machine);
+}
+
+void CSimulatedMachine::Advance(std::uint64_t time) {
+  const CTurn turn(*m_Inside);
+  m_Inside->m_Skipped += time;
+  AdvanceTo(m_Inside->m_Machine, m_Inside->m_Machine.m_Time + time);
+}
+
+void CSimulatedMachine::Apply(const std::string& change) {
+  const TJson json = ParseJson(change);
+  const CTurn turn(*m_Inside);
+  SMachine changed = m_Inside->m_Machine;
+  ApplyChange(changed, CJsonReader(json, ""));
+  m_Inside->m_Machine = std::move(changed);
+}
+
+void CSimulatedMachine::SetFile(const std::string& path, std::optional<std::string> text) {
+  const CTurn turn(*m_Inside);
+  m_Inside->m_Replaced[path] = std::move(text);
+}
+
+void CSimulatedMachine::SetOutput(const std::string& commandLine, std::optional<std::string> text) {
+  const CTurn turn(*m_Inside);
+  m_Inside->m_Outputs[commandLine] = std::move(text);
+}
+
+std::string CSimulatedMachine::DiskBytes(const std::string& disk, std::uint64_t offset,
+                                         std::size_t size) const {
+  const CTurn turn(*m_Inside);
+  const auto block = FindBlock(m_Inside->m_Machine, disk);
+  if (!block || block->m_Disk == nullptr)
+    throw CMachineError("there is no disk or partition \"" + disk + "\"");
+  return block->m_Disk->m_Bytes.Read(block->m_Start * KIB + offset, size);
+}
+
+std::size_t CSimulatedMachine::OpenDescriptors() const {
+  const CTurn turn(*m_Inside);
+  return m_Inside->m_Machine.m_Files.size();
+}
+
+std::uint64_t CSimulatedMachine::IoctlCount(unsigned long request) const {
+  const CTurn turn(*m_Inside);
+  const auto found = m_Inside->m_Ioctls.find(request);
+  return found == m_Inside->m_Ioctls.end() ? 0 : found->second;
+}
+
+std::uint64_t CSimulatedMachine::CommandCount(const std::string& program) const {
+  const CTurn turn(*m_Inside);
+  const auto found = m_Inside->m_Commands.find(program);
+  return found == m_Inside->m_Commands.end() ? 0 : found->second;
+}
+
+int CSimulatedMachine::Open(const std::string& path, int flags) {
+  const CTurn turn(*m_Inside);
+  const auto entry = m_Inside->Entry(path);
+  if (!entry) return Failed(ENOENT);
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+  SOpenFile file;
+  file.m_Path = path;
+  file.m_Flags = flags;
+  file.m_Device = entry->m_Device;
+  file.m_MdEvents = m_Inside->m_Machine.m_MdEvents;
+  switch (entry->m_Kind) {
+    case SEntry::EKind::Block:
+      file.m_Kind = EFile::Block;
+      return m_Inside->OpenBlock(std::move(file));
+    case SEntry::EKind::Directory:
+      if (writes) return Failed(EISDIR);
+      file.m_Kind = EFile::Directory;
+      break;
+    case SEntry::EKind::Random:
+      file.m_Kind = EFile::Random;
+      break;
+    default:
+      if (writes) return Failed(EACCES);
+      file.m_Kind = EFile::Text;
+  }
+  return m_Inside->Register(std::move(file));
+}
+
+int CSimulatedMachine::Close(int descriptor) {
+  const CTurn turn(*m_Inside);
+  if (m_Inside->m_Machine.m_Files.erase(descriptor) == 0) return Failed(EBADF);
+  DropEmptyArrays(m_Inside->m_Machine);
+  return 0;
+}
+
+ssize_t CSimulatedMachine::Read(int descriptor, void* buffer, std::size_t size) {
+  const CTurn turn(*m_Inside);
+  SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr || (file->m_Flags & O_ACCMODE) == O_WRONLY) return Failed(EBADF);
+  if (file->m_Kind == EFile::Directory) return Failed(EISDIR);
+  if (file->m_Kind == EFile::Text) return m_Inside->ReadText(*file, buffer, size);
+  if (file->m_Kind == EFile::Block) return m_Inside->ReadDevice(*file, buffer, size);
+  auto* bytes = static_cast<unsigned char*>(buffer);
+  for (std::size_t i = 0; i < size; ++i)
+    bytes[i] = static_cast<unsigned char>(NextRandom(m_Inside->m_Machine));
+  return static_cast<ssize_t>(size);
+}
+
+ssize_t CSimulatedMachine::Write(int descriptor, const void* buffer, std::size_t size) {
+  const CTurn turn(*m_Inside);
+  SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr || (file->m_Flags & O_ACCMODE) == O_RDONLY) return Failed(EBADF);
+  if (file->m_Kind == EFile::Block) return m_Inside->WriteDevice(*file, buffer, size);
+  return static_cast<ssize_t>(size);
+}
+
+std::int64_t CSimulatedMachine::Seek(int descriptor, std::int64_t position) {
+  const CTurn turn(*m_Inside);
+  SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr) return Failed(EBADF);
+  const auto block = file->m_Kind == EFile::Block ? m_Inside->Device(*file) : std::nullopt;
+  const bool behind = block && static_cast<std::uint64_t>(position) > block->m_Size * KIB;
+  if (position < 0 || behind) return Failed(EINVAL);
+  file->m_Position = static_cast<std::uint64_t>(position);
+  file->m_Text.reset();
+  return position;
+}
+
+int CSimulatedMachine::Sync(int descriptor) {
+  const CTurn turn(*m_Inside);
+  const SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr) return Failed(EBADF);
+  if (file->m_Kind != EFile::Block) return Failed(EINVAL);
+  return Failed(m_Inside->Device(*file) ? 0 : EIO);
+}
+
+int CSimulatedMachine::Ioctl(int descriptor, unsigned long request, void* argument) {
+  const CTurn turn(*m_Inside);
+  ++m_Inside->m_Ioctls[request];
+  const SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr) return Failed(EBADF);
+  if (file->m_Kind != EFile::Block) return Failed(ENOTTY);
+  const auto block = m_Inside->Device(*file);
+  if (!block) return Failed(ENODEV);
+  SMachine& machine = m_Inside->m_Machine;
+  return Failed(block->m_Array != nullptr ? MdIoctl(machine, *block->m_Array, request, argument)
+                                          : DiskIoctl(machine, *block->m_Disk, request, argument));
+}
+
+int CSimulatedMachine::WaitExceptional(int descriptor, std::uint64_t time) {
+  const auto end = steady_clock::now() + milliseconds(time);
+  const CTurn turn(*m_Inside);
+  for (;;) {
+    m_Inside->CatchUp();
+    const SOpenFile* file = m_Inside->File(descriptor);
+    if (file == nullptr) return Failed(EBADF);
+    if (file->m_Path == MDSTAT && file->m_MdEvents != m_Inside->m_Machine.m_MdEvents) return 1;
+    if (steady_clock::now() >= end) return 0;
+    m_Inside->m_Lock.WaitUntil(std::min(end, m_Inside->NextChange()));
+  }
+}
+
+int CSimulatedMachine::MakeNode(const std::string& path, mode_t mode, dev_t device) {
+  const CTurn turn(*m_Inside);
+  if (m_Inside->Entry(path)) return Failed(EEXIST);
+  if (!path.starts_with("/dev/") || path.find('/', 5) != std::string::npos) return Failed(ENOENT);
+  if (!S_ISBLK(mode)) return Failed(EINVAL);
+  m_Inside->m_Machine.m_Nodes.push_back({path, mode & ~NODE_MASK, device});
+  return 0;
+}
+
+int CSimulatedMachine::Status(const std::string& path, struct stat& status) {
+  const CTurn turn(*m_Inside);
+  const auto entry = m_Inside->Entry(path);
+  if (!entry) return Failed(ENOENT);
+  FillStatus(status, *entry);
+  return 0;
+}
+
+int CSimulatedMachine::Status(int descriptor, struct stat& status) {
+  const CTurn turn(*m_Inside);
+  const SOpenFile* file = m_Inside->File(descriptor);
+  if (file == nullptr) return Failed(EBADF);
+  // A file that is open keeps what it is when its name goes.
+  const auto entry = m_Inside->Entry(file->m_Path);
+  SEntry open{SEntry::EKind::Text, "", file->m_Device, entry ? entry->m_Mode : 0};
+  if (file->m_Kind == EFile::Directory) open.m_Kind = SEntry::EKind::Directory;
+  if (file->m_Kind == EFile::Random) open.m_Kind = SEntry::EKind::Random;
+  if (file->m_Kind == EFile::Block) open.m_Kind = SEntry::EKind::Block;
+  FillStatus(status, open);
+  return 0;
+}
+
+std::optional<std::string> CSimulatedMachine::ReadLink(const std::string& path) {
+  const CTurn turn(*m_Inside);
+  const bool replaced = m_Inside->m_Replaced.count(path) != 0;
+  const auto entry = replaced ? m_Inside->Entry(path) : FindEntry(m_Inside->m_Machine, path);
+  if (entry && entry->m_Kind == SEntry::EKind::Link) return entry->m_Text;
+  errno = entry ? EINVAL : ENOENT;
+  return std::nullopt;
+}
+
+int CSimulatedMachine::GetCommandPath(const std::string& name, boost::filesystem::path& path) {
+  const CTurn turn(*m_Inside);
+  for (const char* folder : {"/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/"}) {
+    if (!m_Inside->Entry(folder + name)) continue;
+    path = folder + name;
+    return 1;
+  }
+  return 0;
+}
+
+int CSimulatedMachine::ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
+                                      std::vector<std::string>& lines) {
+  const CTurn turn(*m_Inside);
+  lines.clear();
+  const std::string name = program.filename().string();
+  if (!m_Inside->Entry(program.string())) return 0;
+  ++m_Inside->m_Commands[name];
+  if (const auto output = m_Inside->m_Outputs.find(name + " " + arguments);
+      output != m_Inside->m_Outputs.end()) {
+    if (!output->second) return 2;
+    std::istringstream text(*output->second);
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
+    return 1;
+  }
+  SProgramResult result = RunProgram(m_Inside->m_Machine, program.string(), arguments);
+  lines = std::move(result.m_Lines);
+  return result.m_Result;
+}
+
+std::vector<KVTX::CPartition> CSimulatedMachine::GetPartitions(const std::string& device) {
+  const CTurn turn(*m_Inside);
+  const auto entry = m_Inside->Entry(device);
+  const auto whole = entry ? FindBlock(m_Inside->m_Machine, entry->m_Device) : std::nullopt;
+  std::vector<KVTX::CPartition> partitions;
+  if (!whole) return partitions;
+  for (const SBlock& block : AllBlocks(m_Inside->m_Machine)) {
+    const bool inside = block.Instance() == whole->Instance() && block.m_Partition != nullptr &&
+                        whole->m_Partition == nullptr;
+    const bool itself = block.m_Device == whole->m_Device && !block.Mount().empty();
+    if (inside || itself) partitions.push_back({"/dev/" + block.m_Name, "", block.Mount()});
+  }
+  return partitions;
+}
+
+std::uint64_t CSimulatedMachine::Now() {
+  const CTurn turn(*m_Inside);
+  return m_Inside->m_Machine.m_ClockStart + m_Inside->m_Machine.m_Time;
+}
+
+void CSimulatedMachine::Sleep(std::uint64_t time) {
+  if (m_Inside->m_Clock == EClock::Real) {
+    std::this_thread::sleep_for(milliseconds(time));
+  } else {
+    Advance(time);
+  }
+}
+
+}  // namespace NAMESPACE_piRVX
