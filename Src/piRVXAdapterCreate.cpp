@@ -1,0 +1,235 @@
+/// @file
+/// Creation of arrays: names and device nodes, validation, the members' superblocks and md's ioctls.
+
+#include "Src/piRVXAdapterCreate.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "Src/piRVXMd.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXTrace.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXAdapter";
+
+constexpr std::uint32_t MAX_ARRAY_NUMBER = 255;
+constexpr std::uint32_t MINORS_PER_ARRAY = 64;
+constexpr std::size_t NAME_BUFFER = 30;
+constexpr std::string_view DEVICE_FOLDER = "/dev/";
+
+/// Moves the bare name to the front of the buffer.
+void DropDeviceFolder(char* buffer) {
+  std::memmove(buffer, buffer + DEVICE_FOLDER.size(), std::strlen(buffer + DEVICE_FOLDER.size()) + 1);
+}
+
+/// The lowest number that no array has; above MAX_ARRAY_NUMBER when all are taken.
+std::uint32_t LowestFreeNumber(const std::vector<CRVXLogicalDrive>& arrays) {
+  std::uint32_t number = 0;
+  for (std::uint32_t before = ~number; before != number && number <= MAX_ARRAY_NUMBER;) {
+    before = number;
+    for (const CRVXLogicalDrive& array : arrays)
+      if (array.m_ArrayNumber == number) ++number;
+  }
+  return number;
+}
+
+/// The minor number in a device key; -1 when it names none.
+long MinorOfKey(const std::string& key) {
+  constexpr std::string_view MINOR = "Minor=";
+  long minor = -1;
+  if (const std::size_t place = key.find(MINOR); place != std::string::npos)
+    (void)std::sscanf(key.c_str() + place + MINOR.size(), "%ld", &minor);
+  return minor;
+}
+
+/// What a level asks of a request and what md is given for it.
+struct SLevelRule {
+  std::uint32_t m_Level;
+  int m_MdLevel;
+};
+constexpr SLevelRule LEVEL_RULES[] = {
+    {PI::LEVEL_RAID0, 0}, {PI::LEVEL_RAID1, 1}, {PI::LEVEL_CONCATENATION, -1}};
+
+}  // namespace
+
+int ChunkOf(std::uint32_t level, std::uint32_t stripeSize) {
+  switch (stripeSize) {
+    case PI::STRIPE_4K:
+      return 4;
+    case PI::STRIPE_8K:
+      return 8;
+    case PI::STRIPE_16K:
+      return 16;
+    case PI::STRIPE_32K:
+      return 32;
+    case PI::STRIPE_128K:
+      return 128;
+    // 64 KiB is nothing but the striped levels' default: a concatenation asked for it gets its own default.
+    default:
+      return level == PI::LEVEL_CONCATENATION ? 4 : 64;
+  }
+}
+
+std::uint64_t MirrorSize(const std::vector<std::uint64_t>& sizes, int chunk) {
+  const std::uint64_t smallest = *std::min_element(sizes.begin(), sizes.end());
+  return smallest - smallest % static_cast<std::uint64_t>(chunk);
+}
+
+int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
+  const std::uint32_t number = LowestFreeNumber(m_LogicalDrives);
+  if (number > MAX_ARRAY_NUMBER) return -1;
+  if (std::snprintf(buffer, NAME_BUFFER, "/dev/md_d%u", number) < 1) return -1;
+  if (CDescriptor(m_OS, buffer, O_RDONLY).IsOpen()) {
+    DropDeviceFolder(buffer);
+    RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() reuse already existing device %s", buffer);
+    return 0;
+  }
+
+  const std::uint32_t minorNumber = number * MINORS_PER_ARRAY;
+  for (const CRVXLogicalDrive& array : m_LogicalDrives) {
+    if (MinorOfKey(array.m_DeviceKey) != minorNumber) continue;
+    RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() minor %d already used by %s", minorNumber,
+              array.m_KernelName);
+    return -1;
+  }
+  RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() create device %s with minor %d", buffer, minorNumber);
+  const dev_t device = makedev(static_cast<unsigned int>(m_MdMajor), minorNumber);
+  // Also where the kernel has no such devices and the number is -1.
+  if (std::cmp_not_equal(major(device), m_MdMajor) || minor(device) != minorNumber)
+    RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() C libraray too old for more than 4 mdp devices");
+  else if (m_OS.MakeNode(buffer, S_IFBLK | 0666, device) != 0)
+    // No failure yet: whoever opens the node finds out.
+    RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() can't create %s, %s", buffer, SystemError());
+  DropDeviceFolder(buffer);
+  return 0;
+}
+
+unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive& request) {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER CreateLogicalDrive");
+  const auto refuse = [](const char* reason) -> unsigned int {
+    RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %s", reason);
+    return PI::ERR_INVALID_CONFIGURATION;
+  };
+  if (request.m_Containers.empty()) return refuse("to create at least 1 container necessary");
+  if (request.m_Containers.size() > 1) return refuse("wrong number of containers specified");
+  const std::vector<PI::CDrive>& wanted = request.m_Containers.front().m_Drives;
+  const bool mirror = request.m_RaidLevel == PI::LEVEL_RAID1;
+  if (mirror && wanted.size() != 2) return refuse("excactly 2 drives have to be specified");
+  const auto rule =
+      std::find_if(std::begin(LEVEL_RULES), std::end(LEVEL_RULES),
+                   [&](const SLevelRule& level) { return level.m_Level == request.m_RaidLevel; });
+  if (rule == std::end(LEVEL_RULES)) return refuse("unsupported RAID level");
+  if (wanted.size() < 2) return refuse("at least 2 drive has to be specified");
+  const int chunk = ChunkOf(request.m_RaidLevel, request.m_StripeSize);
+
+  char name[NAME_BUFFER] = "";
+  // Before the members are looked at: a request with a wrong drive may leave a fresh node behind.
+  if (GetUnusedArrayName(name) != 0) {
+    RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() can't get/create device node for md");
+    return PI::ERR_NOT_AVAILABLE;
+  }
+  std::vector<CRVXPhysicalDrive*> members;
+  if (const unsigned int status = CollectMembers(wanted, members); status != PI::OK) return status;
+
+  mdu_array_info_s info{};
+  info.major_version = 1;
+  info.level = rule->m_MdLevel;
+  if (mirror) {
+    // The usable size: md refuses a mirror that reaches into its superblocks.
+    std::vector<std::uint64_t> sizes;
+    for (const CRVXPhysicalDrive* member : members) sizes.push_back(member->m_UsableSize);
+    info.size = static_cast<int>(static_cast<std::uint32_t>(MirrorSize(sizes, chunk)));
+  }
+  info.nr_disks = info.raid_disks = info.active_disks = info.working_disks = static_cast<int>(members.size());
+  info.chunk_size = chunk * 1024;
+  RVX_TRACE(TRACE_INFORMATION,
+            "CreateLogicalDrive() name=%s level=%d num=%d stripe=%d size=%d d1=%d/%d d2=%d/%d", name,
+            info.level, members.size(), chunk, info.size, members[0]->m_MajorNumber,
+            members[0]->m_MinorNumber, members[1]->m_MajorNumber, members[1]->m_MinorNumber);
+
+  unsigned int status = PI::ERR_OPEN_FAILED;
+  if (const CDescriptor device(m_OS, std::string(DEVICE_FOLDER) + name, O_RDONLY); device.IsOpen())
+    status = AssembleArray(device.Get(), name, info, members);
+  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", status);
+  return status;
+}
+
+/// Finds the drives of a request; only free ones may join.
+unsigned int IPLUGINAPI_IMPL::CollectMembers(const std::vector<PI::CDrive>& wanted,
+                                             std::vector<CRVXPhysicalDrive*>& members) {
+  for (const PI::CDrive& entry : wanted) {
+    const auto drive =
+        std::find_if(m_PhysicalDrives.begin(), m_PhysicalDrives.end(),
+                     [&](const CRVXPhysicalDrive& candidate) { return candidate.m_ID == entry.m_ObjectID; });
+    if (drive == m_PhysicalDrives.end()) {
+      RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", PI::INVALID_OBJECT_ID);
+      return PI::INVALID_OBJECT_ID;
+    }
+    if (drive->m_Status != PI::STATUS_READY) {
+      RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> disk ID (%d/%d) is not free",
+                drive->m_MajorNumber, drive->m_MinorNumber);
+      return PI::ERR_INVALID_CONFIGURATION;
+    }
+    // Only repeats of the first drive are caught here; the kernel refuses the others.
+    if (!members.empty() && &*drive == members.front()) {
+      RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive () -> disk ID (%d/%d) must be unique",
+                drive->m_MajorNumber, drive->m_MinorNumber);
+      return PI::ERR_INVALID_CONFIGURATION;
+    }
+    members.push_back(&*drive);
+  }
+  return PI::OK;
+}
+
+/// Hands an array to md. Nothing is undone on failure: what is half-made stays until it is stopped.
+unsigned int IPLUGINAPI_IMPL::AssembleArray(int descriptor, const char* name, mdu_array_info_s info,
+                                            const std::vector<CRVXPhysicalDrive*>& members) {
+  const std::unique_ptr<md_superblock1> superBlock(new (std::nothrow) md_superblock1{});
+  if (!superBlock) {
+    RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't get memory for superblock");
+    return PI::ERR_OUT_OF_MEMORY;
+  }
+  CreateSuperBlock1(&info, nullptr, name, superBlock.get());
+  // With no disks and version 1 md only notes the version, and takes the geometry from the members'
+  // superblocks.
+  info.raid_disks = 0;
+  if (m_OS.Ioctl(descriptor, SET_ARRAY_INFO, &info) < 0) return PI::ERR_DEVICE_IO;
+  RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() array created -> %d", 0);
+
+  for (int number = 0; number < static_cast<int>(members.size()); ++number) {
+    CRVXPhysicalDrive& member = *members[static_cast<std::size_t>(number)];
+    superBlock->dev_number = static_cast<std::uint32_t>(number);
+    RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() WriteSuperBlock1 %d", number);
+    if (const unsigned int status = WriteSuperBlock1(member, superBlock.get()); status != PI::OK) {
+      RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() WriteSuperBlock1 failed");
+      return status;
+    }
+    mdu_disk_info_s disk{};
+    disk.number = disk.raid_disk = number;
+    disk.major = static_cast<int>(member.m_MajorNumber);
+    disk.minor = static_cast<int>(member.m_MinorNumber);
+    // The record has no disks by now, so every member goes in active but not in sync; md decides by the
+    // superblock.
+    disk.state = number < info.raid_disks ? DISK_ACTIVE | DISK_SYNC : DISK_ACTIVE;
+    RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive()  major=%d minor=%d", disk.major, disk.minor);
+    if (m_OS.Ioctl(descriptor, ADD_NEW_DISK, &disk) < 0) {
+      RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't add disk %d, %s", number, SystemError());
+      return PI::ERR_DEVICE_IO;
+    }
+  }
+  if (m_OS.Ioctl(descriptor, RUN_ARRAY, nullptr) < 0) {
+    RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't start array, %s", SystemError());
+    return PI::ERR_DEVICE_IO;
+  }
+  return PI::OK;
+}
+
+}  // namespace NAMESPACE_piRVX

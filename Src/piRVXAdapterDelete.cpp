@@ -1,0 +1,92 @@
+/// @file
+/// Deletion of arrays and the check before it.
+
+#include <memory>
+#include <new>
+
+#include "Src/piRVXMd.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXText.h"
+#include "Src/piRVXTrace.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXAdapter";
+
+/// Whether every block of /proc/mdstat whose first line contains the name (of another array too, when the
+/// name begins like this one) is of metadata version 1.0.
+bool IsVersion10(std::string_view mdstat, const std::string& name) {
+  CLineReader lines(mdstat, MDSTAT_READ);
+  while (const auto line = lines.Next()) {
+    if (!ContainsText(*line, name)) continue;
+    const auto details = lines.Next();
+    if (!details) {
+      RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() could not read expected line");
+      return false;
+    }
+    RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() line = %s", WithoutLast(*details));
+    if (!ContainsText(WithoutLast(*details), "super 1.0")) {
+      RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() super 1.0 not found");
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array, unsigned int* reason) {
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() entered for %s", array.m_KernelName);
+  if (m_PendingOperation != NO_PENDING_OPERATION || array.m_Activity == PI::ACTIVITY_REBUILDING)
+    return PI::ERR_BUSY;
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() check /proc/mdstat");
+  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  if (!mdstat) {
+    RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() open failed");
+    return PI::ERR_DEVICE_IO;
+  }
+  if (!IsVersion10(*mdstat, array.m_KernelName)) return PI::ERR_DEVICE_IO;
+
+  const std::string path = array.DevicePath();
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() check partition for dev=%s", path);
+  const std::vector<KVTX::CPartition> partitions = m_OS.GetPartitions(path);
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() number of partitions = %d", partitions.size());
+  for (const KVTX::CPartition& partition : partitions) {
+    if (!partition.m_DriveLetter.empty()) {
+      RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() drive letter found");
+      *reason = PI::REASON_DRIVE_LETTER;
+      break;
+    }
+    if (!partition.m_MountPoint.empty()) {
+      RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() mount point found");
+      *reason = PI::REASON_MOUNTED;
+      break;
+    }
+  }
+  // The name that this function had first; logs are searched for it.
+  RVX_TRACE(TRACE_INFORMATION, "CheckLogicalDriveOperation() leave successfully for %s", array.m_KernelName);
+  return PI::OK;
+}
+
+unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
+  const std::string path = array.DevicePath();
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() dev=%s", path);
+  const CDescriptor device(m_OS, path, O_RDONLY);
+  if (!device.IsOpen() || m_OS.Ioctl(device.Get(), STOP_ARRAY, nullptr) < 0) return PI::ERR_DEVICE_IO;
+  const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
+  if (!blank) return PI::ERR_DEVICE_IO;
+
+  // The last write's status counts; an array none of whose members is known is stopped and still reported.
+  unsigned int status = PI::ERR_DEVICE_IO;
+  const auto arrayNumber = static_cast<std::int32_t>(array.m_ArrayNumber);
+  for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
+    if (drive.m_IsMemberOf == arrayNumber) status = WriteSuperBlock1(drive, blank.get());
+  m_ConfigFile.WriteKeyValue("", "", 0, arrayNumber);
+  RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() ret=%d", status);
+  return status;
+}
+
+}  // namespace NAMESPACE_piRVX

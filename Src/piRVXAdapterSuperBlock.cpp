@@ -1,0 +1,182 @@
+/// @file
+/// Superblocks: building, reading, writing.
+
+#include "Src/piRVXAdapterSuperBlock.h"
+
+#include <algorithm>
+#include <boost/endian/conversion.hpp>
+#include <cstring>
+
+#include "Src/piRVXMd.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXText.h"
+#include "Src/piRVXTrace.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXAdapter";
+
+static_assert(offsetof(md_superblock1, set_name) == offsetof(mdp_superblock_1, set_name));
+static_assert(offsetof(md_superblock1, super_offset) == offsetof(mdp_superblock_1, super_offset));
+static_assert(offsetof(md_superblock1, device_uuid) == offsetof(mdp_superblock_1, device_uuid));
+static_assert(offsetof(md_superblock1, sb_csum) == offsetof(mdp_superblock_1, sb_csum));
+static_assert(offsetof(md_superblock1, dev_roles) == offsetof(mdp_superblock_1, dev_roles));
+static_assert(md_superblock1::MAGIC == MD_SB_MAGIC);
+
+std::string UuidText(const unsigned char* uuid) {
+  std::string text;
+  for (int byte = 0; byte < 16; ++byte) {
+    if (byte % 4 == 0 && byte != 0) text += ':';
+    text += Text("%02x", static_cast<unsigned int>(uuid[byte]));
+  }
+  return text;
+}
+
+}  // namespace
+
+std::uint32_t SuperBlockChecksum(const md_superblock1& superBlock) {
+  md_superblock1 record = superBlock;
+  record.sb_csum = 0;
+  const std::size_t roles = std::min<std::size_t>(record.max_dev, md_superblock1::MAX_ROLES);
+  const std::size_t length = md_superblock1::HEADER_SIZE + 2 * roles;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(&record);
+  std::uint64_t sum = 0;
+  std::size_t position = 0;
+  for (; position + 4 <= length; position += 4) sum += boost::endian::load_little_u32(bytes + position);
+  if (position < length) sum += boost::endian::load_little_u16(bytes + position);
+  return static_cast<std::uint32_t>(sum + (sum >> 32));
+}
+
+md_superblock1 NewSuperBlock(const mdu_array_info_s& info, std::string_view name,
+                             const std::array<unsigned char, 16>& uuid, std::uint64_t seconds) {
+  md_superblock1 record{};
+  record.magic = md_superblock1::MAGIC;
+  record.major_version = 1;
+  std::copy(uuid.begin(), uuid.end(), record.set_uuid);
+  name.copy(record.set_name, sizeof(record.set_name) - 1);
+  record.ctime = record.utime = seconds;
+  record.level = static_cast<std::uint32_t>(info.level);
+  record.layout = static_cast<std::uint32_t>(info.layout);
+  // Doubled in 32 bits and then sign-extended: wrong from 1 TiB on, and what existing arrays were made with.
+  record.size = static_cast<std::uint64_t>(
+      static_cast<std::int64_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(info.size) * 2U)));
+  record.chunksize = static_cast<std::uint32_t>(info.chunk_size >> 9);
+  record.raid_disks = static_cast<std::uint32_t>(info.raid_disks);
+  record.events = 1;
+  record.resync_offset = (info.state & ARRAY_CLEAN) != 0 ? ~std::uint64_t{0} : std::uint64_t{0};
+  record.max_dev = md_superblock1::MAX_ROLES;
+  for (std::uint16_t slot = 0; slot < md_superblock1::MAX_ROLES; ++slot)
+    record.dev_roles[slot] = slot < info.raid_disks ? slot : md_superblock1::ROLE_SPARE;
+  return record;
+}
+
+unsigned int IPLUGINAPI_IMPL::GetUUID(unsigned char* uuid) {
+  const CDescriptor source(m_OS, "/dev/urandom", O_RDONLY);
+  if (!source.IsOpen()) {
+    RVX_TRACE(TRACE_LIFECYCLE, "GetUUID() can't open /dev/urandom, %s", SystemError());
+    return PI::ERR_OPEN_FAILED;
+  }
+  // Used raw: md sets no version or variant bits.
+  if (m_OS.Read(source.Get(), uuid, 16) == 16) return PI::OK;
+  RVX_TRACE(TRACE_LIFECYCLE, "GetUUID() can't read UUID, %s", SystemError());
+  return PI::ERR_DEVICE_IO;
+}
+
+void IPLUGINAPI_IMPL::UUID2String(const unsigned char* uuid, std::string& text) { text += UuidText(uuid); }
+
+unsigned int IPLUGINAPI_IMPL::CreateSuperBlock1(const mdu_array_info_s* info, unsigned int*, const char* name,
+                                                md_superblock1* superBlock) {
+  std::array<unsigned char, 16> uuid{};
+  const unsigned int status = GetUUID(uuid.data());
+  if (status == PI::OK) {
+    *superBlock = NewSuperBlock(*info, name, uuid, m_OS.Now() / 1000);
+    RVX_TRACE(TRACE_INFORMATION, "CreateSuperBlock1 UUID= %s", UuidText(superBlock->set_uuid));
+  }
+  // The record stays as it was without a UUID, and the kernel refuses it later: nothing is reported here on
+  // purpose.
+  RVX_TRACE(status == PI::OK ? TRACE_INFORMATION : TRACE_LIFECYCLE, "CreateSuperBlock1 ret = %d", status);
+  return PI::OK;
+}
+
+/// Starts a disk that says it is asleep, where the server ships the tool for it. No failure counts.
+void IPLUGINAPI_IMPL::WakeDrive(const std::string& devicePath) {
+  const auto process = m_OS.ReadLink("/proc/self/exe");
+  if (!process) return;
+  const boost::filesystem::path tool = boost::filesystem::path(*process).parent_path() / "bin" / "sdparm";
+  struct stat status {};
+  if (m_OS.Status(tool.string(), status) != 0) return;
+  std::vector<std::string> lines;
+  m_OS.ExecuteCommand(tool, Text("--all %s 2>&1", devicePath), lines);
+  if (std::none_of(lines.begin(), lines.end(),
+                   [](const std::string& line) { return ContainsText(line, "device not ready"); }))
+    return;
+  RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() device not ready, trying to start %s", devicePath);
+  lines.clear();
+  m_OS.ExecuteCommand(tool, Text("--command=start %s 2>&1", devicePath), lines);
+  m_OS.Sleep(3000);
+}
+
+unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, md_superblock1* superBlock) {
+  const std::string path = drive.DevicePath();
+  superBlock->super_offset = SuperOffset(drive.m_Size);
+  superBlock->data_size = DataSize(superBlock->super_offset, superBlock->chunksize);
+  GetUUID(superBlock->device_uuid);  // a member without a fresh UUID still works
+  RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() %s superblock at %d", path,
+            superBlock->super_offset.value() / 2);
+  RVX_TRACE(TRACE_INFORMATION, "array size = %d, data size = %d, chunksize = %d", superBlock->size.value(),
+            superBlock->data_size.value(), superBlock->chunksize.value());
+  RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1 UUID= %s", UuidText(superBlock->device_uuid));
+  superBlock->sb_csum = SuperBlockChecksum(*superBlock);
+  WakeDrive(path);
+
+  const auto write = [&]() -> unsigned int {
+    // Exclusive: a disk that somebody holds is not written to.
+    const CDescriptor device(m_OS, path, O_RDWR | O_EXCL);
+    if (!device.IsOpen()) {
+      RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't open %s, %s", path, SystemError());
+      return PI::ERR_DEVICE_IO;
+    }
+    if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(superBlock->super_offset * 512)) < 0) {
+      RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't seek to superblock position, %s", SystemError());
+      return PI::ERR_DEVICE_IO;
+    }
+    if (m_OS.Write(device.Get(), superBlock, md_superblock1::SIZE) <
+            static_cast<ssize_t>(md_superblock1::SIZE) ||
+        m_OS.Sync(device.Get()) != 0) {
+      RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't write superblock, %s", SystemError());
+      return PI::ERR_WRITE_FAILED;
+    }
+    return PI::OK;
+  };
+  const unsigned int status = write();
+  RVX_TRACE(TRACE_INFORMATION, "LEAVE WriteSuperBlock1() %d", status);
+  return status;
+}
+
+unsigned int IPLUGINAPI_IMPL::GetSuperBlock1(int major, int minor, md_superblock1* superBlock) {
+  const CRVXPhysicalDrive* const drive =
+      FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
+  if (drive == nullptr) return PI::ERR_DRIVE_NOT_FOUND;
+  const std::string path = drive->DevicePath();
+  RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1() superblock at %d", (drive->m_Size - 8) & ~std::uint64_t{3});
+  const CDescriptor device(m_OS, path, O_RDONLY);
+  if (!device.IsOpen()) {
+    RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't open %s, %s", path, SystemError());
+    return PI::ERR_DEVICE_IO;
+  }
+  // From here on the status says nothing about the record: callers look at its magic.
+  if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(SuperPosition(drive->m_Size))) < 0)
+    RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't seek to superblock position, %s", SystemError());
+  else if (m_OS.Read(device.Get(), superBlock, md_superblock1::SIZE) <
+           static_cast<ssize_t>(md_superblock1::SIZE))
+    RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't read superblock, %s", SystemError());
+  else if (superBlock->magic != md_superblock1::MAGIC)
+    RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() no superblock found on %s", path);
+  RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1 UUID= %s", UuidText(superBlock->device_uuid));
+  return PI::OK;
+}
+
+}  // namespace NAMESPACE_piRVX

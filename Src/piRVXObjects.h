@@ -1,0 +1,110 @@
+#pragma once
+/// @file
+/// The plug-in's object model. Plain values; an object of the instance may be touched only under its
+/// m_DataLock.
+
+#include <cstdint>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "KVT/Markup.h"
+#include "PI/Object.h"
+
+namespace NAMESPACE_piRVX {
+
+/// The plug-in itself.
+class CRVXPlugin : public PI::CObject {};
+
+/// The one virtual adapter that stands for Linux md.
+class CRVXAdapter : public PI::CObject {
+ public:
+  std::string m_Name;
+  std::string m_Description;
+  std::string m_DeviceKeyPrefix;
+  std::string m_ExtraText;  ///< reported only when not empty
+  std::uint64_t m_Location1{0};
+  std::uint64_t m_Location2{0};
+  std::uint64_t m_Location3{0};
+  std::uint64_t m_MaxPhysicalDrives{0};
+  std::uint64_t m_MaxLogicalDrives{0};
+  std::uint32_t m_Status{0};
+  std::int32_t m_Attribute{0};
+  std::vector<int> m_AttributeList;
+  bool m_ProgressWatch{false};  ///< an array rebuilds or resyncs: its progress is followed in /proc/mdstat
+
+  /// What a scan fills, the identifier apart: compared and taken over by the merge. The three location
+  /// numbers are not the scan's.
+  auto ScannedFields() {
+    return std::tie(m_Name, m_Description, m_DeviceKeyPrefix, m_ExtraText, m_MaxPhysicalDrives,
+                    m_MaxLogicalDrives, m_Status, m_Attribute, m_AttributeList, m_ProgressWatch);
+  }
+};
+
+/// A whole disk on a supported controller. Sizes are in KiB.
+class CRVXPhysicalDrive : public PI::CObject {
+ public:
+  static constexpr std::int32_t NO_ARRAY = -1;
+
+  std::uint32_t m_MajorNumber{0};
+  std::uint32_t m_MinorNumber{0};
+  std::uint32_t m_DriveNumber{0};  ///< running number of the scan
+  std::string m_Vendor{"Linux"};
+  std::string m_Model{"BLKDEV"};
+  std::string m_DisplayName;
+  std::string m_KernelName;  ///< such as "sda"
+  std::string m_DeviceKey;
+  std::uint64_t m_Size{0};
+  std::uint64_t m_UsableSize{0};  ///< room for array data; 0 while it is a spare
+  std::uint32_t m_Status{PI::STATUS_READY};
+  std::uint32_t m_Activity{PI::ACTIVITY_NONE};
+  std::uint32_t m_SpareState{PI::SPARE_STATE_FREE};
+  std::int32_t m_IsMemberOf{NO_ARRAY};  ///< array number
+  std::uint32_t m_Attachment{PI::ATTACHMENT_OTHER};
+  std::uint32_t m_Medium{PI::MEDIUM_ROTATING};
+
+  std::string DevicePath() const { return "/dev/" + m_KernelName; }
+  auto ScannedFields() {
+    return std::tie(m_MajorNumber, m_MinorNumber, m_DriveNumber, m_Vendor, m_Model, m_DisplayName,
+                    m_KernelName, m_DeviceKey, m_Size, m_UsableSize, m_Status, m_Activity, m_SpareState,
+                    m_IsMemberOf, m_Attachment, m_Medium);
+  }
+};
+
+/// An md array. Its child identifiers are its members. Sizes are in KiB.
+class CRVXLogicalDrive : public PI::CObject {
+ public:
+  std::uint32_t m_ArrayNumber{0xFFFFFFFFU};  ///< the digits of its name
+  std::string m_KernelName;                  ///< such as "md0" or "md_d0"
+  std::string m_DeviceKey;
+  std::uint64_t m_PhysicalSize{0};  ///< blocks of the array's device
+  std::uint64_t m_LogicalSize{0};   ///< sum of its members
+  std::uint32_t m_RaidLevel{PI::LEVEL_CONCATENATION};
+  std::uint32_t m_StripeSize{PI::STRIPE_64K};
+  std::uint32_t m_Status{PI::STATUS_OK};
+  std::uint32_t m_Activity{PI::ACTIVITY_NONE};
+  std::uint32_t m_Progress{0};  ///< percent of the running rebuild or resync
+  KVT::XML::CMarkup m_Configuration;
+
+  std::string DevicePath() const { return "/dev/" + m_KernelName; }
+  /// As for the drives; the configuration document is compared beside it, as text.
+  auto ScannedFields() {
+    return std::tie(m_ArrayNumber, m_KernelName, m_DeviceKey, m_PhysicalSize, m_LogicalSize, m_RaidLevel,
+                    m_StripeSize, m_Status, m_Activity, m_Progress, m_Children);
+  }
+};
+
+/// A block device as sysfs shows it. The discovery reads sysfs anew on every scan and keeps none.
+struct CSysFSEntry {
+  std::string m_KernelName;
+  std::string m_Path;
+};
+
+/// KiB that md may use of a drive of `size` KiB: what lies in front of the superblock, which stands 8 KiB
+/// before the end on a 4 KiB boundary, less a reserve of 128 KiB. Sizes below 136 wrap.
+constexpr std::uint64_t UsableSize(std::uint64_t size) { return ((size - 8) & ~std::uint64_t{3}) - 128; }
+
+/// Key by which front ends know a drive or array across reboots of the server.
+std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor);
+
+}  // namespace NAMESPACE_piRVX

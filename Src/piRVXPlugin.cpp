@@ -1,0 +1,204 @@
+/// @file
+/// Lifecycle, identifiers, busy marks and the event queue.
+
+#include "Src/piRVXPlugin.h"
+
+#include <algorithm>
+#include <boost/bind/bind.hpp>
+#include <boost/convert.hpp>
+#include <boost/convert/lexical_cast.hpp>
+#include <cstdio>
+
+#include "Src/piRVXLock.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
+constexpr char POLL_INTERVAL_KEY[] = "PollInterval";
+constexpr std::uint64_t OBJECT_ID_BASE = std::uint64_t{295} << 48;  ///< the module's number above the counter
+
+constexpr std::uint64_t THREAD_END_BOUND = 24999;  ///< ms that DeInitialize waits before it cancels
+
+bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread) {
+  return thread && thread->Wait(0) == KVT::Threading::WAIT_TIMED_OUT;
+}
+
+}  // namespace
+
+IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(COperatingSystem& os) : m_OS(os) {
+  m_ConfigFile.SetFileName((KVT::Misc::CKvtApplication::GetConfigDirectory() / "piRVX.ini").string());
+  std::string text;
+  if (m_ConfigFile.ReadKeyValue(POLL_INTERVAL_KEY, text, -1, -1) != PI::OK) return;
+  const int seconds =
+      boost::convert<int>(text, boost::cnv::lexical_cast()).value_or(int{DEFAULT_POLL_INTERVAL});
+  m_PollInterval = static_cast<std::uint32_t>(std::clamp(seconds, MIN_POLL_INTERVAL, MAX_POLL_INTERVAL));
+}
+
+IPLUGINAPI_IMPL::~IPLUGINAPI_IMPL() = default;
+
+unsigned int IPLUGINAPI_IMPL::Initialize(std::vector<PI::CAdapterID>& adapterIDs) {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER Initialize()");
+  const std::pair<const char*, std::function<int()>> steps[] = {
+      {"m_DataLock", [this] { return m_DataLock.Init(); }},
+      // The name that this lock had first; logs are searched for it.
+      {"m_PrivateEventsLock", [this] { return m_EventsLock.Init(); }},
+      {"m_ForceWorker", [this] { return m_ForceWorker.Init(false, false); }},
+      {"m_StopRequest", [this] { return m_StopRequest.Init(false, true); }},
+      {"m_PrivateEvent", [this] { return m_PrivateEvent.Init(false, false); }},
+  };
+  for (const auto& [name, init] : steps) {
+    const int result = init();
+    if (result == KVT::Threading::INIT_OK) continue;
+    RVX_TRACE(TRACE_LIFECYCLE, "LEAVE Initialize() %s.Init() -> PI::ERR_LOCK_INITIALIZATION_FAILED %d", name,
+              result);
+    return PI::ERR_LOCK_INITIALIZATION_FAILED;
+  }
+
+  const CTracedLock lock(m_DataLock, KVT::Threading::INFINITE_WAIT, DATA_LOCK_OF_REQUEST, TRACE_SOURCE);
+  m_Plugin.m_ID = NewID();
+  m_Plugin.m_Kind = PI::OBJ_PLUGIN;
+  unsigned int status = ScanSystem(m_Adapter, m_PhysicalDrives, m_LogicalDrives, true);
+  RVX_TRACE(TRACE_INFORMATION, "ScanSystem() ret = %d m_PhysicalDrives=%d", status, m_PhysicalDrives.size());
+  if (status == PI::OK) {
+    m_Plugin.m_Children.push_back(m_Adapter.m_ID);
+    m_Adapter.m_Parents.push_back(m_Plugin.m_ID);
+    ++m_Adapter.m_UpdateCounter;
+    RVX_TRACE(TRACE_THREADS, "Create new adpID");
+    PI::CAdapterID adapterID;
+    adapterID.m_Location1 = static_cast<std::int32_t>(m_Adapter.m_Location1);
+    adapterID.m_Location2 = static_cast<std::int32_t>(m_Adapter.m_Location2);
+    adapterID.m_Location3 = static_cast<std::int32_t>(m_Adapter.m_Location3);
+    adapterIDs.push_back(adapterID);
+  } else {
+    m_PhysicalDrives.clear();
+    m_LogicalDrives.clear();
+    ++m_Plugin.m_UpdateCounter;
+    status = PI::ERR_SCAN_FAILED;
+  }
+  // Also after a failed scan: the line says how many adapters there are, which is always one.
+  std::printf("%s:  Initialize:  adapter count is 1\n", KVT_MODULE_INFO_piRVX.GetName().c_str());
+  std::fflush(stdout);
+  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE Initialize() -> %d", status);
+  return status;
+}
+
+unsigned int IPLUGINAPI_IMPL::SetAdapterIDs(const std::vector<PI::CAdapterID>& adapterIDs) {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER SetAdapterIDs");
+  // Earlier ones stay in front, so the first number that was given wins over repeated calls.
+  m_AdapterIDs.insert(m_AdapterIDs.end(), adapterIDs.begin(), adapterIDs.end());
+  const CRVXAdapter& adapter = m_Adapter;
+  const auto own = std::find_if(m_AdapterIDs.begin(), m_AdapterIDs.end(),
+                                [&](const PI::CAdapterID& id) ZQ_NO_THREAD_SAFETY_ANALYSIS {
+                                  return id.m_Location1 == static_cast<std::int32_t>(adapter.m_Location1) &&
+                                         id.m_Location2 == static_cast<std::int32_t>(adapter.m_Location2) &&
+                                         id.m_Location3 == static_cast<std::int32_t>(adapter.m_Location3) &&
+                                         id.m_AdapterNumber != PI::CAdapterID::NO_ADAPTER_NUMBER;
+                                });
+  const std::int32_t number = own == m_AdapterIDs.end() ? 0 : own->m_AdapterNumber;
+  // Written only when it changes: a repeated command meets the running worker, which reads it.
+  if (const std::string description = Text("Linux %s (%d)", adapter.m_Name, number);
+      description != adapter.m_Description)
+    m_Adapter.m_Description = description;
+  if (!Runs(m_EventPollThread))
+    m_EventPollThread = KVT::Threading::CThread::Create(boost::bind(&IPLUGINAPI_IMPL::EventPoll, this), 0);
+  if (!Runs(m_WorkerThread))
+    m_WorkerThread = KVT::Threading::CThread::Create(boost::bind(&IPLUGINAPI_IMPL::Worker, this), 0);
+  return PI::OK;
+}
+
+unsigned int IPLUGINAPI_IMPL::DeInitialize() {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER DeInitialize");
+  m_StopRequest.Set();
+  m_OS.Sleep(100);
+  const std::uint64_t start = m_OS.Now();
+  while (Runs(m_WorkerThread) || Runs(m_EventPollThread)) {
+    if (Runs(m_WorkerThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (Worker)");
+    if (Runs(m_EventPollThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (m_EventPoll)");
+    if (m_OS.Now() - start > THREAD_END_BOUND) break;
+    m_OS.Sleep(500);
+  }
+  if (Runs(m_WorkerThread)) {
+    RVX_TRACE(TRACE_LIFECYCLE, "Kill Worker");
+    m_WorkerThread->Cancel();
+  }
+  if (Runs(m_EventPollThread)) {
+    RVX_TRACE(TRACE_LIFECYCLE, "Kill EventPoll");
+    m_EventPollThread->Cancel();
+  }
+  m_OS.Sleep(100);
+  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE DeInitialize");
+  return PI::OK;
+}
+
+unsigned long IPLUGINAPI_IMPL::NewID() { return m_NextID++ | OBJECT_ID_BASE; }
+
+unsigned int IPLUGINAPI_IMPL::LockObjects(int all, int major, int minor, int arrayNumber) {
+  if (all < 0) {
+    m_Plugin.m_Busy = m_Adapter.m_Busy = true;
+    for (CRVXPhysicalDrive& drive : m_PhysicalDrives) drive.m_Busy = true;
+    for (CRVXLogicalDrive& array : m_LogicalDrives) array.m_Busy = true;
+    return PI::OK;
+  }
+  const bool noDrive = major < 0 && minor < 0;
+  PI::CObject* object = nullptr;
+  if (noDrive && arrayNumber < 0)
+    object = &m_Adapter;
+  else if (noDrive)
+    object = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
+  else  // The array is not marked beside its drive: callers that name both mean the drive.
+    object = FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
+  if (object != nullptr) object->m_Busy = true;
+  return PI::OK;
+}
+
+unsigned int IPLUGINAPI_IMPL::UnlockObjects() {
+  m_Plugin.m_Busy = m_Adapter.m_Busy = false;
+  for (CRVXPhysicalDrive& drive : m_PhysicalDrives) drive.m_Busy = false;
+  for (CRVXLogicalDrive& array : m_LogicalDrives) array.m_Busy = false;
+  return PI::OK;
+}
+
+PI::CEvent IPLUGINAPI_IMPL::MakeEvent(unsigned int code, unsigned long objectID,
+                                      const std::string& placeHolder1, const std::string& placeHolder2) {
+  PI::CEvent event;
+  event.m_Code = code;
+  event.m_ObjectID = objectID;
+  event.m_SourceID = m_Adapter.m_ID;
+  event.m_Time = m_OS.Now();
+  event.SetPlaceHolder1(placeHolder1);
+  event.SetPlaceHolder2(placeHolder2);
+  return event;
+}
+
+void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event) {
+  const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, TRACE_SOURCE);
+  m_EventQueue.push_back(event);
+}
+
+CRVXLogicalDrive* IPLUGINAPI_IMPL::FindLogicalDrive(std::uint32_t arrayNumber) {
+  for (CRVXLogicalDrive& array : m_LogicalDrives)
+    if (array.m_ArrayNumber == arrayNumber) return &array;
+  return nullptr;
+}
+
+CRVXPhysicalDrive* IPLUGINAPI_IMPL::FindPhysicalDrive(std::uint32_t major, std::uint32_t minor) {
+  for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
+    if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
+  return nullptr;
+}
+
+bool IPLUGINAPI_IMPL::GetDiskInfo(int descriptor, int number, mdu_disk_info_s& disk) {
+  mdu_disk_info_s answer{};
+  answer.number = number;
+  if (m_OS.Ioctl(descriptor, GET_DISK_INFO, &answer) < 0) return false;
+  disk = answer;
+  return true;
+}
+
+std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor) {
+  return Text("%s&BLKDEV:Major=%d&Minor=%d", prefix, major, minor);
+}
+
+}  // namespace NAMESPACE_piRVX

@@ -1,0 +1,156 @@
+/// @file
+/// The system scan: the adapter and the physical drives.
+
+#include <new>
+
+#include "Src/piRVXLock.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXText.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
+constexpr std::size_t SYSFS_LINE = 255;
+
+/// What happened to a disk, by its status in the model and its status now.
+constexpr struct SDiskEvent {
+  std::uint32_t m_StatusNow;
+  std::uint32_t m_ModelStatus;
+  unsigned int m_Code;
+  unsigned int m_Severity;
+  bool m_WorkerScanOnly;
+} DISK_EVENTS[] = {
+    {PI::STATUS_READY, PI::STATUS_FAILED, PI::EVT_FAILED_DRIVE_READY, PI::SEV_DEFAULT, false},
+    {PI::STATUS_READY, PI::STATUS_OK, PI::EVT_USED_DRIVE_READY, PI::SEV_DEFAULT, false},
+    {PI::STATUS_OK, PI::STATUS_READY, PI::EVT_READY_DRIVE_IN_USE, PI::SEV_DEFAULT, true},
+    {PI::STATUS_OK, PI::STATUS_FAILED, PI::EVT_FAILED_DRIVE_IN_USE, PI::SEV_DEFAULT, false},
+    {PI::STATUS_FAILED, PI::STATUS_READY, PI::EVT_READY_DRIVE_OFFLINE, PI::SEV_ERROR, false},
+    {PI::STATUS_FAILED, PI::STATUS_OK, PI::EVT_USED_DRIVE_OFFLINE, PI::SEV_ERROR, false},
+};
+
+/// The first line of a disk's sysfs file without surrounding white space; none when it cannot be opened.
+std::optional<std::string> ReadAttribute(COperatingSystem& os, const std::string& disk, const char* file) {
+  const auto text = ReadText(os, Text("/sys/block/%s/%s", disk, file));
+  if (!text) return std::nullopt;
+  return Trimmed(FirstLine(*text, SYSFS_LINE));
+}
+
+/// Reads who made the disk and how it is attached.
+void Identify(COperatingSystem& os, CRVXPhysicalDrive& drive) {
+  drive.m_Vendor = ReadAttribute(os, drive.m_KernelName, "device/vendor").value_or(drive.m_Vendor);
+  drive.m_Model = ReadAttribute(os, drive.m_KernelName, "device/model").value_or(drive.m_Model);
+  if (drive.m_Vendor != "ATA") return;
+  std::string vendor;
+  std::string product;
+  PI::CPluginHelper::SplitSATAModelName(drive.m_Model, vendor, product);
+  drive.m_Vendor = Trimmed(vendor);
+  drive.m_Model = Trimmed(product);
+  drive.m_Attachment = PI::ATTACHMENT_ATA;
+}
+
+}  // namespace
+
+void IPLUGINAPI_IMPL::QueueNameEvent(unsigned int code, unsigned int severity, const PI::CObject& object,
+                                     const std::string& name) {
+  PI::CEvent event = MakeEvent(code, object.m_ID, "", name);
+  event.m_Severity = severity;
+  QueueEvent(event);
+}
+
+unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
+                                         std::vector<CRVXLogicalDrive>& logicalDrives, bool newIDs) {
+  RVX_TRACE(TRACE_THREADS, "ENTER ScanSystem(%d) PhyDrive=%d LogDrive=%d", newIDs, physicalDrives.size(),
+            logicalDrives.size());
+  unsigned int status = PI::OK;
+  try {
+    physicalDrives.clear();
+    logicalDrives.clear();
+    adapter.m_Kind = PI::OBJ_ADAPTER;
+    adapter.m_ID = newIDs ? NewID() : m_Adapter.m_ID;
+    adapter.m_Name = "Multiple Devices";
+    adapter.m_Description = Text("Linux %s (0)", adapter.m_Name);
+    adapter.m_DeviceKeyPrefix = "SoftRAID0";
+    adapter.m_MaxPhysicalDrives = 1024;
+    adapter.m_MaxLogicalDrives = 256;
+    adapter.m_Status = PI::ADAPTER_OK;
+    adapter.m_Attribute = 9;
+    m_MdMajor = ParseMdMajor(ReadText(m_OS, "/proc/devices").value_or(""));
+
+    const SScan scan{adapter, physicalDrives, newIDs};
+    if (!ScanDisks(scan) || !ScanArrays(scan, logicalDrives))
+      status = PI::ERR_SCAN_FAILED;
+    else if (newIDs)
+      for (CRVXLogicalDrive& array : logicalDrives) BuildConfiguration(array, physicalDrives);
+  } catch (const std::bad_alloc&) {
+    status = PI::ERR_OUT_OF_MEMORY;
+  }
+  RVX_TRACE(TRACE_THREADS, "LEAVE ScanSystem() -> %d", status);
+  return status;
+}
+
+bool IPLUGINAPI_IMPL::ScanDisks(const SScan& scan) {
+  std::uint32_t driveNumber = 0;
+  for (const SPartition& entry : ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""))) {
+    if (!IsDiskName(entry.m_Name)) continue;
+    if (IsStopping()) return false;
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() found new physical disk %s", entry.m_Name);
+    CRVXPhysicalDrive drive;
+    drive.m_Kind = PI::OBJ_PHYSICAL_DRIVE;
+    drive.m_DriveNumber = driveNumber++;  // disks that are left out below use up a number too
+    drive.m_KernelName = entry.m_Name;
+    drive.m_MajorNumber = entry.m_Major;
+    drive.m_MinorNumber = entry.m_Minor;
+    drive.m_Size = entry.m_Blocks;
+    drive.m_UsableSize = UsableSize(entry.m_Blocks);
+    drive.m_DeviceKey = DeviceKey(scan.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
+    Identify(m_OS, drive);
+    // A volume that a hardware RAID controller presents is the controller's business.
+    if (drive.m_Vendor == "LSILOGIC" && drive.m_Model == "Logical Volume") continue;
+    const std::string devicePath = Text("/sys/block/%s/device", drive.m_KernelName);
+    RVX_TRACE(TRACE_THREADS, "vor checkpd %s %s", devicePath, drive.m_KernelName);
+    if (!checkpd(devicePath, drive.m_KernelName.c_str())) continue;
+    ScanDisk(scan, drive);
+    scan.m_PhysicalDrives.push_back(drive);
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() after physicalDrives.push_back %d", scan.m_PhysicalDrives.size());
+  }
+  return true;
+}
+
+/// The disk's identifier, state and medium.
+void IPLUGINAPI_IMPL::ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) {
+  drive.m_DisplayName = Text("%s %s (%s %d:%d)", drive.m_Vendor, drive.m_Model, drive.m_KernelName,
+                             drive.m_MajorNumber, drive.m_MinorNumber);
+  const auto state = ReadAttribute(m_OS, drive.m_KernelName, "device/state");
+  // A disk without a state is on its way in or out: it counts as one that was not there before.
+  const CRVXPhysicalDrive* const known =
+      state ? FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber) : nullptr;
+  const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};
+  if (known != nullptr) drive.m_ID = known->m_ID;
+  if (known == nullptr || scan.m_NewIDs) {
+    drive.m_ID = NewID();
+    scan.m_Adapter.m_Children.push_back(drive.m_ID);
+  }
+  if (known == nullptr && !scan.m_NewIDs)
+    QueueNameEvent(PI::EVT_PHYSICALDRIVE_ADDED, PI::SEV_DEFAULT, drive,
+                   Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+
+  if (!state || !state->starts_with("running")) {
+    drive.m_Status = PI::STATUS_FAILED;
+  } else if (!CDescriptor(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() can't open %s exclusive", drive.DevicePath());
+    drive.m_Status = PI::STATUS_OK;
+    drive.m_SpareState = PI::SPARE_STATE_IN_USE;
+  }
+  for (const SDiskEvent& event : DISK_EVENTS)
+    if (event.m_StatusNow == drive.m_Status && event.m_ModelStatus == modelStatus &&
+        !(event.m_WorkerScanOnly && scan.m_NewIDs))
+      QueueNameEvent(event.m_Code, event.m_Severity, drive, drive.m_KernelName);
+
+  if (ReadAttribute(m_OS, drive.m_KernelName, "queue/rotational") == "0")
+    drive.m_Medium = PI::MEDIUM_SOLID_STATE;
+}
+
+}  // namespace NAMESPACE_piRVX

@@ -1,0 +1,181 @@
+/// @file
+/// The system scan: md arrays, their members, progress and status.
+
+#include <algorithm>
+
+#include "Src/piRVXLock.h"
+#include "Src/piRVXMd.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXText.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
+constexpr int CLEAN_ATTEMPTS = 5;
+constexpr std::uint64_t CLEAN_WAIT = 500;  ///< ms
+
+/// A member's status by md's record of it; none: md says nothing that would change it.
+std::optional<std::uint32_t> MemberStatus(const mdu_disk_info_s& disk) {
+  if ((disk.state & DISK_FAULTY) != 0) return PI::STATUS_FAILED;
+  // By bits: a write-mostly member carries others beside these.
+  if ((disk.state & DISK_ACTIVE) != 0)
+    return (disk.state & DISK_SYNC) != 0 ? PI::STATUS_OK : PI::STATUS_REBUILDING;
+  if (disk.state == 0) return disk.raid_disk != -1 ? PI::STATUS_REBUILDING : PI::STATUS_SPARE;
+  return std::nullopt;
+}
+
+/// The array's record. md is given time to become clean; the last reading decides. Once the end is asked for,
+/// there is no waiting any more: several arrays at work would hold it up for longer than a server waits.
+std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, int descriptor,
+                                              KVT::Threading::CEvent& stop) {
+  mdu_array_info_s info{};
+  bool read = false;
+  for (int attempt = 0; attempt < CLEAN_ATTEMPTS; ++attempt) {
+    read = os.Ioctl(descriptor, GET_ARRAY_INFO, &info) >= 0;
+    if ((read && (info.state & ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
+    os.Sleep(CLEAN_WAIT);
+  }
+  if (!read) return std::nullopt;
+  return info;
+}
+
+}  // namespace
+
+bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) {
+  for (const SPartition& entry : ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""))) {
+    const auto number = ArrayNumber(entry.m_Name);
+    if (!number) continue;
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() found new logical drive %s", entry.m_Name);
+    CRVXLogicalDrive array;
+    array.m_Kind = PI::OBJ_LOGICAL_DRIVE;
+    array.m_ArrayNumber = *number;
+    array.m_KernelName = entry.m_Name;
+    array.m_DeviceKey = DeviceKey(scan.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
+    array.m_PhysicalSize = entry.m_Blocks;
+
+    SArrayHistory history;
+    const CRVXLogicalDrive* const known = FindLogicalDrive(*number);
+    if (known != nullptr) {
+      history = {known->m_Status, known->m_Activity};
+      array.m_ID = known->m_ID;
+      // Carried along so that an array that did not change compares equal; the worker renews it after the
+      // merge.
+      array.m_Configuration = known->m_Configuration;
+    }
+    if (known == nullptr || scan.m_NewIDs) {
+      array.m_ID = NewID();
+      scan.m_Adapter.m_Children.push_back(array.m_ID);
+    }
+    if (known == nullptr && !scan.m_NewIDs)
+      QueueNameEvent(PI::EVT_LOGICALDRIVE_ADDED, PI::SEV_DEFAULT, array, array.m_KernelName);
+    ScanArray(scan, history, array);
+    if (IsStopping()) return false;
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() before logicalDrives.push_back");
+    logicalDrives.push_back(array);
+  }
+  return true;
+}
+
+/// What md tells of an array; an array that it does not tell of keeps its defaults.
+void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) {
+  const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
+  if (!device.IsOpen()) return;
+  const auto info = ReadArrayInfo(m_OS, device.Get(), m_StopRequest);
+  if (!info) return;
+  array.m_RaidLevel = RaidLevelOf(info->level);
+  array.m_StripeSize = StripeOf(info->chunk_size);
+  ScanMembers(scan, array, device.Get());
+  ScanProgress(scan, history, array, *info);
+  SettleArrayStatus(history, array, *info);
+}
+
+void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, int descriptor) {
+  // The number of scanned disks bounds the walk, not the array's own count: an array has no more members than
+  // that.
+  const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), MAX_MEMBERS));
+  for (int number = 0; number < bound; ++number) {
+    mdu_disk_info_s disk{};
+    if (!GetDiskInfo(descriptor, number, disk)) continue;
+    CRVXPhysicalDrive* const drive = FindMemberDrive(scan.m_PhysicalDrives, disk);
+    // Empty slots and disks on other controllers get no record of their own: the array lists the members it
+    // found.
+    if (drive == nullptr) continue;
+    drive->m_IsMemberOf = static_cast<std::int32_t>(array.m_ArrayNumber);
+    drive->m_Status = MemberStatus(disk).value_or(drive->m_Status);
+    drive->m_Activity =
+        drive->m_Status == PI::STATUS_REBUILDING ? PI::ACTIVITY_REBUILDING : PI::ACTIVITY_NONE;
+    array.m_Children.push_back(drive->m_ID);
+    array.m_LogicalSize += drive->m_Size;
+  }
+}
+
+void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& history, CRVXLogicalDrive& array,
+                                   const mdu_array_info_s& info) {
+  std::uint32_t previous = history.m_Activity;
+  const auto start = [&](std::uint32_t activity) ZQ_REQUIRES(m_DataLock) {
+    array.m_Activity = activity;
+    if (activity == previous) return;
+    QueueNameEvent(activity == PI::ACTIVITY_RESYNCING ? PI::EVT_RESYNC_STARTED : PI::EVT_REBUILD_STARTED,
+                   PI::SEV_DEFAULT, array, array.m_KernelName);
+    previous = activity;
+  };
+  if (info.active_disks < info.raid_disks && info.raid_disks == info.working_disks) {
+    // A spare is being built in. mdstat is not asked: the progress step of the worker follows arrays by their
+    // bar.
+    start(PI::ACTIVITY_REBUILDING);
+    return;
+  }
+  array.m_Activity = PI::ACTIVITY_NONE;
+  array.m_Progress = 0;
+  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  if (!mdstat) return;
+  for (const std::string_view line : ProgressLines(*mdstat, array.m_KernelName)) {
+    const auto progress = ParseProgress(line);
+    if (!progress) continue;
+    start(progress->m_Resync ? PI::ACTIVITY_RESYNCING : PI::ACTIVITY_REBUILDING);
+    array.m_Progress = progress->m_Percent;
+    scan.m_Adapter.m_ProgressWatch = true;
+  }
+  if (array.m_Activity != previous) QueueRunEnd({history.m_Status, previous}, array, info);
+}
+
+/// A rebuild or resync that was running has ended: completed or aborted?
+void IPLUGINAPI_IMPL::QueueRunEnd(const SArrayHistory& history, const CRVXLogicalDrive& array,
+                                  const mdu_array_info_s& info) {
+  const bool stoppedDirty =
+      info.state != 0 && (info.state & ARRAY_CLEAN) == 0 && history.m_Status != PI::STATUS_FAILED;
+  const bool completed =
+      !stoppedDirty && (info.active_disks == info.raid_disks || history.m_Status == PI::STATUS_DEGRADED);
+  const bool resync = history.m_Activity == PI::ACTIVITY_RESYNCING;
+  if (completed)
+    QueueNameEvent(resync ? PI::EVT_RESYNC_COMPLETED : PI::EVT_REBUILD_COMPLETED, PI::SEV_DEFAULT, array,
+                   array.m_KernelName);
+  else
+    QueueNameEvent(resync ? PI::EVT_RESYNC_ABORTED : PI::EVT_REBUILD_ABORTED, PI::SEV_WARNING, array,
+                   array.m_KernelName);
+}
+
+void IPLUGINAPI_IMPL::SettleArrayStatus(const SArrayHistory& history, CRVXLogicalDrive& array,
+                                        const mdu_array_info_s& info) {
+  const auto settle = [&](std::uint32_t status, unsigned int code, unsigned int severity)
+                          ZQ_REQUIRES(m_DataLock) {
+                            array.m_Status = status;
+                            if (status != history.m_Status)
+                              QueueNameEvent(code, severity, array, array.m_KernelName);
+                          };
+  if ((info.state & ARRAY_CLEAN) == 0 && info.failed_disks != 0)
+    settle(PI::STATUS_FAILED, PI::EVT_LOGICALDRIVE_FAILED, PI::SEV_ERROR);
+  else if (info.active_disks == info.raid_disks)
+    settle(PI::STATUS_OK, PI::EVT_LOGICALDRIVE_OK, PI::SEV_DEFAULT);
+  else
+    settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
+  // A second look at arrays of other levels. It compares with the same history: one that stays short of
+  // members is announced as OK above on every pass while it stays degraded. Front ends know it so.
+  if (array.m_RaidLevel == PI::LEVEL_CONCATENATION && array.m_LogicalSize < array.m_PhysicalSize)
+    settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
+}
+
+}  // namespace NAMESPACE_piRVX

@@ -1,0 +1,243 @@
+/// @file
+/// The two threads: the worker that keeps the model current and the poller that wakes it.
+
+#include <cerrno>
+#include <functional>
+
+#include "KVT/Exception.h"
+#include "Src/piRVXLock.h"
+#include "Src/piRVXPlugin.h"
+#include "Src/piRVXText.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+namespace {
+
+constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
+
+/// Places of the events in the worker's waiter.
+constexpr unsigned int FORCE_WORKER = 1;
+constexpr unsigned int PRIVATE_EVENT = 3;
+
+constexpr std::uint64_t MDSTAT_WAIT = 3000;  ///< ms
+
+constexpr std::uint32_t WEAR_LIMIT = 95;        ///< percent used
+constexpr std::uint32_t RESERVE_LIMIT = 9;      ///< percent left
+constexpr unsigned long LIFETIME_LIMIT = 1440;  ///< hours: sixty days
+
+/// The check is due on the first pass, and when the hour has gone from 22 to 23 or from 10 to 11 since the
+/// last check. A check at another hour is therefore the last one; kept, front ends expect no more.
+bool IsSmartCheckDue(std::uint64_t lastCheck, std::uint64_t now) {
+  if (lastCheck == 0) return true;
+  const std::int32_t last = KVTX::CSystemTime_Lx::GetDate(lastCheck).m_Hour;
+  const std::int32_t present = KVTX::CSystemTime_Lx::GetDate(now).m_Hour;
+  return (last == 22 && present == 23) || (last == 10 && present == 11);
+}
+
+}  // namespace
+
+void IPLUGINAPI_IMPL::Worker() {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER Worker()");
+  // The first interval counts milliseconds instead of seconds, so that the first pass comes almost at once.
+  KVT::Threading::CWaitInterval interval(m_PollInterval);
+  KVT::Threading::CWaiter waiter({&m_ForceWorker, &m_StopRequest, &m_PrivateEvent});
+  SWorkerState state;
+  while (WorkerTurn(waiter.Wait(interval.Remaining()), state)) {
+    RVX_TRACE(TRACE_THREADS, "Worker() before restart interval");
+    interval.Restart(NextInterval());
+  }
+  RVX_TRACE(TRACE_LIFECYCLE, "Worker() something else perhaps m_StopRequest");
+  m_StopRequest.Set();
+  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE Worker()");
+}
+
+bool IPLUGINAPI_IMPL::WorkerTurn(unsigned int wakeUp, SWorkerState& state) {
+  switch (wakeUp) {
+    case PRIVATE_EVENT: {
+      RVX_TRACE(TRACE_THREADS, "Worker() m_PrivateEvent event received");
+      {
+        const CTracedLock lock(m_DataLock, KVT::Threading::INFINITE_WAIT, DATA_LOCK_OF_REQUEST, TRACE_SOURCE);
+        UnlockObjects();
+      }
+      std::invoke(m_pNotification, m_pNotificationTarget, this);
+      return true;
+    }
+    case FORCE_WORKER:
+      RVX_TRACE(TRACE_THREADS, "Worker() m_ForceWorker event received, force scan");
+      state.m_Force = true;
+      break;
+    case KVT::Threading::WAIT_TIMED_OUT:
+      RVX_TRACE(TRACE_THREADS, "Worker() timeout event received");
+      break;
+    default:
+      return false;
+  }
+  WorkerPass(state);
+  return true;
+}
+
+void IPLUGINAPI_IMPL::WorkerPass(SWorkerState& state) {
+  // The framework's requests always win: a busy lock skips the pass.
+  const CTracedLock dataLock(m_DataLock, 0, DATA_LOCK_OF_PASS, TRACE_SOURCE);
+  if (!dataLock.IsHeld()) return;
+  CTracedLock eventsLock(m_EventsLock, 0, EVENTS_LOCK_OF_PASS, TRACE_SOURCE);
+  if (!eventsLock.IsHeld()) return;
+  RVX_TRACE(TRACE_THREADS, "Worker() before bscan=%d", state.m_Force);
+  NameDeletedArrays();
+  unsigned int status = RefreshModel();
+  ++m_Plugin.m_UpdateCounter;
+  if (FollowProgress()) status = PI::OK;
+  CheckSmart(state);
+  RVX_TRACE(TRACE_THREADS, "Worker() after bscan");
+  const bool eventsQueued = !m_EventQueue.empty();
+  eventsLock.Release();
+  // Busy marks outlive only a pass that changed and reported nothing.
+  if (eventsQueued || status == PI::OK) UnlockObjects();
+}
+
+/// Events of earlier passes about deleted arrays whose number is in use again get that array's identifier.
+void IPLUGINAPI_IMPL::NameDeletedArrays() {
+  for (PI::CEvent& event : m_EventQueue) {
+    if (event.m_Code != PI::EVT_LOGICALDRIVE_DELETED) continue;
+    const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(event.m_ObjectID));
+    if (array == nullptr) continue;
+    event.m_ObjectID = array->m_ID;
+    RVX_TRACE(TRACE_THREADS, "Worker() EVT_LOGICALDRIVE_DELETED Event.SetID=%d", event.m_ObjectID);
+  }
+}
+
+/// Scan, merge and configuration documents. The status of the last of scan and merge that ran.
+unsigned int IPLUGINAPI_IMPL::RefreshModel() {
+  CRVXAdapter adapter;
+  std::vector<CRVXPhysicalDrive> physicalDrives;
+  std::vector<CRVXLogicalDrive> logicalDrives;
+  m_Plugin.m_Parents.clear();
+  m_Plugin.m_Children.clear();
+  RVX_TRACE(TRACE_THREADS, "Before ScanSystem()");
+  unsigned int status = ScanSystem(adapter, physicalDrives, logicalDrives, false);
+  RVX_TRACE(TRACE_THREADS, "After ScanSystem() ret = %d drives=%d", status, physicalDrives.size());
+  if (status != PI::OK) return status;
+  RVX_TRACE(TRACE_THREADS, "Before UpdateSystem()");
+  status = UpdateSystem(adapter, physicalDrives, logicalDrives);
+  RVX_TRACE(TRACE_THREADS, "After UpdateSystem() ret = %d", status);
+  m_Adapter.m_Parents = {m_Plugin.m_ID};
+  m_Plugin.m_Children.push_back(m_Adapter.m_ID);
+  ++m_Adapter.m_UpdateCounter;
+  for (CRVXLogicalDrive& array : m_LogicalDrives) BuildConfiguration(array, m_PhysicalDrives);
+  return status;
+}
+
+/// Reads how far running rebuilds and resyncs are; true when an array's progress changed.
+bool IPLUGINAPI_IMPL::FollowProgress() {
+  if (!m_Adapter.m_ProgressWatch) return false;
+  m_Adapter.m_ProgressWatch = false;
+  RVX_TRACE(TRACE_THREADS, "Worker() get progress data");
+  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  if (!mdstat) return false;
+  bool changed = false;
+  CLineReader lines(*mdstat, MDSTAT_READ);
+  while (const auto line = lines.Next()) {
+    for (CRVXLogicalDrive& array : m_LogicalDrives) {
+      if (!ContainsText(*line, array.m_KernelName)) continue;
+      // Every array whose name the line contains takes the next two lines, also when one did so before it.
+      lines.Next();
+      const auto block = lines.Next();
+      if (!block) return changed;
+      const auto progress = ParseProgress(WithoutLast(*block));
+      if (!progress) continue;
+      m_Adapter.m_ProgressWatch = true;
+      if (progress->m_Percent == array.m_Progress) continue;
+      array.m_Progress = progress->m_Percent;
+      ++array.m_UpdateCounter;
+      changed = true;
+    }
+  }
+  return changed;
+}
+
+void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
+  const std::uint64_t now = m_OS.Now();
+  if (!IsSmartCheckDue(state.m_LastSmartCheck, now)) return;
+  state.m_LastSmartCheck = now;
+  for (const CRVXPhysicalDrive& drive : m_PhysicalDrives) {
+    if (drive.m_Attachment != PI::ATTACHMENT_ATA || drive.m_Medium != PI::MEDIUM_SOLID_STATE) continue;
+    PI::CSmartValues values(drive.m_Vendor, drive.m_Model);
+    PI::_IDE_SMART_DATA data{};
+    if (!values.IsSupported() || GetSmartData(drive.DevicePath(), data) != PI::OK || !values.Evaluate(data))
+      continue;
+    unsigned long hours = 0;
+    const bool projected = PI::CPluginHelper::ComputeRemainingLifeTime(
+        values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed, values.m_RatedWriteVolume, hours);
+    const struct {
+      bool m_Raised;
+      unsigned int m_Code;
+    } warnings[] = {
+        {values.m_WearUsed != PI::CSmartValues::UNKNOWN32 && values.m_WearUsed > WEAR_LIMIT,
+         PI::EVT_SMART_WEAR_HIGH},
+        {values.m_AvailableReserve <= RESERVE_LIMIT, PI::EVT_SMART_RESERVE_LOW},
+        {projected && hours < LIFETIME_LIMIT, PI::EVT_SMART_LIFETIME_LOW},
+    };
+    for (const auto& warning : warnings) {
+      if (!warning.m_Raised) continue;
+      PI::CEvent event =
+          MakeEvent(warning.m_Code, m_Adapter.m_ID, m_Adapter.m_Description,
+                    Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      event.m_Severity = PI::SEV_WARNING;
+      m_EventQueue.push_back(event);  // the pass holds m_EventsLock
+    }
+  }
+}
+
+unsigned long IPLUGINAPI_IMPL::NextInterval() const {
+  // Only the worker, which asks, changes the length of the list. Without disks it looks ten times less often.
+  return (m_PhysicalDrives.empty() ? 10000UL : 1000UL) * m_PollInterval;
+}
+
+void IPLUGINAPI_IMPL::EventPoll() {
+  RVX_TRACE(TRACE_LIFECYCLE, "ENTER EventPoll()");
+  RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", m_MdstatDescriptor);
+  try {
+    const struct SCloseAtEnd {
+      IPLUGINAPI_IMPL& m_Instance;
+      ~SCloseAtEnd() {
+        if (m_Instance.m_MdstatDescriptor >= 0) m_Instance.CloseMdstat();
+      }
+    } closeAtEnd{*this};  // a cancelled thread closes its file too
+    while (EventPollRound()) {
+    }
+  } catch (const KVT::CSystemException& exception) {
+    KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, TRACE_SOURCE, __LINE__,
+                           Text("EventPoll()- Thread is crashed!\n\n%S", exception.what()));
+    return;
+  }
+  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE EventPoll()");
+}
+
+bool IPLUGINAPI_IMPL::EventPollRound() {
+  if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
+  // Opened afresh each round: the kernel reports changes since the opening.
+  m_MdstatDescriptor = m_OS.Open("/proc/mdstat", O_RDONLY);
+  if (m_MdstatDescriptor < 0) {
+    m_MdstatDescriptor = -1;
+    RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
+    m_OS.Sleep(MDSTAT_WAIT);
+    return true;
+  }
+  RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", m_MdstatDescriptor);
+  const int result = m_OS.WaitExceptional(m_MdstatDescriptor, MDSTAT_WAIT);
+  const int error = errno;  // before the closing touches it
+  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
+  CloseMdstat();
+  if (result < 0) throw KVT::CSystemException(error, "select");
+  if (result > 0) m_ForceWorker.Set();
+  return true;
+}
+
+void IPLUGINAPI_IMPL::CloseMdstat() {
+  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", m_MdstatDescriptor);
+  m_OS.Close(m_MdstatDescriptor);
+  m_MdstatDescriptor = -1;
+}
+
+}  // namespace NAMESPACE_piRVX

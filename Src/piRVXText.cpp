@@ -1,0 +1,139 @@
+#include "Src/piRVXText.h"
+
+#include <algorithm>
+#include <boost/algorithm/string/trim.hpp>
+#include <charconv>
+#include <cstdio>
+#include <limits>
+
+#include "KVT/Regex.h"
+
+namespace NAMESPACE_piRVX {
+
+std::string_view FirstLine(std::string_view text, std::size_t limit) {
+  return CLineReader(text, limit).Next().value_or(std::string_view{});
+}
+
+std::string Trimmed(std::string_view text) { return boost::algorithm::trim_copy(std::string(text)); }
+
+bool ContainsText(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+std::string_view WithoutLast(std::string_view text) {
+  if (!text.empty()) text.remove_suffix(1);
+  return text;
+}
+
+std::optional<std::string_view> CLineReader::Next() {
+  if (m_Rest.empty()) return std::nullopt;
+  const std::size_t end = m_Rest.find('\n');
+  const std::size_t length = std::min(end == std::string_view::npos ? m_Rest.size() : end + 1, m_Limit);
+  const std::string_view line = m_Rest.substr(0, length);
+  m_Rest.remove_prefix(length);
+  return line;
+}
+
+std::vector<SPartition> ParsePartitions(const std::string& text) {
+  constexpr std::size_t HEADING_READ = 255;
+  constexpr long MAX_NUMBER = std::numeric_limits<std::uint32_t>::max();
+  CLineReader heading(text, HEADING_READ);
+  std::size_t position = 0;
+  for (int line = 0; line < 2; ++line) position += heading.Next().value_or(std::string_view{}).size();
+
+  std::vector<SPartition> entries;
+  const char* rest = text.c_str() + position;
+  while (true) {
+    long major = 0;
+    long minor = 0;
+    long blocks = 0;
+    char name[32] = "";
+    int length = 0;
+    if (std::sscanf(rest, "%10ld %10ld %19ld %31s%n", &major, &minor, &blocks, name, &length) != 4) break;
+    if (major < 0 || major > MAX_NUMBER || minor < 0 || minor > MAX_NUMBER || blocks < 0) break;
+    entries.push_back({static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor),
+                       static_cast<std::uint64_t>(blocks), name});
+    rest += length;
+  }
+  return entries;
+}
+
+std::int64_t ParseMdMajor(const std::string& text) {
+  CLineReader lines(text, std::string::npos);
+  bool blockSection = false;  // a character device may have the same name
+  while (const auto line = lines.Next()) {
+    const std::string entry = Trimmed(*line);
+    if (entry == "Block devices:") blockSection = true;
+    const std::size_t blank = entry.find(' ');
+    if (!blockSection || blank == std::string::npos || Trimmed(entry.substr(blank)) != "mdp") continue;
+    std::int64_t major = -1;
+    const char* const end = entry.data() + blank;
+    if (const auto read = std::from_chars(entry.data(), end, major);
+        read.ec == std::errc{} && read.ptr == end)
+      return major;
+  }
+  return -1;
+}
+
+std::string HostPathOfRecord(const std::vector<std::string>& lines) {
+  constexpr std::string_view RECORD = "P: /devices";
+  const auto record = std::find_if(lines.begin(), lines.end(),
+                                   [&](const std::string& line) { return line.starts_with(RECORD); });
+  if (record == lines.end()) return {};
+  std::string path = *record;
+  if (const std::size_t host = path.find("/host"); host != std::string::npos) {
+    path.resize(host);
+    // Only behind a SCSI host: an "/ata" elsewhere is no port.
+    if (const std::size_t port = path.rfind("/ata"); port != std::string::npos) path.resize(port);
+  }
+  return "/sys" + path.substr(std::string_view("P: ").size());
+}
+
+bool IsDiskName(const std::string& name) {
+  static const KVT::Regex pattern("^[sh]d[a-z]{1,2}$");
+  return pattern.Match(name).has_value();
+}
+
+std::optional<std::uint32_t> ArrayNumber(const std::string& name) {
+  static const KVT::Regex patterns[] = {KVT::Regex("^md([:digit:]+)$"), KVT::Regex("^md_d([:digit:]+)$")};
+  for (const KVT::Regex& pattern : patterns) {
+    const auto groups = pattern.Match(name);
+    if (!groups) continue;
+    std::uint32_t number = 0;
+    const std::string& digits = groups->front();
+    if (std::from_chars(digits.data(), digits.data() + digits.size(), number).ec == std::errc{})
+      return number;
+  }
+  return std::nullopt;
+}
+
+std::optional<SRunProgress> ParseProgress(std::string_view line) {
+  if (!ContainsText(line, "]  re")) return std::nullopt;
+  SRunProgress progress{ContainsText(line, "resync"), 0};
+  constexpr std::string_view RESYNC = "resync = ";
+  constexpr std::string_view RECOVERY = "covery = ";
+  static_assert(RESYNC.size() == RECOVERY.size());
+  std::size_t place = line.find(RESYNC);
+  if (place == std::string_view::npos) place = line.find(RECOVERY);
+  if (place == std::string_view::npos) return progress;
+  int percent = 0;
+  const std::string number(line.substr(place + RESYNC.size(), 9));
+  if (std::sscanf(number.c_str(), "%d", &percent) == 1 && percent >= 0)
+    progress.m_Percent = static_cast<std::uint32_t>(percent);
+  return progress;
+}
+
+std::vector<std::string_view> ProgressLines(std::string_view mdstat, std::string_view name) {
+  std::vector<std::string_view> found;
+  CLineReader lines(mdstat, MDSTAT_READ);
+  while (const auto line = lines.Next()) {
+    if (!ContainsText(*line, name)) continue;
+    lines.Next();
+    const auto progress = lines.Next();
+    if (!progress) break;
+    found.push_back(*progress);
+  }
+  return found;
+}
+
+}  // namespace NAMESPACE_piRVX
