@@ -1,0 +1,31 @@
+#pragma once
+/// @file
+/// What a person is told before a disk is written to.
+
+#include <string>
+#include <vector>
+
+#include "host/Output.h"
+
+namespace rvxctl {
+
+/// A disk of the request and what is known to be on it.
+struct SDiskPlan {
+  std::string m_Name;
+  std::string m_Size;
+  std::optional<unsigned long> m_Bytes;
+  std::string m_Model;
+  std::string m_Serial;                 ///< empty when udev knows none
+  std::vector<std::string> m_Contents;  ///< such as "ext4 file system", "partition sdb1", "mounted at /srv"
+};
+
+/// Looks at a disk, or at an array that is to be deleted. Nothing of the real machine is looked at for a
+/// simulated one.
+SDiskPlan PlanOf(const CContext& context, const CTexts& texts, const PI::CObject& disk);
+Json PlanJson(const std::vector<SDiskPlan>& disks);
+std::string PlanText(const std::vector<SDiskPlan>& disks);
+
+/// Asks on a terminal. Throws CError(EXIT_NOT_CONFIRMED) on anything but yes, or without a terminal.
+void Confirm(const std::string& question);
+
+}  // namespace rvxctl

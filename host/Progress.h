@@ -1,0 +1,13 @@
+#pragma once
+/// @file
+
+#include "host/Output.h"
+
+namespace rvxctl {
+
+/// Follows the rebuild or resync of an array to its end: a bar on a terminal, a line per 5 % elsewhere. The
+/// plug-in's threads must run. EXIT_DONE when the work completed or none was running, EXIT_PLUGIN_ERROR when
+/// it was aborted or the array went away.
+int FollowRun(CContext& context, unsigned long arrayID);
+
+}  // namespace rvxctl

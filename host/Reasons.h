@@ -1,0 +1,23 @@
+#pragma once
+/// @file
+/// Refusals in words: what in the present state is behind one, and what can be done about it.
+
+#include <string>
+
+#include "host/Output.h"
+
+namespace rvxctl {
+
+/// What of the objects' state makes the plug-in refuse an operation; empty when the status says it all.
+std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
+                     unsigned int operation, unsigned int status);
+
+/// The status in words, with the reason in brackets where one is known.
+std::string RefusalText(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
+                        unsigned int operation, unsigned int status);
+
+/// What a person can do about a refusal on this machine; empty when that is not known. `level` is md's name
+/// of the level that was asked for, or empty.
+std::string HintFor(const CContext& context, unsigned int status, const std::string& level);
+
+}  // namespace rvxctl
