@@ -1,0 +1,122 @@
+#include "tests/support/Arrays.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "Src/piRVXTrace.h"
+#include "system/Descriptor.h"
+
+namespace NAMESPACE_piRVX {
+
+std::string DisksOf(const std::vector<std::uint64_t>& sizes, const std::string& more) {
+  std::string disks;
+  for (std::size_t at = 0; at < sizes.size(); ++at)
+    disks += Text(R"(%s{"name": "sd%c", "controller": "sas", "size": %d})", at == 0 ? "" : ", ",
+                  static_cast<char>('a' + at), sizes[at]);
+  return R"({"controllers": [{"name": "sas", "pci": "0000:03:00.0", "vendor": "0x1000", "driver": "mpt2sas"}],)"
+         "\"disks\": [" +
+         disks + "]" + (more.empty() ? "" : ", " + more) + "}";
+}
+
+PI::CLogicalDrive RequestOf(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
+                            const std::vector<std::string>& disks) {
+  PI::CLogicalDrive request;
+  request.m_RaidLevel = level;
+  request.m_StripeSize = stripeSize;
+  PI::CContainer& container = request.m_Containers.emplace_back();
+  for (const std::string& disk : disks) container.m_Drives.emplace_back(plugin.Drive(disk).m_ID);
+  return request;
+}
+
+PI::COperation Operation(unsigned int code) {
+  PI::COperation operation;
+  operation.m_Code = operation.m_SecondCode = code;
+  return operation;
+}
+
+PI::COperation Operation(unsigned int code, unsigned long arrayNumber) {
+  PI::COperation operation = Operation(code);
+  operation.m_Parameters.emplace_back(PI::PROP_TARGET_LOGICAL_DRIVE, true).SetValue(arrayNumber);
+  return operation;
+}
+
+unsigned int Execute(CTestInstance& plugin, unsigned long id, PI::COperation operation) {
+  return plugin.Execute(PI::CMD_EXECUTE_OPERATION, id, &operation);
+}
+
+unsigned int Check(CTestInstance& plugin, unsigned long id, PI::COperation operation) {
+  return plugin.Execute(PI::CMD_CHECK_OPERATION, id, &operation);
+}
+
+unsigned int Create(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
+                    const std::vector<std::string>& disks) {
+  PI::CLogicalDrive request = RequestOf(plugin, level, stripeSize, disks);
+  PI::COperation operation = Operation(PI::OP_CREATE_LOGICAL_DRIVE);
+  operation.m_pRequest = &request;
+  return Execute(plugin, plugin.m_Adapter.m_ID, operation);
+}
+
+md_superblock1 SuperBlockOf(const CSimulatedMachine& machine, const CRVXPhysicalDrive& drive) {
+  const std::string bytes =
+      machine.DiskBytes(drive.m_KernelName, SuperPosition(drive.m_Size), md_superblock1::SIZE);
+  md_superblock1 record;
+  std::memcpy(&record, bytes.data(), bytes.size());
+  return record;
+}
+
+bool IsSuperBlock(const md_superblock1& superBlock) {
+  return superBlock.magic == md_superblock1::MAGIC && superBlock.sb_csum == SuperBlockChecksum(superBlock);
+}
+
+mdu_array_info_t ArrayInfo(COperatingSystem& machine, const std::string& name) {
+  const CDescriptor device(machine, "/dev/" + name, O_RDONLY);
+  mdu_array_info_t info{};
+  if (machine.Ioctl(device.Get(), GET_ARRAY_INFO, &info) < 0) throw std::out_of_range("no array " + name);
+  return info;
+}
+
+bool Take(KVT::Threading::CEvent& event) {
+  const bool set = event.Wait(0) == KVT::Threading::WAIT_OK;
+  event.Reset();
+  return set;
+}
+
+int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
+  const bool asks = request == GET_ARRAY_INFO || request == GET_DISK_INFO;
+  if (!asks) {
+    const bool takesNumber = request == HOT_REMOVE_DISK || request == SET_DISK_FAULTY;
+    m_Changes.emplace_back(request, takesNumber ? reinterpret_cast<std::uintptr_t>(argument) : 0);
+    if (request == ADD_NEW_DISK) m_Added.push_back(*static_cast<mdu_disk_info_t*>(argument));
+  }
+  if (const auto answer = m_Answers.find(request); answer != m_Answers.end()) {
+    errno = answer->second;
+    return answer->second == 0 ? 0 : -1;
+  }
+  if (request == GET_DISK_INFO) ++m_DiskQueries;
+  if (request == GET_DISK_INFO && !m_Disks.empty()) {
+    auto& disk = *static_cast<mdu_disk_info_t*>(argument);
+    const auto known = m_Disks.find(disk.number);
+    if (known == m_Disks.end()) {
+      errno = EINVAL;
+      return -1;
+    }
+    disk = known->second;
+    return 0;
+  }
+  const int result = CForwardingMachine::Ioctl(descriptor, request, argument);
+  if (request == GET_ARRAY_INFO && result == 0 && m_RaidDisks != 0)
+    static_cast<mdu_array_info_t*>(argument)->raid_disks = m_RaidDisks;
+  return result;
+}
+
+SMdRig::SMdRig(const std::string& description)
+    : m_Machine(description), m_Md(m_Machine), m_Door(m_Md), m_Plugin(m_Door) {
+  std::vector<PI::CAdapterID> adapterIDs;
+  if (m_Plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK)
+    throw std::runtime_error("the plug-in does not initialise");
+}
+
+}  // namespace NAMESPACE_piRVX
