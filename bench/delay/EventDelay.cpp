@@ -13,6 +13,7 @@
 #include <linux/raid/md_u.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,7 +30,7 @@
 #include "Src/piRVXPlugin.h"
 #include "simulator/SimulatedMachine.h"
 #include "system/Linux.h"
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 
 using namespace NAMESPACE_piRVX;
 using Clock = std::chrono::steady_clock;
@@ -118,27 +119,31 @@ class CServer : public INotificationTarget {
   }
   ~CServer() override { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }
 
-  /// The moment at which a fetch brought an event.
+  /// The moment at which a fetch brought news.
   Clock::time_point AwaitEvent() {
-    PI::COperation fetch;
-    fetch.m_Code = PI::OP_GET_EVENTS;
     for (const auto end = Clock::now() + std::chrono::seconds(60); Clock::now() < end;) {
-      m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, m_PluginID, &fetch);
-      if (!fetch.m_Events.empty()) return Clock::now();
+      if (FetchNews()) return Clock::now();
       std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     throw std::runtime_error("no event within 60 s");
   }
-  /// Lets the passes that a change set off run out.
+  /// Lets the passes that a change set off run out: waits until two seconds bring no news.
   void Settle() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    PI::COperation fetch;
-    fetch.m_Code = PI::OP_GET_EVENTS;
-    m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, m_PluginID, &fetch);
+    do std::this_thread::sleep_for(std::chrono::seconds(2));
+    while (FetchNews());
   }
 
  private:
   void Notify(IPLUGINAPI*) {}
+  /// Fetches the events; whether there is one that does not just repeat that md holds a failed member.
+  bool FetchNews() {
+    PI::COperation fetch;
+    fetch.m_Code = PI::OP_GET_EVENTS;
+    m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, m_PluginID, &fetch);
+    return std::any_of(fetch.m_Events.begin(), fetch.m_Events.end(),
+                       [](const PI::CEvent& event) { return event.m_Code != PI::EVT_FAILED_DRIVE_IN_USE; });
+  }
+
   IPLUGINAPI_IMPL m_Plugin;
   unsigned long m_PluginID{0};
 };
@@ -181,21 +186,16 @@ std::map<std::string, std::vector<double>> MeasureLinux(int rounds, const std::s
   struct stat status {};
   if (::stat(member.c_str(), &status) != 0) throw std::runtime_error(member + ": " + std::strerror(errno));
   void* const number = reinterpret_cast<void*>(static_cast<std::uintptr_t>(status.st_rdev));
-  mdu_disk_info_t disk{};
-  disk.number = disk.raid_disk = -1;
-  disk.major = static_cast<int>(status.st_rdev >> 8);
-  disk.minor = static_cast<int>(status.st_rdev & 0xFF);
+  mdu_disk_info_t spare{};
+  spare.number = spare.raid_disk = 1;
+  spare.major = static_cast<int>(major(status.st_rdev));
+  spare.minor = static_cast<int>(minor(status.st_rdev));
   CLinux linux_;
+  // Each change is settled before the next: right after a removal the kernel still has the member's sysfs entry and
+  // answers EEXIST when it is added again.
   return Measure(linux_, rounds,
-                 {[=] { Call(array, SET_DISK_FAULTY, number); },
-                  [=] {
-                    Call(array, HOT_REMOVE_DISK, number);
-                    mdu_disk_info_t record = disk;
-                    record.number = 1;
-                    record.raid_disk = 1;
-                    record.state = 0;
-                    Call(array, ADD_NEW_DISK, &record);
-                  }});
+                 {[=] { Call(array, SET_DISK_FAULTY, number); }, [=] { Call(array, HOT_REMOVE_DISK, number); },
+                  [=]() mutable { Call(array, ADD_NEW_DISK, &spare); }});
 }
 
 std::map<std::string, std::vector<double>> MeasureSimulation(int rounds) {

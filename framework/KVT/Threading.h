@@ -51,7 +51,7 @@ class ZQ_API ZQ_CAPABILITY("mutex") CFastMutex {
 class ZQ_API CEvent {
  public:
   CEvent();
-  ~CEvent();
+  ~CEvent() = default;
   CEvent(const CEvent&) = delete;
   CEvent& operator=(const CEvent&) = delete;
 

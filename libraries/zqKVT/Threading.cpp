@@ -106,7 +106,6 @@ void CFastMutex::Release() { pthread_mutex_unlock(&m_Mutex); }
 }  // namespace Native_OS
 
 CEvent::CEvent() = default;
-CEvent::~CEvent() = default;
 
 int CEvent::Init(bool signalled, bool manualReset) {
   const CSignalGuard guard;

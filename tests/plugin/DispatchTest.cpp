@@ -5,7 +5,7 @@
 
 #include <stdexcept>
 
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/NoMemory.h"
 #include "tests/support/TestInstance.h"
 

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "KVT/Exception.h"
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/TestInstance.h"
 
 using namespace NAMESPACE_piRVX;

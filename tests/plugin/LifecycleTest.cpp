@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "Src/piRVXTrace.h"
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/TestInstance.h"
 #include "tests/support/TraceCapture.h"
 

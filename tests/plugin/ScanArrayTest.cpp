@@ -6,7 +6,7 @@
 #include <map>
 
 #include "Src/piRVXTrace.h"
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/Scan.h"
 
 using namespace NAMESPACE_piRVX;

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "Src/piRVXTrace.h"
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/TestInstance.h"
 
 using namespace NAMESPACE_piRVX;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/ForwardingMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {

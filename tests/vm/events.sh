@@ -141,21 +141,10 @@ test_offline_disk() {
     arrives "disk online again" 10455 "$name"
 }
 
-# Hundredths of a second that a pass spends in other programs: one run for each disk.
-program_time() {
-    local name started
-    started=$(now)
-    for name in "${disk[@]}"; do
-        udevadm info -q all -n "/dev/$name" >/dev/null
-    done
-    echo $(($(now) - started))
-}
-
-# An interrupted program says good-bye to the plug-in, however long its pass has still to go. An array that is being
-# written to keeps a pass waiting for more than two seconds. Four seconds are the bound; a busy host that slows down the
-# programs which a pass runs is not the plug-in's doing.
+# An interrupted program says good-bye to the plug-in within four seconds, however long its pass has still to go: an
+# array that is being written to keeps a pass waiting for more than two.
 test_signals() {
-    local signal status started bound
+    local signal status started
     for signal in INT TERM; do
         : >/tmp/trace-$signal
         "$rvxctl" --trace 16 events --follow --json-lines >/tmp/signal 2>/tmp/trace-$signal &
@@ -168,9 +157,8 @@ test_signals() {
         wait "$watcher" || status=$?
         started=$(($(now) - started))
         expect_eq "SIG$signal ends it" $((128 + $(kill -l "$signal"))) "$status"
-        bound=$(program_time)
-        echo "# end: $(seconds "$started") after SIG$signal; the programs of a pass take $(seconds "$bound")"
-        check "it ended within 4 s" [ "$started" -lt $((400 + bound)) ]
+        echo "# end: $(seconds "$started") after SIG$signal"
+        check "it ended within 4 s" [ "$started" -lt 400 ]
     done
 }
 
@@ -234,9 +222,10 @@ expect_events() {
     check "two more passes go by, which may bring nothing" wait_for 30 "[ \$(passes) -gt $((passes + 2)) ]"
     seen=$(awk '$2 != 10459 { print $2, $3 }' /tmp/events | sort)
     expect_eq "each event came once, and no other" "$(printf '%s\n' "${expected[@]}" | sort)" "$seen"
-    expect_eq "what repeats is about failed members" \
-        "$(printf '%s\n' "${disk[AHCI-1]}" "${disk[SAS-1]}" | sort)" \
-        "$(awk '$2 == 10459 { print $3 }' /tmp/events | sort -u)"
+    expect_eq "what repeats is about failed members" "" \
+        "$(awk '$2 == 10459 { print $3 }' /tmp/events | grep -vxE "${disk[AHCI-1]}|${disk[SAS-1]}")"
+    check "the failed member that stayed in its array was reported" \
+        grep -q " 10459 ${disk[SAS-1]}$" /tmp/events
     check "each line is an event" jq -se 'all(.code > 10000 and (.text | length) > 0 and (.time | endswith("Z")))' /tmp/raw
 }
 

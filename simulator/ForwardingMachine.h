@@ -1,6 +1,6 @@
 #pragma once
 /// @file
-/// A door that passes everything on; tests override what they need.
+/// Machines that pass everything on to another one, for classes that override a call or two.
 
 #include "system/OperatingSystem.h"
 
