@@ -21,14 +21,18 @@ void AwaitPass(CSession& session) {
   }
 }
 
+const char* SeverityName(unsigned int severity) {
+  return severity >= PI::SEV_ERROR ? "error" : severity == PI::SEV_WARNING ? "warning" : "information";
+}
+
 std::string EventLine(const Json& event) {
   const auto name = [&](const char* key, const char* id) {
     return event[key].is_null() ? event[id].get<std::string>()
                                 : event[id].get<std::string>() + " (" + event[key].get<std::string>() + ")";
   };
   std::string line = event["time"].get<std::string>() + " " +
-                     std::to_string(event["code"].get<unsigned int>()) + " severity " +
-                     std::to_string(event["severity"].get<unsigned int>()) + " object " +
+                     std::to_string(event["code"].get<unsigned int>()) + " " +
+                     SeverityName(event["severity"].get<unsigned int>()) + " object " +
                      name("objectName", "object") + " source " + name("sourceName", "source") + " [";
   line += event["placeholders"][0].get<std::string>() + "|" + event["placeholders"][1].get<std::string>();
   return line + "] " + event["text"].get<std::string>() + "\n";

@@ -157,10 +157,19 @@ void AddChanging(CLI::App& app, CLI::App& array, SArguments& a, Command& command
   Leaf(app, "rescan", "looks at the system now", command, Rescan);
 }
 
+/// Shows the option that may have a value as a person writes it.
+class CFormatter : public CLI::Formatter {
+ public:
+  std::string make_option_name(const CLI::Option* option, bool positional) const override {
+    const std::string name = Formatter::make_option_name(option, positional);
+    return name == "--simulate{-}" ? "--simulate[=FILE]" : name;
+  }
+};
+
 void AddOptions(CLI::App& app, SOptions& options, bool& noColor) {
   app.add_flag("--json", options.m_Json, "one JSON document on standard output");
   app.add_flag("--simulate{-}", options.m_Machine,
-               "use a simulated machine: the demonstration, or =FILE's description")
+               "use a simulated machine: the demonstration, or FILE's description")
       ->each([&](const std::string&) { options.m_Simulate = true; });
   app.add_flag("--save", options.m_Save, "keep the simulated machine's state in its file");
   app.add_option("--plugin", options.m_Plugin, "the plug-in's library")->type_name("PATH");
@@ -215,6 +224,7 @@ int Main(int count, char** words) {
   app.footer(FOOTER);
   app.set_version_flag("--version", VERSION);
   app.require_subcommand(1);
+  app.formatter(std::make_shared<CFormatter>());
   app.fallthrough();
   AddOptions(app, options, noColor);
   AddShowing(app, arguments, command);
