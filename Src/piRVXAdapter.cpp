@@ -193,7 +193,7 @@ unsigned int IPLUGINAPI_IMPL::ExecuteAdapterOperation(CRVXAdapter& adapter, PI::
       break;
     case PI::OP_RESCAN_ADAPTER:
       m_ForceWorker.Set();
-      QueueEvent(MakeEvent(PI::EVT_RESCAN_REQUESTED, adapter.m_ID, adapter.m_Name, ""));
+      QueueEvent(MakeEvent(PI::EVT_RESCAN_REQUESTED, adapter.m_ID, adapter.m_Name, ""), TRACE_SOURCE);
       m_PrivateEvent.Set();
       break;
     case PI::OP_DELETE_LAST_LOGICAL_DRIVE:

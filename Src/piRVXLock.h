@@ -1,6 +1,8 @@
 #pragma once
 /// @file
 
+#include <source_location>
+
 #include "KVT/Api.h"
 #include "KVT/Threading.h"
 #include "Src/piRVXTrace.h"
@@ -19,8 +21,9 @@ struct SLockTexts {
 class ZQ_SCOPED_CAPABILITY CTracedLock {
  public:
   CTracedLock(KVT::Threading::Native_OS::CFastMutex& mutex, unsigned long milliseconds,
-              const SLockTexts& texts, const char* source) ZQ_ACQUIRE(mutex)
-      : m_Mutex(mutex), m_Texts(texts), m_Source(source) {
+              const SLockTexts& texts, const char* source,
+              std::source_location where = std::source_location::current()) ZQ_ACQUIRE(mutex)
+      : m_Mutex(mutex), m_Texts(texts), m_Source(source), m_Line(static_cast<int>(where.line())) {
     Trace("Before %s", m_Texts.m_Wait);
     m_Held = m_Mutex.Wait(milliseconds) == KVT::Threading::WAIT_OK;
     Trace("After %s", m_Texts.m_Wait);
@@ -40,12 +43,13 @@ class ZQ_SCOPED_CAPABILITY CTracedLock {
 
  private:
   void Trace(const char* format, const char* step) const {
-    if (KVT_MODULE_INFO_piRVX.IsTraced(TRACE_LOCKS)) TraceLine(TRACE_LOCKS, m_Source, __LINE__, format, step);
+    if (KVT_MODULE_INFO_piRVX.IsTraced(TRACE_LOCKS)) TraceLine(TRACE_LOCKS, m_Source, m_Line, format, step);
   }
 
   KVT::Threading::Native_OS::CFastMutex& m_Mutex;
   const SLockTexts& m_Texts;
   const char* m_Source;
+  int m_Line;  ///< where the lock is taken
   bool m_Held{false};
 };
 

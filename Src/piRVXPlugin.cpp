@@ -19,7 +19,7 @@ constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
 constexpr char POLL_INTERVAL_KEY[] = "PollInterval";
 constexpr std::uint64_t OBJECT_ID_BASE = std::uint64_t{295} << 48;  ///< the module's number above the counter
 
-constexpr std::uint64_t THREAD_END_BOUND = 24999;  ///< ms that DeInitialize waits before it cancels
+constexpr std::int64_t THREAD_END_BOUND = 24999;  ///< ms that DeInitialize waits before it cancels
 
 bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread) {
   return thread && thread->Wait(0) == KVT::Threading::WAIT_TIMED_OUT;
@@ -116,7 +116,8 @@ unsigned int IPLUGINAPI_IMPL::DeInitialize() {
   while (Runs(m_WorkerThread) || Runs(m_EventPollThread)) {
     if (Runs(m_WorkerThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (Worker)");
     if (Runs(m_EventPollThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (m_EventPoll)");
-    if (m_OS.Now() - start > THREAD_END_BOUND) break;
+    // Signed: a clock that was set back during the wait must not end healthy threads.
+    if (static_cast<std::int64_t>(m_OS.Now() - start) > THREAD_END_BOUND) break;
     m_OS.Sleep(500);
   }
   if (Runs(m_WorkerThread)) {
@@ -172,8 +173,8 @@ PI::CEvent IPLUGINAPI_IMPL::MakeEvent(unsigned int code, unsigned long objectID,
   return event;
 }
 
-void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event) {
-  const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, TRACE_SOURCE);
+void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event, const char* traceSource) {
+  const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, traceSource);
   m_EventQueue.push_back(event);
 }
 

@@ -103,7 +103,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   PI::CEvent MakeEvent(unsigned int code, unsigned long objectID, const std::string& placeHolder1,
                        const std::string& placeHolder2) ZQ_REQUIRES(m_DataLock);
   /// Takes m_EventsLock for the append alone; the worker holds it already.
-  void QueueEvent(const PI::CEvent& event) ZQ_REQUIRES(m_DataLock);
+  void QueueEvent(const PI::CEvent& event, const char* traceSource = "Src/piRVXPlugin")
+      ZQ_REQUIRES(m_DataLock);
   CRVXLogicalDrive* FindLogicalDrive(std::uint32_t arrayNumber) ZQ_REQUIRES(m_DataLock);
   CRVXPhysicalDrive* FindPhysicalDrive(std::uint32_t major, std::uint32_t minor) ZQ_REQUIRES(m_DataLock);
   /// @}

@@ -84,7 +84,8 @@ void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLo
   const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
   if (!device.IsOpen()) return;
   const auto info = ReadArrayInfo(m_OS, device.Get(), m_StopRequest);
-  if (!info) return;
+  if (!info || IsStopping())
+    return;  // a stop cuts the wait for a clean state short: that reading tells nothing
   array.m_RaidLevel = RaidLevelOf(info->level);
   array.m_StripeSize = StripeOf(info->chunk_size);
   ScanMembers(scan, array, device.Get());
@@ -93,8 +94,8 @@ void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLo
 }
 
 void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, int descriptor) {
-  // The number of scanned disks bounds the walk, not the array's own count: an array has no more members than
-  // that.
+  // The number of scanned disks bounds the walk, not the array's own count, on purpose: front ends know the
+  // members of an array whose slot numbers grew beyond that as it is.
   const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), MAX_MEMBERS));
   for (int number = 0; number < bound; ++number) {
     mdu_disk_info_s disk{};
@@ -123,8 +124,8 @@ void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& histo
     previous = activity;
   };
   if (info.active_disks < info.raid_disks && info.raid_disks == info.working_disks) {
-    // A spare is being built in. mdstat is not asked: the progress step of the worker follows arrays by their
-    // bar.
+    // A spare is being built in and none is left. mdstat is not asked, so that nothing sets the watch for it:
+    // front ends see such a rebuild without progress.
     start(PI::ACTIVITY_REBUILDING);
     return;
   }

@@ -1,6 +1,7 @@
 /// @file
 /// The two threads: the worker that keeps the model current and the poller that wakes it.
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 
@@ -43,7 +44,16 @@ void IPLUGINAPI_IMPL::Worker() {
   KVT::Threading::CWaitInterval interval(m_PollInterval);
   KVT::Threading::CWaiter waiter({&m_ForceWorker, &m_StopRequest, &m_PrivateEvent});
   SWorkerState state;
-  while (WorkerTurn(waiter.Wait(interval.Remaining()), state)) {
+  const auto turn = [&](unsigned int wakeUp) {
+    try {
+      return WorkerTurn(wakeUp, state);
+    } catch (const std::exception& exception) {  // a turn that fails is lost, the next one may do better
+      KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, TRACE_SOURCE, __LINE__,
+                             Text("Worker() turn failed: %s", exception.what()));
+      return true;
+    }
+  };
+  while (turn(waiter.Wait(interval.Remaining()))) {
     RVX_TRACE(TRACE_THREADS, "Worker() before restart interval");
     interval.Restart(NextInterval());
   }
@@ -191,7 +201,9 @@ void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
 
 unsigned long IPLUGINAPI_IMPL::NextInterval() const {
   // Only the worker, which asks, changes the length of the list. Without disks it looks ten times less often.
-  return (m_PhysicalDrives.empty() ? 10000UL : 1000UL) * m_PollInterval;
+  // A front end may set an interval of any value by giving limits of its own: 0 would leave requests no time,
+  // and a negative one no end.
+  return (m_PhysicalDrives.empty() ? 10000UL : 1000UL) * std::clamp(m_PollInterval.load(), 1U, 86400U);
 }
 
 void IPLUGINAPI_IMPL::EventPoll() {
@@ -219,7 +231,6 @@ bool IPLUGINAPI_IMPL::EventPollRound() {
   // Opened afresh each round: the kernel reports changes since the opening.
   m_MdstatDescriptor = m_OS.Open("/proc/mdstat", O_RDONLY);
   if (m_MdstatDescriptor < 0) {
-    m_MdstatDescriptor = -1;
     RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
     m_OS.Sleep(MDSTAT_WAIT);
     return true;

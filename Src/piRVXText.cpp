@@ -118,7 +118,7 @@ std::optional<SRunProgress> ParseProgress(std::string_view line) {
   if (place == std::string_view::npos) return progress;
   int percent = 0;
   const std::string number(line.substr(place + RESYNC.size(), 9));
-  if (std::sscanf(number.c_str(), "%d", &percent) == 1 && percent >= 0)
+  if (std::sscanf(number.c_str(), "%d", &percent) == 1 && percent >= 0 && percent <= 100)
     progress.m_Percent = static_cast<std::uint32_t>(percent);
   return progress;
 }

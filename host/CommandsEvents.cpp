@@ -11,9 +11,9 @@ namespace {
 constexpr std::chrono::milliseconds FETCH_INTERVAL{250};
 constexpr std::chrono::seconds FIRST_PASS_LIMIT{30};
 
-/// Waits until the worker has gone through a pass, so that what differs by now is in the queue.
-void AwaitPass(CSession& session) {
-  const unsigned long before = CTopology(session).Plugin().m_UpdateCounter;
+/// Waits until the worker's passes have moved the plug-in's counter on from `before`, so that what differs by
+/// now is in the queue.
+void AwaitPass(CSession& session, unsigned long before) {
   for (const auto end = std::chrono::steady_clock::now() + FIRST_PASS_LIMIT;
        std::chrono::steady_clock::now() < end;) {
     session.Pause(FETCH_INTERVAL);
@@ -42,8 +42,9 @@ std::string EventLine(const Json& event) {
 
 int ShowEvents(CContext& context, bool follow, bool jsonLines) {
   CSession& session = context.Session();
+  const unsigned long before = CTopology(session).Plugin().m_UpdateCounter;
   session.Start();
-  if (!follow) AwaitPass(session);
+  if (!follow) AwaitPass(session, before);
   Json all = Json::array();
   while (true) {
     const std::vector<PI::CEvent> events = session.FetchEvents();

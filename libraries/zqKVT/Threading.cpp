@@ -150,7 +150,8 @@ unsigned int CWaiter::Wait(unsigned long milliseconds) {
 CWaitInterval::CWaitInterval(unsigned long milliseconds) { Restart(milliseconds); }
 
 void CWaitInterval::Restart(unsigned long milliseconds) {
-  m_End = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+  constexpr unsigned long LONGEST = 100UL * 365 * 24 * 3600 * 1000;  // more would overflow the clock
+  m_End = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(milliseconds, LONGEST));
 }
 
 unsigned long CWaitInterval::Remaining() const {

@@ -34,10 +34,11 @@ class CChild {
     kill(m_ID, SIGKILL);  // it may have left its group
     Reap();
   }
-  /// Waits for the end; true when that was a return with status 0.
+  /// Waits for the end; true when that was a return with status 0. A server that ignores SIGCHLD or reaps every
+  /// child takes the status away: then the end alone counts.
   bool Reap() {
     const CCancellationGuard noCancel;
-    int status = -1;
+    int status = 0;
     while (waitpid(m_ID, &status, 0) < 0 && errno == EINTR) {
     }
     m_ID = 0;
