@@ -61,7 +61,7 @@ static unsigned int EmptyOnFailure(unsigned int status, TList& list) {
   return status;
 }
 
-unsigned int IPLUGINAPI_IMPL::Execute(PI::_COMMAND command, unsigned long objectID, void* data) try {
+unsigned int IPLUGINAPI_IMPL::Execute(PI::_COMMAND command, unsigned long objectID, void* data) {
   const auto adapterIDs = static_cast<std::vector<PI::CAdapterID>*>(data);
   const auto objects = static_cast<std::vector<PI::CObject>*>(data);
   const auto properties = static_cast<std::vector<PI::CProperty>*>(data);
@@ -91,12 +91,6 @@ unsigned int IPLUGINAPI_IMPL::Execute(PI::_COMMAND command, unsigned long object
       return ExecuteOperation(objectID, *operation);
   }
   return PI::COMMAND_ERROR;
-} catch (const std::bad_alloc&) {  // no exception may reach the server; the locks are released by now
-  return PI::ERR_OUT_OF_MEMORY;
-} catch (const std::exception& exception) {
-  KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, TRACE_SOURCE, __LINE__,
-                         Text("Execute(%d) failed: %s", static_cast<int>(command), exception.what()));
-  return PI::ERR_GENERAL;
 }
 
 /// The four handlers of one request, by kind of object.

@@ -74,7 +74,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array,
 unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   const std::string path = array.DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() dev=%s", path);
-  const CDescriptor device(m_OS, path, O_RDONLY);
+  CDescriptor device(m_OS, path, O_RDONLY);
   if (!device.IsOpen() || m_OS.Ioctl(device.Get(), STOP_ARRAY, nullptr) < 0) return PI::ERR_DEVICE_IO;
   const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
   if (!blank) return PI::ERR_DEVICE_IO;
@@ -85,6 +85,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
     if (drive.m_IsMemberOf == arrayNumber) status = WriteSuperBlock1(drive, blank.get());
   m_ConfigFile.WriteKeyValue("", "", 0, arrayNumber);
+  device.Close();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() ret=%d", status);
   return status;
 }

@@ -171,11 +171,8 @@ void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
   if (!IsSmartCheckDue(state.m_LastSmartCheck, now)) return;
   state.m_LastSmartCheck = now;
   for (const CRVXPhysicalDrive& drive : m_PhysicalDrives) {
-    if (drive.m_Attachment != PI::ATTACHMENT_ATA || drive.m_Medium != PI::MEDIUM_SOLID_STATE) continue;
-    PI::CSmartValues values(drive.m_Vendor, drive.m_Model);
-    PI::_IDE_SMART_DATA data{};
-    if (!values.IsSupported() || GetSmartData(drive.DevicePath(), data) != PI::OK || !values.Evaluate(data))
-      continue;
+    // Figures that a drive does not report, or that could not be read, are all ones and raise nothing.
+    const PI::CSmartValues values = ReadSmartValues(drive);
     unsigned long hours = 0;
     const bool projected = PI::CPluginHelper::ComputeRemainingLifeTime(
         values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed, values.m_RatedWriteVolume, hours);

@@ -99,10 +99,12 @@ std::optional<std::uint32_t> ArrayNumber(const std::string& name) {
   for (const KVT::Regex& pattern : patterns) {
     const auto groups = pattern.Match(name);
     if (!groups) continue;
-    std::uint32_t number = 0;
+    // Signed: a greater number would read as "no array" in the drives, and deleting it would wipe the free
+    // ones.
+    std::int32_t number = 0;
     const std::string& digits = groups->front();
     if (std::from_chars(digits.data(), digits.data() + digits.size(), number).ec == std::errc{})
-      return number;
+      return static_cast<std::uint32_t>(number);
   }
   return std::nullopt;
 }

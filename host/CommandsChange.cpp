@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr std::chrono::seconds APPEAR_LIMIT{30};
+constexpr unsigned long MIRROR_LIMIT = 1UL
+                                       << 40;  ///< bytes of a member; the superblock's size is wrong above it
 
 constexpr struct SLevelName {
   const char* m_Name;
@@ -59,12 +61,13 @@ std::string WarningOf(const CTexts& texts, const PI::COperation& before, const P
 }
 
 /// The plug-in's refusal of the check or of the execution.
-CError Refused(CContext& context, const SChange& change, unsigned int status, const std::string& what) {
+CError Refused(CContext& context, const SChange& change, unsigned int status, bool executed) {
   const CTexts& texts = context.Session().Texts();
-  std::string help = ReasonOf(texts, change.m_Topology, change.m_Object, change.m_Code, status);
-  const std::string hint = HintFor(context, status, change.m_Level);
+  std::string help;
+  if (!executed) help = ReasonOf(texts, change.m_Topology, change.m_Object, change.m_Code, status);
+  const std::string hint = HintFor(context, change.m_Code, status, change.m_Level, executed);
   help += (help.empty() || hint.empty() ? "" : "\n") + hint;
-  return PluginError(texts, status, what + " " + change.m_What, help);
+  return PluginError(texts, status, (executed ? "could not " : "cannot ") + change.m_What, help);
 }
 
 /// Check, plan, consent, execution. `fill` completes the operation. False after a dry run.
@@ -89,22 +92,24 @@ bool Carry(CContext& context, const SChange& change, const SConsent& consent, TF
         {"check", {{"status", check}, {"name", check == PI::OK ? "OK" : texts.StatusName(check)}}},
         {"warning", warning.empty() ? Json(nullptr) : Json(warning)}};
     const Json errors =
-        check == PI::OK ? Json::array() : Json::array({ErrorJson(Refused(context, change, check, "cannot"))});
+        check == PI::OK ? Json::array() : Json::array({ErrorJson(Refused(context, change, check, false))});
     context.Show(
         "plan", data,
         text + "The plug-in's check: " + (check == PI::OK ? std::string("allowed") : texts.OfStatus(check)) +
             "\nNothing was changed.\n",
         errors);
   }
-  if (check != PI::OK) throw Refused(context, change, check, "cannot");
+  if (check != PI::OK) throw Refused(context, change, check, false);
   if (consent.m_DryRun) return false;
   if (!change.m_Loss.empty()) {
     std::cerr << text;
     if (!consent.m_Yes) Confirm(texts.Find(offered.m_ConfirmationCode).value_or("Go on?"));
   }
-  session.Start();
+  // Before the plug-in's threads run: what was consented to is carried out on the model that was shown.
+  session.HoldSignals();
   if (const unsigned int status = session.Run(change.m_Object.m_ID, operation); status != PI::OK)
-    throw Refused(context, change, status, "could not");
+    throw Refused(context, change, status, true);
+  session.Start();
   return true;
 }
 
@@ -128,6 +133,13 @@ std::vector<unsigned long> Ids(const std::vector<const PI::CObject*>& objects) {
   std::vector<unsigned long> ids;
   for (const PI::CObject* const object : objects) ids.push_back(object->m_ID);
   return ids;
+}
+
+/// Follows the rebuild or resync that a change set off. A change has one answer: with --json nothing is shown
+/// on the way.
+void FollowToEnd(CContext& context, unsigned long id, const std::string& done) {
+  if (const int status = FollowRun(context, id, context.Options().m_Json); status != EXIT_DONE)
+    throw CError(status, done + ", but the run did not complete");
 }
 
 int ShowDone(CContext& context, const std::string& text, Json data = Json::object()) {
@@ -164,12 +176,17 @@ int CreateArray(CContext& context, const std::string& level, int stripe,
     names += (names.empty() ? "" : ", ") + NameOf(disk);
   }
   const auto before = Ids(topology.OfKind(PI::OBJ_LOGICAL_DRIVE));
+  std::string loss = "What is on these disks is lost.";
+  if (wanted->m_Level == PI::LEVEL_RAID1 &&
+      std::any_of(plans.begin(), plans.end(),
+                  [](const SDiskPlan& plan) { return plan.m_Bytes > MIRROR_LIMIT; }))
+    loss += " A mirror of disks above 1 TiB is refused, or comes out much smaller than they are.";
   const SChange change{"create a " + level + " array of " + names,
                        topology,
                        topology.Adapter(),
                        PI::OP_CREATE_LOGICAL_DRIVE,
                        plans,
-                       "What is on these disks is lost.",
+                       loss,
                        level};
   if (!Carry(context, change, consent, [&](PI::COperation& operation) { operation.m_pRequest = &request; }))
     return EXIT_DONE;
@@ -187,7 +204,7 @@ int CreateArray(CContext& context, const std::string& level, int stripe,
   if (id == 0)
     return ShowDone(context, "The array was created, but has not shown up yet; see 'rvxctl array list'.");
   if (consent.m_Wait) {
-    if (const int status = FollowRun(context, id); status != EXIT_DONE) return status;
+    FollowToEnd(context, id, name + " is created");
   }
   return ShowDone(context, "Created " + name + ".", {{"array", name}, {"id", HexadecimalID(id)}});
 }
@@ -244,6 +261,12 @@ int AddSpare(CContext& context, const std::string& disk, const std::string& arra
   const PI::CObject& drive = topology.Find(disk, PI::OBJ_PHYSICAL_DRIVE);
   const PI::CObject& target = topology.Find(array, PI::OBJ_LOGICAL_DRIVE);
   const auto number = NumberOf(target, PI::PROP_ARRAY_NUMBER);
+  for (const PI::CObject* const other : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
+    if (other->m_ID != target.m_ID && NumberOf(*other, PI::PROP_ARRAY_NUMBER) == number)
+      throw CError(EXIT_NOT_ALLOWED,
+                   NameOf(target) + " and " + NameOf(*other) +
+                       " have the same number, and the plug-in is told the number alone: stop " +
+                       "one of them, or use mdadm --add");
   const SChange change{"make " + NameOf(drive) + " a hot spare of " + NameOf(target),
                        topology,
                        drive,
@@ -265,7 +288,7 @@ int AddSpare(CContext& context, const std::string& disk, const std::string& arra
         return is(now, PI::PROP_ACTIVITY, PI::ACTIVITY_REBUILDING) ||
                !is(now, PI::PROP_STATUS, PI::STATUS_DEGRADED);
       });
-    if (const int status = FollowRun(context, target.m_ID); status != EXIT_DONE) return status;
+    FollowToEnd(context, target.m_ID, NameOf(drive) + " is a hot spare of " + NameOf(target));
   }
   return ShowDone(context, NameOf(drive) + " is a hot spare of " + NameOf(target) + ".");
 }
@@ -292,9 +315,9 @@ int ChangeRebuild(CContext& context, const std::string& array, bool start, const
                        object,
                        start ? PI::OP_START_REBUILD : PI::OP_CANCEL_REBUILD,
                        {},
-                       ""};
+                       start ? "" : "The array stays degraded."};
   if (!Carry(context, change, consent, [](PI::COperation&) {})) return EXIT_DONE;
-  if (start && consent.m_Wait) return FollowRun(context, object.m_ID);
+  if (start && consent.m_Wait) FollowToEnd(context, object.m_ID, "the rebuild is started");
   return ShowDone(
       context, std::string("The rebuild of ") + NameOf(object) + (start ? " is started." : " is cancelled."));
 }

@@ -3,7 +3,9 @@
 #include <blkid/blkid.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
+#include <cctype>
 #include <iostream>
 #include <memory>
 
@@ -25,7 +27,14 @@ std::string SerialOf(const std::string& device) {
   return {};
 }
 
-/// File-system and RAID signatures of a device, as libblkid knows them.
+/// What was read from a disk, fit for a terminal.
+std::string Printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  return text;
+}
+
+/// File-system and RAID signatures and the partition table of a device, as libblkid knows them.
 std::vector<std::string> Signatures(const std::string& device) {
   const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
       blkid_new_probe_from_filename(device.c_str()), &blkid_free_probe);
@@ -33,13 +42,16 @@ std::vector<std::string> Signatures(const std::string& device) {
   if (!probe) return found;
   blkid_probe_enable_superblocks(probe.get(), 1);
   blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL | BLKID_SUBLKS_USAGE);
+  blkid_probe_enable_partitions(probe.get(), 1);
   while (blkid_do_probe(probe.get()) == 0) {
     const char* type = nullptr;
     const char* label = nullptr;
+    if (blkid_probe_lookup_value(probe.get(), "PTTYPE", &type, nullptr) == 0)
+      found.push_back(std::string(type) + " partition table");
     if (blkid_probe_lookup_value(probe.get(), "TYPE", &type, nullptr) != 0) continue;
     blkid_probe_lookup_value(probe.get(), "LABEL", &label, nullptr);
     found.push_back(std::string(type) + " signature" +
-                    (label == nullptr ? "" : " labelled \"" + std::string(label) + "\""));
+                    (label == nullptr ? "" : " labelled \"" + Printable(label) + "\""));
   }
   return found;
 }
@@ -52,7 +64,7 @@ std::vector<std::string> ContentsOf(const std::string& name) {
         partition.m_Device == device ? std::string("itself") : "partition " + partition.m_Device.substr(5);
     if (partition.m_Device != device)
       for (const std::string& signature : Signatures(partition.m_Device)) text += ", " + signature;
-    if (!partition.m_MountPoint.empty()) text += ", mounted at " + partition.m_MountPoint;
+    if (!partition.m_MountPoint.empty()) text += ", mounted at " + Printable(partition.m_MountPoint);
     contents.push_back(text);
   }
   return contents;

@@ -34,10 +34,14 @@ std::optional<SRun> RunOf(const CTexts& texts, const PI::CObject& array) {
 /// Prints a run as it goes on.
 class CProgressPrinter {
  public:
-  CProgressPrinter(CContext& context, std::string array)
-      : m_Context(context), m_Array(std::move(array)), m_Bar(context.Output().IsTerminal() && !Json()) {}
+  CProgressPrinter(CContext& context, std::string array, bool quiet)
+      : m_Context(context),
+        m_Array(std::move(array)),
+        m_Quiet(quiet),
+        m_Bar(context.Output().IsTerminal() && !Json()) {}
 
   void Show(const SRun& run) {
+    if (m_Quiet) return;
     if (m_FirstPercent < 0) {
       m_FirstPercent = run.m_Percent;
       m_Begin = Clock::now();
@@ -54,6 +58,7 @@ class CProgressPrinter {
     }
   }
   void End(const std::string& text, int percent) {
+    if (m_Quiet) return;
     if (m_Bar) m_Context.Output().Print("\r\033[K");
     Line(text, percent, "");
   }
@@ -80,6 +85,7 @@ class CProgressPrinter {
 
   CContext& m_Context;
   std::string m_Array;
+  bool m_Quiet;
   bool m_Bar;
   int m_FirstPercent{-1};
   int m_LastStep{-1};
@@ -98,7 +104,7 @@ std::optional<bool> CompletedBy(const std::vector<PI::CEvent>& events, unsigned 
 
 }  // namespace
 
-int FollowRun(CContext& context, unsigned long arrayID) {
+int FollowRun(CContext& context, unsigned long arrayID, bool quiet) {
   CSession& session = context.Session();
   std::optional<CProgressPrinter> printer;
   int percent = -1;  // as long as no run was seen
@@ -108,7 +114,7 @@ int FollowRun(CContext& context, unsigned long arrayID) {
     const CTopology topology(session);
     const PI::CObject* const array = topology.FindID(arrayID);
     if (array == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
-    if (!printer) printer.emplace(context, NameOf(*array));
+    if (!printer) printer.emplace(context, NameOf(*array), quiet);
     if (completed) {
       printer->End(*completed ? "completed" : "aborted", *completed ? 100 : std::max(percent, 0));
       return *completed ? EXIT_DONE : EXIT_PLUGIN_ERROR;

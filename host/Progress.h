@@ -7,7 +7,7 @@ namespace rvxctl {
 
 /// Follows the rebuild or resync of an array to its end: a bar on a terminal, a line per 5 % elsewhere. The
 /// plug-in's threads must run. EXIT_DONE when the work completed or none was running, EXIT_PLUGIN_ERROR when
-/// it was aborted or the array went away.
-int FollowRun(CContext& context, unsigned long arrayID);
+/// it was aborted; throws CError when the array went away. `quiet`: shows nothing.
+int FollowRun(CContext& context, unsigned long arrayID, bool quiet = false);
 
 }  // namespace rvxctl

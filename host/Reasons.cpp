@@ -1,6 +1,7 @@
 #include "host/Reasons.h"
 
 #include <fstream>
+#include <sstream>
 
 namespace rvxctl {
 
@@ -19,14 +20,38 @@ std::string DiskState(const CTexts& texts, const CTopology& topology, const PI::
 }
 
 /// The arrays that something runs on: all of them, or the one that is asked about.
-std::string RunningWork(const CTexts& texts, const CTopology& topology, const PI::CObject& object) {
+std::string RunningWork(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
+                        unsigned int operation) {
   std::string work;
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE)) {
     const bool asked = object.m_Kind != PI::OBJ_LOGICAL_DRIVE || object.m_ID == array->m_ID;
-    if (asked && NumberOf(*array, PI::PROP_ACTIVITY) != PI::ACTIVITY_NONE)
+    const auto activity = NumberOf(*array, PI::PROP_ACTIVITY);
+    // A resync is in the way of a rebuild alone.
+    if (asked && (activity == PI::ACTIVITY_REBUILDING ||
+                  (operation == PI::OP_START_REBUILD && activity != PI::ACTIVITY_NONE)))
       work += (work.empty() ? "" : ", ") + NameOf(*array) + ": " + ActivityText(texts, *array);
   }
   return work;
+}
+
+bool IsDeletion(unsigned int operation) {
+  return operation == PI::OP_DELETE_LOGICAL_DRIVE || operation == PI::OP_DELETE_LAST_LOGICAL_DRIVE ||
+         operation == PI::OP_DELETE_ALL_LOGICAL_DRIVES;
+}
+
+/// What a creation that failed on its way left in the kernel, and what to do about it.
+std::string HalfBuilt(const std::string& mdstat, const std::string& level) {
+  std::string text;
+  if (mdstat.substr(0, mdstat.find('\n')).find("[" + level + "]") == std::string::npos)
+    text = "If the kernel log says that it does not know the level: modprobe " + level;
+  // The array does not run and its members are busy. The plug-in's names begin with md_d.
+  std::istringstream lines(mdstat);
+  for (std::string line; std::getline(lines, line);)
+    if (const std::size_t name = line.find(" : inactive");
+        name != std::string::npos && line.starts_with("md_d"))
+      text += (text.empty() ? "" : "\n") +
+              std::string("A half-built array holds its disks: mdadm --stop /dev/") + line.substr(0, name);
+  return text;
 }
 
 }  // namespace
@@ -36,7 +61,7 @@ std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::C
   const bool isDisk = object.m_Kind == PI::OBJ_PHYSICAL_DRIVE;
   switch (status) {
     case PI::ERR_BUSY:
-      return RunningWork(texts, topology, object);
+      return RunningWork(texts, topology, object, operation);
     case PI::ERR_NO_REDUNDANCY:
       return NameOf(object) + " is " + TextOf(texts, object, PI::PROP_RAID_LEVEL);
     case PI::ERR_STATE_FORBIDS_REBUILD:
@@ -47,8 +72,7 @@ std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::C
     case PI::ERR_NOT_AVAILABLE:
       return topology.OfKind(PI::OBJ_LOGICAL_DRIVE).empty() ? "there is no array" : "";
     case PI::ERR_DEVICE_IO:
-      return operation == PI::OP_DELETE_LOGICAL_DRIVE || operation == PI::OP_DELETE_LAST_LOGICAL_DRIVE ||
-                     operation == PI::OP_DELETE_ALL_LOGICAL_DRIVES
+      return IsDeletion(operation)
                  ? "only an array with metadata version 1.0 that nothing uses can be deleted"
                  : "";
     case PI::ERR_GENERAL:
@@ -64,25 +88,20 @@ std::string RefusalText(const CTexts& texts, const CTopology& topology, const PI
   return texts.OfStatus(status) + (reason.empty() ? "" : " (" + reason + ")");
 }
 
-std::string HintFor(const CContext& context, unsigned int status, const std::string& level) {
-  if (context.Options().m_Simulate || (status != PI::ERR_DEVICE_IO && status != PI::ERR_OPEN_FAILED))
+std::string HintFor(const CContext& context, unsigned int operation, unsigned int status,
+                    const std::string& level, bool executed) {
+  if (status != PI::ERR_DEVICE_IO && status != PI::ERR_OPEN_FAILED && status != PI::ERR_WRITE_FAILED)
     return {};
+  if (executed && IsDeletion(operation))
+    return "An array that was stopped before this is gone: 'rvxctl array list' shows what is left. One "
+           "without a "
+           "member on a managed disk always ends so.";
+  if (executed && operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
+    return "A mirror without a chunk size, as mdadm makes it, takes no spare this way: use mdadm --add.";
+  if (context.Options().m_Simulate) return {};
   const std::string mdstat = FileText("/proc/mdstat");
   if (mdstat.empty()) return "md is not in the kernel: modprobe md-mod";
-  std::string hint;
-  if (!level.empty() && mdstat.substr(0, mdstat.find('\n')).find("[" + level + "]") == std::string::npos)
-    hint = "The kernel does not know the level: modprobe " + level;
-  // A creation that failed half-way leaves its array inactive, with busy members.
-  std::size_t begin = 0;
-  while (begin < mdstat.size()) {
-    const std::size_t end = std::min(mdstat.find('\n', begin), mdstat.size());
-    const std::string line = mdstat.substr(begin, end - begin);
-    if (const std::size_t name = line.find(" : inactive"); name != std::string::npos)
-      hint += (hint.empty() ? "" : "\n") +
-              std::string("A half-built array holds its disks: mdadm --stop /dev/") + line.substr(0, name);
-    begin = end + 1;
-  }
-  return hint;
+  return executed && operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(mdstat, level) : std::string();
 }
 
 }  // namespace rvxctl

@@ -16,8 +16,9 @@ std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::C
 std::string RefusalText(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
                         unsigned int operation, unsigned int status);
 
-/// What a person can do about a refusal on this machine; empty when that is not known. `level` is md's name
-/// of the level that was asked for, or empty.
-std::string HintFor(const CContext& context, unsigned int status, const std::string& level);
+/// What a person can do on this machine about a refusal by the check, or about an execution that failed;
+/// empty when that is not known. `level` is md's name of the level that was asked for, or empty.
+std::string HintFor(const CContext& context, unsigned int operation, unsigned int status,
+                    const std::string& level, bool executed);
 
 }  // namespace rvxctl

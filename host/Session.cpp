@@ -172,6 +172,13 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
         "the plug-in opens disks and md devices, which needs the rights of root: run it with sudo, or try "
         "--simulate");
   FindCatalog();
+  if (options.m_Simulate && std::getenv("ZQ_CONFIG_DIR") == nullptr) {
+    boost::system::error_code error;
+    m_ConfigFolder =
+        boost::filesystem::temp_directory_path(error) / boost::filesystem::unique_path("rvxctl-%%%%-%%%%");
+    boost::filesystem::create_directory(m_ConfigFolder, error);
+    ::setenv("ZQ_CONFIG_DIR", m_ConfigFolder.c_str(), 1);
+  }
   const std::string path = PluginPath(options);
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   const auto fail = [&](const std::string& why, unsigned int status = PI::OK) {
@@ -201,7 +208,11 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
 }
 
 // The library stays loaded: its trace and catalogue may be needed until the program ends.
-CSession::~CSession() { Release(); }
+CSession::~CSession() {
+  Release();
+  boost::system::error_code error;
+  if (!m_ConfigFolder.empty()) boost::filesystem::remove_all(m_ConfigFolder, error);
+}
 
 void CSession::Release() {
   if (m_Plugin == nullptr) return;
@@ -219,11 +230,15 @@ void CSession::End() {
     throw CError(EXIT_PLUGIN_ERROR, std::string("the simulated machine is not saved: ") + why);
 }
 
+void CSession::HoldSignals() {
+  const sigset_t signals = EndSignals();
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 void CSession::Start() {
   if (m_Started) return;
   m_Started = true;
-  const sigset_t signals = EndSignals();
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // inherited by the plug-in's threads
+  HoldSignals();  // inherited by the plug-in's threads
   for (PI::CAdapterID& id : m_AdapterIDs) id.m_AdapterNumber = 0;
   Execute(PI::CMD_SET_ADAPTER_IDS, 0, &m_AdapterIDs);
 }

@@ -3,6 +3,7 @@
 /// The plug-in as the server uses it: loaded, initialised, asked, de-initialised, released.
 
 #include <atomic>
+#include <boost/filesystem/path.hpp>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -91,8 +92,10 @@ class CSession : public INotificationTarget {
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
 
-  /// Takes up the server's full sequence: the plug-in's threads run from now on. SIGINT and SIGTERM no longer
-  /// end the program but Pause, so that the plug-in is always de-initialised.
+  /// From now on SIGINT and SIGTERM no longer end the program but Pause, so that the plug-in is always
+  /// de-initialised.
+  void HoldSignals();
+  /// Takes up the server's full sequence: the plug-in's threads run from now on, and signals are held.
   void Start();
   /// Waits; throws CError(EXIT_SIGNAL + n) when the person or the system wants an end.
   void Pause(std::chrono::milliseconds time) const;
@@ -120,6 +123,7 @@ class CSession : public INotificationTarget {
   void Require(unsigned int status, const char* what) const;
 
   SOptions m_Options;
+  boost::filesystem::path m_ConfigFolder;  ///< of a simulated machine: its settings are not this machine's
   void* m_Library{nullptr};
   IPLUGINAPI* m_Plugin{nullptr};
   ReleaseIfFunction* m_Release{nullptr};
