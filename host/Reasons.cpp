@@ -97,7 +97,9 @@ std::string HintFor(const CContext& context, unsigned int operation, unsigned in
            "without a "
            "member on a managed disk always ends so.";
   if (executed && operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
-    return "A mirror without a chunk size, as mdadm makes it, takes no spare this way: use mdadm --add.";
+    return "md takes no disk that is too small, none into an array without redundancy, and none this way "
+           "into a mirror "
+           "without a chunk size, as mdadm makes it: use mdadm --add there.";
   if (context.Options().m_Simulate) return {};
   const std::string mdstat = FileText("/proc/mdstat");
   if (mdstat.empty()) return "md is not in the kernel: modprobe md-mod";
