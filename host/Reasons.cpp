@@ -93,9 +93,9 @@ std::string HintFor(const CContext& context, unsigned int operation, unsigned in
   if (status != PI::ERR_DEVICE_IO && status != PI::ERR_OPEN_FAILED && status != PI::ERR_WRITE_FAILED)
     return {};
   if (executed && IsDeletion(operation))
-    return "An array that was stopped before this is gone: 'rvxctl array list' shows what is left. One "
-           "without a "
-           "member on a managed disk always ends so.";
+    return "md stops only an array that nothing uses. One that was stopped before the failure is gone: "
+           "'rvxctl array "
+           "list' shows what is left. One without a member on a managed disk always ends so.";
   if (executed && operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return "md takes no disk that is too small, none into an array without redundancy, and none this way "
            "into a mirror "
