@@ -13,49 +13,47 @@ namespace {
 
 using testing::HasSubstr;
 
-/// Every command that is none of others ("disk list"), as --help tells.
-void CollectCommands(const std::string& above, std::vector<std::string>& commands) {
-  Words words;
-  for (std::size_t begin = 0; begin < above.size();) {
-    const std::size_t end = std::min(above.find(' ', begin), above.size());
-    words.push_back(above.substr(begin, end - begin));
-    begin = end + 1;
-  }
+/// Every command that is none of others ({"disk", "list"}), as --help tells.
+void CollectCommands(const Words& above, std::vector<Words>& commands) {
+  Words words = above;
   words.push_back("--help");
   const std::string help = Rvxctl(words).m_Out;
   const std::size_t list = help.find("Subcommands:\n");
   if (list == std::string::npos) return commands.push_back(above);
   const std::regex name(R"(\n  ([a-z-]+) )");
   const std::string text = help.substr(list, help.find("\n\n", list) - list);
-  for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match)
-    CollectCommands(above + (above.empty() ? "" : " ") + (*match)[1].str(), commands);
+  for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {
+    words.back() = (*match)[1];
+    CollectCommands(words, commands);
+  }
 }
 
 TEST(Package, ManPageAndCompletionKnowEveryCommand) {
-  std::vector<std::string> commands;
-  CollectCommands("", commands);
+  std::vector<Words> commands;
+  CollectCommands({}, commands);
   EXPECT_GT(commands.size(), 20U);
   const std::string manual = ReadFile(RVX_SOURCE_DIR "/docs/rvxctl.8");
-  for (const std::string& command : commands) {
-    EXPECT_THAT(manual, HasSubstr(".It Cm " + command));
+  for (const Words& command : commands) {
+    std::string above;
+    for (std::size_t i = 0; i + 1 < command.size(); ++i) above += command[i] + " ";
+    EXPECT_THAT(manual, HasSubstr(".It Cm " + above + command.back()));
     // Asks the completion for the last word of the command.
-    const std::size_t last = command.rfind(' ') + 1;
     CProgram completion({"bash", "-c",
                          "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine $1 \"\"); "
                          "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"",
-                         RVX_SOURCE_DIR "/packaging/rvxctl.bash", command.substr(0, last)});
+                         RVX_SOURCE_DIR "/packaging/rvxctl.bash", above});
     EXPECT_EQ(completion.Wait(), 0);
-    EXPECT_THAT(completion.Out(), HasSubstr(" " + command.substr(last) + " ")) << command;
+    EXPECT_THAT(completion.Out(), HasSubstr(" " + command.back() + " ")) << above;
   }
 }
 
 TEST(Package, InstalledPiecesFindEachOther) {
-  const CFolder folder;
-  CProgram install({"cmake", "--install", RVX_BINARY_DIR, "--prefix", folder.File("usr")});
+  const CTemporaryFolder folder;
+  CProgram install({"cmake", "--install", RVX_BINARY_DIR, "--prefix", folder.Path("usr")});
   ASSERT_EQ(install.Wait(), 0) << install.Err();
   for (const char* file : {"share/zq/piRVX.nls", "share/man/man8/rvxctl.8"})
-    EXPECT_TRUE(std::filesystem::exists(folder.File("usr/") + file)) << file;
-  CProgram program({folder.File("usr/bin/rvxctl"), "--simulate", "--trace", "2", "levels"});
+    EXPECT_TRUE(std::filesystem::exists(folder.Path("usr/") + file)) << file;
+  CProgram program({folder.Path("usr/bin/rvxctl"), "--simulate", "--trace", "2", "levels"});
   EXPECT_EQ(program.Wait(), 0) << program.Err();
   EXPECT_THAT(program.Out(), HasSubstr("RAID 1 (mirror)"));
 }

@@ -37,19 +37,6 @@ void Drain(int& descriptor, std::string& text) {
 
 }  // namespace
 
-CFolder::CFolder() {
-  std::string form = std::filesystem::temp_directory_path() / "rvxctl.XXXXXX";
-  if (::mkdtemp(form.data()) == nullptr) throw std::runtime_error("no folder");
-  m_Path = form;
-}
-
-CFolder::~CFolder() { std::filesystem::remove_all(m_Path); }
-
-std::string CFolder::Write(const std::string& name, const std::string& text) const {
-  std::ofstream(m_Path / name) << text;
-  return File(name);
-}
-
 CProgram::CProgram(const Words& words, const SHow& how) {
   if (how.m_Terminal) {
     m_Process = ::forkpty(&m_Terminal, nullptr, nullptr, nullptr);
@@ -93,10 +80,9 @@ bool CProgram::ReadSome(Clock::time_point end) {
   return true;
 }
 
-bool CProgram::ReadUntil(const std::function<bool(const std::string&)>& question,
-                         std::chrono::seconds limit) {
-  const auto end = Clock::now() + limit;
-  while (!question(m_Out))
+bool CProgram::ReadUntil(const std::string& text) {
+  const auto end = Clock::now() + std::chrono::seconds(60);
+  while (m_Out.find(text) == std::string::npos)
     if (!ReadSome(end)) return false;
   return true;
 }

@@ -5,29 +5,16 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <filesystem>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "tests/unit/libraries/TemporaryFolder.h"
 
 namespace rvxctl_test {
 
 using Words = std::vector<std::string>;
 using Environment = std::vector<std::pair<std::string, std::string>>;
-
-/// A folder of its own for as long as it lives.
-class CFolder {
- public:
-  CFolder();
-  ~CFolder();
-  std::string File(const std::string& name) const { return m_Path / name; }
-  /// Writes a file into it and returns its path.
-  std::string Write(const std::string& name, const std::string& text) const;
-
- private:
-  std::filesystem::path m_Path;
-};
 
 struct SHow {
   Environment m_Environment{};
@@ -43,9 +30,8 @@ class CProgram {
   CProgram(const CProgram&) = delete;
   CProgram& operator=(const CProgram&) = delete;
 
-  /// Reads until what was written so far satisfies the question; false when the time runs out or the program
-  /// ends.
-  bool ReadUntil(const std::function<bool(const std::string& out)>& question, std::chrono::seconds limit);
+  /// Reads until the text was written; false when a generous time runs out or the program ends.
+  bool ReadUntil(const std::string& text);
   void Type(const std::string& text);
   void Signal(int signal) const;
   void CloseOutput();

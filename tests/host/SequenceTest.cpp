@@ -20,9 +20,10 @@ using testing::HasSubstr;
 /// A machine that keeps what is done to it, looked at every two seconds.
 class CKeptMachine {
  public:
-  explicit CKeptMachine(const std::string& name)
-      : m_File(m_Folder.Write("machine.json",
-                              ReadFile(RVX_SOURCE_DIR "/tests/host/machines/" + name + ".json"))) {
+  /// The machine of that name, with one more key.
+  explicit CKeptMachine(const std::string& name, const std::string& key = "") {
+    std::string text = ReadFile(RVX_SOURCE_DIR "/tests/host/machines/" + name + ".json");
+    m_File = m_Folder.Write("machine.json", text.insert(text.rfind('}'), key));
     m_Folder.Write("piRVX.ini", "PollInterval=2\n");
   }
   Words WordsOf(Words words) const {
@@ -30,7 +31,7 @@ class CKeptMachine {
     return words;
   }
   SHow How(bool terminal = false) const {
-    return {.m_Environment = {{"ZQ_CONFIG_DIR", m_Folder.File("")}}, .m_Terminal = terminal};
+    return {.m_Environment = {{"ZQ_CONFIG_DIR", m_Folder.Path()}}, .m_Terminal = terminal};
   }
   SResult Run(const Words& words) const { return Rvxctl(WordsOf(words), How()); }
   json Data(Words words) const {
@@ -45,7 +46,7 @@ class CKeptMachine {
   }
 
  private:
-  CFolder m_Folder;
+  CTemporaryFolder m_Folder;
   std::string m_File;
 };
 
@@ -58,41 +59,25 @@ std::vector<json> Lines(const std::string& text) {
 
 TEST(Sequence, AMirrorFromCreationToDeletion) {
   const CKeptMachine machine("plain");
-  const json created = machine.Data({"array", "create", "--level", "raid1", "sda", "sdb", "--yes"});
-  EXPECT_EQ(created["array"], "md_d0");
+  const SResult created =
+      machine.Run({"array", "create", "--level", "raid1", "sda", "sdb", "--yes", "--wait"});
+  EXPECT_EQ(created.m_Status, 0) << created.m_Err;
+  EXPECT_THAT(created.m_Out, HasSubstr("md_d0: completed\nCreated md_d0."));
   EXPECT_EQ(machine.Run({"spare", "add", "sdd", "md_d0", "--yes"}).m_Status, 1) << "it is too small";
   EXPECT_EQ(machine.Run({"spare", "add", "sdc", "md_d0", "--yes"}).m_Status, 0);
   EXPECT_EQ(machine.StatusOf("sdc"), "Hot spare");
   EXPECT_EQ(machine.Run({"spare", "release", "sdc", "--yes"}).m_Status, 0);
   EXPECT_EQ(machine.StatusOf("sdc"), "Ready");
-  EXPECT_EQ(machine.Run({"array", "delete", "md_d0", "--yes"}).m_Status, 0);
+  EXPECT_EQ(machine.Data({"array", "create", "--level", "raid0", "sdc", "sdd", "--yes"})["array"], "md_d1");
+  EXPECT_EQ(machine.Run({"array", "delete", "--all", "--yes"}).m_Status, 0);
   EXPECT_EQ(machine.Data({"array", "list"}), json::array());
   EXPECT_EQ(machine.StatusOf("sda"), "Ready");
 }
 
-TEST(Sequence, AllArraysAreDeletedOrItIsSaidWhichAreLeft) {
-  const CKeptMachine machine("plain");
-  EXPECT_EQ(machine.Run({"array", "create", "--level", "linear", "sda", "sdb", "--yes"}).m_Status, 0);
-  EXPECT_EQ(
-      machine.Run({"array", "create", "--level", "raid0", "--stripe", "4", "sdc", "sdd", "--yes"}).m_Status,
-      0);
-  EXPECT_EQ(machine.Run({"array", "delete", "--all", "--yes"}).m_Status, 0);
-  EXPECT_EQ(machine.Data({"array", "list"}), json::array());
-}
-
-TEST(Sequence, CreationFollowsTheResyncToItsEnd) {
-  const CKeptMachine machine("plain");
-  const SResult result =
-      machine.Run({"array", "create", "--level", "raid1", "sda", "sdb", "--yes", "--wait"});
-  EXPECT_EQ(result.m_Status, 0) << result.m_Err;
-  EXPECT_THAT(result.m_Out, HasSubstr("md_d0: completed\nCreated md_d0."));
-}
-
 TEST(Sequence, AMachineThatCannotBeSavedIsAnError) {
-  const CFolder folder;
-  std::filesystem::create_directory(folder.File("locked"));
+  const CTemporaryFolder folder;
   const std::string name = folder.Write(
-      "locked/" + std::string(250, 'm'),
+      std::string(250, 'm'),
       ReadFile(RVX_SOURCE_DIR "/tests/host/machines/plain.json"));  // leaves no room for the new file's name
   const SResult result = Rvxctl({"--simulate=" + name, "--save", "rescan"});
   EXPECT_EQ(result.m_Status, 1);
@@ -101,14 +86,10 @@ TEST(Sequence, AMachineThatCannotBeSavedIsAnError) {
 
 TEST(Events, ComeOnceAndInOrder) {
   const CKeptMachine machine("eventful");
-  Words words = RvxctlWords(machine.WordsOf({"events", "--follow", "--json-lines"}));
-  CProgram program(words, machine.How());
-  const auto has = [](const char* code) {
-    return [code](const std::string& out) { return out.find(code) != std::string::npos; };
-  };
-  ASSERT_TRUE(program.ReadUntil(has("\"code\":10078"), seconds(60))) << program.Out();
+  CProgram program(RvxctlWords(machine.WordsOf({"events", "--follow", "--json-lines"})), machine.How());
+  ASSERT_TRUE(program.ReadUntil("\"code\":10078")) << program.Out();
   // One pass more: a change that is reported twice would come again.
-  ASSERT_TRUE(program.ReadUntil(has("\"code\":10459"), seconds(20))) << program.Out();
+  ASSERT_TRUE(program.ReadUntil("\"code\":10459")) << program.Out();
   program.Signal(SIGINT);
   EXPECT_EQ(program.Wait(seconds(10)), 130);
   std::vector<int> codes;
@@ -118,30 +99,26 @@ TEST(Events, ComeOnceAndInOrder) {
     EXPECT_EQ(event["source"], "0x0127000000000001");
     if (event["code"] != 10459)
       codes.push_back(event["code"]);  // repeats as long as md holds the failed member
-    if (event["code"] == 10454) {
-      EXPECT_EQ(event["objectName"], "sdc");
-      EXPECT_EQ(event["text"], "Disk sdc was ready and is now in use.");
-    }
   }
+  EXPECT_THAT(program.Out(), HasSubstr("\"Disk sdc was ready and is now in use.\""));
   EXPECT_THAT(codes, ElementsAre(10454, 10033, 10032, 10078));
-}
-
-TEST(Events, OfOnePassAreOneDocument) {
-  const json events = Rvxctl({Simulate("short_resync"), "--json", "events"}).Json();
-  ASSERT_TRUE(events.is_object());
-  ASSERT_FALSE(events["data"].empty());
-  EXPECT_EQ(events["data"][0]["code"], 10085);
+  EXPECT_THAT(Rvxctl({Simulate("short_resync"), "events"}).m_Out, HasSubstr(" 10085 information object "))
+      << "of one pass";
 }
 
 TEST(Watch, EndsAsTheWorkEnds) {
   const struct {
     const char* m_Machine;
+    const char* m_Script;
     int m_Status;
     const char* m_Last;
   } cases[] = {
-      {"short_resync", 0, "completed"}, {"aborted_resync", 1, "aborted"}, {"arrays", 0, "no rebuild"}};
-  for (const auto& [machine, status, last] : cases) {
-    const CKeptMachine kept(machine);
+      {"short_resync", "", 0, "completed"},
+      {"short_resync", R"(, "script": [{"at": 3000, "fail_member": {"array": "md_d0", "disk": "sdb"}}])", 1,
+       "aborted"},
+      {"arrays", "", 0, "no rebuild"}};
+  for (const auto& [machine, script, status, last] : cases) {
+    const CKeptMachine kept(machine, script);
     const SResult result = kept.Run({"--json", "array", "watch", "md_d0"});
     EXPECT_EQ(result.m_Status, status) << machine << result.m_Err;
     const auto lines = Lines(result.m_Out);
@@ -151,27 +128,21 @@ TEST(Watch, EndsAsTheWorkEnds) {
   }
 }
 
-TEST(Watch, DrawsABarOnATerminal) {
-  CProgram program(RvxctlWords({Simulate("recovering"), "array", "watch", "md_d0"}), {.m_Terminal = true});
-  EXPECT_TRUE(program.ReadUntil(
-      [](const std::string& out) { return out.find("md_d0 Rebuilding [") != std::string::npos; },
-      seconds(20)));
-  program.Type("\x03");
-  EXPECT_EQ(program.Wait(seconds(10)), 130);
-}
-
 TEST(Interruption, EndsInTimeWithTheSignalsNumber) {
-  for (const auto& [signal, words] :
-       std::vector<std::pair<int, Words>>{{SIGTERM, {"array", "watch", "md_d0"}},
-                                          {SIGINT, {"status", "--watch"}},
-                                          {SIGTERM, {"status", "--watch"}}}) {
+  const std::pair<int, Words> cases[] = {{SIGTERM, {"array", "watch", "md_d0"}},
+                                         {SIGINT, {"status", "--watch"}}};
+  for (const auto& [signal, words] : cases) {
     Words all = words;
     all.insert(all.begin(), Simulate("recovering"));
     CProgram program(RvxctlWords(all));
-    ASSERT_TRUE(program.ReadUntil([](const std::string& out) { return !out.empty(); }, seconds(20)));
+    ASSERT_TRUE(program.ReadUntil("Rebuilding"));
     program.Signal(signal);
     EXPECT_EQ(program.Wait(seconds(6)), 128 + signal) << words.front();
   }
+  CProgram drawing(RvxctlWords({Simulate("recovering"), "array", "watch", "md_d0"}), {.m_Terminal = true});
+  EXPECT_TRUE(drawing.ReadUntil("md_d0 Rebuilding [")) << "a bar for people";
+  drawing.Type("\x03");
+  EXPECT_EQ(drawing.Wait(seconds(10)), 130);
 }
 
 TEST(Question, OnlyAYesChangesSomething) {
@@ -180,8 +151,7 @@ TEST(Question, OnlyAYesChangesSomething) {
   for (const auto& [answer, status] : {std::pair{"\n", 4}, {"no\n", 4}, {"\x04", 4}, {"y\n", 0}}) {
     ASSERT_EQ(machine.Data({"array", "list"}).size(), 1U);
     CProgram program(RvxctlWords(machine.WordsOf({"array", "delete", "md_d0"})), machine.How(true));
-    ASSERT_TRUE(program.ReadUntil(
-        [](const std::string& out) { return out.find("[y/N]") != std::string::npos; }, seconds(20)));
+    ASSERT_TRUE(program.ReadUntil("[y/N]"));
     EXPECT_THAT(program.Out(), HasSubstr("This will delete md_d0")) << "the plan comes first";
     program.Type(answer);
     EXPECT_EQ(program.Wait(), status) << program.Out();

@@ -51,12 +51,7 @@ class CEnvironmentVariable {
     if (const char* before = std::getenv(name)) m_Before = before;
     setenv(name, value.c_str(), 1);
   }
-  ~CEnvironmentVariable() {
-    if (m_Before.empty())
-      unsetenv(m_Name);
-    else
-      setenv(m_Name, m_Before.c_str(), 1);
-  }
+  ~CEnvironmentVariable() { m_Before.empty() ? unsetenv(m_Name) : setenv(m_Name, m_Before.c_str(), 1); }
   CEnvironmentVariable(const CEnvironmentVariable&) = delete;
   CEnvironmentVariable& operator=(const CEnvironmentVariable&) = delete;
 

@@ -36,10 +36,10 @@ TEST(Linux, FilesAreReadAndClosedOnExec) {
   ASSERT_TRUE(file.IsOpen());
   EXPECT_NE(::fcntl(file.Get(), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_THAT(*ReadText(os, "/proc/self/stat"), testing::StartsWith(std::to_string(::getpid()) + " ("));
-  EXPECT_FALSE(ReadText(os, "/proc/no such file"));
   EXPECT_FALSE(os.ReadLink("/proc/self/stat"));
-  EXPECT_EQ(errno, EINVAL);
   EXPECT_TRUE(os.ReadLink("/proc/self/exe"));
+  EXPECT_EQ(os.WaitExceptional(-1, 1), -1);
+  EXPECT_EQ(errno, EBADF);
 }
 
 TEST(Linux, WaitingTakesDescriptorsThatNoSetHolds) {
@@ -54,8 +54,6 @@ TEST(Linux, WaitingTakesDescriptorsThatNoSetHolds) {
   EXPECT_EQ(os.WaitExceptional(high, 1), 0);
   EXPECT_EQ(os.Close(high), 0);
   EXPECT_EQ(os.WaitExceptional(high, 1), -1);
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_EQ(os.WaitExceptional(-1, 1), -1);
   EXPECT_EQ(errno, EBADF);
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
@@ -84,26 +82,21 @@ TEST(Linux, ASignalDoesNotEndAReading) {
 TEST(Linux, ClosingIsNoCancellationPoint) {
   const SPipe pipe;
   const int copy = ::dup(pipe.m_Ends[0]);
-  bool closed = false;
-  bool outlived = false;
-  const auto thread = KVT::Threading::CThread::Create(
-      [&] {
-        pthread_cancel(pthread_self());
-        CLinux().Close(copy);
-        closed = true;
-        pthread_testcancel();
-        outlived = true;
-      },
-      0);
-  ASSERT_EQ(thread->Wait(60000), KVT::Threading::WAIT_OK);
-  EXPECT_TRUE(closed);
-  EXPECT_FALSE(outlived);
+  std::string passed;
+  const auto body = [&] {
+    pthread_cancel(pthread_self());
+    CLinux().Close(copy);
+    passed += "closed";
+    pthread_testcancel();
+    passed += " and outlived";
+  };
+  ASSERT_EQ(KVT::Threading::CThread::Create(body, 0)->Wait(60000), KVT::Threading::WAIT_OK);
+  EXPECT_EQ(passed, "closed");
 }
 
 TEST(ReadText, StopsAtAMebibyteAndClosesTheFile) {
   CSimulatedMachine machine(CSimulatedMachine::DemoDescription());
   EXPECT_EQ(ReadText(machine, "/dev/sdf")->size(), 1024U * 1024);
-  EXPECT_FALSE(ReadText(machine, "/sys/block/sda/device")) << "a folder opens, but cannot be read";
   EXPECT_EQ(machine.OpenDescriptors(), 0U);
 }
 
