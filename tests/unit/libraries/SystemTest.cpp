@@ -99,6 +99,16 @@ TEST_F(Command, ResultTellsHowItEnded) {
   EXPECT_TRUE(NoChildIsLeft());
 }
 
+// The kernel reaps the children of a server that ignores SIGCHLD; a program's success must not look like a
+// failure.
+TEST_F(Command, SucceedsInAServerThatTakesTheExitStatusAway) {
+  const auto handler = std::signal(SIGCHLD, SIG_IGN);
+  const SCommandResult result = Run("echo out", "");
+  std::signal(SIGCHLD, handler);
+  EXPECT_EQ(result.m_Result, 1);
+  EXPECT_EQ(result.m_Lines, std::vector<std::string>{"out"});
+}
+
 TEST_F(Command, WhatCannotBeStartedGivesZero) {
   for (const std::string& path :
        {std::string("/no/such/program"), m_Folder.Path(), m_Folder.Write("no-program", "text")}) {
