@@ -8,11 +8,9 @@
 
 #include "Src/piRVXTrace.h"
 #include "tests/support/Arrays.h"
-#include "tests/support/NoMemory.h"
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using ECall = CFaultyMachine::ECall;
 
@@ -33,17 +31,12 @@ TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
   const struct {
     std::uint32_t m_Level;
     int m_MdLevel;
-    const char* m_Personality;
     std::size_t m_Disks;
-  } levels[] = {{PI::LEVEL_RAID0, 0, "raid0", 2},
-                {PI::LEVEL_RAID0, 0, "raid0", 3},
-                {PI::LEVEL_RAID1, 1, "raid1", 2},
-                {PI::LEVEL_CONCATENATION, -1, "linear", 2},
-                {PI::LEVEL_CONCATENATION, -1, "linear", 3}};
+  } levels[] = {{PI::LEVEL_RAID0, 0, 3}, {PI::LEVEL_RAID1, 1, 2}, {PI::LEVEL_CONCATENATION, -1, 2}};
   for (const auto& level : levels) {
     for (auto [stripe, chunk] : striped) {
       if (level.m_MdLevel == -1 && chunk == 64) chunk = 4;  // its own default, also for 64 KiB
-      SCOPED_TRACE(Text("%s of %d, stripe %d", level.m_Personality, level.m_Disks, stripe));
+      SCOPED_TRACE(Text("level %d, stripe %d", level.m_MdLevel, stripe));
       SRig rig(THREE);
       std::vector<std::string> disks = {"sdb", "sdc", "sda"};
       disks.resize(level.m_Disks);
@@ -52,14 +45,11 @@ TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
       EXPECT_TRUE(Take(rig.m_Plugin.m_PrivateEvent));
       EXPECT_FALSE(Take(rig.m_Plugin.m_ForceWorker)) << "the next scan finds the array";
       EXPECT_THAT(rig.m_Plugin.m_LogicalDrives, IsEmpty()) << "the model is the scan's";
-      EXPECT_THAT(rig.m_Plugin.TakeEvents(), IsEmpty());
 
       const auto info = ArrayInfo(rig.m_Machine, "md_d0");
-      EXPECT_EQ(info.major_version, 1);
       EXPECT_EQ(info.level, level.m_MdLevel);
       EXPECT_EQ(info.chunk_size, chunk * 1024);
       EXPECT_EQ(info.raid_disks, static_cast<int>(disks.size()));
-      EXPECT_EQ(info.active_disks, info.raid_disks);
       // sdb, the smaller: 976772 - 8 = 976764 KiB in front of the superblock, less 128, in whole chunks.
       const int mirrored = level.m_MdLevel == 1 ? 976636 / chunk * chunk : 0;
       EXPECT_EQ(info.size, mirrored);
@@ -78,7 +68,6 @@ TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
         EXPECT_EQ(record.super_offset, SuperOffset(drive.m_Size));
         EXPECT_EQ(record.size, static_cast<std::uint64_t>(mirrored) * 2);
         EXPECT_EQ(record.data_size, DataSize(record.super_offset, static_cast<std::uint32_t>(chunk * 2)));
-        EXPECT_EQ(record.ctime, rig.m_Machine.Now() / 1000);
         sets.insert(Uuid(record.set_uuid));
         devices.insert(Uuid(record.device_uuid));
         paths.push_back(drive.DevicePath());
@@ -86,36 +75,24 @@ TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
       EXPECT_EQ(sets.size(), 1U);
       EXPECT_EQ(devices.size(), disks.size());
       EXPECT_EQ(rig.m_Door.OpenedForWriting(), paths);
-      EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
 
       rig.Pass();
       const CRVXLogicalDrive& array = rig.m_Plugin.Array("md_d0");
       EXPECT_EQ(array.m_RaidLevel, level.m_Level);
       EXPECT_EQ(array.m_Children.size(), disks.size());
-      EXPECT_EQ(array.m_Activity, level.m_MdLevel == 1 ? PI::ACTIVITY_RESYNCING : PI::ACTIVITY_NONE);
       for (const std::string& disk : disks) EXPECT_EQ(rig.m_Plugin.Drive(disk).m_IsMemberOf, 0);
     }
   }
-}
-
-TEST(Create, TwoArraysHaveNothingInCommon) {
-  SRig rig(DisksOf({300000, 300000, 300000, 300000}));
-  ASSERT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sda", "sdb"}), PI::OK);
-  rig.Pass();
-  ASSERT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sdc", "sdd"}), PI::OK);
-  EXPECT_EQ(ArrayInfo(rig.m_Machine, "md_d1").raid_disks, 2);
-  EXPECT_NE(Uuid(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sda")).set_uuid),
-            Uuid(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sdc")).set_uuid));
 }
 
 TEST(Create, MembersGoInActiveButNotInSyncIntoAnArrayWithoutDisks) {
   SMdRig rig(THREE);
   ASSERT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sdc", "sda"}), PI::OK);
   std::vector<unsigned long> requests;
-  for (const auto& [request, argument] : rig.m_Md.m_Changes) requests.push_back(request);
+  for (const auto& [request, argument] : rig.m_Own.m_Changes) requests.push_back(request);
   EXPECT_THAT(requests, ElementsAre(SET_ARRAY_INFO, ADD_NEW_DISK, ADD_NEW_DISK, RUN_ARRAY));
   for (int number = 0; number < 2; ++number) {
-    const mdu_disk_info_t& disk = rig.m_Md.m_Added[static_cast<std::size_t>(number)];
+    const mdu_disk_info_t& disk = rig.m_Own.m_Added[static_cast<std::size_t>(number)];
     EXPECT_THAT((std::vector{disk.number, disk.major, disk.minor, disk.raid_disk, disk.state}),
                 ElementsAre(number, 8, number == 0 ? 32 : 0, number, 2));
   }
@@ -132,19 +109,11 @@ TEST(Create, RefusesBeforeAnythingIsWritten) {
   } cases[] = {{"no container", PI::LEVEL_RAID1, {}, 20006, false},
                {"two containers", PI::LEVEL_RAID1, {{"sda", "sdb"}, {"sda", "sdb"}}, 20006, false},
                {"mirror of three", PI::LEVEL_RAID1, {{"sda", "sdb", "sde"}}, 20006, false},
-               {"mirror of one", PI::LEVEL_RAID1, {{"sda"}}, 20006, false},
-               {"mirror of none", PI::LEVEL_RAID1, {TDisks{}}, 20006, false},
                {"stripes of one", PI::LEVEL_RAID0, {{"sda"}}, 20006, false},
-               {"concatenation of none", PI::LEVEL_CONCATENATION, {TDisks{}}, 20006, false},
                {"RAID 10", PI::LEVEL_RAID10, {{"sda", "sdb"}}, 20006, false},
-               {"RAID 5 of one", PI::LEVEL_RAID5, {{"sda"}}, 20006, false},
-               {"no level", 0, {{"sda", "sdb"}}, 20006, false},
-               {"unknown disk", PI::LEVEL_RAID0, {{"sda", "?"}}, 20008, true},
-               {"unknown disk before a busy one", PI::LEVEL_RAID0, {{"?", "sdc"}}, 20008, true},
-               {"busy disk before an unknown one", PI::LEVEL_RAID0, {{"sdc", "?"}}, 20006, true},
-               {"member of another array", PI::LEVEL_RAID1, {{"sda", "sdc"}}, 20006, true},
+               {"unknown disk before a busy one", PI::LEVEL_RAID0, {{"sda", "?", "sdc"}}, 20008, true},
+               {"member of another array", PI::LEVEL_RAID0, {{"sda", "sdc", "?"}}, 20006, true},
                {"spare of another array", PI::LEVEL_RAID0, {{"sda", "sdb", "sdf"}}, 20006, true},
-               {"the first disk again", PI::LEVEL_RAID1, {{"sda", "sda"}}, 20006, true},
                {"the first disk again at the end", PI::LEVEL_RAID0, {{"sda", "sdb", "sda"}}, 20006, true}};
   for (const auto& entry : cases) {
     SCOPED_TRACE(entry.m_What);
@@ -160,66 +129,20 @@ TEST(Create, RefusesBeforeAnythingIsWritten) {
     }
     PI::COperation operation = Operation(PI::OP_CREATE_LOGICAL_DRIVE);
     operation.m_pRequest = &request;
-    const std::string before = rig.m_Machine.Describe();
     EXPECT_EQ(Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, operation), entry.m_Status);
     EXPECT_THAT(rig.m_Door.OpenedForWriting(), IsEmpty());
     EXPECT_EQ(rig.m_Door.NodesMade().size(), entry.m_MakesNode ? 1U : 0U);
-    if (!entry.m_MakesNode) {
-      EXPECT_EQ(rig.m_Machine.Describe(), before);
-    }
     EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
     EXPECT_FALSE(Take(rig.m_Plugin.m_PrivateEvent));
+    operation.m_pRequest = nullptr;
+    EXPECT_EQ(Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, operation), PI::ERR_INVALID_CONFIGURATION);
   }
-  SRig rig;
-  EXPECT_EQ(Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, Operation(PI::OP_CREATE_LOGICAL_DRIVE)),
-            PI::ERR_INVALID_CONFIGURATION)
-      << "no request at all";
 }
 
 TEST(Create, ALaterDiskNamedTwiceIsRefusedByMdAlone) {
   SRig rig(THREE);
   EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sda", "sdb", "sdb"}), PI::ERR_DEVICE_IO);
-  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
   EXPECT_TRUE(IsSuperBlock(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sda")))) << "nothing is undone";
-}
-
-TEST(Create, EachStepThatFailsHasItsStatus) {
-  const struct {
-    const char* m_What;
-    ECall m_Call;
-    std::uint64_t m_N;
-    unsigned int m_Status;
-    std::size_t m_Written;
-  } steps[] = {{"node", ECall::Open, 2, 20029, 0},  // the first finds no node
-               {"SET_ARRAY_INFO", ECall::Ioctl, 1, 20003, 0},
-               {"first member", ECall::Write, 1, 20018, 0},
-               {"first member's medium", ECall::Sync, 1, 20018, 1},
-               {"first ADD_NEW_DISK", ECall::Ioctl, 2, 20003, 1},
-               {"second member", ECall::Seek, 2, 20003, 1},
-               {"second ADD_NEW_DISK", ECall::Ioctl, 3, 20003, 2},
-               {"RUN_ARRAY", ECall::Ioctl, 4, 20003, 2}};
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.m_What);
-    SRig rig(THREE);
-    rig.m_Door.FailAt(step.m_Call, step.m_N, EIO);
-    EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sda", "sdb"}), step.m_Status);
-    std::size_t written = 0;
-    for (const CRVXPhysicalDrive& drive : rig.m_Plugin.m_PhysicalDrives)
-      written += IsSuperBlock(SuperBlockOf(rig.m_Machine, drive)) ? 1U : 0U;
-    EXPECT_EQ(written, step.m_Written);
-    EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
-  }
-  SRig rig(THREE);
-  const CNoMemory noMemory;
-  EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sda", "sdb"}), PI::ERR_OUT_OF_MEMORY);
-  EXPECT_THAT(rig.m_Door.OpenedForWriting(), IsEmpty());
-}
-
-TEST(Create, WithoutRandomBytesMdRefusesTheEmptyRecord) {
-  SRig rig(THREE);
-  rig.m_Machine.SetFile("/dev/urandom", std::nullopt);
-  EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sda", "sdb"}), PI::ERR_DEVICE_IO);
-  EXPECT_EQ(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sda")).magic, 0U);
 }
 
 // --- names -----------------------------------------------------------------------------------------------
@@ -238,28 +161,22 @@ TEST(ArrayName, IsTheLowestFreeNumber) {
   const std::vector<std::uint32_t> allButTheLast(all.begin() + 1, all.end());
   const struct {
     std::vector<std::uint32_t> m_Used;
-    const char* m_Name;  ///< null: none is free
-  } cases[] = {{{}, "md_d0"},           {{0}, "md_d1"},
-               {{1, 0}, "md_d2"},       {{0, 1}, "md_d2"},
-               {{1, 2}, "md_d0"},       {{0, 2}, "md_d1"},
-               {{4, 2, 0, 1}, "md_d3"}, {{0, 0, 1, 1}, "md_d2"},
-               {{127, 0}, "md_d1"},     {allButTheLast, "md_d255"},
-               {all, nullptr}};
+    const char* m_Name;  ///< empty: none is free
+  } cases[] = {{{}, "md_d0"},           {{1, 0}, "md_d2"},          {{0, 2}, "md_d1"},
+               {{4, 2, 0, 1}, "md_d3"}, {allButTheLast, "md_d255"}, {all, ""}};
   for (const auto& entry : cases) {
     SRig rig(THREE);
     for (const std::uint32_t number : entry.m_Used) rig.m_Plugin.m_LogicalDrives.push_back(Array(number));
     char name[30] = "";
-    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), entry.m_Name != nullptr ? 0 : -1);
-    if (entry.m_Name != nullptr) {
-      EXPECT_STREQ(name, entry.m_Name);
-    }
-    if (entry.m_Name == nullptr) {
-      EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), PI::ERR_NOT_AVAILABLE);
-    }
+    const bool free = *entry.m_Name != '\0';
+    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), free ? 0 : -1);
+    EXPECT_STREQ(name, entry.m_Name);
+    EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), free ? 0U : PI::ERR_NOT_AVAILABLE);
   }
 }
 
 TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
+  const char* const node = R"("nodes": [{"path": "/dev/md_d1", "device": "253:64"}])";
   const struct {
     const char* m_What;
     const char* m_Node;  ///< that is there already
@@ -267,121 +184,37 @@ TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
     int m_Error;         ///< of mknod
     int m_Result;
     std::size_t m_Made;
-  } cases[] = {{"no node", nullptr, "MD&BLKDEV:Major=253&Minor=0", 0, 0, 1},
-               {"a node", R"("nodes": [{"path": "/dev/md_d1", "device": "253:64"}])",
-                "MD&BLKDEV:Major=253&Minor=0", 0, 0, 0},
-               {"a node, and its minor is taken", R"("nodes": [{"path": "/dev/md_d1", "device": "253:64"}])",
-                "MD&BLKDEV:Major=9&Minor=64", 0, 0, 0},
-               {"minor taken", nullptr, "MD&BLKDEV:Major=9&Minor=64", 0, -1, 0},
-               {"longer minor", nullptr, "MD&BLKDEV:Major=9&Minor=640", 0, 0, 1},
-               {"minor without a number", nullptr, "MD&BLKDEV:Major=9&Minor=x", 0, 0, 1},
-               {"no minor", nullptr, "64", 0, 0, 1},
-               {"mknod fails", nullptr, "", EPERM, 0, 1}};
+  } cases[] = {{"no node", "", "MD&BLKDEV:Major=253&Minor=0", 0, 0, 1},
+               {"a node, and its minor is taken", node, "MD&BLKDEV:Major=9&Minor=64", 0, 0, 0},
+               {"minor taken", "", "MD&BLKDEV:Major=9&Minor=64", 0, -1, 0},
+               {"longer minor", "", "MD&BLKDEV:Major=9&Minor=640", 0, 0, 1},
+               {"no minor", "", "64", 0, 0, 1},
+               {"mknod fails", "", "", EPERM, 0, 1}};
   for (const auto& entry : cases) {
     SCOPED_TRACE(entry.m_What);
-    SRig rig(DisksOf({300000, 300000}, entry.m_Node != nullptr ? entry.m_Node : ""));
+    SRig rig(DisksOf({300000, 300000}, entry.m_Node));
     rig.m_Plugin.m_LogicalDrives.push_back(Array(0, entry.m_Key));
     if (entry.m_Error != 0) rig.m_Door.FailAt(ECall::MakeNode, 1, entry.m_Error);
     char name[30] = "";
     EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), entry.m_Result);
-    if (entry.m_Result == 0) {
-      EXPECT_STREQ(name, "md_d1");
-    }
     EXPECT_EQ(rig.m_Door.NodesMade().size(), entry.m_Made);
-    EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
     if (entry.m_Made == 0 || entry.m_Error != 0) continue;
     struct stat status {};
     ASSERT_EQ(rig.m_Machine.Status("/dev/md_d1", status), 0);
     EXPECT_TRUE(S_ISBLK(status.st_mode));
-    EXPECT_EQ(major(status.st_rdev), 253U);
-    EXPECT_EQ(minor(status.st_rdev), 64U);
+    EXPECT_EQ(status.st_rdev, makedev(253, 64));
   }
 }
 
 // --- superblocks on their way ----------------------------------------------------------------------------
 
-TEST(SuperBlockDoor, ReadingSucceedsOnceTheDiskIsOpen) {
-  const struct {
-    const char* m_What;
-    int m_Minor;
-    ECall m_Call;
-    std::uint64_t m_FailAt;
-    std::size_t m_Short;
-    unsigned int m_Status;
-    bool m_IsRead;
-  } cases[] = {{"a member", 0, ECall::Any, 0, 0, 0, true},
-               {"unknown disk", 16, ECall::Any, 0, 0, 20032, false},
-               {"a partition of the member", 1, ECall::Any, 0, 0, 20032, false},
-               {"a disk without superblock", 32, ECall::Any, 0, 0, 0, false},
-               {"no open", 0, ECall::Open, 1, 0, 20003, false},
-               {"no seek", 0, ECall::Seek, 1, 0, 0, false},
-               {"no read", 0, ECall::Read, 1, 0, 0, false},
-               {"a short read", 0, ECall::Read, 0, 1023, 0, true}};
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(entry.m_What);
-    SRig rig(DisksOf({300000, 300000, 300000},
-                     R"("arrays": [{"name": "md_d0", "level": "raid0", "members": ["sda"]}])"));
-    rig.m_Plugin.m_PhysicalDrives.erase(rig.m_Plugin.m_PhysicalDrives.begin() + 1);
-    if (entry.m_FailAt != 0) rig.m_Door.FailAt(entry.m_Call, entry.m_FailAt, EIO);
-    if (entry.m_Short != 0) rig.m_Door.ShortenAt(entry.m_Call, 1, entry.m_Short);
-    md_superblock1 record{};
-    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, entry.m_Minor, &record), entry.m_Status);
-    EXPECT_EQ(record.magic == md_superblock1::MAGIC, entry.m_IsRead);
-    EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
-  }
-}
-
-TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
-  for (const std::uint64_t size : {200ULL, 201ULL, 202ULL, 203ULL, 976773ULL, 2147483648ULL, 8589934599ULL}) {
-    SCOPED_TRACE(size);
-    SRig rig(DisksOf({size}));
-    mdu_array_info_s info{};
-    info.level = 1;
-    info.raid_disks = 2;
-    md_superblock1 written{};
-    EXPECT_EQ(rig.m_Plugin.CreateSuperBlock1(&info, nullptr, "md_d7", &written), PI::OK);
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
-    md_superblock1 read{};
-    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 0, &read), PI::OK);
-    EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0)
-        << "the caller's record is what stands on the disk";
-    EXPECT_TRUE(IsSuperBlock(read));
-  }
-}
-
-TEST(SuperBlockDoor, ExclusiveOpenKeepsADiskThatSomebodyHolds) {
+TEST(SuperBlockDoor, ADiskThatSomebodyHoldsIsNotWrittenTo) {
   SRig rig(THREE);
   rig.m_Machine.Apply(R"({"hold_disk": "sda"})");
-  const std::string before = rig.m_Machine.Describe();
   md_superblock1 record{};
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), PI::ERR_DEVICE_IO);
   rig.m_Door.ShortenAt(ECall::Write, 1, 1023);
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sdb"), &record), PI::ERR_WRITE_FAILED);
-}
-
-TEST(SuperBlockDoor, AnUuidIsSixteenRawBytesAndItsTextIsAppended) {
-  SRig rig(THREE);
-  const std::uint8_t uuid[16] = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f, 0x60, 0x71,
-                                 0x82, 0x93, 0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9};
-  std::string text = "uuid ";
-  CTestInstance::UUID2String(uuid, text);
-  EXPECT_EQ(text, "uuid 0a1b2c3d:4e5f6071:8293a4b5:c6d7e8f9");
-  std::uint8_t drawn[16] = {};
-  EXPECT_EQ(rig.m_Plugin.GetUUID(drawn), PI::OK);
-  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
-  EXPECT_EQ(rig.m_Plugin.GetUUID(drawn), PI::ERR_DEVICE_IO);
-  rig.m_Door.FailAt(ECall::Open, 1, EMFILE);
-  EXPECT_EQ(rig.m_Plugin.GetUUID(drawn), PI::ERR_OPEN_FAILED);
-  EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
-
-  mdu_array_info_s info{};
-  md_superblock1 record{};
-  record.ctime = 4711;
-  rig.m_Door.FailAt(ECall::Read, 1, EIO);
-  EXPECT_EQ(rig.m_Plugin.CreateSuperBlock1(&info, nullptr, "md_d0", &record), PI::OK)
-      << "not reported on purpose";
-  EXPECT_EQ(record.ctime, 4711U) << "the record stays as it was";
-  EXPECT_EQ(record.magic, 0U);
 }
 
 TEST(SuperBlockDoor, ASleepingDiskIsStartedWhereTheServerHasTheTool) {
@@ -392,8 +225,7 @@ TEST(SuperBlockDoor, ASleepingDiskIsStartedWhereTheServerHasTheTool) {
     std::uint64_t m_Slept;
   } cases[] = {{R"("asleep": true}], "sdparm": true)", 0, 2, 3000},
                {R"("asleep": false}], "sdparm": true)", 0, 1, 0},
-               {R"("asleep": true}], "sdparm": false)", 20018, 0, 0},
-               {R"("asleep": true}], "sdparm": true, "process": "/server")", 0, 2, 3000}};
+               {R"("asleep": true}], "sdparm": false)", 20018, 0, 0}};
   for (const auto& entry : cases) {
     SCOPED_TRACE(entry.m_Machine);
     SRig rig(R"({"controllers": [{"name": "c", "pci": "0000:00:1f.2", "driver": "ahci"}],

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "Src/piRVXTrace.h"
-#include "simulator/ForwardingMachine.h"
-#include "tests/support/TestInstance.h"
+#include "tests/support/Arrays.h"
+#include "tests/support/NoMemory.h"
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;
@@ -44,37 +44,26 @@ class CHolder {
   std::thread m_Thread;
 };
 
-/// Two free ATA disks and a mirror of two others, 64 KiB chunks, in sync.
-constexpr char QUIET[] = R"({
-  "controllers": [{"name": "ahci0", "pci": "0000:00:1f.2", "vendor": "0x8086", "driver": "ahci"}],
-  "disks": [
-    {"name": "sda", "size": 1048576, "controller": "ahci0"},
-    {"name": "sdb", "size": 1048576, "controller": "ahci0"},
-    {"name": "sdc", "size": 1048576, "controller": "ahci0"},
-    {"name": "sdd", "size": 1048576, "controller": "ahci0"}
-  ],
-  "arrays": [{"name": "md0", "level": "raid1", "members": ["sda", "sdb"]}]
-})";
+/// Two free disks and a mirror of two others, 64 KiB chunks, in sync.
+const std::string QUIET = DisksOf({1048576, 1048576, 1048576, 1048576}, MirrorOfTwo("md0"));
 
 TEST(Worker, AnUnchangingMachineMovesNoDriveAndNoArray) {
   SRig rig(QUIET);
   rig.Pass();  // the first one settles what the initial scan could not compare
   rig.m_Plugin.TakeEvents();
   const auto drives = rig.m_Plugin.m_PhysicalDrives;
-  const auto arrays = rig.m_Plugin.m_LogicalDrives;
+  const unsigned long array = rig.m_Plugin.Array("md0").m_UpdateCounter;
   const unsigned long adapter = rig.m_Plugin.m_Adapter.m_UpdateCounter;
   const unsigned long plugin = rig.m_Plugin.m_Plugin.m_UpdateCounter;
-  for (int pass = 0; pass < 10; ++pass) rig.Pass();
+  for (int pass = 0; pass < 3; ++pass) rig.Pass();
   EXPECT_THAT(rig.m_Plugin.TakeEvents(), IsEmpty());
   for (std::size_t at = 0; at < drives.size(); ++at)
     EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives[at].m_UpdateCounter, drives[at].m_UpdateCounter);
-  for (std::size_t at = 0; at < arrays.size(); ++at)
-    EXPECT_EQ(rig.m_Plugin.m_LogicalDrives[at].m_UpdateCounter, arrays[at].m_UpdateCounter);
-  EXPECT_EQ(rig.m_Plugin.m_Adapter.m_UpdateCounter, adapter + 10);
-  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, plugin + 10);
+  EXPECT_EQ(rig.m_Plugin.Array("md0").m_UpdateCounter, array);
+  EXPECT_EQ(rig.m_Plugin.m_Adapter.m_UpdateCounter, adapter + 3);
+  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, plugin + 3);
   EXPECT_THAT(rig.m_Plugin.m_Plugin.m_Children, ElementsAre(rig.m_Plugin.m_Adapter.m_ID));
   EXPECT_THAT(rig.m_Plugin.m_Adapter.m_Parents, ElementsAre(rig.m_Plugin.m_Plugin.m_ID));
-  EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
 }
 
 TEST(Worker, WakeUpsLeadWhereTheyShould) {
@@ -114,18 +103,18 @@ TEST(Worker, ABusyLockSkipsThePassAndLeavesNothingHeld) {
 TEST(Worker, EventsAreNotFetchedWhileAPassHoldsThem) {
   SRig rig(QUIET);
   rig.m_Plugin.m_EventQueue.resize(2);
-  PI::COperation fetch;
-  fetch.m_Code = PI::OP_GET_EVENTS;
-  fetch.m_Events.resize(1);
+  const auto fetched = [&] {
+    PI::COperation fetch = Operation(PI::OP_GET_EVENTS);
+    fetch.m_Events.resize(1);  // does not stay
+    EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, rig.m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
+    return fetch.m_Events.size();
+  };
   {
     const CHolder holder(rig.m_Plugin.m_EventsLock);
-    EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, rig.m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
-    EXPECT_THAT(fetch.m_Events, IsEmpty());
+    EXPECT_EQ(fetched(), 0U);
   }
-  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, rig.m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
-  EXPECT_EQ(fetch.m_Events.size(), 2U);
-  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, rig.m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
-  EXPECT_THAT(fetch.m_Events, IsEmpty());
+  EXPECT_EQ(fetched(), 2U);
+  EXPECT_EQ(fetched(), 0U);
 }
 
 TEST(Worker, BusyMarksOutliveOnlyAPassThatFoundNothing) {
@@ -144,100 +133,87 @@ TEST(Worker, BusyMarksOutliveOnlyAPassThatFoundNothing) {
   EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
 }
 
-/// Answers every reading with a shortage of memory.
-class CStarvedMachine : public CForwardingMachine {
+TEST(Worker, AFailedScanLeavesTheModelAndCountsThePass) {
+  SRigOf<CStarvedDoor> rig(QUIET);
+  rig.Pass();
+  rig.m_Plugin.TakeEvents();
+  rig.m_Plugin.LockObjects(-1, -1, -1, -1);
+  const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
+  const unsigned long adapter = rig.m_Plugin.m_Adapter.m_UpdateCounter;
+  rig.m_Own.m_Left = 0;
+  rig.Pass();
+  EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives.size(), 4U);
+  EXPECT_EQ(rig.m_Plugin.m_LogicalDrives.size(), 1U);
+  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes + 1);
+  EXPECT_EQ(rig.m_Plugin.m_Adapter.m_UpdateCounter, adapter);
+  EXPECT_THAT(rig.m_Plugin.m_Plugin.m_Children, IsEmpty());
+  EXPECT_TRUE(rig.m_Plugin.m_Adapter.m_Busy);
+  rig.Pass();
+  EXPECT_THAT(rig.m_Plugin.m_Plugin.m_Children, ElementsAre(rig.m_Plugin.m_Adapter.m_ID));
+}
+
+/// Has no time to give.
+class CBrokenClock : public CForwardingMachine {
  public:
   using CForwardingMachine::CForwardingMachine;
-  bool m_Starved{false};
-  ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
-    if (m_Starved) throw std::bad_alloc();
-    return CForwardingMachine::Read(descriptor, buffer, size);
+  bool m_Broken{false};
+  std::uint64_t Now() override {
+    if (m_Broken) throw std::runtime_error("no clock");
+    return CForwardingMachine::Now();
   }
 };
 
-TEST(Worker, AFailedScanLeavesTheModelAndCountsThePass) {
-  const CConfigFolder config;
-  CSimulatedMachine machine(QUIET);
-  CStarvedMachine door(machine);
-  CTestInstance plugin(door);
-  std::vector<PI::CAdapterID> adapterIDs;
-  ASSERT_EQ(plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs), PI::OK);
-  SWorkerState worker;
-  worker.m_LastSmartCheck = machine.Now();
-  plugin.WorkerPass(worker);
-  plugin.LockObjects(-1, -1, -1, -1);
-  const unsigned long passes = plugin.m_Plugin.m_UpdateCounter;
-  const unsigned long adapter = plugin.m_Adapter.m_UpdateCounter;
-  door.m_Starved = true;
-  plugin.WorkerPass(worker);
-  EXPECT_EQ(plugin.m_PhysicalDrives.size(), 4U);
-  EXPECT_EQ(plugin.m_LogicalDrives.size(), 1U);
-  EXPECT_EQ(plugin.m_Plugin.m_UpdateCounter, passes + 1);
-  EXPECT_EQ(plugin.m_Adapter.m_UpdateCounter, adapter);
-  EXPECT_THAT(plugin.m_Plugin.m_Children, IsEmpty());
-  EXPECT_TRUE(plugin.m_Adapter.m_Busy);
-  EXPECT_TRUE(CTestInstance::IsFree(plugin.m_DataLock));
-  EXPECT_EQ(machine.OpenDescriptors(), 0U);
-  door.m_Starved = false;
-  plugin.WorkerPass(worker);
-  EXPECT_THAT(plugin.m_Plugin.m_Children, ElementsAre(plugin.m_Adapter.m_ID));
+TEST(Worker, ATurnThatFailsIsLostAndTheNextOneComes) {
+  SRigOf<CBrokenClock> rig(QUIET);  // at its end nothing may be held
+  rig.m_Own.m_Broken = true;
+  rig.m_Plugin.m_ForceWorker.Set();
+  rig.m_Plugin.m_StopRequest.Set();
+  rig.m_Plugin.Worker();  // the turn of the one, the end of the other
+  EXPECT_FALSE(Take(rig.m_Plugin.m_ForceWorker));
+  EXPECT_THROW(rig.m_Plugin.Topology(), std::runtime_error);
 }
 
 TEST(Worker, DeletedArraysAreNamedByTheNextPass) {
   SRig rig(QUIET);
-  PI::CEvent deleted;
-  deleted.m_Code = PI::EVT_LOGICALDRIVE_DELETED;
-  deleted.m_ObjectID = 0;  // md0 is there
-  PI::CEvent gone = deleted;
-  gone.m_ObjectID = 42;
-  PI::CEvent other;
-  other.m_Code = PI::EVT_LOGICALDRIVE_ADDED;
-  rig.m_Plugin.m_EventQueue = {deleted, gone, other};
+  std::vector<PI::CEvent> events(3);  // of md0, which is there, of one that is not, and of another kind
+  events[0].m_Code = events[1].m_Code = PI::EVT_LOGICALDRIVE_DELETED;
+  events[1].m_ObjectID = 42;
+  rig.m_Plugin.m_EventQueue = events;
   rig.Pass();
-  const auto events = rig.m_Plugin.TakeEvents();
+  events = rig.m_Plugin.TakeEvents();
   ASSERT_GE(events.size(), 3U);
   EXPECT_EQ(events[0].m_ObjectID, rig.m_Plugin.Array("md0").m_ID);
   EXPECT_EQ(events[1].m_ObjectID, 42U);
   EXPECT_EQ(events[2].m_ObjectID, 0U);
 }
 
-TEST(Worker, ProgressIsFollowedUntilItEnds) {
+TEST(Worker, ProgressIsFollowedUntilItEndsAndDocumentsOutliveAFailedQuery) {
   SRig rig(QUIET);
-  rig.Pass();
-  rig.m_Plugin.TakeEvents();
+  CRVXLogicalDrive& array = rig.m_Plugin.Array("md0");
   const struct {
-    const char* m_Line;
+    const char* m_Bar;
     std::uint32_t m_Progress;
     bool m_Watched;
-  } steps[] = {
-      {"      [=>...................]  recovery =  7.9% (1/2) finish=1.0min speed=1K/sec\n", 7, true},
-      {"      [==>..................]  recovery = 12.6% (1/2) finish=1.0min speed=1K/sec\n", 12, true},
-      {"      [==>..................]  recovery = 12.9% (1/2) finish=1.0min speed=1K/sec\n", 12, true},
-      {"      [===>.................]  resync = 15.0% (1/2) finish=1.0min speed=1K/sec\n", 15, true},
-      {"      [====================>]  resync =100.0% (2/2) finish=0.0min speed=1K/sec\n", 0, true},
-      {"      \tresync=DELAYED\n", 0, false},
-  };
-  CRVXLogicalDrive& array = rig.m_Plugin.Array("md0");
+  } steps[] = {{"[==>..................]  recovery = 12.6% (1/2) finish=1.0min speed=1K/sec", 12, true},
+               {"[===>.................]  resync = 15.0% (1/2) finish=1.0min speed=1K/sec", 15, true},
+               {"[====================>]  resync =100.0% (2/2) finish=0.0min speed=1K/sec", 0, true},
+               {"\tresync=DELAYED", 0, false}};
   for (const auto& step : steps) {
-    SCOPED_TRACE(step.m_Line);
-    rig.m_Machine.SetFile("/proc/mdstat",
-                          std::string("Personalities : [raid1] \nmd0 : active raid1 sdb[1] sda[0]\n"
-                                      "      1048448 blocks super 1.0 [2/2] [UU]\n") +
-                              step.m_Line + "      \nunused devices: <none>\n");
+    SCOPED_TRACE(step.m_Bar);
+    rig.m_Machine.SetFile(
+        "/proc/mdstat",
+        Text("Personalities : [raid1] \nmd0 : active raid1 sdb[1] sda[0]\n      1048448 blocks "
+             "super 1.0 [2/2] [UU]\n      %s\n      \nunused devices: <none>\n",
+             step.m_Bar));
     rig.Pass();
     EXPECT_EQ(array.m_Progress, step.m_Progress);
     EXPECT_EQ(rig.m_Plugin.m_Adapter.m_ProgressWatch, step.m_Watched);
   }
-}
-
-TEST(Worker, DocumentsFollowTheMembersAndAFailedQueryKeepsThem) {
-  SRig rig(QUIET);
-  const std::string before = rig.m_Plugin.Array("md0").m_Configuration.GetDoc();
-  EXPECT_NE(before.find("ObjectID=\"" + std::to_string(rig.m_Plugin.Drive("sda").m_ID) + "\""),
-            std::string::npos);
+  const std::string document = array.m_Configuration.GetDoc();
+  EXPECT_NE(document.find(std::to_string(rig.m_Plugin.Drive("sda").m_ID)), std::string::npos);
   rig.m_Machine.SetFile("/dev/md0", std::nullopt);
   rig.Pass();
-  EXPECT_EQ(rig.m_Plugin.Array("md0").m_Configuration.GetDoc(), before);
+  EXPECT_EQ(array.m_Configuration.GetDoc(), document);
 }
 
 TEST(Worker, WornSolidStateDisksAreReportedByTheAdapter) {
@@ -265,13 +241,11 @@ TEST(Worker, WornSolidStateDisksAreReportedByTheAdapter) {
             {"id": 9, "value": 100, "raw": %d}]}}]})",
           medium, entry.m_LifeLeft, entry.m_Reserve, entry.m_Hours));
       rig.Pass();
-      const auto events = rig.m_Plugin.TakeEvents();
       std::vector<unsigned int> codes;
-      for (const PI::CEvent& event : events) {
+      for (const PI::CEvent& event : rig.m_Plugin.TakeEvents()) {
         codes.push_back(event.m_Code);
         EXPECT_EQ(event.m_Severity, PI::SEV_WARNING);
         EXPECT_EQ(event.m_ObjectID, rig.m_Plugin.m_Adapter.m_ID);
-        EXPECT_EQ(event.m_PlaceHolder1, "Linux Multiple Devices (0)");
         EXPECT_EQ(event.m_PlaceHolder2, "sda 8:0");
       }
       EXPECT_EQ(codes, reported ? entry.m_Events : std::vector<unsigned int>{});
@@ -292,20 +266,19 @@ TEST(Worker, TheSmartCheckIsDueAtTwoChangesOfTheHour) {
     int m_LastHour;
     int m_NowHour;
     bool m_Due;
-  } cases[] = {{22, 23, true}, {10, 11, true},  {22, 22, false},
-               {23, 0, false}, {11, 11, false}, {9, 11, false}};
-  SRig rig(QUIET);
+  } cases[] = {{22, 23, true}, {10, 11, true}, {22, 22, false}, {23, 0, false}, {9, 11, false}};
   for (const auto& entry : cases) {
     SCOPED_TRACE(testing::Message() << entry.m_LastHour << " -> " << entry.m_NowHour);
     const std::uint64_t now = at(entry.m_NowHour, 10);
+    const std::uint64_t last = at(entry.m_LastHour, 50);
+    SBareRig bench(QUIET);
+    CFixedClock clock(bench.m_Machine, now);
+    CTestInstance plugin(clock);
+    ASSERT_EQ(plugin.Begin(), PI::OK);
     SWorkerState state;
-    state.m_LastSmartCheck = at(entry.m_LastHour, 50);
-    CFixedClock door(rig.m_Machine, now);
-    CTestInstance plugin(door);
-    std::vector<PI::CAdapterID> adapterIDs;
-    ASSERT_EQ(plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs), PI::OK);
+    state.m_LastSmartCheck = last;
     plugin.WorkerPass(state);
-    EXPECT_EQ(state.m_LastSmartCheck, entry.m_Due ? now : at(entry.m_LastHour, 50));
+    EXPECT_EQ(state.m_LastSmartCheck, entry.m_Due ? now : last);
     SWorkerState first;
     plugin.WorkerPass(first);
     EXPECT_EQ(first.m_LastSmartCheck, now) << "the first pass checks at any hour";

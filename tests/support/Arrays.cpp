@@ -21,6 +21,11 @@ std::string DisksOf(const std::vector<std::uint64_t>& sizes, const std::string& 
          disks + "]" + (more.empty() ? "" : ", " + more) + "}";
 }
 
+std::string MirrorOfTwo(const std::string& name, const std::string& more) {
+  return Text(R"("arrays": [{"name": "%s", "level": "raid1", "members": ["sda", "sdb"]%s%s}])", name,
+              more.empty() ? "" : ", ", more);
+}
+
 PI::CLogicalDrive RequestOf(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
                             const std::vector<std::string>& disks) {
   PI::CLogicalDrive request;
@@ -107,16 +112,8 @@ int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
     return 0;
   }
   const int result = CForwardingMachine::Ioctl(descriptor, request, argument);
-  if (request == GET_ARRAY_INFO && result == 0 && m_RaidDisks != 0)
-    static_cast<mdu_array_info_t*>(argument)->raid_disks = m_RaidDisks;
+  if (request == GET_ARRAY_INFO && result == 0 && m_Array) m_Array(*static_cast<mdu_array_info_t*>(argument));
   return result;
-}
-
-SMdRig::SMdRig(const std::string& description)
-    : m_Machine(description), m_Md(m_Machine), m_Door(m_Md), m_Plugin(m_Door) {
-  std::vector<PI::CAdapterID> adapterIDs;
-  if (m_Plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK)
-    throw std::runtime_error("the plug-in does not initialise");
 }
 
 }  // namespace NAMESPACE_piRVX

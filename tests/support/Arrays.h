@@ -2,12 +2,11 @@
 /// @file
 /// Arrays as tests ask for them and look at them.
 
-#include <initializer_list>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "simulator/ForwardingMachine.h"
 #include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {
@@ -15,6 +14,8 @@ namespace NAMESPACE_piRVX {
 /// A machine of SAS disks sda, sdb ... with these sizes in KiB; `more` are further members of the
 /// description, such as arrays.
 std::string DisksOf(const std::vector<std::uint64_t>& sizes, const std::string& more = "");
+/// Such a member: a mirror of sda and sdb, and what else is to be said of it.
+std::string MirrorOfTwo(const std::string& name, const std::string& more = "");
 
 /// A request for an array on these disks.
 PI::CLogicalDrive RequestOf(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
@@ -50,7 +51,7 @@ class CMdDoor : public CForwardingMachine {
 
   /// Answers of GET_DISK_INFO by number; a number that is not there is refused. Empty: md answers.
   std::map<int, mdu_disk_info_t> m_Disks;
-  int m_RaidDisks{0};  ///< of GET_ARRAY_INFO; 0: md's own
+  std::function<void(mdu_array_info_t&)> m_Array;  ///< changes the answers of GET_ARRAY_INFO
   /// Requests that succeed, or fail with this errno, without reaching md.
   std::map<unsigned long, int> m_Answers;
   /// Requests that change something, with the number or (for records) zero as their argument.
@@ -59,15 +60,6 @@ class CMdDoor : public CForwardingMachine {
   std::uint64_t m_DiskQueries{0};
 };
 
-/// The fixture of such a door: the simulated machine behind it, and an instance through command 1.
-struct SMdRig {
-  explicit SMdRig(const std::string& description);
-
-  CConfigFolder m_Config;
-  CSimulatedMachine m_Machine;
-  CMdDoor m_Md;
-  CFaultyMachine m_Door;
-  CTestInstance m_Plugin;
-};
+using SMdRig = SRigOf<CMdDoor>;
 
 }  // namespace NAMESPACE_piRVX

@@ -13,19 +13,16 @@
 namespace NAMESPACE_piRVX {
 
 TEST_P(CContract, OpeningFollowsTheRulesOfBlockDevices) {
-  EXPECT_EQ(Os().Open("/dev/no_such_disk", O_RDONLY), -1);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(ErrorOf(Os().Open("/dev/no_such_disk", O_RDONLY)), ENOENT);
   // A number that no driver has.
   const std::string alien = "/dev/contract_alien";
   const bool made = Os().MakeNode(alien, S_IFBLK | 0600, makedev(240, 1)) == 0;
   EXPECT_TRUE(made || errno == EEXIST) << std::strerror(errno);
-  EXPECT_EQ(Os().Open(alien, O_RDONLY), -1);
-  EXPECT_EQ(errno, ENXIO);
+  EXPECT_EQ(ErrorOf(Os().Open(alien, O_RDONLY)), ENXIO);
 
   const CDescriptor first(Os(), DiskPath(0), O_RDONLY | O_EXCL);
   ASSERT_TRUE(first.IsOpen());
-  EXPECT_EQ(Os().Open(DiskPath(0), O_RDWR | O_EXCL), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(ErrorOf(Os().Open(DiskPath(0), O_RDWR | O_EXCL)), EBUSY);
   const CDescriptor shared(Os(), DiskPath(0), O_RDONLY);
   EXPECT_TRUE(shared.IsOpen()) << "who asks for no exclusive access gets it";
 }
@@ -38,8 +35,7 @@ TEST_P(CContract, NodesAreMadeOnceAndWithTheirNumber) {
   EXPECT_TRUE(S_ISBLK(status.st_mode));
   EXPECT_EQ(major(status.st_rdev), MdpMajor());
   EXPECT_EQ(minor(status.st_rdev) % 64, 0U);
-  EXPECT_EQ(Os().MakeNode(path, S_IFBLK | 0666, status.st_rdev), -1);
-  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(ErrorOf(Os().MakeNode(path, S_IFBLK | 0666, status.st_rdev)), EEXIST);
 }
 
 TEST_P(CContract, DisksAreReadAndWrittenUpToTheirEnd) {
@@ -58,26 +54,20 @@ TEST_P(CContract, DisksAreReadAndWrittenUpToTheirEnd) {
   ASSERT_EQ(Os().Seek(file.Get(), end - 4), end - 4);
   EXPECT_EQ(Os().Read(file.Get(), read.data(), read.size()), 4);
   EXPECT_EQ(Os().Read(file.Get(), read.data(), read.size()), 0);
-  EXPECT_EQ(Os().Write(file.Get(), text.data(), text.size()), -1);
-  EXPECT_EQ(errno, ENOSPC);
-  EXPECT_EQ(Os().Seek(file.Get(), -1), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(Os().Seek(file.Get(), end + 512), -1);
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ErrorOf(Os().Write(file.Get(), text.data(), text.size())), ENOSPC);
+  EXPECT_EQ(ErrorOf(Os().Seek(file.Get(), -1)), EINVAL);
+  EXPECT_EQ(ErrorOf(Os().Seek(file.Get(), end + 512)), EINVAL);
 
   const CDescriptor readOnly(Os(), DiskPath(1), O_RDONLY);
-  EXPECT_EQ(Os().Write(readOnly.Get(), text.data(), text.size()), -1);
-  EXPECT_EQ(errno, EBADF);
+  EXPECT_EQ(ErrorOf(Os().Write(readOnly.Get(), text.data(), text.size())), EBADF);
 }
 
 TEST_P(CContract, RequestsThatDoNotBelongAreRefused) {
   mdu_array_info_t info{};
   const CDescriptor disk(Os(), DiskPath(0), O_RDONLY);
-  EXPECT_EQ(Os().Ioctl(disk.Get(), GET_ARRAY_INFO, &info), -1);
-  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(ErrorOf(Os().Ioctl(disk.Get(), GET_ARRAY_INFO, &info)), ENOTTY);
   const CDescriptor text(Os(), "/proc/mdstat", O_RDONLY);
-  EXPECT_EQ(Os().Ioctl(text.Get(), STOP_ARRAY, nullptr), -1);
-  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(ErrorOf(Os().Ioctl(text.Get(), STOP_ARRAY, nullptr)), ENOTTY);
   OpenArray();
   std::vector<unsigned char> command(516);
   EXPECT_EQ(Request(HDIO_DRIVE_CMD, command.data()), ENOTTY);
@@ -143,10 +133,8 @@ TEST_P(CContract, SysfsDescribesADisk) {
   const CDescriptor directory(Os(), folder + "/device", O_RDONLY);
   ASSERT_TRUE(directory.IsOpen()) << "a folder can be opened, which is how its existence is tested";
   char byte = 0;
-  EXPECT_EQ(Os().Read(directory.Get(), &byte, 1), -1);
-  EXPECT_EQ(errno, EISDIR);
-  EXPECT_EQ(Os().Open("/sys/block/no_such_disk/device", O_RDONLY), -1);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(ErrorOf(Os().Read(directory.Get(), &byte, 1)), EISDIR);
+  EXPECT_EQ(ErrorOf(Os().Open("/sys/block/no_such_disk/device", O_RDONLY)), ENOENT);
 }
 
 TEST_P(CContract, RandomBytesComeInFull) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <linux/raid/md_u.h>
 
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -56,6 +57,8 @@ class CContract : public testing::TestWithParam<SContractMachine> {
   std::uint64_t Sectors(std::size_t index);
   std::uint64_t SuperSector(std::size_t index) { return (Sectors(index) - 16) & ~std::uint64_t{7}; }
 
+  /// What a call that answers -1 left in errno; 0 for other answers.
+  static int ErrorOf(std::int64_t answer) { return answer == -1 ? errno : 0; }
   std::string Text(const std::string& path);
   static std::vector<std::string> Lines(const std::string& text);
   /// The whole text against an extended regular expression.

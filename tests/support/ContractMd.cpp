@@ -319,8 +319,7 @@ TEST_P(CContract, WaitingOnMdstatEndsWithTheNextChange) {
     const CDescriptor disk(Os(), "/proc/partitions", O_RDONLY);
     EXPECT_EQ(Os().WaitExceptional(disk.Get(), 50), 0);
   }
-  EXPECT_EQ(Os().WaitExceptional(-1, 50), -1);
-  EXPECT_EQ(errno, EBADF);
+  EXPECT_EQ(ErrorOf(Os().WaitExceptional(-1, 50)), EBADF);
 
   const CDescriptor before(Os(), "/proc/mdstat", O_RDONLY);
   ASSERT_EQ(Create({.m_Size = SuperSector(0) - 256, .m_Clean = false}, 2), 0);

@@ -1,5 +1,10 @@
 #pragma once
 /// @file
+/// Shortages of memory.
+
+#include <new>
+
+#include "simulator/ForwardingMachine.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -11,6 +16,17 @@ class CNoMemory {
   ~CNoMemory();
   CNoMemory(const CNoMemory&) = delete;
   CNoMemory& operator=(const CNoMemory&) = delete;
+};
+
+/// Runs out of memory once, after so many readings; negative: never.
+class CStarvedDoor : public CForwardingMachine {
+ public:
+  using CForwardingMachine::CForwardingMachine;
+  ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
+    if (m_Left-- == 0) throw std::bad_alloc();
+    return CForwardingMachine::Read(descriptor, buffer, size);
+  }
+  int m_Left{-1};
 };
 
 }  // namespace NAMESPACE_piRVX

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
+#include "Src/piRVXTrace.h"
 #include "system/TheMachine.h"
 
 namespace NAMESPACE_piRVX {
@@ -49,6 +49,33 @@ bool CTestInstance::IsFree(KVT::Threading::Native_OS::CFastMutex& lock) {
   return free;
 }
 
+unsigned int CTestInstance::Begin() {
+  std::vector<PI::CAdapterID> adapterIDs;
+  return Execute(PI::CMD_INITIALIZE, 0, &adapterIDs);
+}
+
+unsigned int CTestInstance::StartThreads(std::vector<PI::CAdapterID> adapterIDs) {
+  return Execute(PI::CMD_SET_ADAPTER_IDS, 0, &adapterIDs);
+}
+
+std::vector<PI::CObject> CTestInstance::Topology() {
+  std::vector<PI::CObject> objects(3);  // what was in it does not stay
+  EXPECT_EQ(Execute(PI::CMD_GET_TOPOLOGY, 0, &objects), PI::OK);
+  return objects;
+}
+
+std::vector<PI::CProperty> CTestInstance::Properties(unsigned long id) {
+  std::vector<PI::CProperty> properties;
+  EXPECT_EQ(Execute(PI::CMD_GET_PROPERTIES, id, &properties), PI::OK);
+  return properties;
+}
+
+PI::CProperty CTestInstance::Property(unsigned long id, PI::_PROPERTY_ID which) {
+  PI::CProperty property(which);
+  EXPECT_EQ(Execute(PI::CMD_GET_PROPERTY, id, &property), PI::OK) << which;
+  return property;
+}
+
 CRVXPhysicalDrive& CTestInstance::Drive(const std::string& name) {
   for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
     if (drive.m_KernelName == name) return drive;
@@ -80,17 +107,29 @@ void CNotificationCounter::Attach(IPLUGINAPI& plugin) {
 
 void CNotificationCounter::Notify(IPLUGINAPI*) { ++m_Count; }
 
-SRig::SRig(const std::string& description) : m_Machine(description), m_Door(m_Machine), m_Plugin(m_Door) {
-  m_Notifications.Attach(m_Plugin);
-  std::vector<PI::CAdapterID> adapterIDs;
-  if (m_Plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK)
-    throw std::runtime_error("the plug-in does not initialise");
+std::vector<PI::CEvent> SLiveRig::FetchEvents() {
+  PI::COperation fetch;
+  fetch.m_Code = PI::OP_GET_EVENTS;
+  m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, PLUGIN_ID, &fetch);
+  return fetch.m_Events;
 }
 
 const PI::CProperty* Find(const std::vector<PI::CProperty>& list, PI::_PROPERTY_ID id) {
   for (const PI::CProperty& property : list)
     if (property.m_ID == id) return &property;
   return nullptr;
+}
+
+std::string Shown(const PI::CProperty& property) {
+  if (const auto* text = std::get_if<std::string>(&property.m_Value)) return *text;
+  if (const auto* number = std::get_if<unsigned long>(&property.m_Value)) return std::to_string(*number);
+  if (const auto* number = std::get_if<float>(&property.m_Value)) return std::to_string(*number);
+  if (const auto* range = std::get_if<PI::SRange>(&property.m_Value))
+    return Text("%d of %d to %d by %d", range->m_Value, range->m_Minimum, range->m_Maximum, range->m_Step);
+  const auto& choice = std::get<PI::SChoice>(property.m_Value);
+  std::string choices = std::to_string(choice.m_Selected) + ":";
+  for (const int one : choice.m_Choices) choices += Text(" %d", one);
+  return choices;
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -2,13 +2,16 @@
 /// @file
 /// A plug-in instance whose model tests can see, and the machine under it.
 
+#include <gtest/gtest.h>
+
 #include <boost/filesystem.hpp>
-#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
 #include "simulator/FaultyMachine.h"
+#include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
 
 namespace NAMESPACE_piRVX {
@@ -34,26 +37,10 @@ class CTestInstance : public IPLUGINAPI_IMPL {
  public:
   using IPLUGINAPI_IMPL::IPLUGINAPI_IMPL;
 
-  using IPLUGINAPI_IMPL::CheckAdapterOperation;
-  using IPLUGINAPI_IMPL::CheckLogicalDriveOperation;
   using IPLUGINAPI_IMPL::checkpd;
-  using IPLUGINAPI_IMPL::CheckPhysicalDriveOperation;
-  using IPLUGINAPI_IMPL::CreateDedicatedHotSpare;
-  using IPLUGINAPI_IMPL::CreateLogicalDrive;
   using IPLUGINAPI_IMPL::CreateSuperBlock1;
-  using IPLUGINAPI_IMPL::DeleteDedicatedHotSpare;
-  using IPLUGINAPI_IMPL::DeleteLogicalDrive;
   using IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed;
-  using IPLUGINAPI_IMPL::ExecuteAdapterOperation;
-  using IPLUGINAPI_IMPL::ExecuteLogicalDriveOperation;
-  using IPLUGINAPI_IMPL::ExecutePhysicalDriveOperation;
-  using IPLUGINAPI_IMPL::FindLogicalDrive;
-  using IPLUGINAPI_IMPL::FindPhysicalDrive;
-  using IPLUGINAPI_IMPL::GetAdapterProperties;
-  using IPLUGINAPI_IMPL::GetEvents;
-  using IPLUGINAPI_IMPL::GetHostPath;
   using IPLUGINAPI_IMPL::GetLogicalDriveConfiguration;
-  using IPLUGINAPI_IMPL::GetLogicalDriveProperties;
   using IPLUGINAPI_IMPL::GetPhysicalDriveProperties;
   using IPLUGINAPI_IMPL::GetSmartData;
   using IPLUGINAPI_IMPL::GetSuperBlock1;
@@ -77,7 +64,6 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_ForceWorker;
   using IPLUGINAPI_IMPL::m_LogicalDrives;
   using IPLUGINAPI_IMPL::m_MdMajor;
-  using IPLUGINAPI_IMPL::m_MdstatDescriptor;
   using IPLUGINAPI_IMPL::m_PendingOperation;
   using IPLUGINAPI_IMPL::m_PhysicalDrives;
   using IPLUGINAPI_IMPL::m_Plugin;
@@ -88,12 +74,20 @@ class CTestInstance : public IPLUGINAPI_IMPL {
 
   /// True when nobody holds the lock: another thread can take it at once.
   static bool IsFree(KVT::Threading::Native_OS::CFastMutex& lock);
+  /// Command 1.
+  unsigned int Begin();
+  /// Command 2, with these identifiers of adapters.
+  unsigned int StartThreads(std::vector<PI::CAdapterID> adapterIDs = {});
+  /// Commands 4, 5 and 6, which must succeed.
+  std::vector<PI::CObject> Topology();
+  std::vector<PI::CProperty> Properties(unsigned long id);
+  PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID which);
   /// The drive or array with this kernel name; the test fails hard when there is none.
   CRVXPhysicalDrive& Drive(const std::string& name);
   CRVXLogicalDrive& Array(const std::string& name);
-  /// The codes of the queued events; the queue is emptied.
-  std::vector<unsigned int> TakeEventCodes();
+  /// The queued events, or their codes; the queue is emptied.
   std::vector<PI::CEvent> TakeEvents();
+  std::vector<unsigned int> TakeEventCodes();
 };
 
 /// Receives the plug-in's notifications.
@@ -107,22 +101,60 @@ class CNotificationCounter : public INotificationTarget {
   std::atomic<int> m_Count{0};
 };
 
-/// A simulated machine and an instance on it that has gone through command 1.
-struct SRig {
-  explicit SRig(const std::string& description = CSimulatedMachine::DemoDescription());
+/// A simulated machine, a door of the test's own in front of it, a door that fails calls, and an instance
+/// before command 1. Whatever a test does, nothing may be open or held at its end.
+template <class TDoor = CForwardingMachine>
+struct SBareRig {
+  explicit SBareRig(const std::string& description = CSimulatedMachine::DemoDescription(),
+                    CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
+      : m_Machine(description, clock) {
+    m_Notifications.Attach(m_Plugin);
+  }
+  ~SBareRig() {
+    EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
+    EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_DataLock));
+    EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_EventsLock));
+  }
 
   CConfigFolder m_Config;
   CSimulatedMachine m_Machine;
-  CFaultyMachine m_Door;
+  TDoor m_Own{m_Machine};
+  CFaultyMachine m_Door{m_Own};
   CNotificationCounter m_Notifications;
-  CTestInstance m_Plugin;
-  SWorkerState m_Worker;
+  CTestInstance m_Plugin{m_Door};
+};
+
+/// The same after command 1.
+template <class TDoor = CForwardingMachine>
+struct SRigOf : public SBareRig<TDoor> {
+  explicit SRigOf(const std::string& description = CSimulatedMachine::DemoDescription(),
+                  CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
+      : SBareRig<TDoor>(description, clock) {
+    if (this->m_Plugin.Begin() != PI::OK) throw std::runtime_error("the plug-in does not initialise");
+  }
 
   /// One pass of the worker.
-  void Pass() { m_Plugin.WorkerPass(m_Worker); }
+  void Pass() { this->m_Plugin.WorkerPass(m_Worker); }
+
+  SWorkerState m_Worker;
+};
+using SRig = SRigOf<>;
+
+/// Both threads on a machine that follows the wall clock.
+struct SLiveRig : public SRigOf<> {
+  explicit SLiveRig(const std::string& description) : SRigOf(description, CSimulatedMachine::EClock::Real) {
+    m_Plugin.StartThreads();
+  }
+  ~SLiveRig() { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }
+
+  /// Fetches as a front end does. Safe beside the threads.
+  std::vector<PI::CEvent> FetchEvents();
+  static constexpr unsigned long PLUGIN_ID = 295UL << 48;
 };
 
 /// The property of a list with this id; null when it is not there.
 const PI::CProperty* Find(const std::vector<PI::CProperty>& list, PI::_PROPERTY_ID id);
+/// A value as text; choices and limits follow the value.
+std::string Shown(const PI::CProperty& property);
 
 }  // namespace NAMESPACE_piRVX

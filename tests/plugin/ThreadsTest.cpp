@@ -1,0 +1,225 @@
+// The poller's rounds, both threads on a live machine, and framework threads beside them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "KVT/Exception.h"
+#include "tests/support/Arrays.h"
+
+using namespace NAMESPACE_piRVX;
+using testing::ElementsAre;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string MACHINE = DisksOf({65536, 65536, 65536, 65536}, MirrorOfTwo("md0"));
+
+/// Watches what the poller does with its file and answers select as it is told.
+class CWatchedDoor : public CForwardingMachine {
+ public:
+  using CForwardingMachine::CForwardingMachine;
+  int m_Answer{0};
+  int m_Error{0};
+  std::vector<std::string> m_Steps;
+
+  int Open(const std::string& path, int flags) override {
+    m_Steps.push_back("open " + path);
+    return CForwardingMachine::Open(path, flags);
+  }
+  int Close(int descriptor) override {
+    m_Steps.push_back("close");
+    const int result = CForwardingMachine::Close(descriptor);
+    errno = EBADF;  // what a close may leave behind
+    return result;
+  }
+  int WaitExceptional(int, std::uint64_t milliseconds) override {
+    m_Steps.push_back("select " + std::to_string(milliseconds));
+    errno = m_Error;
+    return m_Answer;
+  }
+};
+
+struct EventPollTest : public testing::Test, public SRigOf<CWatchedDoor> {
+  EventPollTest() : SRigOf(MACHINE) { m_Own.m_Steps.clear(); }
+};
+
+TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosed) {
+  for (const auto& [answer, forced] : {std::pair{0, false}, std::pair{1, true}}) {
+    m_Own.m_Answer = answer;
+    m_Own.m_Steps.clear();
+    EXPECT_TRUE(m_Plugin.EventPollRound());
+    EXPECT_THAT(m_Own.m_Steps, ElementsAre("open /proc/mdstat", "select 3000", "close"));
+    EXPECT_EQ(Take(m_Plugin.m_ForceWorker), forced);
+  }
+  m_Plugin.m_StopRequest.Set();
+  EXPECT_FALSE(m_Plugin.EventPollRound());
+  EXPECT_EQ(m_Own.m_Steps.size(), 3U) << "a stop request ends it before anything is opened";
+}
+
+TEST_F(EventPollTest, AFailingSelectNamesItsOwnErrorAndEndsTheThreadAlone) {
+  m_Own.m_Answer = -1;
+  m_Own.m_Error = EINTR;
+  try {
+    m_Plugin.EventPollRound();
+    ADD_FAILURE() << "no exception";
+  } catch (const KVT::CSystemException& exception) {
+    EXPECT_EQ(exception.code().value(), EINTR);
+  }
+  EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
+  m_Plugin.EventPoll();  // writes to the error log and returns
+  EXPECT_FALSE(Take(m_Plugin.m_ForceWorker));
+  EXPECT_FALSE(Take(m_Plugin.m_StopRequest)) << "the worker goes on";
+}
+
+TEST_F(EventPollTest, WithoutMdItLooksAgainEveryThreeSeconds) {
+  m_Machine.SetFile("/proc/mdstat", std::nullopt);
+  const std::uint64_t start = m_Machine.Now();
+  EXPECT_TRUE(m_Plugin.EventPollRound());
+  EXPECT_EQ(m_Machine.Now() - start, 3000U);
+  EXPECT_THAT(m_Own.m_Steps, ElementsAre("open /proc/mdstat"));
+}
+
+/// Waits for a condition for at most 30 s.
+bool Eventually(const std::function<bool()>& condition) {
+  for (const auto end = std::chrono::steady_clock::now() + 30s; std::chrono::steady_clock::now() < end;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return condition();
+}
+
+TEST(Threads, AChangeOfMdDoesNotWaitForTheIntervalAndOneOfTheIntervalNotifies) {
+  SLiveRig rig(MACHINE);
+  const auto await = [&](unsigned int code) {
+    return Eventually([&] {
+      const auto events = rig.FetchEvents();
+      return std::any_of(events.begin(), events.end(),
+                         [&](const PI::CEvent& event) { return event.m_Code == code; });
+    });
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  rig.m_Machine.Apply(R"({"fail_member": {"array": "md0", "disk": "sdb"}})");
+  EXPECT_TRUE(await(PI::EVT_LOGICALDRIVE_DEGRADED));
+  rig.m_Machine.Apply(R"({"stop_array": "md0"})");
+  EXPECT_TRUE(await(PI::EVT_LOGICALDRIVE_DELETED));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s)
+      << "only the ten-second interval brought the changes";
+
+  PI::CProperty interval(PI::PROP_POLL_INTERVAL);
+  interval.SetValue(30, 2, 255, 1);
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_SET_PROPERTY, SLiveRig::PLUGIN_ID, &interval), PI::OK);
+  EXPECT_TRUE(Eventually([&] { return rig.m_Notifications.Count() == 1; }));
+}
+
+TEST(Threads, DeInitialiseEndsBothWithinFourSecondsOfAnyMoment) {
+  for (const auto delay : {0ms, 5ms, 40ms, 700ms}) {
+    SCOPED_TRACE(delay.count());
+    SLiveRig rig(MACHINE);
+    const auto* const worker = rig.m_Plugin.m_WorkerThread.get();
+    rig.m_Plugin.StartThreads();
+    EXPECT_EQ(rig.m_Plugin.m_WorkerThread.get(), worker) << "a repeated command 2 starts no second pair";
+    rig.m_Machine.Apply(R"({"start_resync": "md0"})");  // its array is not clean: a pass takes long
+    std::this_thread::sleep_for(delay);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
+    EXPECT_EQ(rig.m_Plugin.m_WorkerThread->Wait(0), KVT::Threading::WAIT_OK);
+    EXPECT_EQ(rig.m_Plugin.m_EventPollThread->Wait(0), KVT::Threading::WAIT_OK);
+  }
+}
+
+/// Changes of the machine and what must be reported of each, in this order and once. They end where they
+/// began, so that they can be gone through again and again.
+const std::pair<const char*, std::vector<unsigned int>> CYCLE[] = {
+    {R"({"hold_disk": "sdc"})", {PI::EVT_READY_DRIVE_IN_USE}},
+    {R"({"release_disk": "sdc"})", {PI::EVT_USED_DRIVE_READY}},
+    {R"({"disk_state": {"sdc": "offline"}})", {PI::EVT_READY_DRIVE_OFFLINE}},
+    {R"({"disk_state": {"sdc": "running"}})", {PI::EVT_FAILED_DRIVE_READY}},
+    {R"({"remove_disk": "sdd"})", {PI::EVT_PHYSICALDRIVE_REMOVED}},
+    {R"({"add_disk": {"name": "sdd", "size": 65536, "controller": "sas"}})", {PI::EVT_PHYSICALDRIVE_ADDED}},
+    {R"({"fail_member": {"array": "md0", "disk": "sdb"}})", {PI::EVT_LOGICALDRIVE_DEGRADED}},
+    {R"({"remove_member": {"array": "md0", "disk": "sdb"}})", {PI::EVT_FAILED_DRIVE_READY}},
+    {R"({"stop_array": "md0"})", {PI::EVT_USED_DRIVE_READY, PI::EVT_LOGICALDRIVE_DELETED}},
+    {R"({"add_array": {"name": "md0", "level": "raid1", "members": ["sda", "sdb"]}})",
+     {PI::EVT_READY_DRIVE_IN_USE, PI::EVT_READY_DRIVE_IN_USE, PI::EVT_LOGICALDRIVE_ADDED}},
+};
+
+/// The events that any front end fetched, in order, without those that come with every pass: the rescans that
+/// the test asks for, and a failed member that md still holds.
+class CEventLog {
+ public:
+  /// Fetches, and tells all codes so far.
+  std::vector<unsigned int> Fetch(SLiveRig& rig) {
+    // Held over the fetch: two fetches must not be logged the wrong way round.
+    const std::lock_guard lock(m_Lock);
+    for (const PI::CEvent& event : rig.FetchEvents())
+      if (event.m_Code != PI::EVT_RESCAN_REQUESTED && event.m_Code != PI::EVT_FAILED_DRIVE_IN_USE)
+        m_Codes.push_back(event.m_Code);
+    return m_Codes;
+  }
+
+ private:
+  std::mutex m_Lock;
+  std::vector<unsigned int> m_Codes;
+};
+
+/// Asks for anything that can be read, at random, until told to end.
+void ReadAtRandom(SLiveRig& rig, CEventLog& log, unsigned int seed, const std::atomic<bool>& end) {
+  std::minstd_rand random(seed);
+  std::vector<PI::CProperty> properties;
+  std::vector<PI::COperation> operations;
+  while (!end) {
+    const auto topology = rig.m_Plugin.Topology();
+    const unsigned long id = topology[random() % topology.size()].m_ID;
+    PI::CProperty property(PI::PROP_STATUS);
+    PI::COperation deletion = Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES);
+    const std::function<void()> requests[] = {
+        [&] { rig.m_Plugin.Execute(PI::CMD_GET_PROPERTIES, id, &properties); },
+        [&] { rig.m_Plugin.Execute(PI::CMD_GET_PROPERTY, id, &property); },
+        [&] { rig.m_Plugin.Execute(PI::CMD_GET_OPERATIONS, id, &operations); },
+        [&] { rig.m_Plugin.Execute(PI::CMD_CHECK_OPERATION, id, &deletion); }, [&] { log.Fetch(rig); }};
+    requests[random() % std::size(requests)]();
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 20));  // leave the worker its turns
+  }
+}
+
+TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
+  const char* const setting = std::getenv("RVX_STRESS_SECONDS");
+  const auto duration = std::chrono::seconds(setting != nullptr ? std::atoi(setting) : 5);
+  SLiveRig rig(MACHINE);
+  const unsigned long adapterID = SLiveRig::PLUGIN_ID + 1;
+  CEventLog log;
+  std::atomic<bool> end{false};
+  std::vector<std::thread> threads;
+  for (unsigned int thread = 0; thread < 8; ++thread)
+    threads.emplace_back([&, thread] { ReadAtRandom(rig, log, thread + 1, end); });
+
+  std::vector<unsigned int> expected;
+  std::size_t step = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  for (; std::chrono::steady_clock::now() - begin < duration && !testing::Test::HasFailure(); ++step) {
+    const auto& [change, events] = CYCLE[step % std::size(CYCLE)];
+    SCOPED_TRACE(testing::Message() << "step " << step << ": " << change);
+    rig.m_Machine.Apply(change);
+    expected.insert(expected.end(), events.begin(), events.end());
+    EXPECT_TRUE(Eventually([&] {
+      Execute(rig.m_Plugin, adapterID, Operation(PI::OP_RESCAN_ADAPTER));
+      std::this_thread::sleep_for(5ms);  // for the pass: the next change must not come in the middle of one
+      return log.Fetch(rig).size() >= expected.size();
+    }));
+    EXPECT_EQ(log.Fetch(rig), expected);
+  }
+  end = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+  EXPECT_EQ(log.Fetch(rig), expected) << "something came late or twice";
+  EXPECT_GE(step, std::size(CYCLE)) << "too slow to have gone through every change";
+}
+
+}  // namespace
