@@ -34,8 +34,8 @@ class CChild {
     kill(m_ID, SIGKILL);  // it may have left its group
     Reap();
   }
-  /// Waits for the end; true when that was a return with status 0. A server that ignores SIGCHLD or reaps every
-  /// child takes the status away: then the end alone counts.
+  /// Waits for the end; true when that was a return with status 0. A server that ignores SIGCHLD or reaps
+  /// every child takes the status away: then the end alone counts.
   bool Reap() {
     const CCancellationGuard noCancel;
     int status = 0;
@@ -104,7 +104,7 @@ struct SOutput {
 };
 
 /// Reads until the process has ended and nothing more is there. The process counts, not the end of the
-/// output: a grandchild may hold that open for ever.
+/// output: a grandchild may hold that open for ever. A `process` of -1 has ended and was reaped by others.
 SOutput Collect(int output, int process, const SCommandLimits& limits) {
   using std::chrono::steady_clock;
   const auto end = steady_clock::now() + limits.m_Time;
@@ -113,7 +113,11 @@ SOutput Collect(int output, int process, const SCommandLimits& limits) {
   while (result.m_Text.size() <= limits.m_OutputBytes) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()).count();
     if (left <= 0) break;
-    const int ready = poll(sources.data(), sources.size(), static_cast<int>(left));
+    const int ready = poll(sources.data(), sources.size(), process < 0 ? 0 : static_cast<int>(left));
+    if (ready == 0 && process < 0) {
+      result.m_Ended = true;
+      break;
+    }
     if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
     if (ready < 0) break;
     if (sources[0].revents != 0) {
@@ -158,7 +162,7 @@ SCommandResult RunCommand(const boost::filesystem::path& program, const std::str
   CChild child(id);
   input.Close();
   const CFileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, id, 0)));
-  if (!process.IsOpen()) return {};
+  if (!process.IsOpen() && errno != ESRCH) return {};
 
   const SOutput collected = Collect(output.Get(), process.Get(), limits);
   const bool succeeded = collected.m_Ended && child.Reap();
