@@ -208,6 +208,24 @@ TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
 
 // --- superblocks on their way ----------------------------------------------------------------------------
 
+TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
+  for (const std::uint64_t size : {200ULL, 201ULL, 202ULL, 203ULL, 976773ULL, 2147483648ULL, 8589934599ULL}) {
+    SCOPED_TRACE(size);
+    SRig rig(DisksOf({size}));
+    mdu_array_info_s info{};
+    info.level = 1;
+    info.raid_disks = 2;
+    md_superblock1 written{};
+    EXPECT_EQ(rig.m_Plugin.CreateSuperBlock1(&info, nullptr, "md_d7", &written), PI::OK);
+    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
+    md_superblock1 read{};
+    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 0, &read), PI::OK);
+    EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0)
+        << "the caller's record is what stands on the disk";
+    EXPECT_TRUE(IsSuperBlock(read));
+  }
+}
+
 TEST(SuperBlockDoor, ADiskThatSomebodyHoldsIsNotWrittenTo) {
   SRig rig(THREE);
   rig.m_Machine.Apply(R"({"hold_disk": "sda"})");

@@ -149,4 +149,26 @@ TEST(SuperBlockChecksum, FollowsTheNumberOfRolesWithinTheRecord) {
   }
 }
 
+TEST(SuperBlockChecksum, NoticesEveryFlippedByte) {
+  std::mt19937_64 random(11);
+  for (int round = 0; round < 20; ++round) {
+    mdu_array_info_s info{};
+    info.level = static_cast<int>(random() % 3) - 1;
+    info.size = static_cast<int>(random());
+    info.chunk_size = static_cast<int>(4096U << random() % 6);
+    info.raid_disks = static_cast<int>(random() % 385);
+    md_superblock1 record = NewSuperBlock(info, "md_d" + std::to_string(random() % 256), UUID, random());
+    record.super_offset = SuperOffset(random());
+    record.dev_number = static_cast<std::uint32_t>(random() % 384);
+    for (std::uint8_t& byte : record.device_uuid) byte = static_cast<std::uint8_t>(random());
+    record.sb_csum = SuperBlockChecksum(record);
+    for (std::size_t at = 0; at < sizeof(record); ++at) {
+      TBytes bytes = Bytes(record);
+      bytes[at] = static_cast<unsigned char>(bytes[at] ^ (1 + random() % 255));
+      const md_superblock1 flipped = Record(bytes);
+      EXPECT_NE(SuperBlockChecksum(flipped), flipped.sb_csum) << "byte " << at;
+    }
+  }
+}
+
 }  // namespace
