@@ -1,8 +1,6 @@
 #pragma once
 /// @file
 
-#include <source_location>
-
 #include "KVT/Api.h"
 #include "KVT/Threading.h"
 #include "Src/piRVXTrace.h"
@@ -21,9 +19,8 @@ struct SLockTexts {
 class ZQ_SCOPED_CAPABILITY CTracedLock {
  public:
   CTracedLock(KVT::Threading::Native_OS::CFastMutex& mutex, unsigned long milliseconds,
-              const SLockTexts& texts, const char* source,
-              std::source_location where = std::source_location::current()) ZQ_ACQUIRE(mutex)
-      : m_Mutex(mutex), m_Texts(texts), m_Source(source), m_Line(static_cast<int>(where.line())) {
+              const SLockTexts& texts, const char* source, int line = __builtin_LINE()) ZQ_ACQUIRE(mutex)
+      : m_Mutex(mutex), m_Texts(texts), m_Source(source), m_Line(line) {
     Trace("Before %s", m_Texts.m_Wait);
     m_Held = m_Mutex.Wait(milliseconds) == KVT::Threading::WAIT_OK;
     Trace("After %s", m_Texts.m_Wait);

@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr std::chrono::seconds APPEAR_LIMIT{30};
-constexpr unsigned long MIRROR_LIMIT = 1UL
-                                       << 40;  ///< bytes of a member; the superblock's size is wrong above it
+/// Bytes of a member; above it the size in a mirror's superblock is wrong.
+constexpr unsigned long MIRROR_LIMIT = 1UL << 40;
 
 constexpr struct SLevelName {
   const char* m_Name;

@@ -94,12 +94,10 @@ std::string HintFor(const CContext& context, unsigned int operation, unsigned in
     return {};
   if (executed && IsDeletion(operation))
     return "md stops only an array that nothing uses. One that was stopped before the failure is gone: "
-           "'rvxctl array "
-           "list' shows what is left. One without a member on a managed disk always ends so.";
+           "'rvxctl array list' shows what is left. One without a member on a managed disk always ends so.";
   if (executed && operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return "md takes no disk that is too small, none into an array without redundancy, and none this way "
-           "into a mirror "
-           "without a chunk size, as mdadm makes it: use mdadm --add there.";
+           "into a mirror without a chunk size, as mdadm makes it: use mdadm --add there.";
   if (context.Options().m_Simulate) return {};
   const std::string mdstat = FileText("/proc/mdstat");
   if (mdstat.empty()) return "md is not in the kernel: modprobe md-mod";
