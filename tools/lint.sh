@@ -10,7 +10,7 @@ all_sources() {
 }
 
 all_scripts() {
-    { git ls-files --cached --others --exclude-standard 2>/dev/null || find . -type f -not -path './build/*'; } |
+    { git ls-files --cached --others --exclude-standard 2>/dev/null || find . -type f -not -path './build/*' -not -path './.*/*'; } |
         while read -r file; do
             [ ! -f "$file" ] || ! head -n1 "$file" | grep -qaE '^(#!/bin/(ba|busybox )?sh|# shellcheck shell=)' || echo "$file"
         done

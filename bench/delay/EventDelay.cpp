@@ -28,9 +28,9 @@
 #include <thread>
 
 #include "Src/piRVXPlugin.h"
+#include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
 #include "system/Linux.h"
-#include "simulator/ForwardingMachine.h"
 
 using namespace NAMESPACE_piRVX;
 using Clock = std::chrono::steady_clock;
@@ -191,11 +191,12 @@ std::map<std::string, std::vector<double>> MeasureLinux(int rounds, const std::s
   spare.major = static_cast<int>(major(status.st_rdev));
   spare.minor = static_cast<int>(minor(status.st_rdev));
   CLinux linux_;
-  // Each change is settled before the next: right after a removal the kernel still has the member's sysfs entry and
-  // answers EEXIST when it is added again.
-  return Measure(linux_, rounds,
-                 {[=] { Call(array, SET_DISK_FAULTY, number); }, [=] { Call(array, HOT_REMOVE_DISK, number); },
-                  [=]() mutable { Call(array, ADD_NEW_DISK, &spare); }});
+  // Each change is settled before the next: right after a removal the kernel still has the member's sysfs
+  // entry and answers EEXIST when it is added again.
+  return Measure(
+      linux_, rounds,
+      {[=] { Call(array, SET_DISK_FAULTY, number); }, [=] { Call(array, HOT_REMOVE_DISK, number); },
+       [=]() mutable { Call(array, ADD_NEW_DISK, &spare); }});
 }
 
 std::map<std::string, std::vector<double>> MeasureSimulation(int rounds) {
