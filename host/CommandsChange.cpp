@@ -109,35 +109,32 @@ bool Carry(CContext& context, const SChange& change, const SConsent& consent, TF
   session.HoldSignals();
   if (const unsigned int status = session.Run(change.m_Object.m_ID, operation); status != PI::OK)
     throw Refused(context, change, status, true);
-  session.Start();
   return true;
 }
 
-/// Looks until the topology answers the question, or the time runs out. Asks the plug-in for a pass now and
-/// then: one that meets a request of ours is left out, and the next is a poll interval away.
+/// Looks until the topology answers the question, or the time runs out.
 template <class TQuestion>
 bool Await(CSession& session, TQuestion question) {
-  constexpr int LOOKS_PER_RESCAN = 8;
   const auto end = std::chrono::steady_clock::now() + APPEAR_LIMIT;
-  for (int look = 0; std::chrono::steady_clock::now() < end; ++look, session.Pause(LOOK_INTERVAL)) {
-    const CTopology now(session);
-    if (question(now)) return true;
-    PI::COperation rescan;
-    rescan.m_Code = rescan.m_SecondCode = PI::OP_RESCAN_ADAPTER;
-    if (look % LOOKS_PER_RESCAN == 1) session.Run(now.Adapter().m_ID, rescan);
+  for (; std::chrono::steady_clock::now() < end; session.Pause(LOOK_INTERVAL)) {
+    session.Renew();
+    if (question(CTopology(session))) return true;
   }
   return false;
 }
 
-std::vector<unsigned long> Ids(const std::vector<const PI::CObject*>& objects) {
-  std::vector<unsigned long> ids;
-  for (const PI::CObject* const object : objects) ids.push_back(object->m_ID);
-  return ids;
+/// The array with this name; null when there is none.
+const PI::CObject* FindArray(const CTopology& topology, const std::string& name) {
+  const auto arrays = topology.OfKind(PI::OBJ_LOGICAL_DRIVE);
+  const auto found = std::find_if(arrays.begin(), arrays.end(),
+                                  [&](const PI::CObject* array) { return NameOf(*array) == name; });
+  return found == arrays.end() ? nullptr : *found;
 }
 
 /// Follows the rebuild or resync that a change set off. A change has one answer: with --json nothing is shown
 /// on the way.
 void FollowToEnd(CContext& context, unsigned long id, const std::string& done) {
+  context.Session().Start();
   if (const int status = FollowRun(context, id, context.Options().m_Json); status != EXIT_DONE)
     throw CError(status, done + ", but the run did not complete");
 }
@@ -175,7 +172,6 @@ int CreateArray(CContext& context, const std::string& level, int stripe,
     plans.push_back(PlanOf(context, session.Texts(), disk));
     names += (names.empty() ? "" : ", ") + NameOf(disk);
   }
-  const auto before = Ids(topology.OfKind(PI::OBJ_LOGICAL_DRIVE));
   std::string loss = "What is on these disks is lost.";
   if (wanted->m_Level == PI::LEVEL_RAID1 &&
       std::any_of(plans.begin(), plans.end(),
@@ -195,7 +191,7 @@ int CreateArray(CContext& context, const std::string& level, int stripe,
   std::string name;
   Await(session, [&](const CTopology& now) {
     for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
-      if (std::find(before.begin(), before.end(), array->m_ID) == before.end()) {
+      if (FindArray(topology, NameOf(*array)) == nullptr) {
         id = array->m_ID;
         name = NameOf(*array);
       }
@@ -246,9 +242,8 @@ int DeleteArray(CContext& context, const std::string& array, bool last, bool all
   std::string left;
   const bool gone = Await(session, [&](const CTopology& now) {
     left.clear();
-    for (const unsigned long id : Ids(doomed))
-      if (const PI::CObject* const object = now.FindID(id))
-        left += (left.empty() ? "" : ", ") + NameOf(*object);
+    for (const PI::CObject* const object : doomed)
+      if (FindArray(now, NameOf(*object)) != nullptr) left += (left.empty() ? "" : ", ") + NameOf(*object);
     return left.empty();
   });
   if (!gone) throw CError(EXIT_PLUGIN_ERROR, "still there: " + left + "; 'rvxctl operations' may tell why");
@@ -278,17 +273,16 @@ int AddSpare(CContext& context, const std::string& disk, const std::string& arra
   });
   if (!done) return EXIT_DONE;
   if (consent.m_Wait) {
-    // A degraded array begins to rebuild onto it with the worker's next pass.
-    const auto is = [&](const CTopology& now, PI::_PROPERTY_ID property, PI::_CHOICE value) {
-      const PI::CObject* const object = now.FindID(target.m_ID);
-      return object != nullptr && NumberOf(*object, property) == value;
-    };
-    if (is(topology, PI::PROP_STATUS, PI::STATUS_DEGRADED))
-      Await(session, [&](const CTopology& now) {
-        return is(now, PI::PROP_ACTIVITY, PI::ACTIVITY_REBUILDING) ||
-               !is(now, PI::PROP_STATUS, PI::STATUS_DEGRADED);
-      });
-    FollowToEnd(context, target.m_ID, NameOf(drive) + " is a hot spare of " + NameOf(target));
+    // A degraded array begins to rebuild onto it soon.
+    unsigned long id = 0;
+    Await(session, [&](const CTopology& now) {
+      const PI::CObject* const object = FindArray(now, NameOf(target));
+      if (object == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
+      id = object->m_ID;
+      return NumberOf(*object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING ||
+             NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
+    });
+    FollowToEnd(context, id, NameOf(drive) + " is a hot spare of " + NameOf(target));
   }
   return ShowDone(context, NameOf(drive) + " is a hot spare of " + NameOf(target) + ".");
 }
@@ -327,9 +321,9 @@ int Rescan(CContext& context) {
   const CTopology topology(session);
   const SChange change{"rescan the system", topology, topology.Adapter(), PI::OP_RESCAN_ADAPTER, {}, ""};
   Carry(context, change, {}, [](PI::COperation&) {});
-  const unsigned long passes = topology.Plugin().m_UpdateCounter;
-  if (!Await(session, [&](const CTopology& now) { return now.Plugin().m_UpdateCounter != passes; }))
-    throw CError(EXIT_BUSY, "the rescan has not ended within 30 s; it goes on in the background");
+  session.Start();
+  if (!AwaitPass(session, topology.Plugin().m_UpdateCounter))
+    throw CError(EXIT_BUSY, "the rescan has not ended within 30 s");
   const CTopology now(session);
   return ShowDone(context, "Rescanned: " + std::to_string(now.OfKind(PI::OBJ_PHYSICAL_DRIVE).size()) +
                                " disks, " + std::to_string(now.OfKind(PI::OBJ_LOGICAL_DRIVE).size()) +

@@ -9,17 +9,6 @@ namespace rvxctl {
 namespace {
 
 constexpr std::chrono::milliseconds FETCH_INTERVAL{250};
-constexpr std::chrono::seconds FIRST_PASS_LIMIT{30};
-
-/// Waits until the worker's passes have moved the plug-in's counter on from `before`, so that what differs by
-/// now is in the queue.
-void AwaitPass(CSession& session, unsigned long before) {
-  for (const auto end = std::chrono::steady_clock::now() + FIRST_PASS_LIMIT;
-       std::chrono::steady_clock::now() < end;) {
-    session.Pause(FETCH_INTERVAL);
-    if (CTopology(session).Plugin().m_UpdateCounter != before) return;
-  }
-}
 
 const char* SeverityName(unsigned int severity) {
   return severity >= PI::SEV_ERROR ? "error" : severity == PI::SEV_WARNING ? "warning" : "information";

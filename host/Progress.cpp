@@ -12,6 +12,8 @@ constexpr int LINE_STEP = 5;  ///< percent
 /// How many looks the event of a run's end may stay out: a fetch that meets the worker's pass brings nothing.
 constexpr int LOOKS_FOR_END = 20;
 constexpr int BAR_WIDTH = 40;
+constexpr std::chrono::milliseconds PASS_INTERVAL{250};
+constexpr std::chrono::seconds PASS_LIMIT{30};
 
 using Clock = std::chrono::steady_clock;
 
@@ -103,6 +105,14 @@ std::optional<bool> CompletedBy(const std::vector<PI::CEvent>& events, unsigned 
 }
 
 }  // namespace
+
+bool AwaitPass(CSession& session, unsigned long before) {
+  for (const auto end = Clock::now() + PASS_LIMIT; Clock::now() < end;) {
+    session.Pause(PASS_INTERVAL);  // first of all: a question would be in the way of the first pass
+    if (CTopology(session).Plugin().m_UpdateCounter != before) return true;
+  }
+  return false;
+}
 
 int FollowRun(CContext& context, unsigned long arrayID, bool quiet) {
   CSession& session = context.Session();

@@ -5,6 +5,10 @@
 
 namespace rvxctl {
 
+/// Waits until a pass of the plug-in's worker has moved the plug-in's counter on from `before`; false when
+/// none did within 30 s.
+bool AwaitPass(CSession& session, unsigned long before);
+
 /// Follows the rebuild or resync of an array to its end: a bar on a terminal, a line per 5 % elsewhere. The
 /// plug-in's threads must run. EXIT_DONE when the work completed or none was running, EXIT_PLUGIN_ERROR when
 /// it was aborted; throws CError when the array went away. `quiet`: shows nothing.

@@ -89,6 +89,10 @@ int ExitStatusOf(unsigned int status) {
   }
 }
 
+CError CannotLoad(const std::string& why, unsigned int status = PI::OK) {
+  return {EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status};
+}
+
 sigset_t EndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -181,23 +185,25 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
   }
   const std::string path = PluginPath(options);
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  const auto fail = [&](const std::string& why, unsigned int status = PI::OK) {
-    return CError(EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status);
-  };
-  if (m_Library == nullptr) throw fail(::dlerror());
-  const auto create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
+  if (m_Library == nullptr) throw CannotLoad(::dlerror());
+  m_Create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
   m_Release = reinterpret_cast<ReleaseIfFunction*>(::dlsym(m_Library, "releaseIf"));
-  if (create == nullptr || m_Release == nullptr) throw fail(path + " exports no createIf and releaseIf");
+  if (m_Create == nullptr || m_Release == nullptr)
+    throw CannotLoad(path + " exports no createIf and releaseIf");
   if (auto* const module = KVT::Misc::CModuleInfo::Find(MODULE_NUMBER))
     module->SetTraceClasses(options.m_Trace);
   if (options.m_Simulate) {
     const auto load = reinterpret_cast<MachineFunction*>(::dlsym(m_Library, "rvxLoadMachine"));
-    if (load == nullptr) throw fail(path + " is no simulated build");
+    if (load == nullptr) throw CannotLoad(path + " is no simulated build");
     if (const char* const why = load(options.m_Machine.empty() ? nullptr : options.m_Machine.c_str()))
       throw CError(EXIT_USAGE, why);
   }
-  if (const unsigned int status = create(&m_Plugin); status != PI::OK || m_Plugin == nullptr)
-    throw fail(path + ": createIf answered " + m_Texts.OfStatus(status), status);
+  Open();
+}
+
+void CSession::Open() {
+  if (const unsigned int status = m_Create(&m_Plugin); status != PI::OK || m_Plugin == nullptr)
+    throw CannotLoad("createIf answered " + m_Texts.OfStatus(status), status);
   m_Plugin->m_pNotificationTarget = this;
   m_Plugin->m_pNotification = static_cast<IPLUGINAPI::Notification>(&CSession::Notify);
   if (const unsigned int status = Execute(PI::CMD_INITIALIZE, 0, &m_AdapterIDs); status != PI::OK) {
@@ -219,6 +225,12 @@ void CSession::Release() {
   Execute(PI::CMD_DEINITIALIZE, 0, nullptr);
   m_Release(&m_Plugin);
   m_Plugin = nullptr;
+}
+
+void CSession::Renew() {
+  Release();
+  m_AdapterIDs.clear();
+  Open();
 }
 
 void CSession::End() {
