@@ -199,9 +199,7 @@ int CreateArray(CContext& context, const std::string& level, int stripe,
   });
   if (id == 0)
     return ShowDone(context, "The array was created, but has not shown up yet; see 'rvxctl array list'.");
-  if (consent.m_Wait) {
-    FollowToEnd(context, id, name + " is created");
-  }
+  if (consent.m_Wait) FollowToEnd(context, id, name + " is created");
   return ShowDone(context, "Created " + name + ".", {{"array", name}, {"id", HexadecimalID(id)}});
 }
 

@@ -2,7 +2,6 @@
 /// @file
 /// The plug-in as the server uses it: loaded, initialised, asked, de-initialised, released.
 
-#include <atomic>
 #include <boost/filesystem/path.hpp>
 #include <chrono>
 #include <cstdio>
@@ -117,10 +116,9 @@ class CSession : public INotificationTarget {
   unsigned int Set(unsigned long id, PI::CProperty& property);
 
   const CTexts& Texts() const { return m_Texts; }
-  int Notifications() const { return m_Notifications; }
 
  private:
-  void Notify(IPLUGINAPI*) { ++m_Notifications; }
+  void Notify(IPLUGINAPI*) {}  // the topology is asked, not the notification waited for
   void Open();
   void Release();
   unsigned int Execute(PI::_COMMAND command, unsigned long id, void* data);
@@ -135,7 +133,6 @@ class CSession : public INotificationTarget {
   std::vector<PI::CAdapterID> m_AdapterIDs;
   unsigned long m_PluginID{0};
   bool m_Started{false};
-  std::atomic<int> m_Notifications{0};
   CTexts m_Texts;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 /// @file
-/// Machines that pass everything on to another one, for classes that override a call or two.
+/// A machine that passes everything on to another one, for classes that override a call or two.
 
 #include "system/OperatingSystem.h"
 
@@ -49,16 +49,6 @@ class CForwardingMachine : public COperatingSystem {
 
  private:
   COperatingSystem& m_Machine;
-};
-
-/// The same machine at another time, which stands still.
-class CFixedClock : public CForwardingMachine {
- public:
-  CFixedClock(COperatingSystem& machine, std::uint64_t now) : CForwardingMachine(machine), m_Now(now) {}
-  std::uint64_t Now() override { return m_Now; }
-  void Sleep(std::uint64_t milliseconds) override { m_Now += milliseconds; }
-
-  std::uint64_t m_Now;
 };
 
 }  // namespace NAMESPACE_piRVX

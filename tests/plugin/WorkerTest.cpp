@@ -15,6 +15,16 @@ using testing::IsEmpty;
 
 namespace {
 
+/// The same machine at another time, which stands still.
+class CFixedClock : public CForwardingMachine {
+ public:
+  CFixedClock(COperatingSystem& machine, std::uint64_t now) : CForwardingMachine(machine), m_Now(now) {}
+  std::uint64_t Now() override { return m_Now; }
+  void Sleep(std::uint64_t milliseconds) override { m_Now += milliseconds; }
+
+  std::uint64_t m_Now;
+};
+
 constexpr unsigned int FORCED = 1;
 constexpr unsigned int STOPPED = 2;
 constexpr unsigned int PRIVATE = 3;
