@@ -9,10 +9,9 @@ namespace {
 
 TEST(Exports, AreTheTwoEntriesAndTheThreeMembersOfTheFramework) {
   std::vector<std::string> names;
-  ASSERT_EQ(
-      KVTX::CSystem::ExecuteCommand(
-          "/usr/bin/nm", "-D --defined-only --format=just-symbols " RVX_BINARY_DIR "/Src/libpiRVX.so", names),
-      1);
+  ASSERT_EQ(KVTX::CSystem::ExecuteCommand("/usr/bin/nm", "-D --defined-only --format=just-symbols " RVX_PLUGIN,
+                                          names),
+            1);
   EXPECT_THAT(names,
               testing::UnorderedElementsAre(
                   "createIf", "releaseIf",
