@@ -9,8 +9,8 @@ namespace {
 
 TEST(Exports, AreTheTwoEntriesAndTheThreeMembersOfTheFramework) {
   std::vector<std::string> names;
-  ASSERT_EQ(KVTX::CSystem::ExecuteCommand("/usr/bin/nm", "-D --defined-only --format=just-symbols " RVX_PLUGIN,
-                                          names),
+  ASSERT_EQ(KVTX::CSystem::ExecuteCommand("/usr/bin/nm",
+                                          "-D --defined-only --format=just-symbols " RVX_PLUGIN, names),
             1);
   EXPECT_THAT(names,
               testing::UnorderedElementsAre(
