@@ -3,6 +3,8 @@
 
 #include "Src/piRVXAdapterSuperBlock.h"
 
+#include <linux/fs.h>
+
 #include <algorithm>
 #include <boost/endian/conversion.hpp>
 #include <cstring>
@@ -25,6 +27,17 @@ static_assert(offsetof(md_superblock1, device_uuid) == offsetof(mdp_superblock_1
 static_assert(offsetof(md_superblock1, sb_csum) == offsetof(mdp_superblock_1, sb_csum));
 static_assert(offsetof(md_superblock1, dev_roles) == offsetof(mdp_superblock_1, dev_roles));
 static_assert(md_superblock1::MAGIC == MD_SB_MAGIC);
+
+/// Whether an open device is the disk that the scan saw: another one may have come under its name since.
+bool IsScannedDisk(COperatingSystem& os, int descriptor, const CRVXPhysicalDrive& drive) {
+  struct stat status {};
+  std::uint64_t bytes = 0;
+  if (os.Status(descriptor, status) != 0 || os.Ioctl(descriptor, BLKGETSIZE64, &bytes) < 0) return false;
+  if (status.st_rdev == makedev(drive.m_MajorNumber, drive.m_MinorNumber) && bytes / 1024 == drive.m_Size)
+    return true;
+  errno = ENXIO;
+  return false;
+}
 
 std::string UuidText(const unsigned char* uuid) {
   std::string text;
@@ -134,8 +147,8 @@ unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, md_supe
 
   const auto write = [&]() -> unsigned int {
     // Exclusive: a disk that somebody holds is not written to.
-    const CDescriptor device(m_OS, path, O_RDWR | O_EXCL);
-    if (!device.IsOpen()) {
+    const CBlockDevice device(m_OS, path, O_RDWR | O_EXCL);
+    if (!device.IsOpen() || !IsScannedDisk(m_OS, device.Get(), drive)) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't open %s, %s", path, SystemError());
       return PI::ERR_DEVICE_IO;
     }
@@ -162,7 +175,7 @@ unsigned int IPLUGINAPI_IMPL::GetSuperBlock1(int major, int minor, md_superblock
   if (drive == nullptr) return PI::ERR_DRIVE_NOT_FOUND;
   const std::string path = drive->DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1() superblock at %d", (drive->m_Size - 8) & ~std::uint64_t{3});
-  const CDescriptor device(m_OS, path, O_RDONLY);
+  const CBlockDevice device(m_OS, path, O_RDONLY);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't open %s, %s", path, SystemError());
     return PI::ERR_DEVICE_IO;

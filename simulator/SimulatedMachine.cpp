@@ -1,6 +1,7 @@
 #include "simulator/SimulatedMachine.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <linux/hdreg.h>
 #include <sys/sysmacros.h>
 
@@ -49,6 +50,13 @@ int DriveCommand(const SMachine& machine, const SDisk& disk, void* argument) {
   const bool isRead = bytes[0] == WIN_SMART && bytes[2] == SMART_READ_DATA && bytes[3] == 1;
   if (!isRead || !disk.m_Smart || disk.m_Asleep || disk.m_State != "running") return EIO;
   std::copy(disk.m_Smart->begin(), disk.m_Smart->end(), bytes + HDIO_DRIVE_CMD_HDR_SIZE);
+  return 0;
+}
+
+int SizeOf(const SBlock& block, void* argument) {
+  if (argument == nullptr) return EFAULT;
+  const std::uint64_t bytes = block.m_Size * KIB;
+  std::memcpy(argument, &bytes, sizeof bytes);
   return 0;
 }
 
@@ -356,6 +364,7 @@ int CSimulatedMachine::Ioctl(int descriptor, unsigned long request, void* argume
   if (file->m_Kind != EFile::Block) return Failed(ENOTTY);
   const auto block = m_Inside->Device(*file);
   if (!block) return Failed(ENODEV);
+  if (request == BLKGETSIZE64) return Failed(SizeOf(*block, argument));
   SMachine& machine = m_Inside->m_Machine;
   return Failed(block->m_Array != nullptr ? MdIoctl(machine, *block->m_Array, request, argument)
                                           : DiskIoctl(machine, *block->m_Disk, request, argument));

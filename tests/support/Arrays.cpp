@@ -1,6 +1,7 @@
 #include "tests/support/Arrays.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 
 #include <cerrno>
 #include <cstring>
@@ -90,7 +91,7 @@ bool Take(KVT::Threading::CEvent& event) {
 }
 
 int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
-  const bool asks = request == GET_ARRAY_INFO || request == GET_DISK_INFO;
+  const bool asks = request == GET_ARRAY_INFO || request == GET_DISK_INFO || request == BLKGETSIZE64;
   if (!asks) {
     const bool takesNumber = request == HOT_REMOVE_DISK || request == SET_DISK_FAULTY;
     m_Changes.emplace_back(request, takesNumber ? reinterpret_cast<std::uintptr_t>(argument) : 0);
