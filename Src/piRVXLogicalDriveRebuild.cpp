@@ -81,7 +81,7 @@ unsigned int IPLUGINAPI_IMPL::ExecuteLogicalDriveOperation(CRVXLogicalDrive& arr
 }
 
 unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
-  const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
+  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
   mdu_array_info_s info{};
   if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
   mdu_disk_info_s faulty{};
@@ -111,7 +111,7 @@ unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
 }
 
 unsigned int IPLUGINAPI_IMPL::CancelRebuild(const CRVXLogicalDrive& array) {
-  const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
+  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
   mdu_array_info_s info{};
   if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
   std::optional<int> rebuilding;
@@ -161,7 +161,7 @@ unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, 
   };
   const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
   if (array == nullptr) return fail();
-  const CDescriptor device(m_OS, array->DevicePath(), O_RDONLY);
+  const CBlockDevice device(m_OS, array->DevicePath(), O_RDONLY);
   mdu_array_info_s info{};
   if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return fail();
   for (int number = 0; number < info.raid_disks; ++number) {

@@ -228,7 +228,7 @@ unsigned int IPLUGINAPI_IMPL::GetSmartData(const std::string& devicePath, PI::_I
     data = entry->m_Data;
     if (m_OS.Now() - entry->m_Time <= SMART_MAX_AGE) return PI::OK;
   }
-  const CDescriptor device(m_OS, devicePath, O_RDONLY);
+  const CBlockDevice device(m_OS, devicePath, O_RDONLY);
   if (!device.IsOpen()) return PI::ERR_GENERAL;
   // ATA: command SMART, sector number 0, feature READ DATA, one sector; the answer follows the four bytes.
   constexpr std::size_t HEADER = 4;

@@ -121,7 +121,7 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't get memory for superblock", function);
     return PI::ERR_OUT_OF_MEMORY;
   }
-  const CDescriptor device(m_OS, path, O_RDONLY);
+  const CBlockDevice device(m_OS, path, O_RDONLY);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't open %s, %s", function, path, SystemError());
     return PI::ERR_OPEN_FAILED;
@@ -217,7 +217,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't get memory for superblock");
     return PI::ERR_OUT_OF_MEMORY;
   }
-  const CDescriptor device(m_OS, path, O_RDONLY);
+  const CBlockDevice device(m_OS, path, O_RDONLY);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't open %s, %s", path, SystemError());
     return PI::ERR_OPEN_FAILED;
@@ -267,7 +267,7 @@ bool IPLUGINAPI_IMPL::IsSpareOf(int descriptor, const CRVXPhysicalDrive& drive) 
 
 std::optional<dev_t> IPLUGINAPI_IMPL::DeviceNumber(const std::string& path) {
   struct stat status {};
-  const CDescriptor node(m_OS, path, O_RDONLY);
+  const CBlockDevice node(m_OS, path, O_RDONLY);
   if ((node.IsOpen() ? m_OS.Status(node.Get(), status) : m_OS.Status(path, status)) != 0) return std::nullopt;
   return status.st_rdev;
 }

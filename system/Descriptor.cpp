@@ -4,8 +4,17 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 namespace NAMESPACE_piRVX {
+
+int CBlockDevice::OpenBlockDevice(COperatingSystem& os, const std::string& path, int flags) {
+  struct stat status {};
+  if (os.Status(path, status) != 0) return -1;
+  if (S_ISBLK(status.st_mode)) return os.Open(path, flags);
+  errno = ENOTBLK;
+  return -1;
+}
 
 std::optional<std::string> ReadText(COperatingSystem& os, const std::string& path) {
   constexpr std::size_t LONGEST = 1024UL * 1024;

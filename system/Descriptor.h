@@ -12,7 +12,7 @@ namespace NAMESPACE_piRVX {
 class CDescriptor {
  public:
   CDescriptor(COperatingSystem& os, const std::string& path, int flags)
-      : m_OS(os), m_Descriptor(os.Open(path, flags)) {}
+      : CDescriptor(os, os.Open(path, flags)) {}
   ~CDescriptor() { Close(); }
   CDescriptor(const CDescriptor&) = delete;
   CDescriptor& operator=(const CDescriptor&) = delete;
@@ -24,9 +24,23 @@ class CDescriptor {
     if (const int descriptor = std::exchange(m_Descriptor, -1); descriptor >= 0) m_OS.Close(descriptor);
   }
 
+ protected:
+  CDescriptor(COperatingSystem& os, int descriptor) : m_OS(os), m_Descriptor(descriptor) {}
+
  private:
   COperatingSystem& m_OS;
   int m_Descriptor;
+};
+
+/// The same of a block device. What is none stays closed, with ENOTBLK in errno: a FIFO in its place would
+/// hold its opener for ever.
+class CBlockDevice : public CDescriptor {
+ public:
+  CBlockDevice(COperatingSystem& os, const std::string& path, int flags)
+      : CDescriptor(os, OpenBlockDevice(os, path, flags)) {}
+
+ private:
+  static int OpenBlockDevice(COperatingSystem& os, const std::string& path, int flags);
 };
 
 /// The text of a file, at most 1 MiB; none when it cannot be opened or read.
