@@ -202,7 +202,15 @@ ZQ_API unsigned int createIf(IPLUGINAPI** out) {
 }
 
 ZQ_API void* releaseIf(IPLUGINAPI** inout) {
-  delete *inout;
+  using NAMESPACE_piRVX::IPLUGINAPI_IMPL;
+  // Only createIf makes instances.
+  auto* const instance = static_cast<IPLUGINAPI_IMPL*>(*inout);
+  if (instance != nullptr && instance->HasRunningThread())
+    // It hangs in the kernel, where no cancellation reaches it, and will come back to the instance's memory.
+    NAMESPACE_piRVX::ErrorLine(NAMESPACE_piRVX::TRACE_SOURCE, __LINE__,
+                               "releaseIf() a thread still runs: its instance is left in place");
+  else
+    delete instance;
   *inout = nullptr;
   // Cleared also when it points to another instance: the server has one at a time.
   NAMESPACE_piRVX::g_p_IPLUGINAPI_IMPL = nullptr;

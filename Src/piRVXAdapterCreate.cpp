@@ -87,7 +87,7 @@ int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
   const std::uint32_t number = LowestFreeNumber(m_LogicalDrives);
   if (number > MAX_ARRAY_NUMBER) return -1;
   if (std::snprintf(buffer, NAME_BUFFER, "/dev/md_d%u", number) < 1) return -1;
-  if (CDescriptor(m_OS, buffer, O_RDONLY).IsOpen()) {
+  if (CBlockDevice(m_OS, buffer, O_RDONLY).IsOpen()) {
     DropDeviceFolder(buffer);
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() reuse already existing device %s", buffer);
     return 0;
@@ -102,10 +102,13 @@ int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
   }
   RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() create device %s with minor %d", buffer, minorNumber);
   const dev_t device = makedev(static_cast<unsigned int>(m_MdMajor), minorNumber);
-  // Also where the kernel has no such devices and the number is -1.
-  if (std::cmp_not_equal(major(device), m_MdMajor) || minor(device) != minorNumber)
+  const auto makeNode = [&] {
+    errno = ENODEV;  // of a kernel without partitionable md devices
+    return m_MdMajor >= 0 && m_OS.MakeNode(buffer, S_IFBLK | 0666, device) == 0;
+  };
+  if (m_MdMajor >= 0 && (std::cmp_not_equal(major(device), m_MdMajor) || minor(device) != minorNumber))
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() C libraray too old for more than 4 mdp devices");
-  else if (m_OS.MakeNode(buffer, S_IFBLK | 0666, device) != 0)
+  else if (!makeNode())
     // No failure yet: whoever opens the node finds out.
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() can't create %s, %s", buffer, SystemError());
   DropDeviceFolder(buffer);
@@ -156,7 +159,7 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
             members[0]->m_MinorNumber, members[1]->m_MajorNumber, members[1]->m_MinorNumber);
 
   unsigned int status = PI::ERR_OPEN_FAILED;
-  if (const CDescriptor device(m_OS, std::string(DEVICE_FOLDER) + name, O_RDONLY); device.IsOpen())
+  if (const CBlockDevice device(m_OS, std::string(DEVICE_FOLDER) + name, O_RDONLY); device.IsOpen())
     status = AssembleArray(device.Get(), name, info, members);
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", status);
   return status;

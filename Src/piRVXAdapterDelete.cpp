@@ -1,6 +1,7 @@
 /// @file
 /// Deletion of arrays and the check before it.
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -74,7 +75,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array,
 unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   const std::string path = array.DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() dev=%s", path);
-  CDescriptor device(m_OS, path, O_RDONLY);
+  CBlockDevice device(m_OS, path, O_RDONLY);
   if (!device.IsOpen() || m_OS.Ioctl(device.Get(), STOP_ARRAY, nullptr) < 0) return PI::ERR_DEVICE_IO;
   const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
   if (!blank) return PI::ERR_DEVICE_IO;
@@ -82,8 +83,18 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   // The last write's status counts; an array none of whose members is known is stopped and still reported.
   unsigned int status = PI::ERR_DEVICE_IO;
   const auto arrayNumber = static_cast<std::int32_t>(array.m_ArrayNumber);
+  // The drives know their array by its number alone: where another has the same, only the list of members
+  // tells whose they are.
+  const bool shared =
+      std::count_if(m_LogicalDrives.begin(), m_LogicalDrives.end(), [&](const CRVXLogicalDrive& other) {
+        return other.m_ArrayNumber == array.m_ArrayNumber;
+      }) > 1;
+  const auto isMember = [&](const CRVXPhysicalDrive& drive) {
+    return drive.m_IsMemberOf == arrayNumber &&
+           (!shared || std::count(array.m_Children.begin(), array.m_Children.end(), drive.m_ID) != 0);
+  };
   for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
-    if (drive.m_IsMemberOf == arrayNumber) status = WriteSuperBlock1(drive, blank.get());
+    if (isMember(drive)) status = WriteSuperBlock1(drive, blank.get());
   m_ConfigFile.WriteKeyValue("", "", 0, arrayNumber);
   device.Close();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() ret=%d", status);

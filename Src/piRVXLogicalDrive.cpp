@@ -160,7 +160,7 @@ unsigned int IPLUGINAPI_IMPL::SetLogicalDriveProperty(CRVXLogicalDrive&, PI::CPr
 unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& array,
                                                            PI::CLogicalDrive& description,
                                                            std::vector<CRVXPhysicalDrive>& drives) {
-  const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
+  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
   if (!device.IsOpen()) return PI::ERR_OPEN_FAILED;
   mdu_array_info_s info{};
   if (!GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
@@ -202,10 +202,13 @@ unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& arr
   return PI::OK;
 }
 
-void IPLUGINAPI_IMPL::BuildConfiguration(CRVXLogicalDrive& array, std::vector<CRVXPhysicalDrive>& drives) {
+bool IPLUGINAPI_IMPL::BuildConfiguration(CRVXLogicalDrive& array, std::vector<CRVXPhysicalDrive>& drives) {
   PI::CLogicalDrive description;
-  if (GetLogicalDriveConfiguration(array, description, drives) == PI::OK)
-    array.m_Configuration = description.ToDocument();
+  if (GetLogicalDriveConfiguration(array, description, drives) != PI::OK) return false;
+  const KVT::XML::CMarkup document = description.ToDocument();
+  if (document.GetDoc() == array.m_Configuration.GetDoc()) return false;
+  array.m_Configuration = document;
+  return true;
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -94,6 +94,21 @@ class CRVXLogicalDrive : public PI::CObject {
   }
 };
 
+/// What stands in `arrays` for the md array of this number and name: the one of that name, else the first of
+/// that number unless `isOther` says that its name belongs to another array. Two arrays may share a number
+/// (md0 and md_d0), and one may come back under its other name. Null when there is none.
+template <class TArrays, class TIsOther>
+auto FindCounterpart(TArrays& arrays, std::uint32_t number, const std::string& name, TIsOther isOther)
+    -> decltype(&arrays.front()) {
+  decltype(&arrays.front()) found = nullptr;
+  for (auto& array : arrays) {
+    if (array.m_ArrayNumber != number) continue;
+    if (array.m_KernelName == name) return &array;
+    if (found == nullptr && !isOther(array.m_KernelName)) found = &array;
+  }
+  return found;
+}
+
 /// A block device as sysfs shows it. The discovery reads sysfs anew on every scan and keeps none.
 struct CSysFSEntry {
   std::string m_KernelName;

@@ -19,7 +19,8 @@ constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
 constexpr char POLL_INTERVAL_KEY[] = "PollInterval";
 constexpr std::uint64_t OBJECT_ID_BASE = std::uint64_t{295} << 48;  ///< the module's number above the counter
 
-constexpr std::int64_t THREAD_END_BOUND = 24999;  ///< ms that DeInitialize waits before it cancels
+constexpr int END_LOOKS = 50;             ///< that DeInitialize takes at its threads before it cancels them
+constexpr unsigned long END_PAUSE = 500;  ///< ms between two looks
 
 bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread) {
   return thread && thread->Wait(0) == KVT::Threading::WAIT_TIMED_OUT;
@@ -88,23 +89,30 @@ unsigned int IPLUGINAPI_IMPL::SetAdapterIDs(const std::vector<PI::CAdapterID>& a
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER SetAdapterIDs");
   // Earlier ones stay in front, so the first number that was given wins over repeated calls.
   m_AdapterIDs.insert(m_AdapterIDs.end(), adapterIDs.begin(), adapterIDs.end());
-  const CRVXAdapter& adapter = m_Adapter;
-  const auto own = std::find_if(m_AdapterIDs.begin(), m_AdapterIDs.end(),
-                                [&](const PI::CAdapterID& id) ZQ_NO_THREAD_SAFETY_ANALYSIS {
-                                  return id.m_Location1 == static_cast<std::int32_t>(adapter.m_Location1) &&
-                                         id.m_Location2 == static_cast<std::int32_t>(adapter.m_Location2) &&
-                                         id.m_Location3 == static_cast<std::int32_t>(adapter.m_Location3) &&
-                                         id.m_AdapterNumber != PI::CAdapterID::NO_ADAPTER_NUMBER;
-                                });
-  const std::int32_t number = own == m_AdapterIDs.end() ? 0 : own->m_AdapterNumber;
-  // Written only when it changes: a repeated command meets the running worker, which reads it.
-  if (const std::string description = Text("Linux %s (%d)", adapter.m_Name, number);
-      description != adapter.m_Description)
-    m_Adapter.m_Description = description;
-  if (!Runs(m_EventPollThread))
-    m_EventPollThread = KVT::Threading::CThread::Create(boost::bind(&IPLUGINAPI_IMPL::EventPoll, this), 0);
-  if (!Runs(m_WorkerThread))
-    m_WorkerThread = KVT::Threading::CThread::Create(boost::bind(&IPLUGINAPI_IMPL::Worker, this), 0);
+  {
+    // A repeated command meets the running worker, whose merges write these texts.
+    const CTracedLock lock(m_DataLock, KVT::Threading::INFINITE_WAIT, DATA_LOCK_OF_REQUEST, TRACE_SOURCE);
+    const CRVXAdapter& adapter = m_Adapter;
+    const auto own = std::find_if(m_AdapterIDs.begin(), m_AdapterIDs.end(), [&](const PI::CAdapterID& id) {
+      return id.m_Location1 == static_cast<std::int32_t>(adapter.m_Location1) &&
+             id.m_Location2 == static_cast<std::int32_t>(adapter.m_Location2) &&
+             id.m_Location3 == static_cast<std::int32_t>(adapter.m_Location3) &&
+             id.m_AdapterNumber != PI::CAdapterID::NO_ADAPTER_NUMBER;
+    });
+    const std::int32_t number = own == m_AdapterIDs.end() ? 0 : own->m_AdapterNumber;
+    m_Adapter.m_Description = Text("Linux %s (%d)", adapter.m_Name, number);
+  }
+  const auto start = [this](std::unique_ptr<KVT::Threading::CThread>& thread, void (IPLUGINAPI_IMPL::*body)(),
+                            const char* name) {
+    if (Runs(thread)) return;
+    try {
+      thread = KVT::Threading::CThread::Create(boost::bind(body, this), 0);
+    } catch (const std::exception& exception) {
+      RVX_ERROR("SetAdapterIDs() can't start the thread %s: %s", name, exception.what());
+    }
+  };
+  start(m_EventPollThread, &IPLUGINAPI_IMPL::EventPoll, "EventPoll");
+  start(m_WorkerThread, &IPLUGINAPI_IMPL::Worker, "Worker");
   return PI::OK;
 }
 
@@ -112,13 +120,12 @@ unsigned int IPLUGINAPI_IMPL::DeInitialize() {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER DeInitialize");
   m_StopRequest.Set();
   m_OS.Sleep(100);
-  const std::uint64_t start = m_OS.Now();
-  while (Runs(m_WorkerThread) || Runs(m_EventPollThread)) {
+  // Counted, not read from a clock: one that is set meanwhile would end healthy threads, or wait for ever.
+  for (int look = 0; HasRunningThread(); ++look) {
     if (Runs(m_WorkerThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (Worker)");
     if (Runs(m_EventPollThread)) RVX_TRACE(TRACE_LIFECYCLE, "Wait for termination... (m_EventPoll)");
-    // Signed: a clock that was set back during the wait must not end healthy threads.
-    if (static_cast<std::int64_t>(m_OS.Now() - start) > THREAD_END_BOUND) break;
-    m_OS.Sleep(500);
+    if (look == END_LOOKS) break;
+    m_OS.Sleep(END_PAUSE);
   }
   if (Runs(m_WorkerThread)) {
     RVX_TRACE(TRACE_LIFECYCLE, "Kill Worker");
@@ -132,6 +139,8 @@ unsigned int IPLUGINAPI_IMPL::DeInitialize() {
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE DeInitialize");
   return PI::OK;
 }
+
+bool IPLUGINAPI_IMPL::HasRunningThread() const { return Runs(m_WorkerThread) || Runs(m_EventPollThread); }
 
 unsigned long IPLUGINAPI_IMPL::NewID() { return m_NextID++ | OBJECT_ID_BASE; }
 
@@ -173,9 +182,27 @@ PI::CEvent IPLUGINAPI_IMPL::MakeEvent(unsigned int code, unsigned long objectID,
   return event;
 }
 
-void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event, const char* traceSource) {
-  const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, traceSource);
-  m_EventQueue.push_back(event);
+void IPLUGINAPI_IMPL::QueueEvents(std::list<PI::CEvent>& events, const char* source, int line) {
+  while (!events.empty()) {
+    const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, source, line);
+    m_EventQueue.splice(m_EventQueue.end(), events, events.begin());
+    TrimEventQueue();
+  }
+}
+
+void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event, const char* source, int line) {
+  std::list<PI::CEvent> events{event};
+  QueueEvents(events, source, line);
+}
+
+/// A front end that fetches no events for months must not take the server's memory.
+void IPLUGINAPI_IMPL::TrimEventQueue() {
+  while (m_EventQueue.size() > MAX_EVENTS) {
+    m_EventQueue.pop_front();
+    if (m_EventsDropped) continue;
+    RVX_ERROR("%d events wait to be fetched: the oldest are dropped from now on", MAX_EVENTS);
+    m_EventsDropped = true;
+  }
 }
 
 CRVXLogicalDrive* IPLUGINAPI_IMPL::FindLogicalDrive(std::uint32_t arrayNumber) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -53,10 +54,14 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// @name Lifecycle. The framework calls these one after the other.
   /// @{
   unsigned int Initialize(std::vector<PI::CAdapterID>& adapterIDs);
-  /// Takes no lock.
-  unsigned int SetAdapterIDs(const std::vector<PI::CAdapterID>& adapterIDs) ZQ_NO_THREAD_SAFETY_ANALYSIS;
-  /// Takes no lock. Ends within 26 s whatever the threads do.
+  /// Starts the threads that do not run. PI::OK also when the system has none left: the error log tells, and
+  /// a repeated command starts what is missing.
+  unsigned int SetAdapterIDs(const std::vector<PI::CAdapterID>& adapterIDs);
+  /// Takes no lock. Ends after 26 s of sleeping at most, whatever the threads and the clock do. A thread that
+  /// hangs in the kernel then outlives it: ask HasRunningThread.
   unsigned int DeInitialize();
+  /// Whether a thread may still touch the instance.
+  bool HasRunningThread() const;
   /// @}
 
   /// @name Requests; each holds m_DataLock for its whole duration
@@ -102,9 +107,13 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// An event that the adapter reports now.
   PI::CEvent MakeEvent(unsigned int code, unsigned long objectID, const std::string& placeHolder1,
                        const std::string& placeHolder2) ZQ_REQUIRES(m_DataLock);
-  /// Takes m_EventsLock for the append alone; the worker holds it already.
-  void QueueEvent(const PI::CEvent& event, const char* traceSource = "Src/piRVXPlugin")
+  /// Takes m_EventsLock for each append alone; the worker holds it already. `source` and `line` are the
+  /// caller's, for the trace. The first form cannot fail.
+  void QueueEvents(std::list<PI::CEvent>& events, const char* source, int line = __builtin_LINE())
       ZQ_REQUIRES(m_DataLock);
+  void QueueEvent(const PI::CEvent& event, const char* source, int line = __builtin_LINE())
+      ZQ_REQUIRES(m_DataLock);
+  /// The first array of this number.
   CRVXLogicalDrive* FindLogicalDrive(std::uint32_t arrayNumber) ZQ_REQUIRES(m_DataLock);
   CRVXPhysicalDrive* FindPhysicalDrive(std::uint32_t major, std::uint32_t minor) ZQ_REQUIRES(m_DataLock);
   /// @}
@@ -133,8 +142,9 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// Merges a scan into the model: PI::OK when anything changed, PI::ERR_GENERAL when nothing did.
   unsigned int UpdateSystem(CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
                             std::vector<CRVXLogicalDrive>& logicalDrives) ZQ_REQUIRES(m_DataLock);
-  /// Rebuilds an array's configuration document; it stays as it is when the array cannot be asked.
-  void BuildConfiguration(CRVXLogicalDrive& array, std::vector<CRVXPhysicalDrive>& drives)
+  /// Rebuilds an array's configuration document; true when it is another one now. It stays as it is when the
+  /// array cannot be asked.
+  bool BuildConfiguration(CRVXLogicalDrive& array, std::vector<CRVXPhysicalDrive>& drives)
       ZQ_REQUIRES(m_DataLock);
   /// @}
 
@@ -219,12 +229,15 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   std::vector<CSysFSEntry> m_SysFSEntries ZQ_GUARDED_BY(m_DataLock);
   std::int64_t m_MdMajor ZQ_GUARDED_BY(m_DataLock){
       -1};  ///< major number of partitionable md devices, -1: none
-  std::vector<PI::CEvent> m_EventQueue ZQ_GUARDED_BY(m_EventsLock);
+  /// A list: taking in events that are made already, and dropping the oldest, cannot fail.
+  std::list<PI::CEvent> m_EventQueue ZQ_GUARDED_BY(m_EventsLock);
+  bool m_EventsDropped ZQ_GUARDED_BY(m_EventsLock){false};  ///< since the last fetch
   /// All ones: no long operation is pending. Nothing sets it yet; deletions already heed it.
   std::uint32_t m_PendingOperation ZQ_GUARDED_BY(m_DataLock){NO_PENDING_OPERATION};
   std::int32_t m_MdstatDescriptor{-1};  ///< of the poller's thread, -1: closed
   std::atomic<std::uint32_t> m_PollInterval{
-      DEFAULT_POLL_INTERVAL};  ///< seconds; the worker reads it unlocked
+      DEFAULT_POLL_INTERVAL};               ///< seconds; the worker reads it unlocked
+  std::atomic<bool> m_UdevadmHangs{false};  ///< in this scan: no further disk is asked about
   std::uint64_t m_NextID ZQ_GUARDED_BY(m_DataLock){0};
   std::array<std::uint8_t, 9> m_Flags{};  ///< reserved by the framework's layout
   std::unique_ptr<KVT::Threading::CThread> m_WorkerThread;
@@ -236,6 +249,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   static constexpr std::uint32_t DEFAULT_POLL_INTERVAL = 10;
   static constexpr int MIN_POLL_INTERVAL = 2;
   static constexpr int MAX_POLL_INTERVAL = 255;
+  /// Events that wait for a front end at most; the oldest go.
+  static constexpr std::size_t MAX_EVENTS = 100000;
 
  private:
   template <class... TArguments>
@@ -272,12 +287,11 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   void QueueNameEvent(unsigned int code, unsigned int severity, const PI::CObject& object,
                       const std::string& name) ZQ_REQUIRES(m_DataLock);
 
-  bool MergePhysicalDrives(std::vector<CRVXPhysicalDrive>& scanned) ZQ_REQUIRES(m_DataLock);
-  bool MergeLogicalDrives(std::vector<CRVXLogicalDrive>& scanned) ZQ_REQUIRES(m_DataLock);
-  template <class TObject>
-  bool AddNew(std::vector<TObject>& model, std::vector<TObject>& scanned,
-              bool (*same)(const TObject&, const TObject&)) ZQ_REQUIRES(m_DataLock);
-  void RemoveChild(unsigned long id) ZQ_REQUIRES(m_DataLock);
+  /// The model as a merge will leave it.
+  struct SMerge;
+  void MergePhysicalDrives(SMerge& merge, std::vector<CRVXPhysicalDrive>& scanned) ZQ_REQUIRES(m_DataLock);
+  void MergeLogicalDrives(SMerge& merge, std::vector<CRVXLogicalDrive>& scanned) ZQ_REQUIRES(m_DataLock);
+  void TrimEventQueue() ZQ_REQUIRES(m_EventsLock);
 
   void NameDeletedArrays() ZQ_REQUIRES(m_DataLock, m_EventsLock);
   unsigned int RefreshModel() ZQ_REQUIRES(m_DataLock);

@@ -43,12 +43,18 @@ std::string ReadVendor(COperatingSystem& os, const std::string& path) {
 }  // namespace
 
 std::string IPLUGINAPI_IMPL::GetHostPath(const std::string& deviceName) {
+  // Each further disk would hold up all requests for as long again.
+  if (m_UdevadmHangs) return {};
   boost::filesystem::path program;
   if (m_OS.GetCommandPath("udevadm", program) != 1) return {};
   std::vector<std::string> lines;
   if (const int result = m_OS.ExecuteCommand(program, Text("info -q all -n /dev/%s", deviceName), lines);
       result != 1) {
     RVX_TRACE(TRACE_INFORMATION, "GetHostPath: execute returned with %d", result);
+    if (result == static_cast<int>(KVT::Threading::WAIT_TIMED_OUT)) {
+      m_UdevadmHangs = true;
+      RVX_ERROR("udevadm gave no answer about %s in time: this scan asks about no further disk", deviceName);
+    }
     return {};
   }
   return HostPathOfRecord(lines);

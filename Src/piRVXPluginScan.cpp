@@ -57,7 +57,7 @@ void IPLUGINAPI_IMPL::QueueNameEvent(unsigned int code, unsigned int severity, c
                                      const std::string& name) {
   PI::CEvent event = MakeEvent(code, object.m_ID, "", name);
   event.m_Severity = severity;
-  QueueEvent(event);
+  QueueEvent(event, TRACE_SOURCE);
 }
 
 unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
@@ -77,6 +77,7 @@ unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXP
     adapter.m_MaxLogicalDrives = 256;
     adapter.m_Status = PI::ADAPTER_OK;
     adapter.m_Attribute = 9;
+    m_UdevadmHangs = false;
     m_MdMajor = ParseMdMajor(ReadText(m_OS, "/proc/devices").value_or(""));
 
     const SScan scan{adapter, physicalDrives, newIDs};
@@ -124,12 +125,14 @@ void IPLUGINAPI_IMPL::ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) {
   drive.m_DisplayName = Text("%s %s (%s %d:%d)", drive.m_Vendor, drive.m_Model, drive.m_KernelName,
                              drive.m_MajorNumber, drive.m_MinorNumber);
   const auto state = ReadAttribute(m_OS, drive.m_KernelName, "device/state");
-  // A disk without a state is on its way in or out: it counts as one that was not there before.
-  const CRVXPhysicalDrive* const known =
-      state ? FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber) : nullptr;
+  // A disk without a state is on its way in or out: it counts as one that was not there before, but it stays
+  // the object that front ends know.
+  const CRVXPhysicalDrive* const model = FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
+  const CRVXPhysicalDrive* const known = state ? model : nullptr;
   const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};
-  if (known != nullptr) drive.m_ID = known->m_ID;
-  if (known == nullptr || scan.m_NewIDs) {
+  if (model != nullptr && !scan.m_NewIDs) {
+    drive.m_ID = model->m_ID;
+  } else {
     drive.m_ID = NewID();
     scan.m_Adapter.m_Children.push_back(drive.m_ID);
   }
@@ -139,7 +142,7 @@ void IPLUGINAPI_IMPL::ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) {
 
   if (!state || !state->starts_with("running")) {
     drive.m_Status = PI::STATUS_FAILED;
-  } else if (!CDescriptor(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
+  } else if (!CBlockDevice(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
     RVX_TRACE(TRACE_THREADS, "ScanSystem() can't open %s exclusive", drive.DevicePath());
     drive.m_Status = PI::STATUS_OK;
     drive.m_SpareState = PI::SPARE_STATE_IN_USE;

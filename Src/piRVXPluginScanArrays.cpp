@@ -45,7 +45,12 @@ std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, int descript
 }  // namespace
 
 bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) {
-  for (const SPartition& entry : ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""))) {
+  const auto entries = ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""));
+  const auto isListed = [&](const std::string& name) {
+    return std::any_of(entries.begin(), entries.end(),
+                       [&](const SPartition& entry) { return entry.m_Name == name; });
+  };
+  for (const SPartition& entry : entries) {
     const auto number = ArrayNumber(entry.m_Name);
     if (!number) continue;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new logical drive %s", entry.m_Name);
@@ -57,7 +62,7 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
     array.m_PhysicalSize = entry.m_Blocks;
 
     SArrayHistory history;
-    const CRVXLogicalDrive* const known = FindLogicalDrive(*number);
+    const CRVXLogicalDrive* const known = FindCounterpart(m_LogicalDrives, *number, entry.m_Name, isListed);
     if (known != nullptr) {
       history = {known->m_Status, known->m_Activity};
       array.m_ID = known->m_ID;
@@ -81,7 +86,7 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
 
 /// What md tells of an array; an array that it does not tell of keeps its defaults.
 void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) {
-  const CDescriptor device(m_OS, array.DevicePath(), O_RDONLY);
+  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
   if (!device.IsOpen()) return;
   const auto info = ReadArrayInfo(m_OS, device.Get(), m_StopRequest);
   if (!info || IsStopping())

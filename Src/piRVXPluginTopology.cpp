@@ -132,8 +132,9 @@ unsigned int IPLUGINAPI_IMPL::GetEvents(CRVXPlugin&, PI::COperation& operation) 
   {
     CTracedLock lock(m_EventsLock, 0, EVENTS_LOCK_OF_FETCH, TRACE_SOURCE);
     if (!lock.IsHeld()) return PI::OK;  // the worker is at it; the events come with a later call
-    operation.m_Events = m_EventQueue;
+    operation.m_Events.assign(m_EventQueue.begin(), m_EventQueue.end());
     m_EventQueue.clear();
+    m_EventsDropped = false;
   }
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE GetEvents() -> %d", 0);
   return PI::OK;

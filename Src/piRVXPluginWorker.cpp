@@ -48,8 +48,7 @@ void IPLUGINAPI_IMPL::Worker() {
     try {
       return WorkerTurn(wakeUp, state);
     } catch (const std::exception& exception) {  // a turn that fails is lost, the next one may do better
-      KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, TRACE_SOURCE, __LINE__,
-                             Text("Worker() turn failed: %s", exception.what()));
+      RVX_ERROR("Worker() turn failed: %s", exception.what());
       return true;
     }
   };
@@ -109,8 +108,11 @@ void IPLUGINAPI_IMPL::WorkerPass(SWorkerState& state) {
 /// Events of earlier passes about deleted arrays whose number is in use again get that array's identifier.
 void IPLUGINAPI_IMPL::NameDeletedArrays() {
   for (PI::CEvent& event : m_EventQueue) {
-    if (event.m_Code != PI::EVT_LOGICALDRIVE_DELETED) continue;
-    const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(event.m_ObjectID));
+    // One that has an identifier already keeps it: its lower half is no array's number.
+    const auto number = static_cast<std::uint32_t>(event.m_ObjectID);
+    if (event.m_Code != PI::EVT_LOGICALDRIVE_DELETED || event.m_ObjectID != number) continue;
+    const CRVXLogicalDrive* const array = FindCounterpart(m_LogicalDrives, number, event.m_PlaceHolder1,
+                                                          [](const std::string&) { return false; });
     if (array == nullptr) continue;
     event.m_ObjectID = array->m_ID;
     RVX_TRACE(TRACE_THREADS, "Worker() EVT_LOGICALDRIVE_DELETED Event.SetID=%d", event.m_ObjectID);
@@ -122,8 +124,10 @@ unsigned int IPLUGINAPI_IMPL::RefreshModel() {
   CRVXAdapter adapter;
   std::vector<CRVXPhysicalDrive> physicalDrives;
   std::vector<CRVXLogicalDrive> logicalDrives;
-  m_Plugin.m_Parents.clear();
-  m_Plugin.m_Children.clear();
+  // Made here, so that the links cannot fail behind the merge. A scan that fails leaves those that were
+  // there: the last front end to look finds the adapter also after a stop in the middle of a pass.
+  std::vector<unsigned long> adapterParents{m_Plugin.m_ID};
+  std::vector<unsigned long> pluginChildren{m_Adapter.m_ID};
   RVX_TRACE(TRACE_THREADS, "Before ScanSystem()");
   unsigned int status = ScanSystem(adapter, physicalDrives, logicalDrives, false);
   RVX_TRACE(TRACE_THREADS, "After ScanSystem() ret = %d drives=%d", status, physicalDrives.size());
@@ -131,10 +135,13 @@ unsigned int IPLUGINAPI_IMPL::RefreshModel() {
   RVX_TRACE(TRACE_THREADS, "Before UpdateSystem()");
   status = UpdateSystem(adapter, physicalDrives, logicalDrives);
   RVX_TRACE(TRACE_THREADS, "After UpdateSystem() ret = %d", status);
-  m_Adapter.m_Parents = {m_Plugin.m_ID};
-  m_Plugin.m_Children.push_back(m_Adapter.m_ID);
+  m_Adapter.m_Parents.swap(adapterParents);
+  m_Plugin.m_Parents.clear();
+  m_Plugin.m_Children.swap(pluginChildren);
   ++m_Adapter.m_UpdateCounter;
-  for (CRVXLogicalDrive& array : m_LogicalDrives) BuildConfiguration(array, m_PhysicalDrives);
+  // The merge compares a document with itself, since a scan carries it along: what changes it shows here.
+  for (CRVXLogicalDrive& array : m_LogicalDrives)
+    if (BuildConfiguration(array, m_PhysicalDrives)) ++array.m_UpdateCounter;
   return status;
 }
 
@@ -169,7 +176,7 @@ bool IPLUGINAPI_IMPL::FollowProgress() {
 void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
   const std::uint64_t now = m_OS.Now();
   if (!IsSmartCheckDue(state.m_LastSmartCheck, now)) return;
-  state.m_LastSmartCheck = now;
+  std::list<PI::CEvent> events;
   for (const CRVXPhysicalDrive& drive : m_PhysicalDrives) {
     // Figures that a drive does not report, or that could not be read, are all ones and raise nothing.
     const PI::CSmartValues values = ReadSmartValues(drive);
@@ -191,9 +198,12 @@ void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
           MakeEvent(warning.m_Code, m_Adapter.m_ID, m_Adapter.m_Description,
                     Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
       event.m_Severity = PI::SEV_WARNING;
-      m_EventQueue.push_back(event);  // the pass holds m_EventsLock
+      events.push_back(event);
     }
   }
+  state.m_LastSmartCheck = now;
+  m_EventQueue.splice(m_EventQueue.end(), events);  // the pass holds m_EventsLock
+  TrimEventQueue();
 }
 
 unsigned long IPLUGINAPI_IMPL::NextInterval() const {
@@ -206,6 +216,18 @@ unsigned long IPLUGINAPI_IMPL::NextInterval() const {
 void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER EventPoll()");
   RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", m_MdstatDescriptor);
+  const auto round = [this] {
+    try {
+      return EventPollRound();
+    } catch (const KVT::CSystemException&) {
+      throw;
+    } catch (const std::exception& exception) {  // want of memory passes
+      RVX_ERROR("EventPoll() round failed: %s", exception.what());
+      if (m_MdstatDescriptor >= 0) CloseMdstat();
+      m_OS.Sleep(MDSTAT_WAIT);
+      return true;
+    }
+  };
   try {
     const struct SCloseAtEnd {
       IPLUGINAPI_IMPL& m_Instance;
@@ -213,11 +235,10 @@ void IPLUGINAPI_IMPL::EventPoll() {
         if (m_Instance.m_MdstatDescriptor >= 0) m_Instance.CloseMdstat();
       }
     } closeAtEnd{*this};  // a cancelled thread closes its file too
-    while (EventPollRound()) {
+    while (round()) {
     }
   } catch (const KVT::CSystemException& exception) {
-    KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, TRACE_SOURCE, __LINE__,
-                           Text("EventPoll()- Thread is crashed!\n\n%S", exception.what()));
+    RVX_ERROR("EventPoll()- Thread is crashed!\n\n%S", exception.what());
     return;
   }
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE EventPoll()");

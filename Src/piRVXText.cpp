@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
+#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <limits>
@@ -34,6 +35,23 @@ std::optional<std::string_view> CLineReader::Next() {
   return line;
 }
 
+/// What the next entry may take of the text: four words, or the 70 characters that its fields read at most.
+/// Bounded, so that a long file is not measured again for each of its entries.
+static std::string NextEntry(const std::string& text, std::size_t position) {
+  constexpr std::size_t WORDS = 4;
+  constexpr std::size_t FIELD_CHARACTERS = 10 + 10 + 19 + 31;
+  std::size_t words = 0;
+  std::size_t characters = 0;
+  std::size_t end = position;
+  for (bool inWord = false; end < text.size() && characters <= FIELD_CHARACTERS; ++end) {
+    const bool blank = std::isspace(static_cast<unsigned char>(text[end])) != 0;
+    if (blank && inWord && ++words == WORDS) break;
+    inWord = !blank;
+    if (inWord) ++characters;
+  }
+  return text.substr(position, end - position);
+}
+
 std::vector<SPartition> ParsePartitions(const std::string& text) {
   constexpr std::size_t HEADING_READ = 255;
   constexpr long MAX_NUMBER = std::numeric_limits<std::uint32_t>::max();
@@ -42,18 +60,19 @@ std::vector<SPartition> ParsePartitions(const std::string& text) {
   for (int line = 0; line < 2; ++line) position += heading.Next().value_or(std::string_view{}).size();
 
   std::vector<SPartition> entries;
-  const char* rest = text.c_str() + position;
   while (true) {
+    const std::string entry = NextEntry(text, position);
     long major = 0;
     long minor = 0;
     long blocks = 0;
     char name[32] = "";
     int length = 0;
-    if (std::sscanf(rest, "%10ld %10ld %19ld %31s%n", &major, &minor, &blocks, name, &length) != 4) break;
+    if (std::sscanf(entry.c_str(), "%10ld %10ld %19ld %31s%n", &major, &minor, &blocks, name, &length) != 4)
+      break;
     if (major < 0 || major > MAX_NUMBER || minor < 0 || minor > MAX_NUMBER || blocks < 0) break;
     entries.push_back({static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor),
                        static_cast<std::uint64_t>(blocks), name});
-    rest += length;
+    position += static_cast<std::size_t>(length);
   }
   return entries;
 }

@@ -4,6 +4,7 @@
 
 #include <boost/format.hpp>
 #include <cerrno>
+#include <locale>
 #include <string>
 #include <system_error>
 
@@ -20,10 +21,11 @@ inline constexpr unsigned int TRACE_INFORMATION = 4;
 inline constexpr unsigned int TRACE_LOCKS = 8;
 inline constexpr unsigned int TRACE_THREADS = 16;  ///< scan and threads
 
-/// A text with its arguments filled in. "%d" prints a number of any width in full.
+/// A text with its arguments filled in, the same whatever locale the server has set. "%d" prints a number of
+/// any width in full.
 template <class... TArguments>
 std::string Text(const char* format, const TArguments&... arguments) {
-  boost::format text(format);
+  boost::format text(format, std::locale::classic());
   (void)(text % ... % arguments);
   return text.str();
 }
@@ -43,6 +45,17 @@ void TraceLine(unsigned int traceClass, const char* source, int line, const char
   errno = error;
 }
 
+/// Writes to the error log, whatever classes are traced. Throws nothing: it is called where something failed
+/// already.
+template <class... TArguments>
+void ErrorLine(const char* source, int line, const char* format, const TArguments&... arguments) {
+  try {
+    KVT::Trace::WriteError(KVT_MODULE_INFO_piRVX, source, line, Text(format, arguments...));
+  } catch (const std::exception&) {
+    // No memory for the line: what it was to tell of goes on.
+  }
+}
+
 }  // namespace NAMESPACE_piRVX
 
 /// Writes a line when its class is traced; the arguments are evaluated only then and have no side effect.
@@ -51,3 +64,4 @@ void TraceLine(unsigned int traceClass, const char* source, int line, const char
     if (::NAMESPACE_piRVX::KVT_MODULE_INFO_piRVX.IsTraced(traceClass))               \
       ::NAMESPACE_piRVX::TraceLine(traceClass, TRACE_SOURCE, __LINE__, __VA_ARGS__); \
   } while (false)
+#define RVX_ERROR(...) ::NAMESPACE_piRVX::ErrorLine(TRACE_SOURCE, __LINE__, __VA_ARGS__)

@@ -202,9 +202,13 @@ TEST(ScanDisks, ADiskWithoutAStateFileCountsAsNewAndTheFirstScanReportsNoNewAndN
   rig.m_Plugin.Drive("sda").m_Status = PI::STATUS_OK;
   rig.m_Machine.SetFile("/sys/block/sda/device/state", std::nullopt);
   SScanned stateless(rig.m_Plugin);
-  EXPECT_THAT(rig.m_Plugin.TakeEventCodes(),
-              ElementsAre(PI::EVT_PHYSICALDRIVE_ADDED, PI::EVT_READY_DRIVE_OFFLINE));
-  EXPECT_NE(stateless.Drive("sda").m_ID, rig.m_Plugin.Drive("sda").m_ID);
+  const auto events = rig.m_Plugin.TakeEvents();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0].m_Code, PI::EVT_PHYSICALDRIVE_ADDED);
+  EXPECT_EQ(events[1].m_Code, PI::EVT_READY_DRIVE_OFFLINE);
+  // It counts as new, but under the identifier that front ends can look up.
+  for (const unsigned long id : {stateless.Drive("sda").m_ID, events[0].m_ObjectID, events[1].m_ObjectID})
+    EXPECT_EQ(id, rig.m_Plugin.Drive("sda").m_ID);
 
   rig.m_Machine.SetFile("/sys/block/sda/device/state", "running\n");
   rig.m_Machine.Apply(R"({"hold_disk": "sda"})");

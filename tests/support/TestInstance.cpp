@@ -89,8 +89,8 @@ CRVXLogicalDrive& CTestInstance::Array(const std::string& name) {
 }
 
 std::vector<PI::CEvent> CTestInstance::TakeEvents() {
-  std::vector<PI::CEvent> events;
-  events.swap(m_EventQueue);
+  const std::vector<PI::CEvent> events(m_EventQueue.begin(), m_EventQueue.end());
+  m_EventQueue.clear();
   return events;
 }
 
