@@ -18,6 +18,17 @@ class CNoMemory {
   CNoMemory& operator=(const CNoMemory&) = delete;
 };
 
+/// While it lives, the n-th allocation of the calling thread, counted from 1, throws std::bad_alloc.
+class CFailingAllocation {
+ public:
+  explicit CFailingAllocation(unsigned long n);
+  ~CFailingAllocation();
+  CFailingAllocation(const CFailingAllocation&) = delete;
+  CFailingAllocation& operator=(const CFailingAllocation&) = delete;
+  /// Whether it came to that.
+  static bool HasFailed();
+};
+
 /// Runs out of memory once, after so many readings; negative: never.
 class CStarvedDoor : public CForwardingMachine {
  public:
