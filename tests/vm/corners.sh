@@ -1,0 +1,73 @@
+#!/bin/bash
+# Corners where a wrong disk could be written or a server be hurt: arrays of one number, disks that change places between
+# the look and the yes, a system without room for threads.
+set -euo pipefail
+source "$RVX_SOURCE/tests/vm/changes_lib.sh"
+
+rvxctl=$RVX_BUILD/bin/rvxctl
+a0=${disk[AHCI-0]} a1=${disk[AHCI-1]} a2=${disk[AHCI-2]} s1=${disk[SAS-1]} s2=${disk[SAS-2]}
+
+equal_numbers() {
+    local others
+    expect_eq "a mirror takes the number 0" md_d0 "$(make raid1 - "$a1" "$s1")"
+    check "mdadm makes another array of that number" mdadm --create /dev/md0 --run --assume-clean --level=1 \
+        --raid-devices=2 --metadata=1.0 "/dev/$a2" "/dev/$s2"
+    wait_for_sync
+    read_topology
+    expect_eq "both are listed with their own members" "$(printf '0 %s\n' "$(printf '%s\n' "$a1" "$s1" | sort | xargs)" \
+        "$(printf '%s\n' "$a2" "$s2" | sort | xargs)")" "$(listed md_d0 30126 && listed md0 30126)"
+    check "the other one is at rest" wait_for 20 "grep -qE '^(clean|active-idle)' /sys/block/md0/md/array_state"
+    others=$(fingerprint "$a2" "$s2")
+    check "deleting one" rvx array delete md_d0 --yes
+    expect_eq "leaves every byte of the other's members" "$others" "$(fingerprint "$a2" "$s2")"
+    expect_no_array "$a1" "$s1"
+    expect_eq "and the other runs on" md0 "$(arrays)"
+    mdadm --stop /dev/md0 2>/dev/null
+    mdadm --zero-superblock "/dev/$a2" "/dev/$s2"
+}
+
+# The disk that the name meant goes, and another, larger one comes under that name while a person reads the plan.
+swapped_disk() {
+    local host0 host1 before status=0 asking
+    host0=$(readlink -f "/sys/block/$a0/device") host1=$(readlink -f "/sys/block/$a1/device")
+    host0=${host0##*/} host1=${host1##*/}
+    mkfifo /tmp/keys
+    script -qfec "$rvxctl array create --level raid1 $a1 $s1" /tmp/screen </tmp/keys >/dev/null 2>&1 &
+    asking=$!
+    exec 3>/tmp/keys
+    check "rvxctl asks" wait_for 60 "grep -q 'y/N' /tmp/screen"
+    echo 1 >"/sys/block/$a0/device/delete"
+    echo 1 >"/sys/block/$a1/device/delete"
+    check "both disks go" wait_for 20 "[ ! -e /sys/block/$a0 ] && [ ! -e /sys/block/$a1 ]"
+    # The lowest free name goes to the one that comes first.
+    if [[ $a0 < $a1 ]]; then set -- "${host1%%:*}" "${host0%%:*}"; else set -- "${host0%%:*}" "${host1%%:*}"; fi
+    echo "- - -" >"/sys/class/scsi_host/host$1/scan"
+    check "one comes back under a name" wait_for 20 "[ -e /sys/block/$a0 ] || [ -e /sys/block/$a1 ]"
+    echo "- - -" >"/sys/class/scsi_host/host$2/scan"
+    check "and the other" wait_for 20 "[ -e /sys/block/$a0 ] && [ -e /sys/block/$a1 ]"
+    udevadm settle --timeout=30
+    expect_eq "the names have changed places" "$a1" "$(disk_by_serial AHCI-0)"
+    before=$(fingerprint "$a0" "$a1" "$s1")
+    echo y >&3
+    exec 3>&-
+    wait "$asking" || status=$?
+    expect_eq "the creation is refused" "1" "$status"
+    expect_match "with the plug-in's number" 20003 "$(</tmp/screen)"
+    expect_eq "and no disk changed" "$before" "$(fingerprint "$a0" "$a1" "$s1")"
+    check "md is clean again" mdadm --stop /dev/md_d0
+}
+
+no_threads() {
+    local status=0
+    # A thread's stack is as large as the limit says, and does not fit into the memory that the process may have.
+    (
+        ulimit -s 8000000 -v 4000000
+        exec timeout -s INT 4 "$rvxctl" events --follow
+    ) >/tmp/out 2>/tmp/said || status=$?
+    expect_match "each thread that could not be started is told of" 'thread EventPoll.*thread Worker' "$(xargs </tmp/said)"
+    expect_eq "and rvxctl ends by the signal, not by a crash" 124 "$status"
+}
+
+equal_numbers
+no_threads
+swapped_disk
