@@ -22,13 +22,14 @@ struct SModelPrefix {
   std::string_view m_Prefix;
   const char* m_Vendor;
 };
-constexpr std::array<SModelPrefix, 22> PREFIXES{
-    {{"ST#", "Seagate"},   {"XA#", "Seagate"},  {"ZA#", "Seagate"},    {"WDS#", "WDC"},
-     {"WD#", "WDC"},       {"CT#", "Crucial"},  {"MTFD", "Micron"},    {"MZ#", "Samsung"},
-     {"SSDSA", "Intel"},   {"SSDSC", "Intel"},  {"SA400", "Kingston"}, {"SKC", "Kingston"},
-     {"SEDC", "Kingston"}, {"HDS#", "Hitachi"}, {"HTS#", "Hitachi"},   {"HUA#", "Hitachi"},
-     {"HUS#", "HGST"},     {"DT#", "Toshiba"},  {"MQ#", "Toshiba"},    {"THN", "Toshiba"},
-     {"HFS#", "SK hynix"}, {"SDSSD", "SanDisk"}}};
+constexpr std::array<SModelPrefix, 25> PREFIXES{
+    {{"ST#", "Seagate"},  {"XA#", "Seagate"},    {"ZA#", "Seagate"},    {"WDS#", "WDC"},
+     {"WD#", "WDC"},      {"CT#", "Crucial"},    {"M4-CT#", "Crucial"}, {"MTFD", "Micron"},
+     {"MZ#", "Samsung"},  {"SSDSA", "Intel"},    {"SSDSC", "Intel"},    {"SSDMAE", "Intel"},
+     {"SSDMCE", "Intel"}, {"SA400", "Kingston"}, {"SKC", "Kingston"},   {"SEDC", "Kingston"},
+     {"HDS#", "Hitachi"}, {"HTS#", "Hitachi"},   {"HUA#", "Hitachi"},   {"HUS#", "HGST"},
+     {"DT#", "Toshiba"},  {"MQ#", "Toshiba"},    {"THN", "Toshiba"},    {"HFS#", "SK hynix"},
+     {"SDSSD", "SanDisk"}}};
 
 /// Vendor of a model that tells none.
 constexpr const char* NO_VENDOR = "ATA";
