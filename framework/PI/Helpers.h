@@ -66,7 +66,8 @@ class ZQ_API CPluginHelper {
   /// the value is then the count as it stands, in bytes.
   static bool ConvertBytesToOtherUnit(unsigned long bytes, float& value, _UNITS& unit);
   /// Projects wear and written volume over the time so far; the nearer end counts. All ones (and false) when
-  /// neither tells.
+  /// neither tells or the drive has run for less than a week.
+  /// @param bytesWritten,ratedWriteVolume bytes
   /// @param wearUsed percent; @param hours receives the hours left
   static bool ComputeRemainingLifeTime(unsigned long powerOnHours, unsigned long bytesWritten,
                                        unsigned int wearUsed, unsigned long ratedWriteVolume,

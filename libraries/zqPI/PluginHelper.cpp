@@ -34,6 +34,9 @@ constexpr std::array<SModelPrefix, 25> PREFIXES{
 /// Vendor of a model that tells none.
 constexpr const char* NO_VENDOR = "ATA";
 
+/// Hours. Wear is told in whole percent: the first one of a new drive says nothing about the next.
+constexpr unsigned long SHORTEST_PAST = 168;
+
 bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
 
 bool BeginsWithMaker(std::string_view model, std::string_view maker) {
@@ -100,7 +103,7 @@ bool CPluginHelper::ComputeRemainingLifeTime(unsigned long powerOnHours, unsigne
                                              unsigned int wearUsed, unsigned long ratedWriteVolume,
                                              unsigned long& hours) {
   hours = CSmartValues::UNKNOWN64;
-  if (powerOnHours == 0 || powerOnHours == CSmartValues::UNKNOWN64) return false;  // no past to project
+  if (powerOnHours < SHORTEST_PAST || powerOnHours == CSmartValues::UNKNOWN64) return false;
   if (wearUsed != 0 && wearUsed != CSmartValues::UNKNOWN32) hours = Project(powerOnHours, wearUsed, 100);
   const bool writtenKnown = bytesWritten != 0 && bytesWritten != CSmartValues::UNKNOWN64;
   if (writtenKnown && ratedWriteVolume != 0 && ratedWriteVolume != CSmartValues::UNKNOWN64)

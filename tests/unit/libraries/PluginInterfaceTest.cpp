@@ -220,7 +220,9 @@ TEST(PluginHelper, ProjectsTheNearerEnd) {
       {1000, 5, 255, 100, 0},
       {1000, 200, 1, 100, 0},
       {1000, 80, 0, 0, UNKNOWN64},
-      {0, 80, 50, 100, UNKNOWN64},  // no time has passed that could be projected
+      {168, 80, 50, 100, 42},
+      {167, 80, 50, 100, UNKNOWN64},  // too little time has passed to be projected
+      {UNKNOWN64, 80, 50, 100, UNKNOWN64},
       {30000, 1UL << 40, UNKNOWN32, 3UL << 50, 30000UL * 3071},
   };
   for (const auto& [hours, written, wear, rated, expected] : cases) {
@@ -228,6 +230,19 @@ TEST(PluginHelper, ProjectsTheNearerEnd) {
     EXPECT_EQ(CPluginHelper::ComputeRemainingLifeTime(hours, written, wear, rated, left),
               expected != UNKNOWN64);
     EXPECT_EQ(left, expected) << hours << ' ' << written << ' ' << wear << ' ' << rated;
+  }
+}
+
+TEST(PluginHelper, ScalesBytesToTheLargestUnit) {
+  const std::tuple<unsigned long, float, _UNITS> cases[] = {
+      {1023, 1023.0F, UNIT_BYTES},       {1536, 1.5F, UNIT_KIB},
+      {5UL << 20, 5.0F, UNIT_MIB},       {(1UL << 40) - 1, 1024.0F, UNIT_GIB},
+      {1UL << 60, 1048576.0F, UNIT_TIB}, {UNKNOWN64, 1.8446744e19F, UNIT_BYTES}};
+  for (const auto& [bytes, expected, expectedUnit] : cases) {
+    float value = 0.0F;
+    _UNITS unit = UNIT_NONE;
+    EXPECT_EQ(CPluginHelper::ConvertBytesToOtherUnit(bytes, value, unit), bytes != UNKNOWN64);
+    EXPECT_EQ(std::pair(value, unit), std::pair(expected, expectedUnit)) << bytes;
   }
 }
 
