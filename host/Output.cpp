@@ -63,6 +63,16 @@ struct SValueJson {
   void operator()(const KVT::XML::CMarkup& document) const { Put("xml", document.GetDoc()); }
 };
 
+/// A value in a unit of 2^shift bytes, in bytes; null when they are too many for a signed number of 64 bits,
+/// as programs read it.
+Json BytesJson(unsigned long number, unsigned int shift) {
+  return number >> (63 - shift) == 0 ? Json(number << shift) : Json(nullptr);
+}
+Json BytesJson(float number, unsigned int shift) {
+  const double bytes = std::ldexp(static_cast<double>(number), static_cast<int>(shift));
+  return bytes < 0x1p63 ? Json(std::llround(bytes)) : Json(nullptr);
+}
+
 }  // namespace
 
 CSession& CContext::Session() {
@@ -147,9 +157,9 @@ Json PropertyJson(const CTexts& texts, const PI::CProperty& property) {
   if (property.m_UnitTextID >= PI::UNIT_BYTES && property.m_UnitTextID <= PI::UNIT_TIB) {
     const unsigned int shift = 10 * (property.m_UnitTextID - PI::UNIT_BYTES);
     if (const auto* const number = std::get_if<unsigned long>(&property.m_Value))
-      json["bytes"] = *number << shift;
+      json["bytes"] = BytesJson(*number, shift);
     if (const auto* const number = std::get_if<float>(&property.m_Value))
-      json["bytes"] = std::llround(std::ldexp(static_cast<double>(*number), static_cast<int>(shift)));
+      json["bytes"] = BytesJson(*number, shift);
   }
   if (IsUnknown(property)) json["value"] = json["text"] = nullptr;
   return json;

@@ -47,7 +47,8 @@ class ZQ_API CSmartValues {
   static constexpr std::uint64_t UNKNOWN64 = ~std::uint64_t{0};
   static constexpr std::uint32_t UNKNOWN32 = ~std::uint32_t{0};
 
-  std::uint64_t m_RatedWriteVolume{UNKNOWN64};  ///< bytes
+  /// Bytes. Always all ones: what the kernel leaves of a model's name tells no maker's rating.
+  std::uint64_t m_RatedWriteVolume{UNKNOWN64};
   std::uint64_t m_PowerOnHours{UNKNOWN64};
   std::uint64_t m_BytesWritten{UNKNOWN64};
   std::uint32_t m_AvailableReserve{UNKNOWN32};  ///< percent left
@@ -55,8 +56,6 @@ class ZQ_API CSmartValues {
 
  private:
   int m_Family;  ///< row of the table of families, -1: none
-  std::uint64_t m_FamilyRatedVolume{
-      0};  ///< bytes, as the maker publishes it for family and capacity; 0: not known
 };
 
 class ZQ_API CPluginHelper {
@@ -67,7 +66,8 @@ class ZQ_API CPluginHelper {
   /// the value is then the count as it stands, in bytes.
   static bool ConvertBytesToOtherUnit(unsigned long bytes, float& value, _UNITS& unit);
   /// Projects wear and written volume over the time so far; the nearer end counts. All ones (and false) when
-  /// neither tells.
+  /// neither tells or the drive has run for less than a week.
+  /// @param bytesWritten,ratedWriteVolume bytes
   /// @param wearUsed percent; @param hours receives the hours left
   static bool ComputeRemainingLifeTime(unsigned long powerOnHours, unsigned long bytesWritten,
                                        unsigned int wearUsed, unsigned long ratedWriteVolume,

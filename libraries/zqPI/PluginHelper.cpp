@@ -22,16 +22,20 @@ struct SModelPrefix {
   std::string_view m_Prefix;
   const char* m_Vendor;
 };
-constexpr std::array<SModelPrefix, 22> PREFIXES{
-    {{"ST#", "Seagate"},   {"XA#", "Seagate"},  {"ZA#", "Seagate"},    {"WDS#", "WDC"},
-     {"WD#", "WDC"},       {"CT#", "Crucial"},  {"MTFD", "Micron"},    {"MZ#", "Samsung"},
-     {"SSDSA", "Intel"},   {"SSDSC", "Intel"},  {"SA400", "Kingston"}, {"SKC", "Kingston"},
-     {"SEDC", "Kingston"}, {"HDS#", "Hitachi"}, {"HTS#", "Hitachi"},   {"HUA#", "Hitachi"},
-     {"HUS#", "HGST"},     {"DT#", "Toshiba"},  {"MQ#", "Toshiba"},    {"THN", "Toshiba"},
-     {"HFS#", "SK hynix"}, {"SDSSD", "SanDisk"}}};
+constexpr std::array<SModelPrefix, 25> PREFIXES{
+    {{"ST#", "Seagate"},  {"XA#", "Seagate"},    {"ZA#", "Seagate"},    {"WDS#", "WDC"},
+     {"WD#", "WDC"},      {"CT#", "Crucial"},    {"M4-CT#", "Crucial"}, {"MTFD", "Micron"},
+     {"MZ#", "Samsung"},  {"SSDSA", "Intel"},    {"SSDSC", "Intel"},    {"SSDMAE", "Intel"},
+     {"SSDMCE", "Intel"}, {"SA400", "Kingston"}, {"SKC", "Kingston"},   {"SEDC", "Kingston"},
+     {"HDS#", "Hitachi"}, {"HTS#", "Hitachi"},   {"HUA#", "Hitachi"},   {"HUS#", "HGST"},
+     {"DT#", "Toshiba"},  {"MQ#", "Toshiba"},    {"THN", "Toshiba"},    {"HFS#", "SK hynix"},
+     {"SDSSD", "SanDisk"}}};
 
 /// Vendor of a model that tells none.
 constexpr const char* NO_VENDOR = "ATA";
+
+/// Hours. Wear is told in whole percent: the first one of a new drive says nothing about the next.
+constexpr unsigned long SHORTEST_PAST = 168;
 
 bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
 
@@ -99,7 +103,7 @@ bool CPluginHelper::ComputeRemainingLifeTime(unsigned long powerOnHours, unsigne
                                              unsigned int wearUsed, unsigned long ratedWriteVolume,
                                              unsigned long& hours) {
   hours = CSmartValues::UNKNOWN64;
-  if (powerOnHours == 0 || powerOnHours == CSmartValues::UNKNOWN64) return false;  // no past to project
+  if (powerOnHours < SHORTEST_PAST || powerOnHours == CSmartValues::UNKNOWN64) return false;
   if (wearUsed != 0 && wearUsed != CSmartValues::UNKNOWN32) hours = Project(powerOnHours, wearUsed, 100);
   const bool writtenKnown = bytesWritten != 0 && bytesWritten != CSmartValues::UNKNOWN64;
   if (writtenKnown && ratedWriteVolume != 0 && ratedWriteVolume != CSmartValues::UNKNOWN64)

@@ -5,7 +5,6 @@
 #include <numeric>
 #include <optional>
 
-#include "KVT/Regex.h"
 #include "PI/Helpers.h"
 
 namespace PI {
@@ -18,6 +17,7 @@ constexpr std::uint64_t HOURS_MASK = 0xFFFFFFFF;
 
 constexpr std::uint64_t SECTOR = 512;
 constexpr std::uint64_t MIB32 = std::uint64_t{32} << 20;
+constexpr std::uint64_t GB = 1'000'000'000;
 constexpr std::uint64_t GIB = std::uint64_t{1} << 30;
 
 /// Which attributes a family of drives reports; 0: none. docs/smart.md says where each row comes from.
@@ -28,29 +28,27 @@ struct SFamily {
   std::uint64_t m_WrittenUnit;  ///< bytes
   std::uint8_t m_Reserve;       ///< normalised value: percent of the reserve that is left
   std::uint8_t m_LifeLeft;      ///< normalised value: 100 less the percent worn
-  /// How many times its capacity the maker lets it be written; 0: not published in this form.
-  std::uint64_t m_RatedCapacities;
 };
 
-// The first row that fits counts. The kernel cuts the models of ATA disks to 16 characters: a pattern must
-// not need more unless a later row takes the short form.
+// The first row that fits counts. The kernel cuts the models of ATA disks to 16 characters, the maker's name
+// included: a pattern must fit what is left.
 constexpr std::array<SFamily, 16> FAMILIES{{
-    {"Intel", "SSDSC2BA???G3*", 241, MIB32, 232, 233, 18250},
-    {"Intel", "SSDSC*", 241, MIB32, 232, 233, 0},
-    {"Intel", "SSDSA*", 225, MIB32, 232, 233, 0},
-    {"Samsung", "SSD 8[67]0 EVO*", 241, SECTOR, 179, 177, 600},
-    {"Samsung", "SSD 8[67]0 QVO*", 241, SECTOR, 179, 177, 360},
-    {"Samsung", "@(SSD 8|MZ)*", 241, SECTOR, 179, 177, 0},
-    {"Crucial", "CT*M4SSD*", 0, 0, 0, 202, 0},
-    {"Crucial", "CT*@(MX[1-5]|BX5|M5[05])*", 246, SECTOR, 0, 202, 0},
-    {"Micron", "*MTFD*", 246, SECTOR, 0, 202, 0},
-    {"WDC", "WDS*", 241, GIB, 232, 0, 0},
-    {"SanDisk", "@(SD[789]|SDSS|SSD PLUS|Ultra)*", 241, GIB, 232, 0, 0},
-    {"Kingston", "@(SA400|SKC600|SEDC[45]|SV300)*", 241, GIB, 0, 231, 0},
-    {"Seagate", "@(XA|ZA)[0-9]*", 241, GIB, 0, 231, 0},
-    {"Toshiba", "THN*", 0, 0, 0, 0, 0},
-    {"KIOXIA", "*", 0, 0, 0, 0, 0},
-    {"SK hynix", "@(SC[34]|HFS)*", 0, 0, 0, 0, 0},
+    {"Intel", "SSDSC*[0-9]R*", 233, SECTOR, 170, 245},  // Dell's firmware; with "INTEL" the R is cut off
+    {"Intel", "@(SSDSA|SSDMAE|SSDSC2MH)*", 225, MIB32, 232, 233},
+    {"Intel", "@(SSDSC|SSDMCE)*", 241, MIB32, 232, 233},
+    {"Samsung", "@(SSD 8|MZ)*", 241, SECTOR, 179, 177},
+    {"Crucial", "M4-CT*", 0, 0, 0, 202},
+    {"Crucial", "CT*@(MX[1-5]*|BX5*|M5[05]*|MX|M5)", 246, SECTOR, 0, 202},
+    {"Micron", "@(*MTFD|M5?0DC_|5300HC_)*", 246, SECTOR, 0, 202},
+    {"WDC", "WDS*", 241, GIB, 232, 0},
+    {"SanDisk", "@(SDSSDP|SDSSDRC|SD7[SU]B?Q)*", 241, SECTOR, 232, 0},
+    {"SanDisk", "@(SD[789]|SDSS|SSD PLUS|Ultra)*", 241, GIB, 232, 0},
+    {"Kingston", "SKC600*", 241, MIB32, 0, 231},
+    {"Kingston", "@(SA400|SEDC[45]|SV300)*", 241, GIB, 0, 231},
+    {"Seagate", "@(XA|ZA)[0-9]*", 241, GB, 0, 231},
+    {"Toshiba", "THN*", 0, 0, 0, 0},
+    {"KIOXIA", "*", 0, 0, 0, 0},
+    {"SK hynix", "@(SC[34]|HFS)*", 0, 0, 0, 0},
 }};
 
 // SMART READ DATA: a version word, then 30 entries of 12 bytes: identifier, two bytes of flags, normalised
@@ -99,29 +97,16 @@ int FindFamily(const std::string& vendor, const std::string& model) {
   return found == FAMILIES.end() ? -1 : static_cast<int>(found - FAMILIES.begin());
 }
 
-/// Capacity in bytes as a model tells it ("... 500GB", "...2TB", "...200G3"); 0 when it does not.
-std::uint64_t ReadCapacity(const std::string& model) {
-  static const KVT::Regex CAPACITY("(.*[^[:digit:]])?([:digit:]{1,4})([GT]).*");
-  const auto groups = CAPACITY.Match(model);
-  if (!groups) return 0;
-  return std::stoull((*groups)[1]) * ((*groups)[2] == "T" ? 1'000'000'000'000 : 1'000'000'000);
-}
-
 }  // namespace
 
 CSmartValues::CSmartValues(const std::string& vendor, const std::string& model)
-    : m_Family(FindFamily(vendor, model)) {
-  if (!IsSupported()) return;
-  const std::uint64_t rated = FAMILIES[static_cast<std::size_t>(m_Family)].m_RatedCapacities;
-  if (rated != 0) m_FamilyRatedVolume = rated * ReadCapacity(model);
-}
+    : m_Family(FindFamily(vendor, model)) {}
 
 bool CSmartValues::Evaluate(const _IDE_SMART_DATA& data) {
-  m_RatedWriteVolume = m_PowerOnHours = m_BytesWritten = UNKNOWN64;
+  m_PowerOnHours = m_BytesWritten = UNKNOWN64;
   m_AvailableReserve = m_WearUsed = UNKNOWN32;
   if (!IsSupported() || !IsChecksumRight(data)) return false;
   const SFamily& family = FAMILIES[static_cast<std::size_t>(m_Family)];
-  if (m_FamilyRatedVolume != 0) m_RatedWriteVolume = m_FamilyRatedVolume;
   if (const auto hours = FindAttribute(data, POWER_ON_HOURS)) m_PowerOnHours = hours->m_Raw & HOURS_MASK;
   const auto written = FindAttribute(data, family.m_Written);
   if (written && written->m_Raw <= UNKNOWN64 / family.m_WrittenUnit)

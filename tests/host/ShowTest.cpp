@@ -76,6 +76,9 @@ TEST(Show, TopologyTellsWhatScriptsNeed) {
   EXPECT_EQ(PropertyOf(ObjectOf(topology, "sda"), 30059)["bytes"], 64 << 20);
   const json& wear = PropertyOf(ObjectOf(topology, "sdf"), 30494);
   EXPECT_TRUE(wear["value"].is_null() && wear["text"].is_null()) << wear;
+  EXPECT_EQ(PropertyOf(ObjectOf(topology, "sdg"), 30490)["bytes"], 3UL << 30);
+  const json& written = PropertyOf(ObjectOf(topology, "sdf"), 30490);
+  EXPECT_TRUE(written["bytes"].is_null() && written["value"] == 8388608.0) << "2^63 bytes: " << written;
   EXPECT_EQ(PropertyOf(ObjectOf(topology, "plugin"), 30005)["maximum"], 255);
 }
 

@@ -235,7 +235,7 @@ TEST(Worker, WornSolidStateDisksAreReportedByTheAdapter) {
       {100, 9, 200000, {PI::EVT_SMART_RESERVE_LOW}},
       {50, 50, 1439, {PI::EVT_SMART_LIFETIME_LOW}},
       {50, 50, 1440, {}},
-      {2, 1, 100, {PI::EVT_SMART_WEAR_HIGH, PI::EVT_SMART_RESERVE_LOW, PI::EVT_SMART_LIFETIME_LOW}},
+      {2, 1, 168, {PI::EVT_SMART_WEAR_HIGH, PI::EVT_SMART_RESERVE_LOW, PI::EVT_SMART_LIFETIME_LOW}},
   };
   for (const auto& entry : cases) {
     SCOPED_TRACE(testing::Message() << entry.m_LifeLeft << " " << entry.m_Reserve << " " << entry.m_Hours);

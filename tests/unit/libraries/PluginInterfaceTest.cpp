@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <numeric>
+#include <sstream>
 
 #include "PI/Helpers.h"
 #include "PI/LogicalDrive.h"
@@ -125,16 +126,15 @@ TEST_F(ConfigFile, RefusesWhatItCannotWriteAndTouchesNothing) {
 }
 
 /// One entry of a SMART block: identifier, normalised and raw value.
-using TSmartEntry = std::tuple<std::uint8_t, std::uint8_t, std::uint64_t>;
+using TSmartEntry = std::tuple<int, int, std::uint64_t>;
 
 /// A SMART block as a drive returns it, checksum and all.
 _IDE_SMART_DATA SmartBlock(const std::vector<TSmartEntry>& entries) {
   _IDE_SMART_DATA data{};
-  data.m_Bytes[0] = 0x10;
   std::size_t at = 2;
   for (const auto& [identifier, normalised, raw] : entries) {
-    data.m_Bytes[at] = identifier;
-    data.m_Bytes[at + 3] = normalised;
+    data.m_Bytes[at] = static_cast<std::uint8_t>(identifier);
+    data.m_Bytes[at + 3] = static_cast<std::uint8_t>(normalised);
     for (unsigned int i = 0; i < 6; ++i) data.m_Bytes[at + 5 + i] = static_cast<std::uint8_t>(raw >> (8 * i));
     at += 12;
   }
@@ -146,36 +146,51 @@ _IDE_SMART_DATA SmartBlock(const std::vector<TSmartEntry>& entries) {
 CSmartValues ValuesOf(const std::string& model) {
   std::string vendor;
   std::string product;
-  CPluginHelper::SplitSATAModelName(model, vendor, product);
+  CPluginHelper::SplitSATAModelName(model.substr(0, 16), vendor, product);  // as the kernel cuts it
   return {vendor, product};
 }
 
 TEST(SmartValues, UnderstandEachFamily) {
-  constexpr std::uint64_t TB = 1'000'000'000'000;
-  const struct {
-    const char* m_Model;
-    std::vector<TSmartEntry> m_Entries;
-    std::array<std::uint64_t, 5> m_Fields;  ///< rated volume, hours, bytes written, reserve, wear
-  } cases[] = {
-      {"INTEL SSDSC2BA200G3",
-       {{5, 100, 0}, {9, 0, 0xA5B6'0000'1F40}, {232, 97, 0}, {233, 88, 0}, {241, 100, 1201}},
-       {3650 * TB, 8000, 1201ULL << 25, 97, 12}},
-      {"Samsung SSD 870 QVO 2TB",
-       {{9, 97, 12000}, {177, 94, 80}, {179, 100, 0}, {241, 99, 40'000'000'000}},
-       {720 * TB, 12000, 40'000'000'000 * 512, 100, 6}},
-      {"Micron_5200_MTFDDAK960TDD", {{9, 100, 1}, {202, 99, 1}}, {UNKNOWN64, 1, UNKNOWN64, UNKNOWN32, 1}},
-      // what a drive does not keep yet, and a count beyond 64 bits of bytes
-      {"  WDS500G2B0A ",
-       {{232, 253, 0}, {241, 100, 0xFFFF'FFFF'FFFF}},
-       {UNKNOWN64, UNKNOWN64, UNKNOWN64, UNKNOWN32, UNKNOWN32}},
+  // As many attributes as a block holds, in no order: what a family may ask for and its neighbours. Number N
+  // counts N thousand and stands at N - 150 percent.
+  std::vector<TSmartEntry> entries{{9, 100, 0xA5B6'0100'1F40}};
+  for (const int id : {1,   5,   12,  233, 170, 242, 173, 177, 180, 187, 195, 199, 201, 202, 206,
+                       210, 225, 226, 230, 231, 232, 234, 179, 241, 243, 244, 245, 247, 246})
+    entries.emplace_back(id, id - 150, id * 1000);
+  const _IDE_SMART_DATA block = SmartBlock(entries);
+  // Bytes written, reserve, wear, and the models that tell them.
+  const std::tuple<std::uint64_t, std::uint32_t, std::uint32_t, const char*> cases[] = {
+      {233'000ULL << 9, 20, 5, "SSDSC2KB480G7R|SSDSCKJB240G7R"},
+      {225'000ULL << 25, 82, 17,
+       "INTEL SSDSA2CW160G3|SSDSA2BW120G3A|INTEL SSDMAEXC024G3H|SSDMAEXC024G3H|INTEL SSDSC2MH120A2"},
+      {241'000ULL << 25, 82, 17, "INTEL SSDSC2KB480G7|SSDSC2BA200G3|INTEL SSDMCEAW240A4|SSDMCEAC120B3"},
+      {241'000ULL << 9, 29, 73, "Samsung SSD 870 QVO 2TB|SAMSUNG MZ7LM960HCHP-0E003|MZ7KM960HMJP0D3"},
+      {UNKNOWN64, UNKNOWN32, 48, "M4-CT128M4SSD2"},
+      {246'000ULL << 9, UNKNOWN32, 48, "Crucial_CT256MX100SSD1|Crucial_CT1024MX200SSD1|CT1000MX500SSD1"},
+      {246'000ULL << 9, UNKNOWN32, 48, "Crucial_CT960M500SSD1|Crucial_CT1024M550SSD1|CT120BX500SSD1"},
+      {246'000ULL << 9, UNKNOWN32, 48, "Micron_5200_MTFDDAK960TDD|MTFDDAK256TBN|Micron_5300HC_MTFDDAK960TDS"},
+      {246'000ULL << 9, UNKNOWN32, 48, "Micron_M500DC_EEFDDAA120MBB|MICRON_M510DC_MTFDDAK240MBP"},
+      {241'000ULL << 30, 82, UNKNOWN32, "  WDS500G2B0A |WDC  WDS200T1R0A-68A4W0"},
+      {241'000ULL << 9, 82, UNKNOWN32,
+       "SanDisk SDSSDP128G|SDSSDRC032G|SanDisk SD7SB3Q128G|SanDisk SD7UB2Q512G"},
+      {241'000ULL << 30, 82, UNKNOWN32, "SanDisk SD7SB6S128G1122|SanDisk SD9SB8W512G1122|SDSSDHII120G"},
+      {241'000ULL << 30, 82, UNKNOWN32, "SanDisk SSD PLUS 240GB|SanDisk Ultra II 960GB"},
+      {241'000ULL << 25, UNKNOWN32, 19, "KINGSTON SKC600256G"},
+      {241'000ULL << 30, UNKNOWN32, 19, "KINGSTON  SA400S37480G|SEDC500M480G|KINGSTON SV300S37A120G"},
+      {241'000 * 1'000'000'000ULL, UNKNOWN32, 19, "XA960LE10063|ZA480NM10001"},
+      {UNKNOWN64, UNKNOWN32, UNKNOWN32,
+       "TOSHIBA THNSNJ512GCST|KIOXIA-EXCERIA SATA SSD|SK hynix SC401|HFS256G32"},
   };
-  for (const auto& test : cases) {
-    CSmartValues values = ValuesOf(test.m_Model);
-    ASSERT_TRUE(values.Evaluate(SmartBlock(test.m_Entries))) << test.m_Model;
-    const std::array<std::uint64_t, 5> fields{values.m_RatedWriteVolume, values.m_PowerOnHours,
-                                              values.m_BytesWritten, values.m_AvailableReserve,
-                                              values.m_WearUsed};
-    EXPECT_EQ(fields, test.m_Fields) << test.m_Model;
+  for (const auto& [written, reserve, wear, names] : cases) {
+    std::istringstream models(names);
+    for (std::string model; std::getline(models, model, '|');) {
+      CSmartValues found = ValuesOf(model);
+      ASSERT_TRUE(found.Evaluate(block)) << model;
+      EXPECT_EQ(std::tuple(found.m_RatedWriteVolume, found.m_PowerOnHours, found.m_BytesWritten,
+                           found.m_AvailableReserve, found.m_WearUsed),
+                std::tuple(UNKNOWN64, 0x0100'1F40, written, reserve, wear))
+          << model;
+    }
   }
 }
 
@@ -184,6 +199,9 @@ TEST(SmartValues, DoNotGuess) {
   for (const char* model : {"WDC WD10EZEX-00B", "SAMSUNG HD103SJ", "TOSHIBA MQ01ABD1", "QEMU SSD", "", "CT"})
     EXPECT_FALSE(ValuesOf(model).Evaluate(good)) << model;
   CSmartValues known = ValuesOf("INTEL SSDSC2BB480G4");
+  // A percentage that is not kept yet, and a count beyond 64 bits of bytes.
+  ASSERT_TRUE(known.Evaluate(SmartBlock({{232, 253, 0}, {241, 100, 0x80'0000'0000}})));
+  EXPECT_EQ(std::pair(known.m_AvailableReserve, known.m_BytesWritten), std::pair(UNKNOWN32, UNKNOWN64));
   for (std::size_t i = 0; i < good.m_Bytes.size(); ++i) {
     ASSERT_TRUE(known.Evaluate(good));
     _IDE_SMART_DATA bad = good;
@@ -202,7 +220,9 @@ TEST(PluginHelper, ProjectsTheNearerEnd) {
       {1000, 5, 255, 100, 0},
       {1000, 200, 1, 100, 0},
       {1000, 80, 0, 0, UNKNOWN64},
-      {0, 80, 50, 100, UNKNOWN64},  // no time has passed that could be projected
+      {168, 80, 50, 100, 42},
+      {167, 80, 50, 100, UNKNOWN64},  // too little time has passed to be projected
+      {UNKNOWN64, 80, 50, 100, UNKNOWN64},
       {30000, 1UL << 40, UNKNOWN32, 3UL << 50, 30000UL * 3071},
   };
   for (const auto& [hours, written, wear, rated, expected] : cases) {
@@ -210,6 +230,19 @@ TEST(PluginHelper, ProjectsTheNearerEnd) {
     EXPECT_EQ(CPluginHelper::ComputeRemainingLifeTime(hours, written, wear, rated, left),
               expected != UNKNOWN64);
     EXPECT_EQ(left, expected) << hours << ' ' << written << ' ' << wear << ' ' << rated;
+  }
+}
+
+TEST(PluginHelper, ScalesBytesToTheLargestUnit) {
+  const std::tuple<unsigned long, float, _UNITS> cases[] = {
+      {1023, 1023.0F, UNIT_BYTES},       {1536, 1.5F, UNIT_KIB},
+      {5UL << 20, 5.0F, UNIT_MIB},       {(1UL << 40) - 1, 1024.0F, UNIT_GIB},
+      {1UL << 60, 1048576.0F, UNIT_TIB}, {UNKNOWN64, 1.8446744e19F, UNIT_BYTES}};
+  for (const auto& [bytes, expected, expectedUnit] : cases) {
+    float value = 0.0F;
+    _UNITS unit = UNIT_NONE;
+    EXPECT_EQ(CPluginHelper::ConvertBytesToOtherUnit(bytes, value, unit), bytes != UNKNOWN64);
+    EXPECT_EQ(std::pair(value, unit), std::pair(expected, expectedUnit)) << bytes;
   }
 }
 
