@@ -1,15 +1,12 @@
-// What front ends see, in one text, golden.txt: every field of every object, property and operation on the
-// machine of golden.json, which has one of everything. Its clock is set so that the one date, an end of life,
-// is the same from Samoa to New Zealand; nothing else moves there.
-
-#include <gtest/gtest.h>
+// What the framework and front ends see, in one text, golden.txt: every field of every object, property and
+// operation on the machine of golden.json, which has one of everything. Its clock is set so that the one
+// date, an end of life, is the same from Samoa to New Zealand; nothing else moves there.
 
 #include <algorithm>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/filesystem/string_file.hpp>
 #include <cstdlib>
 
-#include "Src/piRVXTrace.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
@@ -18,28 +15,22 @@ namespace {
 
 using CLines = std::vector<std::string>;
 
-/// Of a file beside golden.txt.
-std::string TextOf(const std::string& name) {
-  std::string text;
-  boost::filesystem::load_string_file(RVX_GOLDEN_FOLDER + name, text);
-  return text;
-}
-
 std::string Line(const PI::CProperty& property) {
   const char* const types[] = {"none", "text", "range", "choice", "float", "number", "lists", "document"};
   std::string line = Text("%d %s '%s'", property.m_ID, types[property.GetDataType()], Shown(property));
-  const auto add = [&](const char* field, unsigned int value, unsigned int usual) {
-    if (value != usual) line += Text(", %s %d", field, value);
-  };
-  add("label", property.m_LabelTextID, 0);
-  add("unit", property.m_UnitTextID, 0);
-  add("text", property.m_ValueTextID, 0);
-  add("shown", property.m_AttributeWord, PI::CProperty::SHOWN);
-  add("format", property.m_DisplayFormat, 0);
-  add("kind", property.m_DisplayKind, 0);
-  add("group", property.m_Group, PI::CProperty::NO_GROUP);
-  add("flags", property.m_TrailingFlags, 1);
-  add("writable", property.m_Writable ? 1 : 0, 0);
+  const std::tuple<const char*, unsigned int, unsigned int> fields[] = {
+      // with the usual value, which is not told
+      {"label", property.m_LabelTextID, 0},
+      {"unit", property.m_UnitTextID, 0},
+      {"text", property.m_ValueTextID, 0},
+      {"shown", property.m_AttributeWord, PI::CProperty::SHOWN},
+      {"format", property.m_DisplayFormat, 0},
+      {"kind", property.m_DisplayKind, 0},
+      {"group", property.m_Group, PI::CProperty::NO_GROUP},
+      {"flags", property.m_TrailingFlags, 1},
+      {"writable", property.m_Writable ? 1 : 0, 0}};
+  for (const auto& [name, value, usual] : fields)
+    if (value != usual) line += Text(", %s %d", name, value);
   return line;
 }
 
@@ -67,6 +58,13 @@ CLines LinesOf(const PI::CObject& object) {
                            level.m_MinimumSpans, level.m_MaximumSpans));
   }
   return lines;
+}
+
+/// The text of a file in the folder of this test.
+std::string TextOf(const std::string& name) {
+  std::string text;
+  boost::filesystem::load_string_file(RVX_GOLDEN_FOLDER + name, text);
+  return text;
 }
 
 struct Golden : public testing::Test, public SRig {
@@ -98,6 +96,33 @@ struct Golden : public testing::Test, public SRig {
     const CLines before = LinesOf(Asked(id));
     change();
     TellNew(name, LinesOf(Asked(id)), before);
+  }
+
+  /// How a plug-in answers each request for an object with what it does not know, and what that leaves.
+  void TellAnswers(const std::string& name, CTestInstance& plugin, const PI::CObject& object) {
+    std::vector<PI::CProperty> properties;
+    std::vector<PI::COperation> operations(2);
+    PI::CProperty property(static_cast<PI::_PROPERTY_ID>(39999)), newName(PI::PROP_NAME);
+    property.SetValue("mine");
+    PI::COperation operation = Operation(59999);
+    operation.m_Events.resize(3);
+    const std::tuple<const char*, unsigned int, void*> requests[] = {
+        {"command", 11, &operations},
+        {"all properties", PI::CMD_GET_PROPERTIES, &properties},
+        {"name", PI::CMD_GET_PROPERTY, &newName},
+        {"property", PI::CMD_GET_PROPERTY, &property},
+        {"new name", PI::CMD_SET_PROPERTY, &newName},
+        {"operations", PI::CMD_GET_OPERATIONS, &operations},
+        {"check", PI::CMD_CHECK_OPERATION, &operation},
+        {"execution", PI::CMD_EXECUTE_OPERATION, &operation}};
+    for (const auto& [what, command, data] : requests) {
+      const unsigned long counter = object.m_UpdateCounter;
+      properties.resize(2, PI::CProperty(PI::PROP_NAME));
+      const unsigned int status = plugin.Execute(static_cast<PI::_COMMAND>(command), object.m_ID, data);
+      Tell(name, Text("%s answered with %d, counted %d, %d properties, %d operations, %d events, '%s'", what,
+                      status, object.m_UpdateCounter - counter, properties.size(), operations.size(),
+                      operation.m_Events.size(), Shown(property)));
+    }
   }
 
   std::string m_Text;
@@ -136,6 +161,17 @@ TEST_F(Golden, WhatFrontEndsSee) {
   }
 
   CRVXAdapter& adapter = m_Plugin.m_Adapter;
+  CRVXPhysicalDrive& drive = m_Plugin.Drive("sdg");
+  CRVXLogicalDrive& array = m_Plugin.Array("md0");
+  CTestInstance fresh(m_Machine);
+  PI::CObject nobody;
+  nobody.m_ID = 4711;
+  TellAnswers("plug-in", m_Plugin, m_Plugin.m_Plugin);
+  TellAnswers("adapter", m_Plugin, adapter);
+  TellAnswers("disk", m_Plugin, drive);
+  TellAnswers("array", m_Plugin, array);
+  TellAnswers("no object", m_Plugin, nobody);
+  TellAnswers("before command 1", fresh, nobody);
   TellChange("adapter with all", adapter.m_ID, [&] {
     adapter.m_Location1 = 11;
     adapter.m_Location2 = 12;
@@ -145,23 +181,38 @@ TEST_F(Golden, WhatFrontEndsSee) {
   });
   for (const std::uint32_t status : {40095U, 40150U, 7U})
     TellChange("adapter", adapter.m_ID, [&] { adapter.m_Status = status; });
-  CRVXPhysicalDrive& drive = m_Plugin.Drive("sdg");
   for (const std::uint32_t status : {40099U, 40093U, 40095U, 40096U, 40098U, 40023U})
     for (const std::uint32_t medium : {40292U, 40293U})
       TellChange(Text("disk %d", status), drive.m_ID, [&] {
         drive.m_Status = status;
         drive.m_Medium = medium;
       });
+  const std::tuple<int, int, int, int> numbers[] = {{0, -1, -1, -1}, {0, 8, 16, 1}, {0, -1, -1, 1},
+                                                    {0, -1, -1, 9},  {0, 8, 17, 1}, {0, -1, 16, 1},
+                                                    {0, 8, -1, 1},   {-1, 8, 16, 1}};
+  for (const auto& [all, major, minor, number] : numbers) {
+    std::string marked;
+    EXPECT_EQ(m_Plugin.LockObjects(all, major, minor, number), PI::OK);
+    for (const PI::CObject& object : m_Plugin.Topology())
+      if (object.m_Busy) marked += " " + names[object.m_ID];
+    Tell("busy", Text("%d %d:%d %d marks%s", all, major, minor, number, marked));
+    EXPECT_EQ(m_Plugin.UnlockObjects(), PI::OK);
+  }
   std::vector<PI::CProperty> properties;  // a missing drive's; those that are there already are hidden too
   for (unsigned int id = 30000; id < 31000; ++id) properties.emplace_back(static_cast<PI::_PROPERTY_ID>(id));
   m_Plugin.GetPhysicalDriveProperties(drive, properties, PI::PROP_NONE);
   std::erase_if(properties, [](const PI::CProperty& property) { return property.m_AttributeWord != 0; });
   for (const PI::CProperty& property : properties) Tell("missing disk", Text("hides %d", property.m_ID));
-  CRVXLogicalDrive& array = m_Plugin.Array("md0");
   TellChange("array without name and document", array.m_ID, [&] {
     array.m_KernelName.clear();
     array.m_Configuration = {};
   });
+
+  CLines exports;
+  KVTX::CSystem::ExecuteCommand("/usr/bin/nm", "-D --defined-only --format=just-symbols " RVX_PLUGIN,
+                                exports);
+  std::sort(exports.begin(), exports.end());
+  Tell("library", "exports" + Joined(exports));
 
   const std::string file = RVX_GOLDEN_FOLDER "golden.txt";
   if (std::getenv("RVX_RENEW_GOLDEN") != nullptr) boost::filesystem::save_string_file(file, m_Text);

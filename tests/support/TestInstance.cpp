@@ -100,6 +100,18 @@ std::vector<unsigned int> CTestInstance::TakeEventCodes() {
   return codes;
 }
 
+std::string CTestInstance::TakeEventText(unsigned long object) {
+  std::string text;
+  for (const PI::CEvent& event : TakeEvents()) {
+    EXPECT_EQ(event.m_SourceID, m_Adapter.m_ID);
+    EXPECT_EQ(event.m_Time, m_OS.Now());
+    if (event.m_ObjectID != object) text += Text("of %d ", event.m_ObjectID);
+    text += Text("%d/%d %s%s%s ", event.m_Code, event.m_Severity, event.m_PlaceHolder1,
+                 event.m_PlaceHolder1.empty() ? "" : ",", event.m_PlaceHolder2);
+  }
+  return text;
+}
+
 void CNotificationCounter::Attach(IPLUGINAPI& plugin) {
   plugin.m_pNotificationTarget = this;
   plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
