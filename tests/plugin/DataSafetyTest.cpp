@@ -267,6 +267,20 @@ TEST(Pass, AStopInItsMiddleKeepsTheObjectsLinked) {
   ExpectSoundModel(rig.m_Plugin);
 }
 
+TEST(Pass, AKnownDiskWithoutAStateFileCountsAsNewUnderItsOwnIdentifier) {
+  SRig rig(MIRROR);
+  rig.m_Machine.SetFile("/sys/block/sda/device/state", std::nullopt);
+  rig.Pass();
+  const auto events = rig.m_Plugin.TakeEvents();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0].m_Code, PI::EVT_PHYSICALDRIVE_ADDED);
+  EXPECT_EQ(events[1].m_Code, PI::EVT_READY_DRIVE_OFFLINE);
+  for (const PI::CEvent& event : events) EXPECT_EQ(event.m_ObjectID, rig.m_Plugin.Drive("sda").m_ID);
+  EXPECT_THAT(rig.m_Plugin.Array("md_d0").m_Children,
+              ElementsAre(rig.m_Plugin.Drive("sda").m_ID, rig.m_Plugin.Drive("sdb").m_ID));
+  ExpectSoundModel(rig.m_Plugin);
+}
+
 TEST(Pass, AConfigurationDocumentThatChangesCounts) {
   SMdRig rig(MIRROR);
   const auto member = [](int number, int minor, int slot, int state) {

@@ -1,37 +1,46 @@
-// From the construction to the end of the threads.
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+// From the construction to the end of the threads: the entries, the lifecycle, the lock of the model and the
+// poll interval.
 
 #include <chrono>
+#include <future>
 #include <thread>
 
-#include "Src/piRVXTrace.h"
+#include "tests/support/Arrays.h"
 #include "tests/support/NoMemory.h"
-#include "tests/support/TestInstance.h"
 #include "tests/support/TraceCapture.h"
 
+extern "C" {
+CreateIfFunction createIf;
+ReleaseIfFunction releaseIf;
+}
+
 using namespace NAMESPACE_piRVX;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr char STDOUT_LINE[] = "piRVX:  Initialize:  adapter count is 1\n";
-
-/// Command 1, and what it wrote to standard output.
-struct SInitialized {
-  std::vector<PI::CAdapterID> m_AdapterIDs;
-  unsigned int m_Status;
-  std::string m_Output;
-
-  explicit SInitialized(IPLUGINAPI& plugin) {
-    testing::internal::CaptureStdout();
-    m_Status = plugin.Execute(PI::CMD_INITIALIZE, 0, &m_AdapterIDs);
-    m_Output = testing::internal::GetCapturedStdout();
+TEST(Entries, MakeAndReleaseTheOneInstance) {
+  const CConfigFolder config;
+  CSimulatedMachine machine("{}");
+  UseMachine(&machine);
+  IPLUGINAPI* plugin = nullptr;
+  ASSERT_EQ(createIf(&plugin), PI::OK);
+  ASSERT_NE(plugin, nullptr);
+  EXPECT_EQ(plugin->m_ModuleNumber, 295U);
+  EXPECT_EQ(plugin->m_InterfaceVersion, 2U);
+  IPLUGINAPI* second = plugin;
+  {
+    const CNoMemory noMemory;
+    EXPECT_EQ(createIf(&second), PI::ERR_OUT_OF_MEMORY);
   }
-};
+  EXPECT_EQ(second, nullptr) << "a failed creation takes the instance away";
+  EXPECT_EQ(g_p_IPLUGINAPI_IMPL, plugin);
+  // A null pointer clears the global too, and so does every release.
+  EXPECT_EQ(releaseIf(&second), &g_p_IPLUGINAPI_IMPL);
+  EXPECT_EQ(g_p_IPLUGINAPI_IMPL, nullptr);
+  EXPECT_EQ(releaseIf(&plugin), &g_p_IPLUGINAPI_IMPL);
+  EXPECT_EQ(plugin, nullptr);
+}
 
 TEST(PollInterval, IsReadAsANumberAndKeptInItsLimits) {
   const std::pair<const char*, unsigned int> cases[] = {
@@ -39,34 +48,65 @@ TEST(PollInterval, IsReadAsANumberAndKeptInItsLimits) {
       {"PollInterval=-5\n", 2},  {"PollInterval=99999999999\n", 10}, {"PollInterval=\n", 10},
       {"PollInterval=7s\n", 10}, {"PollInterval=7.5\n", 10},         {"Interval=30\n", 10}};
   CSimulatedMachine machine("{}");
+  const CConfigFolder config;
+  EXPECT_EQ(CTestInstance(machine).m_PollInterval, 10U) << "no file";
   for (const auto& [text, seconds] : cases) {
-    const CConfigFolder config;
     config.Write(text);
     EXPECT_EQ(CTestInstance(machine).m_PollInterval, seconds) << text;
   }
-  const CConfigFolder config;  // no file
-  EXPECT_EQ(CTestInstance(machine).m_PollInterval, 10U);
 }
 
-TEST(Initialize, GivesIdentifiersInTheOrderOfTheModelAndLinksIt) {
+TEST(PollInterval, IsSetWithinTheLimitsThatComeWithIt) {
+  SRig rig;
+  CTestInstance& plugin = rig.m_Plugin;
+  const auto set = [&](auto... value) {
+    PI::CProperty property(PI::PROP_POLL_INTERVAL);
+    property.SetValue(value...);
+    const unsigned long counter = plugin.m_Plugin.m_UpdateCounter;
+    const unsigned int status = plugin.Execute(PI::CMD_SET_PROPERTY, plugin.m_Plugin.m_ID, &property);
+    return Text("%d: %d s, counted %d, woken %d", status, plugin.m_PollInterval.load(),
+                plugin.m_Plugin.m_UpdateCounter - counter, Take(plugin.m_PrivateEvent));
+  };
+  rig.m_Config.Write("Other=kept\n");
+  EXPECT_EQ(set(1000, 2, 255, 1U), "0: 255 s, counted 1, woken 1");
+  EXPECT_EQ(set(3, 5, 50, 1U), "0: 5 s, counted 1, woken 1");
+  EXPECT_EQ(set(9, 20, 8, 1U), "0: 8 s, counted 1, woken 1") << "raised first, then lowered";
+  EXPECT_EQ(rig.m_Config.Read(), "Other=kept\nPollInterval=8\n");
+  EXPECT_EQ(set("5"), "20010: 8 s, counted 0, woken 0");
+  boost::filesystem::remove(rig.m_Config.File());
+  boost::filesystem::create_directory(rig.m_Config.File());  // no file can take its place
+  EXPECT_EQ(set(77, 2, 255, 1U), "20003: 77 s, counted 1, woken 1") << "in force all the same";
+}
+
+/// Command 1 with a list that is not empty: its status, and what it wrote to standard output.
+std::string Initialize(IPLUGINAPI& plugin, std::vector<PI::CAdapterID>& adapterIDs) {
+  adapterIDs.resize(1);
+  testing::internal::CaptureStdout();
+  const unsigned int status = plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs);
+  return Text("%d %s", status, testing::internal::GetCapturedStdout());
+}
+
+void SetLocation(CRVXAdapter& adapter) {
+  adapter.m_Location1 = 1;
+  adapter.m_Location2 = 2;
+  adapter.m_Location3 = 3;
+}
+
+TEST(Initialize, TellsWhereItsAdapterIs) {
   SBareRig rig;
   CTestInstance& plugin = rig.m_Plugin;
-  const SInitialized initialized(plugin);
-  EXPECT_EQ(initialized.m_Status, PI::OK);
-  EXPECT_EQ(initialized.m_Output, STDOUT_LINE);
-  std::vector<unsigned long> ids = {plugin.m_Plugin.m_ID, plugin.m_Adapter.m_ID};
-  for (const auto& drive : plugin.m_PhysicalDrives) ids.push_back(drive.m_ID);
-  for (const auto& array : plugin.m_LogicalDrives) ids.push_back(array.m_ID);
-  ASSERT_EQ(ids.size(), 12U);
-  for (std::size_t at = 0; at < ids.size(); ++at) EXPECT_EQ(ids[at], 0x0127000000000000UL + at);
-  EXPECT_THAT(plugin.m_Plugin.m_Children, ElementsAre(ids[1]));
-  EXPECT_THAT(plugin.m_Adapter.m_Parents, ElementsAre(ids[0]));
-  EXPECT_EQ(plugin.m_Adapter.m_Children, std::vector<unsigned long>(ids.begin() + 2, ids.end()));
-  ASSERT_EQ(initialized.m_AdapterIDs.size(), 1U);
-  EXPECT_EQ(initialized.m_AdapterIDs.front().m_AdapterNumber, PI::CAdapterID::NO_ADAPTER_NUMBER);
-  std::vector<PI::CAdapterID> earlier(2);
-  EXPECT_EQ(plugin.Initialize(earlier), PI::OK);
-  EXPECT_EQ(earlier.size(), 3U) << "the identifier is appended";
+  std::vector<PI::CAdapterID> adapterIDs;
+  SetLocation(plugin.m_Adapter);
+  plugin.m_Adapter.m_Parents = {7};
+  EXPECT_EQ(Initialize(plugin, adapterIDs), "0 piRVX:  Initialize:  adapter count is 1\n");
+  ASSERT_EQ(adapterIDs.size(), 2U) << "the identifier is appended";
+  const PI::CAdapterID& id = adapterIDs.back();
+  EXPECT_EQ(Text("%s|%d %d %d %d %d %d", id.m_Text, id.m_First, id.m_Location1, id.m_Location2,
+                 id.m_Location3, id.m_Fifth, id.m_AdapterNumber),
+            "|0 1 2 3 0 -1");
+  EXPECT_THAT(plugin.m_Adapter.m_Parents, testing::ElementsAre(7U, plugin.m_Plugin.m_ID));
+  EXPECT_EQ(plugin.Begin(), PI::OK);
+  EXPECT_EQ(plugin.Topology().size(), 12U) << "a second scan takes the place of the first";
 }
 
 TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
@@ -74,42 +114,71 @@ TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
     SCOPED_TRACE(readings);
     SBareRig<CStarvedDoor> rig;
     CTestInstance& plugin = rig.m_Plugin;
+    std::vector<PI::CAdapterID> adapterIDs;
     rig.m_Own.m_Left = readings;
-    const SInitialized initialized(plugin);
+    EXPECT_EQ(Initialize(plugin, adapterIDs), "20001 piRVX:  Initialize:  adapter count is 1\n");
     ASSERT_LT(rig.m_Own.m_Left, 0) << "the scan reads less than that";
-    EXPECT_EQ(initialized.m_Status, PI::ERR_SCAN_FAILED);
-    EXPECT_EQ(initialized.m_Output, STDOUT_LINE);
-    EXPECT_THAT(initialized.m_AdapterIDs, IsEmpty());
-    EXPECT_THAT(plugin.m_PhysicalDrives, IsEmpty());
-    EXPECT_THAT(plugin.m_LogicalDrives, IsEmpty());
-    EXPECT_THAT(plugin.m_Plugin.m_Children, IsEmpty());
+    EXPECT_EQ(adapterIDs.size() + plugin.m_Plugin.m_Children.size(), 0U);
+    EXPECT_EQ(plugin.Topology().size(), 2U);
     EXPECT_EQ(plugin.m_Plugin.m_UpdateCounter, 1U);
     EXPECT_EQ(plugin.m_Adapter.m_UpdateCounter, 0U);
   }
 }
 
-PI::CAdapterID AdapterID(std::int32_t location, std::int32_t number) {
-  PI::CAdapterID id;
-  id.m_First = id.m_Fifth = 99;  // no part of the comparison
-  id.m_Location1 = id.m_Location2 = id.m_Location3 = location;
-  id.m_AdapterNumber = number;
-  return id;
+TEST(DataLock, RequestsWaitUntilTheModelIsFree) {
+  SBareRig rig("{}");
+  std::vector<PI::CAdapterID> adapterIDs;
+  std::vector<PI::CObject> objects;
+  std::vector<PI::CProperty> properties;
+  PI::COperation operation;
+  const std::pair<PI::_COMMAND, void*> requests[] = {{PI::CMD_INITIALIZE, &adapterIDs},
+                                                     {PI::CMD_GET_TOPOLOGY, &objects},
+                                                     {PI::CMD_GET_PROPERTIES, &properties},
+                                                     {PI::CMD_EXECUTE_OPERATION, &operation}};
+  rig.m_Plugin.m_DataLock.Wait();
+  std::vector<std::future<unsigned int>> answers;
+  for (const auto& [command, data] : requests)
+    answers.push_back(
+        std::async(std::launch::async, [&plugin = rig.m_Plugin, command = command, data = data] {
+          return plugin.Execute(command, 4711, data);
+        }));
+  for (auto& answer : answers) EXPECT_EQ(answer.wait_for(50ms), std::future_status::timeout);
+  rig.m_Plugin.m_DataLock.Release();
+  for (auto& answer : answers) EXPECT_EQ(answer.wait_for(20s), std::future_status::ready);
+  EXPECT_EQ(rig.m_Plugin.Topology().size(), 2U) << "the plug-in and its adapter";
+}
+
+/// The thread that wrote a line of the trace. Linux numbers threads in the order of their start.
+int ThreadOf(const std::string& trace, const std::string& text) {
+  int thread = 0;
+  std::sscanf(trace.c_str() + trace.rfind('\n', trace.find(text)) + 1, "%*s %*s %d", &thread);
+  return thread;
 }
 
 TEST(SetAdapterIDs, TheFirstNumberEverGivenForTheLocationCounts) {
-  const std::pair<std::vector<PI::CAdapterID>, const char*> steps[] = {
-      {{AdapterID(0, -1)}, "Linux Multiple Devices (0)"},
-      {{AdapterID(1, 8), AdapterID(0, 3), AdapterID(0, 4)}, "Linux Multiple Devices (3)"},
-      {{AdapterID(0, 5)}, "Linux Multiple Devices (3)"}};
-  SRig rig;
+  const std::pair<std::vector<std::tuple<int, int, int, int>>, const char*> steps[] = {
+      {{{1, 2, 3, -1}, {9, 2, 3, 7}, {1, 9, 3, 7}, {1, 2, 9, 7}}, "Linux Multiple Devices (0)"},
+      {{{1, 2, 3, 3}, {1, 2, 3, 4}}, "Linux Multiple Devices (3)"},
+      {{{1, 2, 3, 5}}, "Linux Multiple Devices (3)"}};
+  SRig rig("{}");
+  SetLocation(rig.m_Plugin.m_Adapter);
   rig.m_Plugin.m_StopRequest.Set();  // the threads end at once
   for (const auto& [given, description] : steps) {
-    EXPECT_EQ(rig.m_Plugin.StartThreads(given), PI::OK);
+    std::vector<PI::CAdapterID> ids;
+    for (const auto& one : given) {
+      PI::CAdapterID& id = ids.emplace_back();
+      id.m_First = id.m_Fifth = 99;  // no part of the comparison
+      std::tie(id.m_Location1, id.m_Location2, id.m_Location3, id.m_AdapterNumber) = one;
+    }
+    const CTraceCapture trace(TRACE_LIFECYCLE);
+    EXPECT_EQ(rig.m_Plugin.StartThreads(ids), PI::OK);
     EXPECT_EQ(rig.m_Plugin.m_Adapter.m_Description, description);
     for (const auto* thread : {&rig.m_Plugin.m_WorkerThread, &rig.m_Plugin.m_EventPollThread})
       EXPECT_EQ((*thread)->Wait(20000), KVT::Threading::WAIT_OK);
+    const int later = ThreadOf(trace.Text(), "ENTER Worker()") - ThreadOf(trace.Text(), "ENTER EventPoll()");
+    EXPECT_TRUE(later > 0 || later < -1000) << "the poller starts first (the numbers may begin anew)";
   }
-  EXPECT_EQ(rig.m_Plugin.m_AdapterIDs.size(), 5U);
+  EXPECT_EQ(rig.m_Plugin.m_AdapterIDs.size(), 7U);
 }
 
 /// A clock that runs a thousand times faster, and a call that never returns; a cancellation ends it.

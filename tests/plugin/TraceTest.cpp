@@ -1,7 +1,5 @@
 // A sample of the trace texts that logs are searched for, each in its class alone.
 
-#include <gtest/gtest.h>
-
 #include "tests/support/Arrays.h"
 #include "tests/support/TraceCapture.h"
 
@@ -9,45 +7,50 @@ using namespace NAMESPACE_piRVX;
 
 namespace {
 
-/// The commands that read, and operations with each of their calls failing.
+/// Every request, and operations that succeed, are refused and fail.
 void ActOnEverything() {
-  const std::string machine = DisksOf({300000, 300000, 300000, 300000}, MirrorOfTwo("md_d0"));
-  for (std::uint64_t n = 0; n < 25; ++n) {
-    SRig rig(machine);
-    rig.m_Plugin.Topology();
-    const auto act = [&](unsigned long id, const PI::COperation& operation) {
-      Check(rig.m_Plugin, id, operation);
-      rig.m_Door.Clear();
-      if (n != 0) rig.m_Door.FailAt(CFaultyMachine::ECall::Any, n, EIO);
-      Execute(rig.m_Plugin, id, operation);
-    };
-    act(rig.m_Plugin.Drive("sda").m_ID, Operation(PI::OP_CREATE_DEDICATED_HOTSPARE, 7));
-    Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sdc", "sdd"});
-    act(rig.m_Plugin.Drive("sdc").m_ID, Operation(PI::OP_CREATE_DEDICATED_HOTSPARE, 0));
-    act(rig.m_Plugin.Drive("sdc").m_ID, Operation(PI::OP_DELETE_DEDICATED_HOTSPARE));
-    act(rig.m_Plugin.m_Adapter.m_ID, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
-    rig.m_Door.Clear();
-    rig.Pass();
-  }
+  SRig rig(DisksOf({300000, 300000, 300000, 300000}, MirrorOfTwo("md_d0")));
+  const auto act = [&](const PI::CObject& object, const PI::COperation& operation) {
+    std::vector<PI::COperation> operations;
+    rig.m_Plugin.Properties(object.m_ID);
+    rig.m_Plugin.Execute(PI::CMD_GET_OPERATIONS, object.m_ID, &operations);
+    Check(rig.m_Plugin, object.m_ID, operation);
+    Execute(rig.m_Plugin, object.m_ID, operation);
+  };
+  rig.m_Plugin.Topology();
+  act(rig.m_Plugin.m_Plugin, Operation(PI::OP_GET_EVENTS));
+  act(rig.m_Plugin.m_Adapter, Operation(PI::OP_RESCAN_ADAPTER));
+  act(rig.m_Plugin.Drive("sda"), Operation(PI::OP_CREATE_DEDICATED_HOTSPARE, 7));
+  Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sdc", "sdd"});
+  rig.Pass();
+  rig.m_Door.FailAt(CFaultyMachine::ECall::Any, 1, EIO, 99);
+  act(rig.m_Plugin.m_Adapter, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
 }
 
 TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
-  const std::string plugin = "Src/piRVXPlugin";
-  const std::string adapter = "Src/piRVXAdapter";
   const struct {
     unsigned int m_Class;
-    std::string m_Source;
+    const char* m_Source;
     const char* m_Text;
-  } lines[] = {{TRACE_LIFECYCLE, plugin, "LEAVE Initialize() -> 0"},
-               {TRACE_LIFECYCLE, adapter, "GetUnusedArrayName() create device /dev/md_d1 with minor 64"},
-               {TRACE_LIFECYCLE, adapter, "LEAVE AdapterExecuteOperation() -> 20003"},
-               {TRACE_LIFECYCLE, "Src/piRVXPhysicalDrive",
-                "CheckPhysicalDriveOperation() drive sda connot be configured"},
-               {TRACE_INFORMATION, plugin, "GetTopology() PhysicalDrive (8/16) m_ID=0x127000000000003"},
-               {TRACE_INFORMATION, adapter,
-                "CreateLogicalDrive() name=md_d1 level=0 num=2 stripe=64 size=0 d1=8/32 d2=8/48"},
-               {TRACE_LOCKS, "Src/piRVX", "Before m_DataLock.Wait (sg)"},
-               {TRACE_THREADS, plugin, "vor checkpd /sys/block/sda/device sda"}};
+  } lines[] = {
+      {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE Initialize() -> 0"},
+      {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE GetEvents() -> 0"},
+      {TRACE_LIFECYCLE, "Src/piRVXAdapter", "GetUnusedArrayName() create device /dev/md_d1 with minor 64"},
+      {TRACE_LIFECYCLE, "Src/piRVXAdapter", "LEAVE AdapterExecuteOperation() -> 20003"},
+      {TRACE_LIFECYCLE, "Src/piRVXPhysicalDrive",
+       "CheckPhysicalDriveOperation() drive sda connot be configured"},
+      {TRACE_INFORMATION, "Src/piRVXPlugin", "GetTopology() PhysicalDrive (8/16) m_ID=0x127000000000003"},
+      {TRACE_INFORMATION, "Src/piRVX", "GetProperties m_PhysicalDrives=4"},
+      {TRACE_INFORMATION, "Src/piRVXAdapter",
+       "CreateLogicalDrive() name=md_d1 level=0 num=2 stripe=64 size=0 d1=8/32 d2=8/48"},
+      {TRACE_LOCKS, "Src/piRVX", "Before m_DataLock.Wait (sg)"},
+      {TRACE_LOCKS, "Src/piRVX", "LEAVE CheckOperation(50036)"},
+      {TRACE_LOCKS, "Src/piRVXPlugin", "After m_EventsLock.Wait(NULL, 0)"},
+      {TRACE_LOCKS, "Src/piRVXPlugin", "Before m_EventsLock.Wait (NULL, 0)"},
+      {TRACE_LOCKS, "Src/piRVXAdapter", "After m_EventsLock.Release()"},
+      {TRACE_THREADS, "Src/piRVX", "ENTER GetOperations object=0x127000000000002"},
+      {TRACE_THREADS, "Src/piRVXPlugin", "Create new adpID"},
+      {TRACE_THREADS, "Src/piRVXPlugin", "vor checkpd /sys/block/sda/device sda"}};
   for (const unsigned int traced : {TRACE_LIFECYCLE, TRACE_INFORMATION, TRACE_LOCKS, TRACE_THREADS}) {
     const CTraceCapture trace(traced);
     ActOnEverything();

@@ -100,6 +100,18 @@ std::vector<unsigned int> CTestInstance::TakeEventCodes() {
   return codes;
 }
 
+std::string CTestInstance::TakeEventText(unsigned long object) {
+  std::string text;
+  for (const PI::CEvent& event : TakeEvents()) {
+    EXPECT_EQ(event.m_SourceID, m_Adapter.m_ID);
+    EXPECT_EQ(event.m_Time, m_OS.Now());
+    if (event.m_ObjectID != object) text += Text("of %d ", event.m_ObjectID);
+    text += Text("%d/%d %s%s%s ", event.m_Code, event.m_Severity, event.m_PlaceHolder1,
+                 event.m_PlaceHolder1.empty() ? "" : ",", event.m_PlaceHolder2);
+  }
+  return text;
+}
+
 void CNotificationCounter::Attach(IPLUGINAPI& plugin) {
   plugin.m_pNotificationTarget = this;
   plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
@@ -126,10 +138,13 @@ std::string Shown(const PI::CProperty& property) {
   if (const auto* number = std::get_if<float>(&property.m_Value)) return std::to_string(*number);
   if (const auto* range = std::get_if<PI::SRange>(&property.m_Value))
     return Text("%d of %d to %d by %d", range->m_Value, range->m_Minimum, range->m_Maximum, range->m_Step);
-  const auto& choice = std::get<PI::SChoice>(property.m_Value);
-  std::string choices = std::to_string(choice.m_Selected) + ":";
-  for (const int one : choice.m_Choices) choices += Text(" %d", one);
-  return choices;
+  if (const auto* document = std::get_if<KVT::XML::CMarkup>(&property.m_Value)) return document->GetDoc();
+  const auto* lists = std::get_if<PI::SNumberLists>(&property.m_Value);
+  const auto* choice = std::get_if<PI::SChoice>(&property.m_Value);
+  if (lists == nullptr && choice == nullptr) return "";
+  std::string text = choice != nullptr ? Text("%d of", choice->m_Selected) : std::string("list of");
+  for (const int one : choice != nullptr ? choice->m_Choices : lists->m_Values) text += Text(" %d", one);
+  return text;
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -2,6 +2,7 @@
 /// @file
 /// A plug-in instance whose model tests can see, and the machine under it.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
+#include "Src/piRVXTrace.h"
 #include "simulator/FaultyMachine.h"
 #include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
@@ -88,6 +90,9 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   /// The queued events, or their codes; the queue is emptied.
   std::vector<PI::CEvent> TakeEvents();
   std::vector<unsigned int> TakeEventCodes();
+  /// The same as text, each "code/severity first,second placeholder ", with "of" its object where that is not
+  /// this one. The adapter must report them all, and now.
+  std::string TakeEventText(unsigned long object);
 };
 
 /// Receives the plug-in's notifications.
