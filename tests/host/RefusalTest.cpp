@@ -126,6 +126,12 @@ TEST(Surroundings, SettingsGoWhereTheyAreWanted) {
                 with({{"ZQ_CONFIG_DIR", folder.Write("file", "")}}));
 }
 
+TEST(Surroundings, OthersMayNotReadTheNodesThatAreMade) {
+  CProgram program(RvxctlWords({Simulate("plain"), "status", "--watch"}));
+  ASSERT_TRUE(program.ReadUntil("sda"));
+  EXPECT_THAT(ReadFile("/proc/" + std::to_string(program.Process()) + "/status"), HasSubstr("Umask:\t0007"));
+}
+
 TEST(Refusal, ADryRunIsOneDocumentWhateverTheCheckSays) {
   const auto dry = [](const char* machine) {
     return Rvxctl({Simulate(machine), "--json", "array", "delete", "md_d0", "--dry-run"});
