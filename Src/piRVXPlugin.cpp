@@ -29,7 +29,7 @@ bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread) {
 }  // namespace
 
 IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(COperatingSystem& os) : m_OS(os) {
-  m_ConfigFile.SetFileName((KVT::Misc::CKvtApplication::GetConfigDirectory() / "piRVX.ini").string());
+  m_ConfigFile.SetFileName("piRVX.ini");
   std::string text;
   if (m_ConfigFile.ReadKeyValue(POLL_INTERVAL_KEY, text, -1, -1) != PI::OK) return;
   const int seconds =

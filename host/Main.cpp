@@ -1,6 +1,7 @@
 /// @file
 /// The command line of rvxctl.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -244,6 +245,9 @@ int Main(int count, char** words) {
     command = [message = UsageMessage(app, error)](CContext&) -> int { throw CError(EXIT_USAGE, message); };
   }
 
+  // The node of a new array is all the data of its disks: it is for its owner and group, also before udev has
+  // seen it.
+  ::umask(S_IRWXO);
   // A reader that has gone is an error of Print, so that the plug-in is de-initialised.
   std::signal(SIGPIPE, SIG_IGN);
   COutput output(options.m_Trace != 0);

@@ -12,49 +12,91 @@
 
 #include "KVT/Language.h"
 #include "KVT/Misc.h"
+#include "libraries/common/Environment.h"
 
 namespace rvxctl {
 
 namespace {
 
+namespace fs = boost::filesystem;
+using KVT::Internal::FindVariable;
+
+constexpr char CATALOG_VARIABLE[] = "ZQ_CATALOG_DIR";
+constexpr char CONFIG_VARIABLE[] = "ZQ_CONFIG_DIR";
 constexpr unsigned int MODULE_NUMBER = 295;
 /// Where the simulated build's own functions differ from the plug-in's: null is success, else what is wrong.
 using MachineFunction = const char*(const char* file);
 
-boost::filesystem::path OwnFolder() {
-  boost::system::error_code error;
-  const auto self = boost::filesystem::read_symlink("/proc/self/exe", error);
-  return self.parent_path();
+CError CannotLoad(const std::string& why, unsigned int status = PI::OK) {
+  return {EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status};
 }
 
-/// The first of the paths that exists; the last one otherwise.
-boost::filesystem::path FirstExisting(const std::vector<boost::filesystem::path>& paths) {
-  boost::system::error_code error;
-  for (const auto& path : paths)
-    if (boost::filesystem::exists(path, error)) return path;
-  return paths.back();
+/// The folder of this program; sets the error when the system does not tell.
+fs::path OwnFolder(boost::system::error_code& error) {
+  return fs::read_symlink("/proc/self/exe", error).parent_path();
 }
 
-std::string PluginPath(const SOptions& options) {
-  if (!options.m_Plugin.empty()) return options.m_Plugin;
-  if (const char* const path = std::getenv("RVX_PLUGIN"); path != nullptr && !options.m_Simulate) return path;
-  const std::string name = options.m_Simulate ? "libpiRVXsim.so" : "libpiRVX.so";
-  const auto folder = OwnFolder();
-  return FirstExisting({folder / "../Src" / name, folder / RVX_PLUGIN_DIR / name, folder / name, name})
-      .string();
+/// Where the plug-in is: where the person says, else in the installation that this program belongs to. Code
+/// that runs with the rights of root comes from no folder that somebody happens to stand in.
+fs::path PluginPath(const SOptions& options) {
+  const char* const variable = options.m_Simulate ? nullptr : FindVariable("RVX_PLUGIN");
+  boost::system::error_code error;
+  if (!options.m_Plugin.empty() || variable != nullptr) {
+    const fs::path path = options.m_Plugin.empty() ? variable : options.m_Plugin;
+    if (path.is_absolute()) return path;
+    throw CannotLoad("\"" + path.string() + "\" does not begin with a slash; write " +
+                     (fs::current_path(error) / path).lexically_normal().string());
+  }
+  const fs::path folder = OwnFolder(error);
+  if (error)
+    throw CannotLoad("/proc/self/exe does not tell where this program is (" + error.message() +
+                     "); say with --plugin where the plug-in is");
+  return (folder / RVX_PLUGIN_DIR / (options.m_Simulate ? "libpiRVXsim.so" : "libpiRVX.so"))
+      .lexically_normal();
 }
 
 /// Tells the toolkit where the catalogue is when this program runs from a build tree or was moved.
 void FindCatalog() {
-  const auto folder = OwnFolder();
   boost::system::error_code error;
-  for (const boost::filesystem::path& place :
-       {folder / "../share/zq", boost::filesystem::path(RVX_CATALOG_DIR)})
-    if (boost::filesystem::exists(place / "piRVX.nls", error)) {
-      ::setenv("ZQ_CATALOG_DIR", place.c_str(), 0);
-      return;
-    }
+  const fs::path folder = OwnFolder(error) / RVX_CATALOG_DIR;
+  if (!error && FindVariable(CATALOG_VARIABLE) == nullptr && fs::exists(folder / "piRVX.nls", error))
+    ::setenv(CATALOG_VARIABLE, folder.c_str(), 1);
 }
+
+/// A folder for the settings of a simulated machine, which are not those of this machine. Its owner alone can
+/// enter it. It goes with what is in it, and no signal ends the program before.
+class CSettingsFolder {
+ public:
+  static void HaveNone() { ::setenv(CONFIG_VARIABLE, "/dev/null", 1); }
+
+  CSettingsFolder() {
+    const char* const parent = FindVariable("TMPDIR");
+    const std::string folder = parent == nullptr ? "/tmp" : parent;
+    m_Path = folder + "/rvxctl-XXXXXX";
+    sigset_t all;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, &m_SignalsBefore);
+    if (::mkdtemp(m_Path.data()) == nullptr) {
+      const int error = errno;
+      ::pthread_sigmask(SIG_SETMASK, &m_SignalsBefore, nullptr);
+      throw CError(EXIT_PLUGIN_ERROR, "cannot make a temporary folder in " + folder + ": " +
+                                          std::strerror(error) + "; TMPDIR says where it is made");
+    }
+    ::setenv(CONFIG_VARIABLE, m_Path.c_str(), 1);
+  }
+  ~CSettingsFolder() {
+    HaveNone();
+    boost::system::error_code error;
+    fs::remove_all(m_Path, error);
+    ::pthread_sigmask(SIG_SETMASK, &m_SignalsBefore, nullptr);
+  }
+  CSettingsFolder(const CSettingsFolder&) = delete;
+  CSettingsFolder& operator=(const CSettingsFolder&) = delete;
+
+ private:
+  std::string m_Path;
+  sigset_t m_SignalsBefore{};
+};
 
 const KVT::Misc::CModuleInfo* Module() { return KVT::Misc::CModuleInfo::Find(MODULE_NUMBER); }
 
@@ -87,10 +129,6 @@ int ExitStatusOf(unsigned int status) {
     default:
       return EXIT_PLUGIN_ERROR;
   }
-}
-
-CError CannotLoad(const std::string& why, unsigned int status = PI::OK) {
-  return {EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status};
 }
 
 sigset_t EndSignals() {
@@ -176,14 +214,9 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
         "the plug-in opens disks and md devices, which needs the rights of root: run it with sudo, or try "
         "--simulate");
   FindCatalog();
-  if (options.m_Simulate && std::getenv("ZQ_CONFIG_DIR") == nullptr) {
-    boost::system::error_code error;
-    m_ConfigFolder =
-        boost::filesystem::temp_directory_path(error) / boost::filesystem::unique_path("rvxctl-%%%%-%%%%");
-    boost::filesystem::create_directory(m_ConfigFolder, error);
-    ::setenv("ZQ_CONFIG_DIR", m_ConfigFolder.c_str(), 1);
-  }
-  const std::string path = PluginPath(options);
+  m_HasSettings = !options.m_Simulate || FindVariable(CONFIG_VARIABLE) != nullptr;
+  if (!m_HasSettings) CSettingsFolder::HaveNone();
+  const std::string path = PluginPath(options).string();
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (m_Library == nullptr) throw CannotLoad(::dlerror());
   m_Create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
@@ -214,11 +247,7 @@ void CSession::Open() {
 }
 
 // The library stays loaded: its trace and catalogue may be needed until the program ends.
-CSession::~CSession() {
-  Release();
-  boost::system::error_code error;
-  if (!m_ConfigFolder.empty()) boost::filesystem::remove_all(m_ConfigFolder, error);
-}
+CSession::~CSession() { Release(); }
 
 void CSession::Release() {
   if (m_Plugin == nullptr) return;
@@ -311,6 +340,8 @@ unsigned int CSession::Run(unsigned long id, PI::COperation& operation) {
 }
 
 unsigned int CSession::Set(unsigned long id, PI::CProperty& property) {
+  std::optional<CSettingsFolder> folder;
+  if (!m_HasSettings) folder.emplace();
   return Execute(PI::CMD_SET_PROPERTY, id, &property);
 }
 

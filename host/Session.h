@@ -2,7 +2,6 @@
 /// @file
 /// The plug-in as the server uses it: loaded, initialised, asked, de-initialised, released.
 
-#include <boost/filesystem/path.hpp>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -113,6 +112,8 @@ class CSession : public INotificationTarget {
   /// Status of the check or execution, which the caller judges.
   unsigned int Check(unsigned long id, PI::COperation& operation);
   unsigned int Run(unsigned long id, PI::COperation& operation);
+  /// Sets a property. On a simulated machine without a folder for settings (ZQ_CONFIG_DIR) the value lasts as
+  /// long as this instance of the plug-in. Throws CError when not even that can be had.
   unsigned int Set(unsigned long id, PI::CProperty& property);
 
   const CTexts& Texts() const { return m_Texts; }
@@ -125,7 +126,7 @@ class CSession : public INotificationTarget {
   void Require(unsigned int status, const char* what) const;
 
   SOptions m_Options;
-  boost::filesystem::path m_ConfigFolder;  ///< of a simulated machine: its settings are not this machine's
+  bool m_HasSettings{true};  ///< false: a simulated machine that was given no folder for them
   void* m_Library{nullptr};
   IPLUGINAPI* m_Plugin{nullptr};
   CreateIfFunction* m_Create{nullptr};

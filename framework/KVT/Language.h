@@ -16,8 +16,9 @@ class ZQ_API CLanguageSupport {
  public:
   /// A message catalogue in one language. The file is UTF-8 text, one message a line as `NUMBER = TEXT`;
   /// lines that begin with `;` and blank lines are passed over, "\n" and "\\" are understood in a text.
-  /// It is looked for in ZQ_CATALOG_DIR when set, else in the folder that the libraries were installed with
-  /// (PREFIX/share/zq); a folder named by the language code ("en") in there comes first.
+  /// It is looked for in ZQ_CATALOG_DIR (unless that is unset or empty, or the program runs with more rights
+  /// than whoever started it), else in the folder that the libraries were installed with (PREFIX/share/zq); a
+  /// folder named by the language code ("en") in there comes first.
   class ZQ_API CLngFile {
    public:
     /// @param fileName catalogue's name, such as "piRVX.nls"

@@ -63,7 +63,8 @@ class ZQ_API CKvtApplication {
   /// Looks a program up in the fixed trusted directories /usr/sbin, /usr/bin, /sbin and /bin (never in PATH:
   /// the server runs as root). Returns 1 and fills `path` when found.
   static int GetCommandPath(const std::string& name, boost::filesystem::path& path);
-  /// Folder of the configuration files: ZQ_CONFIG_DIR when set, else /etc/zq.
+  /// Folder of the configuration files: ZQ_CONFIG_DIR unless it is unset or empty, or this program runs with
+  /// more rights than whoever started it; else /etc/zq.
   static boost::filesystem::path GetConfigDirectory();
 };
 

@@ -3,15 +3,16 @@
 #include <re2/re2.h>
 #include <strings.h>
 
-#include <cstdlib>
 #include <fstream>
+
+#include "libraries/common/Environment.h"
 
 namespace KVT::Language_Support {
 namespace {
 
 /// The catalogue of a language, else the one without a language.
 std::ifstream OpenCatalogue(const std::string& file, std::uint16_t language) {
-  const char* chosen = std::getenv("ZQ_CATALOG_DIR");
+  const char* chosen = Internal::FindVariable("ZQ_CATALOG_DIR");
   const std::string folder = std::string(chosen != nullptr ? chosen : ZQ_CATALOG_FOLDER) + '/';
   const std::string code{static_cast<char>(language & 0xFF), static_cast<char>(language >> 8)};
   std::ifstream stream(folder + code + '/' + file);

@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <mutex>
 
 #include "KVT/Threading.h"
+#include "libraries/common/Environment.h"
 
 namespace KVT::Misc {
 namespace {
@@ -78,7 +78,7 @@ int CKvtApplication::GetCommandPath(const std::string& name, boost::filesystem::
 }
 
 boost::filesystem::path CKvtApplication::GetConfigDirectory() {
-  const char* directory = std::getenv("ZQ_CONFIG_DIR");
+  const char* directory = Internal::FindVariable("ZQ_CONFIG_DIR");
   return directory != nullptr ? directory : "/etc/zq";
 }
 

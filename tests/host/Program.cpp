@@ -19,6 +19,7 @@ using Clock = std::chrono::steady_clock;
 /// Never returns.
 void Execute(const Words& words, const SHow& how) {
   for (const auto& [name, value] : how.m_Environment) ::setenv(name.c_str(), value.c_str(), 1);
+  if (!how.m_Folder.empty() && ::chdir(how.m_Folder.c_str()) != 0) ::_exit(127);
   std::vector<char*> arguments;
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);

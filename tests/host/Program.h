@@ -20,6 +20,7 @@ struct SHow {
   Environment m_Environment{};
   bool m_Terminal{false};  ///< all three standard descriptors are one terminal
   std::string m_Output{};  ///< a file in place of standard output
+  std::string m_Folder{};  ///< where it is started; empty: where the test was
 };
 
 /// A running program. Its destructor ends it.
@@ -38,6 +39,7 @@ class CProgram {
   /// Reads to the end. The exit status, 128 + n when signal n ended it, -1 when the time ran out.
   int Wait(std::chrono::seconds limit = std::chrono::seconds(60));
 
+  pid_t Process() const { return m_Process; }
   const std::string& Out() const { return m_Out; }
   const std::string& Err() const { return m_Err; }
 

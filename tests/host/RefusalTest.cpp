@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
+
 #include "Program.h"
 
 namespace rvxctl_test {
@@ -12,21 +15,25 @@ namespace {
 
 using testing::HasSubstr;
 
-/// The words must fail with the status and a message, as text and as a document.
-void ExpectFailure(Words words, int status, const std::string& message, const SHow& how = {}) {
+using Told = std::vector<std::string>;
+
+/// The words must fail with the status and a message that tells all of this, as text and as a document.
+void ExpectFailure(Words words, int status, const Told& told, const SHow& how = {}) {
   SCOPED_TRACE(testing::PrintToString(words));
   const SResult text = Rvxctl(words, how);
-  EXPECT_EQ(text.m_Status, status);
-  EXPECT_THAT(text.m_Err, HasSubstr(message));
-  EXPECT_EQ(text.m_Out, "");
   words.push_back("--json");
   const SResult document = Rvxctl(words, how);
+  EXPECT_EQ(text.m_Status, status);
+  EXPECT_EQ(text.m_Out, "");
   EXPECT_EQ(document.m_Status, status);
   ASSERT_TRUE(document.Json().is_object()) << document.m_Out;
   ASSERT_EQ(document.Json()["errors"].size(), 1U);
   const auto error = document.Json()["errors"][0];
   EXPECT_EQ(error["exitStatus"], status);
-  EXPECT_THAT(error["message"].get<std::string>(), HasSubstr(message));
+  for (const std::string& piece : told) {
+    EXPECT_THAT(text.m_Err, HasSubstr(piece));
+    EXPECT_THAT(error["message"].get<std::string>(), HasSubstr(piece));
+  }
 }
 
 TEST(Refusal, WrongCommandLinesAndMachines) {
@@ -47,15 +54,17 @@ TEST(Refusal, WrongCommandLinesAndMachines) {
       {{"--simulate=" + folder.Write("wrong.json", "{\n\"disks\": [\n}"), "status"}, "wrong.json: line 3"},
       {{"--simulate=" + folder.Path("none.json"), "status"}, "none.json: No such file"},
   };
-  for (const auto& [words, message] : cases) ExpectFailure(words, 2, message);
+  for (const auto& [words, message] : cases) ExpectFailure(words, 2, {message});
 }
 
 TEST(Refusal, Plugins) {
-  ExpectFailure({"--simulate", "--plugin", "/nowhere/libpiRVXsim.so", "status"}, 9,
-                "/nowhere/libpiRVXsim.so");
-  ExpectFailure({"--simulate", "--plugin", RVX_NO_PLUGIN, "status"}, 9, "createIf");
-  ExpectFailure({"--simulate", "--plugin", RVX_FAILING_PLUGIN, "status"}, 9,
-                "20007: There is not enough memory");
+  const std::pair<const char*, std::string> cases[] = {
+      {"/nowhere/libpiRVXsim.so", "/nowhere/libpiRVXsim.so"},
+      {"libpiRVXsim.so", "write " + (std::filesystem::current_path() / "libpiRVXsim.so").string()},
+      {RVX_NO_PLUGIN, "exports no createIf and releaseIf"},
+      {RVX_FAILING_PLUGIN, "20007: There is not enough memory"}};
+  for (const auto& [path, told] : cases)
+    ExpectFailure({"--simulate", "--plugin", path, "status"}, 9, {"cannot load the plug-in: ", told});
 }
 
 TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
@@ -73,38 +82,54 @@ TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
 TEST(Refusal, OfObjectsAndStates) {
   const struct {
     const char* m_Machine;
-    Words m_Words;
+    std::string m_Command;
     int m_Status;
-    const char* m_Message;
+    Told m_Told;
   } cases[] = {
-      {"plain", {"disk", "show", "sdz"}, 3, "there is no disk \"sdz\"; there are: sda"},
-      {"plain", {"array", "show", "sda"}, 3, "there is none at all"},
-      {"plain", {"operations", "0x99"}, 3, "0x99"},
-      {"plain", {"prop", "get", "sda", "30999"}, 3, "30999"},
-      {"arrays", {"spare", "add", "sdg", "md_d9"}, 3, "md_d9"},
-      {"plain", {"array", "delete", "--last", "--yes"}, 1, "20049 ERR_NOT_AVAILABLE"},
-      {"arrays", {"spare", "release", "sdc", "--yes"}, 6, "sdc belongs to md_d1"},
-      {"arrays", {"rebuild", "start", "md_d0"}, 6, "20023 ERR_NO_REDUNDANCY"},
-      {"arrays", {"rebuild", "cancel", "md_d1"}, 6, "20025"},
-      {"recovering", {"array", "delete", "md_d0", "--yes"}, 5, "20020 ERR_BUSY"},
-      {"arrays", {"array", "delete", "md_d2"}, 4, "say --yes"},
-      {"arrays", {"array", "delete", "md_d2", "--yes"}, 1, "20003 ERR_DEVICE_IO"},
-      {"arrays", {"array", "create", "--level", "raid1", "sdf", "sda", "--yes"}, 1, "20006"},
+      {"plain", "disk show sdz", 3, {"there is no disk \"sdz\"; there are: sda, sdb, sdc, sdd"}},
+      {"plain", "array show sda", 3, {"there is no array \"sda\"; there is none at all"}},
+      {"plain", "operations 0x99", 3, {"there is no object \"0x99\"; there are: plugin, adapter, sda"}},
+      {"plain", "prop get sda 30999", 3, {"no property 30999; 'rvxctl prop get OBJECT' lists"}},
+      {"arrays", "spare add sdg md_d9", 3, {"no array \"md_d9\"; there are: md_d0, md_d1, md_d2"}},
+      {"plain", "array delete --last --yes", 1, {"20049 ERR_NOT_AVAILABLE", "\nthere is no array"}},
+      {"arrays", "spare release sdc --yes", 6, {"20005", "\nsdc belongs to md_d1; its status is \"In use\""}},
+      {"arrays", "spare add sdf md_d0 --yes", 1, {"20003", "\nmd takes no disk that is too small"}},
+      {"arrays", "rebuild start md_d0", 6, {"20023", "\nmd_d0 is RAID 0 (striping)"}},
+      {"arrays", "rebuild start md_d2", 6, {"20024", "\nmd_d2: In order"}},
+      {"arrays", "rebuild cancel md_d1", 6, {"20025 ERR_NO_REBUILD_RUNNING: No rebuild is running"}},
+      {"recovering", "array delete md_d0 --yes", 5, {"20020 ERR_BUSY", "\nmd_d0: Rebuilding 0%"}},
+      {"arrays", "array delete md_d2", 4, {"nothing was changed", "say --yes"}},
+      {"arrays", "array delete md_d2 --yes", 1, {"20003", "\nmd stops only an array that nothing uses."}},
+      {"arrays", "array create --level raid1 sdf sda --yes", 1, {"a raid1 array of sdf, sda", "20006"}},
   };
-  for (auto [machine, words, status, message] : cases) {
+  for (const auto& [machine, command, status, told] : cases) {
+    std::istringstream text(command);
+    Words words{std::istream_iterator<std::string>(text), {}};
     words.insert(words.begin(), Simulate(machine));
-    ExpectFailure(words, status, message);
+    ExpectFailure(words, status, told);
   }
 }
 
-TEST(Refusal, OfAPollIntervalThatCannotBeStored) {
+TEST(Surroundings, SettingsGoWhereTheyAreWanted) {
   const CTemporaryFolder folder;
   const Words words{Simulate("plain"), "prop", "set", "plugin", "poll-interval", "7"};
-  EXPECT_EQ(Rvxctl(words, {.m_Environment = {{"ZQ_CONFIG_DIR", folder.Path()}}}).m_Status, 0);
-  EXPECT_EQ(folder.Read("piRVX.ini"), "PollInterval=7\n");
+  const auto with = [&](const Environment& variables) { return SHow{variables, false, "", folder.Path()}; };
+  std::filesystem::create_directory(folder.Path("settings"));
+  EXPECT_EQ(Rvxctl(words, with({{"ZQ_CONFIG_DIR", "settings"}})).m_Status, 0);
+  EXPECT_EQ(folder.Read("settings/piRVX.ini"), "PollInterval=7\n");
+  EXPECT_EQ(Rvxctl(words, with({{"ZQ_CONFIG_DIR", ""}, {"TMPDIR", folder.Path()}})).m_Status, 0);
+  EXPECT_EQ(folder.CountFiles(), 1U) << "an empty name is none, and a simulated machine leaves nothing";
+  ExpectFailure(words, 1, {"cannot make a temporary folder in /nowhere: No such file or directory; TMPDIR"},
+                with({{"TMPDIR", "/nowhere"}}));
   // A file in the folder's place takes no file, not even from root.
-  ExpectFailure(words, 1, "could not be written to piRVX.ini",
-                {.m_Environment = {{"ZQ_CONFIG_DIR", folder.Write("file", "")}}});
+  ExpectFailure(words, 1, {"could not be written to piRVX.ini"},
+                with({{"ZQ_CONFIG_DIR", folder.Write("file", "")}}));
+}
+
+TEST(Surroundings, OthersMayNotReadTheNodesThatAreMade) {
+  CProgram program(RvxctlWords({Simulate("plain"), "status", "--watch"}));
+  ASSERT_TRUE(program.ReadUntil("sda"));
+  EXPECT_THAT(ReadFile("/proc/" + std::to_string(program.Process()) + "/status"), HasSubstr("Umask:\t0007"));
 }
 
 TEST(Refusal, ADryRunIsOneDocumentWhateverTheCheckSays) {

@@ -2,7 +2,7 @@
 # What the scripts on the machine "changes" share, beside lib.sh.
 source "$RVX_SOURCE/tests/vm/lib.sh"
 
-rvx() { "$RVX_BUILD/host/rvxctl" "$@"; }
+rvx() { "$RVX_BUILD/bin/rvxctl" "$@"; }
 
 declare -A disk=()
 for serial in AHCI-{0..3} SAS-{0..2} VIRTIO-0; do

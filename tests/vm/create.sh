@@ -55,6 +55,16 @@ expect_array() {
         "$(listed "$array" 30045 30126 30090)"
 }
 
+# Before udev has seen it, a node must be closed to others already: its reader has all the data of the array's disks.
+udevadm control --stop-exec-queue
+umask 0
+expect_eq "an array is made with an open umask" md_d0 "$(make raid0 - "${disk[AHCI-0]}" "${disk[AHCI-1]}")"
+expect_eq "its node is for owner and group" "660 root" "$(stat -c '%a %U' /dev/md_d0)"
+umask 022
+udevadm control --start-exec-queue
+udevadm settle --timeout=30
+check "it is deleted" rvx array delete md_d0 --yes
+
 # A line is an array on either controller: level, stripe size asked for, the chunk that follows, how many disks.
 while read -r level1 stripe1 chunk1 count1 level2 stripe2 chunk2 count2; do
     first=() second=()

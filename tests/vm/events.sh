@@ -4,7 +4,7 @@
 set -euo pipefail
 source "$RVX_SOURCE/tests/vm/lib.sh"
 
-readonly rvxctl=$RVX_BUILD/host/rvxctl
+readonly rvxctl=$RVX_BUILD/bin/rvxctl
 declare -A disk=()
 for serial in AHCI-{0..3} SAS-{0..4}; do
     disk[$serial]=$(disk_by_serial "$serial")

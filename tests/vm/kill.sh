@@ -17,8 +17,8 @@ watched() {
     local at=$1
     shift
     rm -f /tmp/calls
-    LD_PRELOAD=$RVX_BUILD/lib/librvx_kill_at.so RVX_KILL_AT=$at RVX_KILL_LOG=/tmp/calls \
-        "$RVX_BUILD/host/rvxctl" "$@" >/tmp/said 2>&1
+    LD_PRELOAD=$RVX_BUILD/tests/vm/librvx_kill_at.so RVX_KILL_AT=$at RVX_KILL_LOG=/tmp/calls \
+        "$RVX_BUILD/bin/rvxctl" "$@" >/tmp/said 2>&1
 }
 
 superblocks() {

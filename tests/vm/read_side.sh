@@ -12,7 +12,7 @@ done
 read_topology() {
     local key text
     value=()
-    "$RVX_BUILD/host/rvxctl" --json topology >/tmp/topology || return
+    "$RVX_BUILD/bin/rvxctl" --json topology >/tmp/topology || return
     while IFS=$'\t' read -r key text; do
         value[$key]=$text
     done < <(jq -r '(.data.objects | map({key: .id, value: .name}) | from_entries) as $names | .data.objects
@@ -211,7 +211,7 @@ expect_adapter() {
 # An array that the plug-in makes is one that mdadm understands.
 expect_superblocks() {
     local first=${disk[PIIX-1]} second=${disk[SAS-7]} name said
-    check "rvxctl makes a RAID 0" "$RVX_BUILD/host/rvxctl" array create --level raid0 --stripe 16 --yes \
+    check "rvxctl makes a RAID 0" "$RVX_BUILD/bin/rvxctl" array create --level raid0 --stripe 16 --yes \
         "$first" "$second"
     for name in "$first" "$second"; do
         said=$(mdadm --examine "/dev/$name" | tr -s ' ' || true)

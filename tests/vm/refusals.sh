@@ -58,6 +58,7 @@ unequal_stripes() {
     local member
     refuse "RAID 0 with three disks, one of them smaller" 1 20003 array create --level raid0 --yes "$a0" "$s0" "$a1"
     expect_match "the answer names the half-built array" 'mdadm --stop /dev/md_d0' "$(cat /tmp/said)"
+    expect_eq "no node that others may open is left" "" "$(find /dev -type b -name 'md_d*' -perm /007)"
     check "which can be stopped" mdadm --stop /dev/md_d0
     for member in "$a0" "$s0" "$a1"; do
         check "and $member's superblock be wiped" mdadm --zero-superblock "/dev/$member"

@@ -95,6 +95,11 @@ TEST(Application, FindsProgramsInTrustedFoldersOnly) {
   EXPECT_TRUE(path.is_absolute());
 }
 
+TEST(Application, TakesAnEmptyNameForNone) {
+  const CEnvironmentVariable place("ZQ_CONFIG_DIR", "");
+  EXPECT_EQ(CKvtApplication::GetConfigDirectory(), "/etc/zq");
+}
+
 /// Traces into a file of its own.
 class Trace : public testing::Test {
  protected:
