@@ -60,6 +60,48 @@ scripts() {
     all_scripts | xargs -r shellcheck -x -e SC2016
 }
 
+# Programs run as root from wherever somebody stands: a library that a loader looks for there belongs to anybody.
+library_paths() {
+    local files found
+    mapfile -t files < <(find build -type f -perm /111 -not -path '*/CMakeFiles/*' -exec grep -lm1 $'^\x7fELF' {} +)
+    [ ${#files[@]} != 0 ] || { echo "Nothing is built that could be looked at." && return 1; }
+    found=$(readelf -dW "${files[@]}" | awk '
+        /^File: / { file = $2 }
+        /\((RPATH|RUNPATH)\)/ {
+            sub(/^[^[]*\[/, ""); sub(/\]$/, "")
+            count = split($0 ":", folders, ":") - 1
+            for (i = 1; i <= count; ++i)
+                if (folders[i] !~ /^(\/|\$ORIGIN(\/|$))/) print file ": \"" folders[i] "\" of its search path is relative"
+        }
+        /\(NEEDED\)/ && /\[[^\/].*\// { print file ": " $NF " is relative" }')
+    [ -z "$found" ] || { printf '%s\n' "Libraries from the current folder (build anew what an older build left):" "$found" && return 1; }
+}
+
+# hardened FILE FACT...: it has all of them, as extended regular expressions, and nothing tells where it was built. That
+# control-flow protection is on shows in the code alone: a library of the system that lacks it clears the file's mark.
+hardened() {
+    local file=build/release/$1 facts fact status=0
+    facts=$(readelf -hdlW "$file" && nm -D "$file" && echo "endbr64 $(objdump -d "$file" | grep -c endbr64)") || return 1
+    shift
+    for fact in 'Type: +DYN' 'GNU_RELRO' 'BIND_NOW|Flags:.* NOW' 'GNU_STACK .* RW ' '__stack_chk_fail@' \
+        'endbr64 [0-9]{2,}' "$@"; do
+        grep -qE -- "$fact" <<<"$facts" || { echo "$file lacks $fact" && status=1; }
+    done
+    ! grep -qaF "$PWD" "$file" || { echo "$file contains the name of the folder it was built in" && status=1; }
+    return "$status"
+}
+
+release() {
+    local status=0 fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
+    hardened bin/rvxctl 'Flags:.* PIE' "$fortified" "$asserting" || status=1
+    hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" || status=1
+    hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" || status=1
+    hardened lib/piRVX/libzqKVT.so "$kept" "$fortified" || status=1
+    hardened lib/piRVX/libzqKVTX.so "$asserting" || status=1
+    hardened lib/piRVX/libzqPI.so "$asserting" || status=1
+    return "$status"
+}
+
 man_pages() {
     find docs packaging -name '*.[1-8]' -print0 | xargs -0 -r mandoc -T lint -W warning
 }
