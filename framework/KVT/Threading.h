@@ -105,6 +105,8 @@ class ZQ_API CThread {
  public:
   /// Starts a thread that runs `body`. `flags` is reserved and 0. Throws std::system_error when the system
   /// has no thread left. An exception that leaves `body` is written to the error log and ends the thread.
+  /// The thread blocks every signal but those of its own faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT,
+  /// SIGTRAP), so that no handler of the server's runs on it; the caller's signal mask stays as it is.
   static std::unique_ptr<CThread> Create(boost::function<void()> body, unsigned int flags);
   ~CThread();
   CThread(const CThread&) = delete;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <mutex>
 #include <system_error>
@@ -88,6 +89,24 @@ int MakeRecursive(pthread_mutex_t& mutex) {
   pthread_mutexattr_destroy(&attributes);
   return error;
 }
+
+/// Keeps the server's signals from a thread that is made while it lives: it inherits the mask. The signals of
+/// a thread's own faults stay, since blocking them would end the process without a word.
+class CServerSignalsBlocked {
+ public:
+  CServerSignalsBlocked() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) sigdelset(&signals, fault);
+    pthread_sigmask(SIG_SETMASK, &signals, &m_Before);
+  }
+  ~CServerSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+  CServerSignalsBlocked(const CServerSignalsBlocked&) = delete;
+  CServerSignalsBlocked& operator=(const CServerSignalsBlocked&) = delete;
+
+ private:
+  sigset_t m_Before{};
+};
 
 }  // namespace
 
@@ -228,6 +247,7 @@ std::unique_ptr<CThread> CThread::Create(boost::function<void()> body, unsigned 
     (*own)->Run();
     return nullptr;
   };
+  const CServerSignalsBlocked noSignals;
   if (const int error = pthread_create(&state->m_Thread, nullptr, run, shared.get()); error != 0)
     throw std::system_error(error, std::generic_category(), "pthread_create");
   shared.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <future>
 #include <stdexcept>
 
@@ -82,13 +83,20 @@ TEST(Waiter, LosesNoWakeUp) {
 TEST(Thread, WaitTellsWhetherItRunsAndTheBodyIsGoneAtItsEnd) {
   CEvent go;
   const auto owned = std::make_shared<int>(0);
-  const auto thread = CThread::Create([&, owned] { go.Wait(DEADLINE); }, 0);
+  sigset_t inside, here;
+  const auto look = [](sigset_t& mask) { pthread_sigmask(SIG_SETMASK, nullptr, &mask); };
+  const auto thread = CThread::Create([&, owned] { look(inside), go.Wait(DEADLINE); }, 0);
   EXPECT_EQ(thread->Wait(0), WAIT_TIMED_OUT);
   go.Set();
   EXPECT_EQ(thread->Wait(DEADLINE), WAIT_OK);
   EXPECT_EQ(thread->Wait(0), WAIT_OK) << "an ended thread stays ended";
   EXPECT_EQ(owned.use_count(), 1);
   thread->Cancel();  // too late, and harmless
+  look(here);
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGPIPE, SIGRTMAX})
+    EXPECT_TRUE(sigismember(&inside, signal) == 1 && sigismember(&here, signal) == 0) << signal;
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+    EXPECT_EQ(sigismember(&inside, fault), 0) << fault;
 }
 
 TEST(Thread, OneThatCannotBeMadeLeavesNothing) {
