@@ -18,8 +18,9 @@
 namespace NAMESPACE_piRVX {
 
 /// Everything that the plug-in asks of the machine, in Linux's own terms. Where nothing else is said, -1
-/// means failure with the reason in errno. All operations may be called from several threads at once. Those
-/// that can block are cancellation points, except Close.
+/// means failure with the reason in errno. All operations may be called from several threads at once.
+/// Cancellation points are Open, Read, Write, Sync, WaitExceptional, ExecuteCommand and Sleep. The others are
+/// none: a thread that waits in Ioctl for a dead disk is not cancelled before Ioctl has come back.
 class COperatingSystem {
  public:
   COperatingSystem() = default;
