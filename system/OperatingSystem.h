@@ -51,7 +51,8 @@ class COperatingSystem {
 
   /// As KVT::Misc::CKvtApplication::GetCommandPath: 1 when found.
   virtual int GetCommandPath(const std::string& name, boost::filesystem::path& path) = 0;
-  /// As KVTX::CSystem::ExecuteCommand: 1 when it ran and ended with status 0.
+  /// As KVTX::CSystem::ExecuteCommand: 1 when it ran and ended with status 0, 0 when it could not be started,
+  /// 130 when it was given up after 3 s, 2 when it ended otherwise.
   virtual int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                              std::vector<std::string>& lines) = 0;
   /// As KVTX::CSystemPartitionTable::GetPartitions.
