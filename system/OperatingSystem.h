@@ -18,8 +18,9 @@
 namespace NAMESPACE_piRVX {
 
 /// Everything that the plug-in asks of the machine, in Linux's own terms. Where nothing else is said, -1
-/// means failure with the reason in errno. All operations may be called from several threads at once. Those
-/// that can block are cancellation points, except Close.
+/// means failure with the reason in errno. All operations may be called from several threads at once.
+/// Cancellation points are Open, Read, Write, Sync, WaitExceptional, ExecuteCommand and Sleep. The others are
+/// none: a thread that waits in Ioctl for a dead disk is not cancelled before Ioctl has come back.
 class COperatingSystem {
  public:
   COperatingSystem() = default;
@@ -50,7 +51,8 @@ class COperatingSystem {
 
   /// As KVT::Misc::CKvtApplication::GetCommandPath: 1 when found.
   virtual int GetCommandPath(const std::string& name, boost::filesystem::path& path) = 0;
-  /// As KVTX::CSystem::ExecuteCommand: 1 when it ran and ended with status 0.
+  /// As KVTX::CSystem::ExecuteCommand: 1 when it ran and ended with status 0, 0 when it could not be started,
+  /// 130 when it was given up after 3 s, 2 when it ended otherwise.
   virtual int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                              std::vector<std::string>& lines) = 0;
   /// As KVTX::CSystemPartitionTable::GetPartitions.

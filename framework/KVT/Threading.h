@@ -21,12 +21,13 @@ inline constexpr unsigned long INFINITE_WAIT = 0xFFFFFFFFUL;
 inline constexpr unsigned int WAIT_OK = 0;
 /// Result of a wait whose time ran out; of a thread's wait: it still runs.
 inline constexpr unsigned int WAIT_TIMED_OUT = 130;
-/// Result of `Init` when it succeeded. Anything else is a failure.
+/// Result of `Init` when it succeeded. Anything else is the system's error number (errno.h), negated.
 inline constexpr int INIT_OK = 1;
 
 namespace Native_OS {
 
-/// Mutex that its holder may take again; every take needs its own release. Usable from construction on.
+/// Mutex that its holder may take again; every take needs its own release. Usable from construction on, also
+/// when `Init` tells of a failure.
 class ZQ_API ZQ_CAPABILITY("mutex") CFastMutex {
  public:
   CFastMutex();
@@ -34,7 +35,8 @@ class ZQ_API ZQ_CAPABILITY("mutex") CFastMutex {
   CFastMutex(const CFastMutex&) = delete;
   CFastMutex& operator=(const CFastMutex&) = delete;
 
-  /// Prepares the mutex for use by several threads; may be called again. Returns INIT_OK on success.
+  /// Tells whether the system could make the mutex; may be called again, by any thread. Returns INIT_OK or
+  /// the error, negated.
   int Init();
   /// Takes the mutex, waiting at most `milliseconds` (0: do not wait). Returns WAIT_OK or WAIT_TIMED_OUT.
   unsigned int Wait(unsigned long milliseconds = INFINITE_WAIT) ZQ_NO_THREAD_SAFETY_ANALYSIS;
@@ -43,6 +45,7 @@ class ZQ_API ZQ_CAPABILITY("mutex") CFastMutex {
 
  private:
   pthread_mutex_t m_Mutex;
+  int m_Error;  ///< of the construction; 0: none
 };
 
 }  // namespace Native_OS
@@ -55,7 +58,8 @@ class ZQ_API CEvent {
   CEvent(const CEvent&) = delete;
   CEvent& operator=(const CEvent&) = delete;
 
-  /// Sets the first state and the kind of the event. Returns INIT_OK on success.
+  /// Sets the first state and the kind of the event. Returns INIT_OK, or an error negated: -ETIMEDOUT when
+  /// the lock of all events was not given back within five seconds. The event is as it was then.
   int Init(bool signalled, bool manualReset);
   /// Signals the event and wakes its waiters.
   void Set();
@@ -101,6 +105,8 @@ class ZQ_API CThread {
  public:
   /// Starts a thread that runs `body`. `flags` is reserved and 0. Throws std::system_error when the system
   /// has no thread left. An exception that leaves `body` is written to the error log and ends the thread.
+  /// The thread blocks every signal but those of its own faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT,
+  /// SIGTRAP), so that no handler of the server's runs on it; the caller's signal mask stays as it is.
   static std::unique_ptr<CThread> Create(boost::function<void()> body, unsigned int flags);
   ~CThread();
   CThread(const CThread&) = delete;

@@ -15,9 +15,14 @@ class ZQ_API CSystem {
  public:
   /// Runs a program and collects its standard output, one element a line without line ends.
   /// The arguments are cut at blanks; no shell takes part. "2>&1" as an argument adds standard error to the
-  /// lines, otherwise it is dropped. A program that runs longer than 30 s is ended.
-  /// @return 1 when it ran and ended with status 0; 0 when it could not be started; 2 when it ended otherwise
-  ///         (what it printed is in `lines` then too)
+  /// lines, otherwise it is dropped. A program that runs longer than 3 s or prints more than 1 MiB is killed
+  /// with its process group; one that does not end within another second (it waits for a dead disk, say) is
+  /// left to itself. With eight of those left nothing more is started.
+  /// A cancellation point: the program is killed. Safe in a server that ignores SIGCHLD or reaps all
+  /// children.
+  /// @return 1 when it ran and ended with status 0; 0 when it could not be started; 130
+  ///         (KVT::Threading::WAIT_TIMED_OUT) when it was given up for want of time; 2 when it ended
+  ///         otherwise. What it printed is in `lines` in every case.
   static int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                             std::vector<std::string>& lines);
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <mutex>
 #include <system_error>
@@ -34,6 +35,7 @@ pthread_cond_t g_SignalSet = PTHREAD_COND_INITIALIZER;
 class CSignalGuard {
  public:
   CSignalGuard() { pthread_mutex_lock(&g_SignalLock); }
+  explicit CSignalGuard(std::adopt_lock_t) {}
   ~CSignalGuard() { pthread_mutex_unlock(&g_SignalLock); }
   CSignalGuard(const CSignalGuard&) = delete;
   CSignalGuard& operator=(const CSignalGuard&) = delete;
@@ -79,21 +81,45 @@ int LockUntil(pthread_mutex_t* mutex, const timespec& end) {
 #endif
 }
 
+int MakeRecursive(pthread_mutex_t& mutex) {
+  pthread_mutexattr_t attributes;
+  if (const int error = pthread_mutexattr_init(&attributes); error != 0) return error;
+  int error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  if (error == 0) error = pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  return error;
+}
+
+/// Keeps the server's signals from a thread that is made while it lives: it inherits the mask. The signals of
+/// a thread's own faults stay, since blocking them would end the process without a word.
+class CServerSignalsBlocked {
+ public:
+  CServerSignalsBlocked() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) sigdelset(&signals, fault);
+    pthread_sigmask(SIG_SETMASK, &signals, &m_Before);
+  }
+  ~CServerSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+  CServerSignalsBlocked(const CServerSignalsBlocked&) = delete;
+  CServerSignalsBlocked& operator=(const CServerSignalsBlocked&) = delete;
+
+ private:
+  sigset_t m_Before{};
+};
+
 }  // namespace
 
 namespace Native_OS {
 
-CFastMutex::CFastMutex() {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&m_Mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
+CFastMutex::CFastMutex() : m_Error(MakeRecursive(m_Mutex)) {
+  // Requests take the lock also after they were told that it could not be made.
+  if (m_Error != 0) m_Mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 }
 
 CFastMutex::~CFastMutex() { pthread_mutex_destroy(&m_Mutex); }
 
-int CFastMutex::Init() { return INIT_OK; }
+int CFastMutex::Init() { return m_Error == 0 ? INIT_OK : -m_Error; }
 
 unsigned int CFastMutex::Wait(unsigned long milliseconds) {
   const int error = milliseconds == INFINITE_WAIT ? pthread_mutex_lock(&m_Mutex)
@@ -108,7 +134,11 @@ void CFastMutex::Release() { pthread_mutex_unlock(&m_Mutex); }
 CEvent::CEvent() = default;
 
 int CEvent::Init(bool signalled, bool manualReset) {
-  const CSignalGuard guard;
+  // The lock is held for microseconds, but a process that was forked meanwhile never gets it. Whoever sets
+  // up is told so; a later Set or Wait would hang.
+  constexpr unsigned long LONGEST_HOLD = 5000;
+  if (const int error = LockUntil(&g_SignalLock, DeadlineIn(LONGEST_HOLD)); error != 0) return -error;
+  const CSignalGuard guard(std::adopt_lock);
   m_Signalled = signalled;
   m_ManualReset = manualReset;
   if (signalled) pthread_cond_broadcast(&g_SignalSet);
@@ -208,7 +238,8 @@ CThread::~CThread() = default;
 std::unique_ptr<CThread> CThread::Create(boost::function<void()> body, unsigned int /*flags*/) {
   auto state = std::make_shared<SState>();
   state->m_Body = std::move(body);
-  state->m_Ended.Init(false, true);
+  if (const int result = state->m_Ended.Init(false, true); result != INIT_OK)
+    throw std::system_error(-result, std::generic_category(), "CEvent::Init");
   std::unique_ptr<CThread> thread(new CThread(state));
   auto shared = std::make_unique<std::shared_ptr<SState>>(state);
   const auto run = [](void* argument) -> void* {
@@ -216,6 +247,7 @@ std::unique_ptr<CThread> CThread::Create(boost::function<void()> body, unsigned 
     (*own)->Run();
     return nullptr;
   };
+  const CServerSignalsBlocked noSignals;
   if (const int error = pthread_create(&state->m_Thread, nullptr, run, shared.get()); error != 0)
     throw std::system_error(error, std::generic_category(), "pthread_create");
   shared.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now

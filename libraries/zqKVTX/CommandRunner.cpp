@@ -3,17 +3,24 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
-#include <sstream>
+#include <mutex>
+#include <optional>
 
+#include "KVT/Threading.h"
 #include "KVTX/System.h"
 #include "libraries/common/FileDescriptor.h"
+#include "libraries/common/TextStream.h"
+
+extern "C" {  // glibc 2.36 does not say so itself
+#include <sys/pidfd.h>
+}
 
 namespace KVTX {
 namespace Internal {
@@ -21,32 +28,102 @@ namespace {
 
 using KVT::Internal::CCancellationGuard;
 using KVT::Internal::CFileDescriptor;
+using KVT::Internal::TextStream;
 
-/// A child process; killed with its whole group and reaped when it is given up.
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// Milliseconds until then, 0 when that has passed.
+int Until(steady_clock::time_point end) {
+  const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
+  return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+}
+
+/// A child process. Handled by its descriptor: when the server ignores SIGCHLD or reaps every child, the
+/// number may be another process's by the time that it is used.
 class CChild {
  public:
-  explicit CChild(pid_t id) : m_ID(id) {}
-  CChild(const CChild&) = delete;
-  CChild& operator=(const CChild&) = delete;
-  ~CChild() {
-    if (m_ID == 0) return;
-    kill(-m_ID, SIGKILL);
-    kill(m_ID, SIGKILL);  // it may have left its group
-    Reap();
-  }
-  /// Waits for the end; true when that was a return with status 0. A server that ignores SIGCHLD or reaps
-  /// every child takes the status away: then the end alone counts.
-  bool Reap() {
+  CChild(pid_t id, CFileDescriptor handle) : m_ID(id), m_Handle(std::move(handle)) {}
+
+  /// Waits for the end and reaps; none when the time ran out. True when it returned with status 0, and when
+  /// others have reaped it: they took the status, and the end alone counts.
+  std::optional<bool> Reap(milliseconds time) const {
     const CCancellationGuard noCancel;
-    int status = 0;
-    while (waitpid(m_ID, &status, 0) < 0 && errno == EINTR) {
+    const auto end = steady_clock::now() + time;
+    for (pollfd ended{m_Handle.Get(), POLLIN, 0};;) {
+      siginfo_t info{};
+      if (waitid(P_PIDFD, Number(), &info, WEXITED | WNOHANG) != 0) return true;
+      if (info.si_pid != 0) return info.si_code == CLD_EXITED && info.si_status == 0;
+      const int left = Until(end);
+      if (left == 0) return std::nullopt;
+      poll(&ended, 1, left);
     }
-    m_ID = 0;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+  /// Kills it with its group.
+  void Kill() const {
+    siginfo_t info{};
+    if (waitid(P_PIDFD, Number(), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return;
+    kill(-m_ID, SIGKILL);  // as long as nobody has reaped it, the group's number is its own
+    pidfd_send_signal(m_Handle.Get(), SIGKILL, nullptr, 0);  // it may have left its group
   }
 
  private:
+  id_t Number() const { return static_cast<id_t>(m_Handle.Get()); }
+
   pid_t m_ID;
+  CFileDescriptor m_Handle;
+};
+
+/// The children that were killed and did not end, such as one that waits for a dead disk.
+class CLeftChildren {
+ public:
+  /// Reaps those that have ended meanwhile; returns how many are left.
+  std::size_t Reap() {
+    const std::lock_guard guard(m_Lock);
+    std::erase_if(m_Children, [](const CChild& child) { return child.Reap(milliseconds(0)).has_value(); });
+    return m_Children.size();
+  }
+  void Add(CChild child) {
+    const std::lock_guard guard(m_Lock);
+    try {
+      m_Children.push_back(std::move(child));
+    } catch (const std::bad_alloc&) {  // destructors add: a zombie is the lesser evil
+    }
+  }
+
+ private:
+  std::mutex m_Lock;
+  std::vector<CChild> m_Children;
+};
+
+/// Never destroyed: threads run programs until the process ends.
+CLeftChildren& LeftChildren() {
+  static auto* const left = new CLeftChildren;
+  return *left;
+}
+
+/// Kills a child when the scope ends before the child does.
+class CChildGuard {
+ public:
+  CChildGuard(CChild child, milliseconds killTime) : m_Child(std::move(child)), m_KillTime(killTime) {}
+  CChildGuard(const CChildGuard&) = delete;
+  CChildGuard& operator=(const CChildGuard&) = delete;
+  ~CChildGuard() {
+    if (m_Reaped) return;
+    m_Child.Kill();
+    if (!m_Child.Reap(m_KillTime)) LeftChildren().Add(std::move(m_Child));
+  }
+  /// How a child that has ended did so, as CChild::Reap says it.
+  bool Reap() {
+    const std::optional<bool> succeeded = m_Child.Reap(milliseconds(0));
+    m_Reaped = succeeded.has_value();
+    return succeeded.value_or(false);
+  }
+
+ private:
+  CChild m_Child;
+  milliseconds m_KillTime;
+  bool m_Reaped{false};
 };
 
 /// What posix_spawn does in the child. The server's signal set-up and whatever descriptors it leaks end here,
@@ -98,45 +175,44 @@ class CSpawnSettings {
   posix_spawnattr_t m_Attributes{};
 };
 
-struct SOutput {
-  std::string m_Text;
-  bool m_Ended{false};  ///< the program ended by itself, within the limits
-};
+enum class EEnd { ByItself, OutOfTime, Otherwise };
+
+/// Appends what there is to the text; false when it cannot be read. At the end of the output `source` is
+/// closed to poll().
+bool ReadSome(pollfd& source, std::string& text) {
+  std::array<char, 4096> buffer;
+  const ssize_t got = read(source.fd, buffer.data(), buffer.size());
+  if (got > 0) text.append(buffer.data(), static_cast<std::size_t>(got));
+  if (got == 0) source.fd = -1;
+  return got >= 0 || errno == EINTR;
+}
 
 /// Reads until the process has ended and nothing more is there. The process counts, not the end of the
 /// output: a grandchild may hold that open for ever. A `process` of -1 has ended and was reaped by others.
-SOutput Collect(int output, int process, const SCommandLimits& limits) {
-  using std::chrono::steady_clock;
+EEnd Collect(int output, int process, const SCommandLimits& limits, std::string& text) {
   const auto end = steady_clock::now() + limits.m_Time;
   std::array<pollfd, 2> sources{{{output, POLLIN, 0}, {process, POLLIN, 0}}};
-  SOutput result;
-  while (result.m_Text.size() <= limits.m_OutputBytes) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()).count();
-    if (left <= 0) break;
-    const int ready = poll(sources.data(), sources.size(), process < 0 ? 0 : static_cast<int>(left));
-    if (ready == 0 && process < 0) {
-      result.m_Ended = true;
-      break;
-    }
-    if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
+  for (bool ended = process < 0; text.size() <= limits.m_OutputBytes;) {
+    const int left = Until(end);
+    const bool hadEnded = ended;
+    const int ready = poll(sources.data(), sources.size(), hadEnded ? 0 : left);
+    if (ready < 0 && errno == EINTR) continue;
     if (ready < 0) break;
+    ended = hadEnded || sources[1].revents != 0;
     if (sources[0].revents != 0) {
-      std::array<char, 4096> buffer;
-      const ssize_t got = read(output, buffer.data(), buffer.size());
-      if (got > 0) result.m_Text.append(buffer.data(), static_cast<std::size_t>(got));
-      if (got == 0) sources[0].fd = -1;  // closed; poll passes over it from now on
-      if (got < 0 && errno != EINTR) break;
-    } else {
-      result.m_Ended = true;
-      break;
+      if (!ReadSome(sources[0], text)) break;
+    } else if (hadEnded) {  // only a look after the end tells that nothing more comes
+      return EEnd::ByItself;
     }
+    // The process was looked at with no time left too: a server short of processors takes none from it.
+    if (left == 0 && !ended) return EEnd::OutOfTime;
   }
-  return result;
+  return EEnd::Otherwise;
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
-  std::istringstream stream(text);
+  auto stream = TextStream(text);
   for (std::string line; std::getline(stream, line);) {
     if (line.ends_with('\r')) line.pop_back();
     lines.push_back(std::move(line));
@@ -148,8 +224,9 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 SCommandResult RunCommand(const boost::filesystem::path& program, const std::string& arguments,
                           const SCommandLimits& limits) {
+  if (LeftChildren().Reap() >= limits.m_LeftChildren) return {};
   std::vector<std::string> words{program.string()};
-  std::istringstream stream(arguments);
+  auto stream = TextStream(arguments);
   for (std::string word; stream >> word;) words.push_back(std::move(word));
   const bool withErrors = std::erase(words, "2>&1") != 0;
 
@@ -159,14 +236,23 @@ SCommandResult RunCommand(const boost::filesystem::path& program, const std::str
   CFileDescriptor input(ends[1]);
   const pid_t id = CSpawnSettings(input.Get(), withErrors).Spawn(std::move(words));
   if (id < 0) return {};
-  CChild child(id);
-  input.Close();
-  const CFileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, id, 0)));
-  if (!process.IsOpen() && errno != ESRCH) return {};
+  input.Close();  // first: its number is there for the handle when the server has no other left
+  CFileDescriptor handle(pidfd_open(id, 0));
+  if (!handle.IsOpen() && errno != ESRCH) {
+    const CCancellationGuard noCancel;
+    kill(-id, SIGKILL);
+    while (waitpid(id, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return {};
+  }
+  const int process = handle.Get();
+  CChildGuard child(CChild(id, std::move(handle)), limits.m_KillTime);
 
-  const SOutput collected = Collect(output.Get(), process.Get(), limits);
-  const bool succeeded = collected.m_Ended && child.Reap();
-  return {succeeded ? 1 : 2, SplitLines(collected.m_Text)};
+  std::string text;
+  const EEnd end = Collect(output.Get(), process, limits, text);
+  const bool succeeded = end == EEnd::ByItself && child.Reap();
+  const int failed = end == EEnd::OutOfTime ? static_cast<int>(KVT::Threading::WAIT_TIMED_OUT) : 2;
+  return {succeeded ? 1 : failed, SplitLines(text)};
 }
 
 }  // namespace Internal

@@ -10,10 +10,14 @@
 
 namespace KVTX::Internal {
 
-/// How much of a program is borne before it is killed.
+/// How much of a program is borne before it is killed, and of programs that do not die of it.
 struct SCommandLimits {
-  std::chrono::milliseconds m_Time{30'000};
+  std::chrono::milliseconds m_Time{3000};
   std::size_t m_OutputBytes{1 << 20};
+  std::chrono::milliseconds m_KillTime{1000};  ///< wait for the end of a killed program
+  /// Programs of earlier calls that were killed and still have not ended, each with a descriptor of the
+  /// server's. With so many no further one is started.
+  std::size_t m_LeftChildren{8};
 };
 
 struct SCommandResult {

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <sstream>
 
 #include "libraries/common/CancellationGuard.h"
+#include "libraries/common/TextStream.h"
 
 namespace KVTX {
 namespace Internal {
@@ -54,8 +54,8 @@ std::string MountPoint(const SBlockNode& node, const CTable& mounts, const CTabl
 std::vector<SBlockNode> ReadPartitions(const fs::path& sysfsFolder) {
   std::map<int, SBlockNode> partitions;
   for (const fs::directory_entry& entry : fs::directory_iterator(sysfsFolder)) {
-    std::istringstream place(FirstLine(entry.path() / "partition"));
-    std::istringstream number(FirstLine(entry.path() / "dev"));
+    auto place = KVT::Internal::TextStream(FirstLine(entry.path() / "partition"));
+    auto number = KVT::Internal::TextStream(FirstLine(entry.path() / "dev"));
     int index = 0;
     unsigned int major = 0;
     unsigned int minor = 0;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/support/Arrays.h"
+#include "tests/support/FailingCalls.h"
 #include "tests/support/NoMemory.h"
 #include "tests/support/TraceCapture.h"
 
@@ -122,6 +123,19 @@ TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
     EXPECT_EQ(plugin.Topology().size(), 2U);
     EXPECT_EQ(plugin.m_Plugin.m_UpdateCounter, 1U);
     EXPECT_EQ(plugin.m_Adapter.m_UpdateCounter, 0U);
+  }
+}
+
+TEST(Initialize, NamesTheLockOrEventThatCannotBePrepared) {
+  const char* const members[] = {"m_DataLock", "m_PrivateEventsLock", "m_ForceWorker", "m_StopRequest",
+                                 "m_PrivateEvent"};
+  for (const auto& member : members) {
+    const CFailingCall refusal(CFailingCall::PREPARE_LOCK, static_cast<int>(&member - members));
+    SBareRig rig;
+    const CTraceCapture trace(TRACE_LIFECYCLE);
+    EXPECT_EQ(rig.m_Plugin.Begin(), 20011U);
+    const char* const text = "LEAVE Initialize() %s.Init() -> PI::ERR_LOCK_INITIALIZATION_FAILED -11";
+    EXPECT_TRUE(trace.Shows("Src/piRVXPlugin", Text(text, member))) << trace.Text();
   }
 }
 

@@ -7,61 +7,48 @@
 #include <csignal>
 #include <thread>
 
-#include "KVT/Misc.h"
-#include "KVTX/System.h"
+#include "KVT/Threading.h"
 #include "TemporaryFolder.h"
 #include "libraries/zqKVTX/CommandRunner.h"
 #include "libraries/zqKVTX/Partitions.h"
+#include "tests/support/FailingCalls.h"
 
 namespace {
 
-using KVTX::CPartition;
-using KVTX::CSystem;
-using KVTX::CSystemPartitionTable;
-using KVTX::CSystemTime_Lx;
-using KVTX::Internal::RunCommand;
-using KVTX::Internal::SCommandLimits;
-using KVTX::Internal::SCommandResult;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace KVTX;
+using namespace KVTX::Internal;
+using NAMESPACE_piRVX::CFailingCall;
+using std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
-constexpr unsigned long DEADLINE = 30'000;
+constexpr auto DEADLINE = 10s;
+
+bool Soon(const std::function<bool()>& holds) {
+  for (const auto end = steady_clock::now() + DEADLINE; steady_clock::now() < end;) {
+    if (holds()) return true;
+    std::this_thread::sleep_for(5ms);
+  }
+  return false;
+}
 
 /// Runs shell scripts, as programs with known behaviour.
 class Command : public testing::Test {
  protected:
-  SCommandResult Run(const std::string& script, const std::string& arguments = {},
-                     const SCommandLimits& limits = {}) {
+  SCommandResult Run(const std::string& script, const SCommandLimits& limits = {.m_Time = DEADLINE},
+                     const std::string& arguments = {}) const {
     return RunCommand("/bin/sh", m_Folder.Write("script", script) + ' ' + arguments, limits);
   }
   static bool NoChildIsLeft() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
-  /// Waits until the process is gone.
-  static bool IsGone(pid_t id) {
-    for (unsigned long waited = 0; waited < DEADLINE; waited += 10) {
-      if (kill(id, 0) != 0 || IsZombie(id)) return true;
-      KVT::Misc::msleep(10);
-    }
-    return false;
-  }
-  /// Waits until a file holds a line, and returns it as a number.
-  pid_t ReadID(const std::string& name) const {
-    for (unsigned long waited = 0; waited < DEADLINE; waited += 10) {
-      const std::string text = m_Folder.Read(name);
-      if (text.ends_with('\n')) return std::stoi(text);
-      KVT::Misc::msleep(10);
-    }
-    throw std::runtime_error("the program did not start");
+  /// The process whose number a script wrote to the file.
+  pid_t ID() const { return std::stoi(m_Folder.Read("id")); }
+  bool IsGone() const {
+    std::string status;
+    std::ifstream stream("/proc/" + std::to_string(ID()) + "/stat");
+    return !std::getline(stream, status) || status.find(") Z") != std::string::npos;
   }
 
-  CTemporaryFolder m_Folder;
-
- private:
-  static bool IsZombie(pid_t id) {
-    std::ifstream stream("/proc/" + std::to_string(id) + "/stat");
-    std::string text;
-    std::getline(stream, text);
-    return text.empty() || text.find(") Z") != std::string::npos;
-  }
+  const CTemporaryFolder m_Folder;
+  const std::string m_ToFile = " > " + m_Folder.Path("id") + "\n";
 };
 
 TEST_F(Command, ResultTellsHowItEnded) {
@@ -78,63 +65,72 @@ TEST_F(Command, ResultTellsHowItEnded) {
       {"echo partly; exit 3", "", 2, {"partly"}},
       {"cat; echo $?", "", 1, {"0"}},  // standard input is empty
       {"echo $LC_ALL:$PATH:$SECRET", "", 1, {"C:/usr/sbin:/usr/bin:/sbin:/bin:"}},
-      // the server's signal set-up ends at the child
+      // the server's descriptors and its signal set-up end at the child
+      {"exec ls /proc/self/fd", "", 1, {"0", "1", "2", "3"}},
       {"kill -TERM $$; echo survived", "", 2, {}},
       {"kill -HUP $$; echo survived", "", 2, {}},
   };
   const CEnvironmentVariable secret("SECRET", "not for children");
-  sigset_t blocked;
-  sigset_t before;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &blocked, &before);
-  const auto handler = std::signal(SIGHUP, SIG_IGN);
-  for (const auto& test : cases) {
-    const SCommandResult result = Run(test.m_Script, test.m_Arguments);
-    EXPECT_EQ(result.m_Result, test.m_Result) << test.m_Script;
-    EXPECT_EQ(result.m_Lines, test.m_Lines) << test.m_Script;
+  using std::filesystem::directory_iterator;
+  const auto count = [] { return std::distance(directory_iterator("/proc/self/fd"), directory_iterator()); };
+  const int inherited = dup(STDERR_FILENO);
+  const auto before = count();
+  sigset_t all, former;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &former);
+  std::signal(SIGHUP, SIG_IGN);
+  for (const bool taken : {false, true}) {  // where SIGCHLD is ignored, the kernel takes the status away
+    std::signal(SIGCHLD, taken ? SIG_IGN : SIG_DFL);
+    for (const auto& test : cases) {
+      const SCommandResult result = Run(test.m_Script, {.m_Time = DEADLINE}, test.m_Arguments);
+      EXPECT_EQ(result.m_Result, taken ? 1 : test.m_Result) << test.m_Script;
+      EXPECT_EQ(result.m_Lines, test.m_Lines) << test.m_Script;
+    }
   }
-  std::signal(SIGHUP, handler);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  for (const int signal : {SIGCHLD, SIGHUP}) std::signal(signal, SIG_DFL);
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
   EXPECT_TRUE(NoChildIsLeft());
+  EXPECT_EQ(count(), before) << "descriptors";
+  close(inherited);
 }
 
-// The kernel reaps the children of a server that ignores SIGCHLD; a program's success must not look like a
-// failure.
-TEST_F(Command, SucceedsInAServerThatTakesTheExitStatusAway) {
-  const auto handler = std::signal(SIGCHLD, SIG_IGN);
-  const SCommandResult result = Run("echo out", "");
-  std::signal(SIGCHLD, handler);
-  EXPECT_EQ(result.m_Result, 1);
-  EXPECT_EQ(result.m_Lines, std::vector<std::string>{"out"});
+TEST_F(Command, ThatCannotBeStartedGivesZeroAndOneThatRunsOnIsGivenThreeSeconds) {
+  std::vector<std::string> lines{"old"};
+  EXPECT_EQ(CSystem::ExecuteCommand(m_Folder.Write("no-program", "text"), "x", lines), 0);
+  EXPECT_TRUE(lines.empty());
+  const auto start = steady_clock::now();
+  EXPECT_EQ(CSystem::ExecuteCommand("/bin/sleep", "12", lines), 130);
+  EXPECT_TRUE(steady_clock::now() >= start + 3s && steady_clock::now() < start + 10s);
 }
 
-TEST_F(Command, WhatCannotBeStartedGivesZero) {
-  for (const std::string& path :
-       {std::string("/no/such/program"), m_Folder.Path(), m_Folder.Write("no-program", "text")}) {
-    std::vector<std::string> lines{"old"};
-    EXPECT_EQ(CSystem::ExecuteCommand(path, "x", lines), 0) << path;
-    EXPECT_THAT(lines, IsEmpty());
-  }
-}
+/// Leaves its process group, and prints more than a limit.
+const std::string DESERTER =
+    "exec perl -e 'setpgrp 0, getpgrp getppid; syswrite STDOUT, \"partly\\n\" x 999; sleep 20'";
+const SCommandLimits LITTLE{DEADLINE, 1 << 10, 1s, 1};
 
 TEST_F(Command, LimitsEndAProgramWithItsChildren) {
-  const SCommandLimits shortTime{std::chrono::milliseconds(300), 1 << 20};
-  const std::pair<const char*, SCommandLimits> cases[] = {
-      {"echo partly; exec >&- 2>&-; sleep 1000", shortTime},
-      {"trap '' TERM HUP INT; echo partly; sleep 1000", shortTime},
-      {"echo partly; while :; do echo again; done", {std::chrono::milliseconds(DEADLINE), 1 << 16}},
-  };
-  const std::string ids = m_Folder.Path("id");
-  for (const auto& [script, limits] : cases) {
-    std::filesystem::remove(ids);
-    const SCommandResult result = Run("sleep 1000 & echo $! > " + ids + '\n' + script, {}, limits);
-    EXPECT_EQ(result.m_Result, 2) << script;
-    ASSERT_FALSE(result.m_Lines.empty()) << script;
-    EXPECT_EQ(result.m_Lines.front(), "partly") << script;
-    EXPECT_TRUE(IsGone(ReadID("id"))) << script;
+  const std::tuple<std::string, SCommandLimits, int> cases[] = {
+      {"echo partly; exec >&- 2>&-; sleep 1000", SCommandLimits{500ms}, 130},
+      {"trap '' TERM HUP INT; echo partly; sleep 1000", SCommandLimits{500ms}, 130},
+      {"echo partly; while :; do echo again; done", LITTLE, 2},
+      {DESERTER, LITTLE, 2}};
+  for (const auto& [script, limits, expected] : cases) {
+    const SCommandResult result = Run("sleep 1000 & echo $!" + m_ToFile + script, limits);
+    EXPECT_EQ(result.m_Result, expected) << script;
+    EXPECT_THAT(result.m_Lines, testing::Contains("partly")) << script;
+    ASSERT_TRUE(Soon([&] { return IsGone(); })) << script;
     EXPECT_TRUE(NoChildIsLeft()) << script;
   }
+}
+
+TEST_F(Command, ThatDoesNotDieIsLeftButNotForgotten) {
+  const CFailingCall lost(CFailingCall::SIGNAL_PROCESS);
+  EXPECT_EQ(Run("echo $$" + m_ToFile + DESERTER, LITTLE).m_Result, 2);
+  EXPECT_EQ(Run("echo refused", LITTLE).m_Result, 0);
+  EXPECT_EQ(Run("echo out").m_Result, 1);
+  kill(ID(), SIGKILL);
+  EXPECT_TRUE(Soon([&] { return Run("echo out", LITTLE).m_Result == 1; }));
+  EXPECT_TRUE(NoChildIsLeft());
 }
 
 TEST_F(Command, ManyLinesArriveAndAGrandchildThatHoldsTheOutputDelaysNothing) {
@@ -144,85 +140,49 @@ TEST_F(Command, ManyLinesArriveAndAGrandchildThatHoldsTheOutputDelaysNothing) {
   kill(std::stoi(result.m_Lines.back()), SIGKILL);
 }
 
-TEST_F(Command, LeaksNoDescriptorIntoTheChildOrHere) {
-  const auto count = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
-  const auto before = count();
-  const int leaky = dup(STDERR_FILENO);  // inheritable, as a careless server leaves them
-  EXPECT_THAT(RunCommand("/bin/ls", "/proc/self/fd", {}).m_Lines, ElementsAre("0", "1", "2", "3"));
-  close(leaky);
-  EXPECT_EQ(RunCommand("/no/such/program", "", {}).m_Result, 0);
-  EXPECT_EQ(count(), before);
-}
-
 TEST_F(Command, CancellationKillsAndReaps) {
-  std::string script = m_Folder.Write("script", "echo $$ > " + m_Folder.Path("id") + "; sleep 1000");
-  const auto run = [](void* argument) -> void* {
-    RunCommand("/bin/sh", *static_cast<std::string*>(argument), {});
-    return nullptr;
-  };
-  pthread_t thread{};
-  ASSERT_EQ(pthread_create(&thread, nullptr, run, &script), 0);
-  const pid_t id = ReadID("id");
-  pthread_cancel(thread);
-  void* result = nullptr;
-  ASSERT_EQ(pthread_join(thread, &result), 0);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
-  EXPECT_TRUE(IsGone(id));
+  const auto thread = KVT::Threading::CThread::Create([&] { Run("echo $$" + m_ToFile + "sleep 1000"); }, 0);
+  ASSERT_TRUE(Soon([&] { return m_Folder.Read("id").ends_with('\n'); }));
+  thread->Cancel();
+  ASSERT_EQ(thread->Wait(10'000), 0U);
+  EXPECT_TRUE(IsGone());
   EXPECT_TRUE(NoChildIsLeft());
 }
 
-TEST(Partitions, AreReadFromSysfsByNumber) {
-  const CTemporaryFolder sysfs;
-  for (const std::string name : {"md_d0p10", "md_d0p2", "cciss!c0d0p1"}) {
-    const std::string number = name.substr(name.rfind('p') + 1) + "\n";
-    sysfs.Write(name + "/partition", number);
-    sysfs.Write(name + "/dev", "253:" + number);
-  }
-  sysfs.Write("queue/rotational", "0\n");
-  sysfs.Write("broken/partition", "x\n");
-  sysfs.Write("half/partition", "3\n");
-  std::vector<std::string> found;
-  for (const auto& node : KVTX::Internal::ReadPartitions(sysfs.Path()))
-    found.push_back(node.m_Device + " " + std::to_string(minor(node.m_Number)));
-  EXPECT_THAT(found, ElementsAre("/dev/cciss/c0d0p1 1", "/dev/md_d0p2 2", "/dev/md_d0p10 10"));
-  EXPECT_THAT(CSystemPartitionTable::GetPartitions("/dev/null"), IsEmpty());
-}
-
-TEST(Partitions, TellWhereTheyAreInUse) {
+TEST(Partitions, AreListedByNumberWithTheirUse) {
   const CTemporaryFolder folder;
-  const std::string mounts = folder.Write("mountinfo",
-                                          "20 1 8:1 / / rw - ext4 /dev/root rw\n"
-                                          "21 20 253:0 / /whole rw - ext4 /dev/md_d0 rw\n"
-                                          "22 20 253:1 / /with\\040blank rw - xfs /dev/disk/by-id/x rw\n"
-                                          "23 20 253:1 / /second rw - xfs /dev/md_d0p1 rw\n"
-                                          "24 20 0:55 / /pool rw - btrfs /dev/md_d0p2 rw\n");
-  const std::string swaps =
-      folder.Write("swaps",
-                   "Filename\t\t\t\tType\t\tSize\t\tUsed\t\tPriority\n"
-                   "/dev/md_d0p3                            partition\t1023996\t\t0\t\t-2\n");
-  const std::vector<KVTX::Internal::SBlockNode> nodes{{"/dev/md_d0", makedev(253, 0)},
-                                                      {"/dev/md_d0p1", makedev(253, 1)},
-                                                      {"/dev/md_d0p2", makedev(253, 2)},
-                                                      {"/dev/md_d0p3", makedev(253, 3)}};
-  const auto find = [&nodes](const std::string& mountInfo, const std::string& swapFile) {
-    std::vector<std::string> found;
-    for (const CPartition& partition : KVTX::Internal::FindMountPoints(nodes, mountInfo, swapFile))
-      found.push_back(partition.m_Device + ' ' + partition.m_MountPoint);
+  for (const std::string name : {"md_d0p10", "md_d0p2", "md_d0p3", "cciss!c0d0p1"}) {
+    const std::string number = name.substr(name.rfind('p') + 1) + "\n";
+    folder.Write("sysfs/" + name + "/partition", number);
+    folder.Write("sysfs/" + name + "/dev", "253:" + number);
+  }
+  folder.Write("sysfs/queue/rotational", "0\n");
+  folder.Write("sysfs/broken/partition", "x\n");
+  folder.Write("sysfs/half/partition", "3\n");
+  folder.Write("mounts",
+               "20 1 8:1 / / rw - ext4 /dev/root rw\n"
+               "21 20 253:0 / /whole rw - ext4 /dev/md_d0 rw\n"
+               "22 20 253:1 / /with\\040blank rw - xfs /dev/disk/by-id/x rw\n"
+               "23 20 253:1 / /second rw - xfs /dev/cciss/c0d0p1 rw\n"
+               "24 20 0:55 / /pool rw - btrfs /dev/md_d0p2 rw\n");
+  folder.Write("swaps", "Filename Type Size Used Priority\n/dev/md_d0p3 partition 1023996 0 -2\n");
+  auto nodes = ReadPartitions(folder.Path("sysfs"));
+  nodes.insert(nodes.begin(), {"/dev/md_d0", makedev(253, 0)});
+  const auto find = [&](const std::string& mounts, const std::string& swaps) {
+    std::string found;
+    for (const CPartition& partition : FindMountPoints(nodes, folder.Path(mounts), folder.Path(swaps)))
+      found += partition.m_Device.substr(5) + '=' + partition.m_MountPoint + ' ';
     return found;
   };
-  EXPECT_THAT(find(mounts, swaps), ElementsAre("/dev/md_d0 /whole", "/dev/md_d0p1 /with blank",
-                                               "/dev/md_d0p2 /pool", "/dev/md_d0p3 [SWAP]"));
-  const std::string missing = folder.Path("missing");
-  EXPECT_THAT(find(missing, missing), ElementsAre("/dev/md_d0p1 ", "/dev/md_d0p2 ", "/dev/md_d0p3 "));
+  EXPECT_EQ(find("mounts", "swaps"),
+            "md_d0=/whole cciss/c0d0p1=/with blank md_d0p2=/pool md_d0p3=[SWAP] md_d0p10= ");
+  EXPECT_EQ(find("none", "none"), "cciss/c0d0p1= md_d0p2= md_d0p3= md_d0p10= ");
 }
 
 TEST(SystemTime, DatesAreLocalCalendarDates) {
   const CEnvironmentVariable zone("TZ", "XST-2");  // two hours ahead
   tzset();
-  const KVTX::CDate date = CSystemTime_Lx::GetDate(1'735'689'599'000);
+  const CDate date = CSystemTime_Lx::GetDate(1'735'689'599'000);
   EXPECT_EQ((std::array{date.m_Year, date.m_Month, date.m_Day, date.m_Weekday, date.m_DayOfYear, date.m_Hour,
                         date.m_Minute, date.m_Second}),
             (std::array{2025, 1, 1, 3, 1, 1, 59, 59}));
