@@ -93,6 +93,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   bool WorkerTurn(unsigned int wakeUp, SWorkerState& state);
   /// One pass; skipped when a lock is busy.
   void WorkerPass(SWorkerState& state);
+  /// The length of the worker's next interval in milliseconds.
+  unsigned long NextInterval() const ZQ_NO_THREAD_SAFETY_ANALYSIS;
   /// One round of the poller. False: the thread ends. Throws KVT::CSystemException when select fails.
   bool EventPollRound();
   /// @}
@@ -298,8 +300,6 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   bool FollowProgress() ZQ_REQUIRES(m_DataLock);
   void CheckSmart(SWorkerState& state) ZQ_REQUIRES(m_DataLock, m_EventsLock);
   void CloseMdstat();
-  /// The length of the worker's next interval in milliseconds.
-  unsigned long NextInterval() const ZQ_NO_THREAD_SAFETY_ANALYSIS;
 
   /// Makes the drive a spare of the array; `function` names the caller in traces.
   unsigned int AddSpare(const char* function, CRVXPhysicalDrive& drive, int arrayNumber)

@@ -1,16 +1,8 @@
 // Creation of arrays, their names, and superblocks on their way to and from the disks.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/sysmacros.h>
-
-#include <set>
-
-#include "Src/piRVXTrace.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using ECall = CFaultyMachine::ECall;
 
@@ -18,242 +10,211 @@ namespace {
 
 const std::string THREE = DisksOf({1000000, 976773, 1100000});
 
-std::string Uuid(const std::uint8_t* uuid) {
-  std::string text;
-  CTestInstance::UUID2String(uuid, text);
-  return text;
-}
-
 TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
-  const std::pair<unsigned int, int> striped[] = {{40049, 4},  {40050, 8},  {40051, 16},
+  const std::pair<unsigned int, int> stripes[] = {{40049, 4},  {40050, 8},  {40051, 16},
                                                   {40052, 32}, {40053, 64}, {40054, 128},
                                                   {40048, 64}, {0, 64},     {99999, 64}};
-  const struct {
-    std::uint32_t m_Level;
-    int m_MdLevel;
-    std::size_t m_Disks;
-  } levels[] = {{PI::LEVEL_RAID0, 0, 3}, {PI::LEVEL_RAID1, 1, 2}, {PI::LEVEL_CONCATENATION, -1, 2}};
-  for (const auto& level : levels) {
-    for (auto [stripe, chunk] : striped) {
-      if (level.m_MdLevel == -1 && chunk == 64) chunk = 4;  // its own default, also for 64 KiB
-      SCOPED_TRACE(Text("level %d, stripe %d", level.m_MdLevel, stripe));
-      SRig rig(THREE);
-      std::vector<std::string> disks = {"sdb", "sdc", "sda"};
-      disks.resize(level.m_Disks);
-      ASSERT_EQ(Create(rig.m_Plugin, level.m_Level, stripe, disks), PI::OK);
+  const std::tuple<std::uint32_t, int, std::vector<std::string>> levels[] = {
+      {PI::LEVEL_RAID0, 0, {"sdb", "sdc", "sda"}},
+      {PI::LEVEL_RAID1, 1, {"sdb", "sda"}},
+      {PI::LEVEL_RAID1, 1, {"sda", "sdb"}},
+      {PI::LEVEL_CONCATENATION, -1, {"sdc", "sdb"}}};
+  for (const auto& [level, mdLevel, disks] : levels) {
+    for (auto [stripe, chunk] : stripes) {
+      if (mdLevel == -1 && chunk == 64) chunk = 4;  // its own default, also for 64 KiB
+      SCOPED_TRACE(Text("level %d, stripe %d", mdLevel, stripe));
+      SMdRig rig(THREE);
+      ASSERT_EQ(Create(rig.m_Plugin, level, stripe, disks), PI::OK);
       EXPECT_TRUE(rig.m_Plugin.Drive("sdb").m_Busy && rig.m_Plugin.m_Adapter.m_Busy);
       EXPECT_TRUE(Take(rig.m_Plugin.m_PrivateEvent));
       EXPECT_FALSE(Take(rig.m_Plugin.m_ForceWorker)) << "the next scan finds the array";
       EXPECT_THAT(rig.m_Plugin.m_LogicalDrives, IsEmpty()) << "the model is the scan's";
 
-      const auto info = ArrayInfo(rig.m_Machine, "md_d0");
-      EXPECT_EQ(info.level, level.m_MdLevel);
-      EXPECT_EQ(info.chunk_size, chunk * 1024);
-      EXPECT_EQ(info.raid_disks, static_cast<int>(disks.size()));
       // sdb, the smaller: 976772 - 8 = 976764 KiB in front of the superblock, less 128, in whole chunks.
-      const int mirrored = level.m_MdLevel == 1 ? 976636 / chunk * chunk : 0;
-      EXPECT_EQ(info.size, mirrored);
-
-      std::set<std::string> sets;
-      std::set<std::string> devices;
+      const int size = mdLevel == 1 ? 976636 / chunk * chunk : 0;
+      const int count = static_cast<int>(disks.size());
+      // Members go in active but not in sync, into an array without disks.
+      std::vector<std::string> changes = {"node /dev/md_d0 60666 253:0",
+                                          Text("set 1 0 0 0 %d %d %d 0 0 0 0 0 %d %d 0 0 0 %d", mdLevel, size,
+                                               count, count, count, chunk * 1024)};
       std::vector<std::string> paths;
-      for (std::size_t number = 0; number < disks.size(); ++number) {
-        const CRVXPhysicalDrive& drive = rig.m_Plugin.Drive(disks[number]);
-        const md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
-        EXPECT_TRUE(IsSuperBlock(record)) << drive.m_KernelName;
-        EXPECT_STREQ(record.set_name, "md_d0");
-        EXPECT_EQ(record.dev_number, number);
-        EXPECT_EQ(record.dev_roles[number], number);
-        EXPECT_EQ(record.dev_roles[disks.size()], md_superblock1::ROLE_SPARE);
-        EXPECT_EQ(record.super_offset, SuperOffset(drive.m_Size));
-        EXPECT_EQ(record.size, static_cast<std::uint64_t>(mirrored) * 2);
-        EXPECT_EQ(record.data_size, DataSize(record.super_offset, static_cast<std::uint32_t>(chunk * 2)));
-        sets.insert(Uuid(record.set_uuid));
-        devices.insert(Uuid(record.device_uuid));
+      std::set<std::string> uuids;
+      for (std::size_t at = 0; at < disks.size(); ++at) {
+        const CRVXPhysicalDrive& drive = rig.m_Plugin.Drive(disks[at]);
+        changes.push_back(Text("add %d 8 %d %d 2", at, drive.m_MinorNumber, at));
         paths.push_back(drive.DevicePath());
+        const md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
+        EXPECT_STREQ(record.set_name, "md_d0");
+        EXPECT_EQ(record.dev_number, at);
+        EXPECT_EQ(record.data_size, DataSize(record.super_offset, static_cast<std::uint32_t>(chunk * 2)));
+        for (const std::uint8_t* uuid : {record.set_uuid, record.device_uuid}) uuids.emplace(uuid, uuid + 16);
       }
-      EXPECT_EQ(sets.size(), 1U);
-      EXPECT_EQ(devices.size(), disks.size());
+      changes.emplace_back("run 0");
+      EXPECT_EQ(rig.m_Own.m_Changes, changes);
       EXPECT_EQ(rig.m_Door.OpenedForWriting(), paths);
+      EXPECT_EQ(uuids.size(), 1 + disks.size()) << "one of the array, one of each member";
 
-      rig.Pass();
-      const CRVXLogicalDrive& array = rig.m_Plugin.Array("md_d0");
-      EXPECT_EQ(array.m_RaidLevel, level.m_Level);
-      EXPECT_EQ(array.m_Children.size(), disks.size());
-      for (const std::string& disk : disks) EXPECT_EQ(rig.m_Plugin.Drive(disk).m_IsMemberOf, 0);
+      const auto info = ArrayInfo(rig.m_Machine, "md_d0");
+      EXPECT_EQ((std::vector{info.level, info.size, info.chunk_size, info.raid_disks}),
+                (std::vector{mdLevel, size, chunk * 1024, count}));
     }
-  }
-}
-
-TEST(Create, MembersGoInActiveButNotInSyncIntoAnArrayWithoutDisks) {
-  SMdRig rig(THREE);
-  ASSERT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID1, 0, {"sdc", "sda"}), PI::OK);
-  std::vector<unsigned long> requests;
-  for (const auto& [request, argument] : rig.m_Own.m_Changes) requests.push_back(request);
-  EXPECT_THAT(requests, ElementsAre(SET_ARRAY_INFO, ADD_NEW_DISK, ADD_NEW_DISK, RUN_ARRAY));
-  for (int number = 0; number < 2; ++number) {
-    const mdu_disk_info_t& disk = rig.m_Own.m_Added[static_cast<std::size_t>(number)];
-    EXPECT_THAT((std::vector{disk.number, disk.major, disk.minor, disk.raid_disk, disk.state}),
-                ElementsAre(number, 8, number == 0 ? 32 : 0, number, 2));
   }
 }
 
 TEST(Create, RefusesBeforeAnythingIsWritten) {
   using TDisks = std::vector<std::string>;
-  const struct {
-    const char* m_What;
-    std::uint32_t m_Level;
-    std::vector<TDisks> m_Containers;
-    unsigned int m_Status;
-    bool m_MakesNode;  ///< a name comes before the members
-  } cases[] = {{"no container", PI::LEVEL_RAID1, {}, 20006, false},
-               {"two containers", PI::LEVEL_RAID1, {{"sda", "sdb"}, {"sda", "sdb"}}, 20006, false},
-               {"mirror of three", PI::LEVEL_RAID1, {{"sda", "sdb", "sde"}}, 20006, false},
-               {"stripes of one", PI::LEVEL_RAID0, {{"sda"}}, 20006, false},
-               {"RAID 10", PI::LEVEL_RAID10, {{"sda", "sdb"}}, 20006, false},
-               {"unknown disk before a busy one", PI::LEVEL_RAID0, {{"sda", "?", "sdc"}}, 20008, true},
-               {"member of another array", PI::LEVEL_RAID0, {{"sda", "sdc", "?"}}, 20006, true},
-               {"spare of another array", PI::LEVEL_RAID0, {{"sda", "sdb", "sdf"}}, 20006, true},
-               {"the first disk again at the end", PI::LEVEL_RAID0, {{"sda", "sdb", "sda"}}, 20006, true}};
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(entry.m_What);
-    SRig rig(DisksOf(
-        {300000, 300000, 300000, 300000, 300000, 300000},
-        R"("arrays": [{"name": "md_d0", "level": "raid1", "members": ["sdc", "sdd"], "spares": ["sdf"]}])"));
-    PI::CLogicalDrive request = RequestOf(rig.m_Plugin, entry.m_Level, PI::STRIPE_64K, {});
-    request.m_Containers.clear();
-    for (const TDisks& disks : entry.m_Containers) {
-      PI::CContainer& container = request.m_Containers.emplace_back();
-      for (const std::string& disk : disks)
-        container.m_Drives.emplace_back(disk == "?" ? 4711 : rig.m_Plugin.Drive(disk).m_ID);
-    }
-    PI::COperation operation = Operation(PI::OP_CREATE_LOGICAL_DRIVE);
-    operation.m_pRequest = &request;
-    EXPECT_EQ(Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, operation), entry.m_Status);
+  const TDisks two = {"sda", "sdb"};
+  const auto RAID0 = PI::LEVEL_RAID0;
+  const auto READY = PI::STATUS_READY;
+  const char* const notFree = "() -> disk ID (8/16) is not free";
+  // End of the trace, level, disks, containers, status of sdb.
+  const std::tuple<const char*, std::uint32_t, TDisks, std::size_t, std::uint32_t> cases[] = {
+      {"() -> to create at least 1 container necessary", RAID0, two, 0, READY},
+      {"() -> wrong number of containers specified", RAID0, two, 2, READY},
+      {"() -> excactly 2 drives have to be specified", PI::LEVEL_RAID1, {"sda", "sdb", "sdc"}, 1, READY},
+      {"() -> at least 2 drive has to be specified", RAID0, {"sda"}, 1, READY},
+      {"() -> unsupported RAID level", PI::LEVEL_RAID10, two, 1, READY},
+      {"() -> 20008", RAID0, {"sda", "?", "sdb"}, 1, READY},
+      {" () -> disk ID (8/0) must be unique", RAID0, {"sda", "sdb", "sda"}, 1, READY},
+      {notFree, RAID0, two, 1, PI::STATUS_OK},
+      {notFree, RAID0, two, 1, PI::STATUS_FAILED},
+      {notFree, RAID0, two, 1, PI::STATUS_REBUILDING},
+      {notFree, RAID0, two, 1, PI::STATUS_SPARE}};
+  for (const auto& [text, level, disks, containers, status] : cases) {
+    SCOPED_TRACE(text);
+    SRig rig(THREE);
+    rig.m_Plugin.Drive("sdb").m_Status = status;
+    const CTraceCapture trace(TRACE_LIFECYCLE);
+    EXPECT_EQ(Create(rig.m_Plugin, level, 0, disks, containers),
+              disks[1 % disks.size()] == "?" ? 20008U : 20006U);
+    EXPECT_TRUE(trace.Shows("Src/piRVXAdapter", std::string("LEAVE CreateLogicalDrive") + text));
     EXPECT_THAT(rig.m_Door.OpenedForWriting(), IsEmpty());
-    EXPECT_EQ(rig.m_Door.NodesMade().size(), entry.m_MakesNode ? 1U : 0U);
-    EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
-    EXPECT_FALSE(Take(rig.m_Plugin.m_PrivateEvent));
-    operation.m_pRequest = nullptr;
-    EXPECT_EQ(Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, operation), PI::ERR_INVALID_CONFIGURATION);
+    EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy || Take(rig.m_Plugin.m_PrivateEvent));
   }
-}
-
-TEST(Create, ALaterDiskNamedTwiceIsRefusedByMdAlone) {
   SRig rig(THREE);
-  EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sda", "sdb", "sdb"}), PI::ERR_DEVICE_IO);
+  const unsigned long id = rig.m_Plugin.m_Adapter.m_ID;
+  EXPECT_EQ(Execute(rig.m_Plugin, id, Operation(PI::OP_CREATE_LOGICAL_DRIVE)), 20006U) << "without a request";
+  EXPECT_EQ(Create(rig.m_Plugin, RAID0, 0, {"sda", "sdb", "sdb"}), 20003U) << "by md alone";
   EXPECT_TRUE(IsSuperBlock(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sda")))) << "nothing is undone";
-}
-
-// --- names -----------------------------------------------------------------------------------------------
-
-CRVXLogicalDrive Array(std::uint32_t number, const std::string& key = "") {
-  CRVXLogicalDrive array;
-  array.m_ArrayNumber = number;
-  array.m_KernelName = "md_d" + std::to_string(number);
-  array.m_DeviceKey = key;
-  return array;
 }
 
 TEST(ArrayName, IsTheLowestFreeNumber) {
   std::vector<std::uint32_t> all(256);
   for (std::uint32_t number = 0; number < 256; ++number) all[number] = 255 - number;
   const std::vector<std::uint32_t> allButTheLast(all.begin() + 1, all.end());
-  const struct {
-    std::vector<std::uint32_t> m_Used;
-    const char* m_Name;  ///< empty: none is free
-  } cases[] = {{{}, "md_d0"},           {{1, 0}, "md_d2"},          {{0, 2}, "md_d1"},
-               {{4, 2, 0, 1}, "md_d3"}, {allButTheLast, "md_d255"}, {all, ""}};
-  for (const auto& entry : cases) {
+  // Numbers in use, and the name; none when it is empty.
+  const std::pair<std::vector<std::uint32_t>, const char*> cases[] = {
+      {{}, "md_d0"},           {{1, 0}, "md_d2"},          {{0, 2}, "md_d1"},
+      {{4, 2, 0, 1}, "md_d3"}, {allButTheLast, "md_d255"}, {all, ""}};
+  for (const auto& [used, wanted] : cases) {
     SRig rig(THREE);
-    for (const std::uint32_t number : entry.m_Used) rig.m_Plugin.m_LogicalDrives.push_back(Array(number));
+    for (const std::uint32_t number : used)
+      rig.m_Plugin.m_LogicalDrives.emplace_back().m_ArrayNumber = number;
     char name[30] = "";
-    const bool free = *entry.m_Name != '\0';
-    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), free ? 0 : -1);
-    EXPECT_STREQ(name, entry.m_Name);
-    EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), free ? 0U : PI::ERR_NOT_AVAILABLE);
+    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), *wanted != '\0' ? 0 : -1);
+    EXPECT_STREQ(name, wanted);
+    EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), *wanted != '\0' ? 0U : 20049U);
   }
 }
 
 TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
-  const char* const node = R"("nodes": [{"path": "/dev/md_d1", "device": "253:64"}])";
-  const struct {
-    const char* m_What;
-    const char* m_Node;  ///< that is there already
-    const char* m_Key;   ///< of the array with number 0
-    int m_Error;         ///< of mknod
-    int m_Result;
-    std::size_t m_Made;
-  } cases[] = {{"no node", "", "MD&BLKDEV:Major=253&Minor=0", 0, 0, 1},
-               {"a node, and its minor is taken", node, "MD&BLKDEV:Major=9&Minor=64", 0, 0, 0},
-               {"minor taken", "", "MD&BLKDEV:Major=9&Minor=64", 0, -1, 0},
-               {"longer minor", "", "MD&BLKDEV:Major=9&Minor=640", 0, 0, 1},
-               {"no minor", "", "64", 0, 0, 1},
-               {"mknod fails", "", "", EPERM, 0, 1}};
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(entry.m_What);
-    SRig rig(DisksOf({300000, 300000}, entry.m_Node));
-    rig.m_Plugin.m_LogicalDrives.push_back(Array(0, entry.m_Key));
-    if (entry.m_Error != 0) rig.m_Door.FailAt(ECall::MakeNode, 1, entry.m_Error);
+  const std::vector<std::string> made = {"node /dev/md_d1 60666 253:64"};
+  const std::vector<std::string> none;
+  // End of the trace, key of the array with number 0, major number of md, result, what is made.
+  const std::tuple<std::string, const char*, std::int64_t, int, std::vector<std::string>> cases[] = {
+      {"create device /dev/md_d1 with minor 64", "MD&BLKDEV:Major=253&Minor=0", 253, 0, made},
+      {"create device /dev/md_d1 with minor 64", "MD&BLKDEV:Major=9&Minor=640", 253, 0, made},
+      {"can't create /dev/md_d1, Operation not permitted", "64", 253, 0, none},
+      {"reuse already existing device md_d1", "MD&BLKDEV:Major=9&Minor=64", 253, 0, none},
+      {"minor 64 already used by md_d0", "MD&BLKDEV:Major=9&Minor=64", 253, -1, none},
+      {"C libraray too old for more than 4 mdp devices", "", 0x1000000FD, 0, none}};
+  for (const auto& [text, key, mdMajor, result, changes] : cases) {
+    SCOPED_TRACE(text);
+    const char* const node = R"("nodes": [{"path": "/dev/md_d1", "device": "253:64"}])";
+    SMdRig rig(DisksOf({300000, 300000}, text.starts_with("reuse") ? node : ""));
+    CRVXLogicalDrive& array = rig.m_Plugin.m_LogicalDrives.emplace_back();
+    array.m_ArrayNumber = 0;
+    array.m_KernelName = "md_d0";
+    array.m_DeviceKey = key;
+    rig.m_Plugin.m_MdMajor = mdMajor;
+    if (text.starts_with("can't")) rig.m_Door.FailAt(ECall::MakeNode, 1, EPERM);
+    const CTraceCapture trace(TRACE_LIFECYCLE);
     char name[30] = "";
-    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), entry.m_Result);
-    EXPECT_EQ(rig.m_Door.NodesMade().size(), entry.m_Made);
-    if (entry.m_Made == 0 || entry.m_Error != 0) continue;
-    struct stat status {};
-    ASSERT_EQ(rig.m_Machine.Status("/dev/md_d1", status), 0);
-    EXPECT_TRUE(S_ISBLK(status.st_mode));
-    EXPECT_EQ(status.st_rdev, makedev(253, 64));
+    EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), result);
+    EXPECT_EQ(rig.m_Own.m_Changes, changes);
+    EXPECT_TRUE(trace.Shows("Src/piRVXAdapter", "GetUnusedArrayName() " + text));
   }
 }
-
-// --- superblocks on their way ----------------------------------------------------------------------------
 
 TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
-  for (const std::uint64_t size : {200ULL, 201ULL, 202ULL, 203ULL, 976773ULL, 2147483648ULL, 8589934599ULL}) {
-    SCOPED_TRACE(size);
+  for (const std::uint64_t size : {203ULL, 976773ULL, 8589934599ULL}) {
     SRig rig(DisksOf({size}));
-    mdu_array_info_s info{};
-    info.level = 1;
-    info.raid_disks = 2;
     md_superblock1 written{};
-    EXPECT_EQ(rig.m_Plugin.CreateSuperBlock1(&info, nullptr, "md_d7", &written), PI::OK);
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
     md_superblock1 read{};
+    written.magic = md_superblock1::MAGIC;
+    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
     EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 0, &read), PI::OK);
-    EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0)
-        << "the caller's record is what stands on the disk";
-    EXPECT_TRUE(IsSuperBlock(read));
+    EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0) << "the caller's record stands on the disk";
+    EXPECT_TRUE(IsSuperBlock(read)) << size;
   }
 }
 
-TEST(SuperBlockDoor, ADiskThatSomebodyHoldsIsNotWrittenTo) {
+TEST(SuperBlockDoor, FailuresHaveTheirStatusAndReadingSaysNothingOfTheRecord) {
+  // What fails first when writing is the member's UUID, which does not count.
+  const std::tuple<ECall, unsigned int, unsigned int> cases[] = {
+      {ECall::Open, 0, 20003},  {ECall::Read, 0, 0},     {ECall::Seek, 20003, 0},
+      {ECall::Write, 20018, 0}, {ECall::Sync, 20018, 0}, {ECall::MakeNode, 0, 0}};
+  for (const auto& [call, writing, reading] : cases) {
+    SCOPED_TRACE(static_cast<int>(call));
+    SRig rig(THREE);
+    md_superblock1 record{};
+    rig.m_Door.FailAt(call, 1, EIO);
+    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), writing);
+    rig.m_Door.FailAt(call, 1, EIO);
+    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 16, &record), reading) << "of a disk without a superblock";
+  }
   SRig rig(THREE);
-  rig.m_Machine.Apply(R"({"hold_disk": "sda"})");
   md_superblock1 record{};
+  rig.m_Machine.Apply(R"({"hold_disk": "sda"})");
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), PI::ERR_DEVICE_IO);
   rig.m_Door.ShortenAt(ECall::Write, 1, 1023);
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sdb"), &record), PI::ERR_WRITE_FAILED);
+  EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(9, 0, &record), PI::ERR_DRIVE_NOT_FOUND);
+}
+
+TEST(SuperBlockDoor, WithoutAUuidTheRecordStaysAndMdRefusesTheArray) {
+  SRig rig(THREE);
+  unsigned char uuid[16];
+  rig.m_Door.FailAt(ECall::Open, 1, EIO);
+  EXPECT_EQ(rig.m_Plugin.GetUUID(uuid), PI::ERR_OPEN_FAILED);
+  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
+  EXPECT_EQ(rig.m_Plugin.GetUUID(uuid), PI::ERR_DEVICE_IO);
+  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
+  const mdu_array_info_s info{};
+  md_superblock1 record{};
+  record.events = 4711;
+  EXPECT_EQ(rig.m_Plugin.CreateSuperBlock1(&info, nullptr, "md_d0", &record), PI::OK);
+  EXPECT_EQ(record.events, 4711U);
+  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
+  EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), PI::ERR_DEVICE_IO);
 }
 
 TEST(SuperBlockDoor, ASleepingDiskIsStartedWhereTheServerHasTheTool) {
-  const struct {
-    const char* m_Machine;
-    unsigned int m_Status;
-    std::uint64_t m_Runs;
-    std::uint64_t m_Slept;
-  } cases[] = {{R"("asleep": true}], "sdparm": true)", 0, 2, 3000},
-               {R"("asleep": false}], "sdparm": true)", 0, 1, 0},
-               {R"("asleep": true}], "sdparm": false)", 20018, 0, 0}};
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(entry.m_Machine);
-    SRig rig(R"({"controllers": [{"name": "c", "pci": "0000:00:1f.2", "driver": "ahci"}],
-                 "disks": [{"name": "sda", "controller": "c", "size": 300000, )" +
-             std::string(entry.m_Machine) + "}");
+  // The disk and the tool, the status, how often the tool runs, and ms slept.
+  const std::tuple<const char*, unsigned int, std::uint64_t, std::uint64_t> cases[] = {
+      {R"("asleep": true}], "sdparm": true)", 0, 2, 3000},
+      {R"("asleep": false}], "sdparm": true)", 0, 1, 0},
+      {R"("asleep": true}], "sdparm": false)", 20018, 0, 0}};
+  for (const auto& [machine, status, runs, slept] : cases) {
+    SCOPED_TRACE(machine);
+    SRig rig(Text(R"({"controllers": [{"name": "c", "pci": "0000:00:1f.2", "driver": "ahci"}],
+                      "disks": [{"name": "sda", "controller": "c", "size": 300000, %s})",
+                  machine));
     const std::uint64_t start = rig.m_Machine.Now();
     md_superblock1 record{};
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), entry.m_Status);
-    EXPECT_EQ(rig.m_Machine.CommandCount("sdparm"), entry.m_Runs);
-    EXPECT_EQ(rig.m_Machine.Now() - start, entry.m_Slept);
+    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), status);
+    EXPECT_EQ(rig.m_Machine.CommandCount("sdparm"), runs);
+    EXPECT_EQ(rig.m_Machine.Now() - start, slept);
   }
 }
 

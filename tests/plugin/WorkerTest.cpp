@@ -1,13 +1,8 @@
 // The worker's turns and passes, on a machine whose clock the tests step by hand.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <future>
 
-#include <thread>
-
-#include "Src/piRVXTrace.h"
 #include "tests/support/Arrays.h"
-#include "tests/support/NoMemory.h"
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;
@@ -15,74 +10,85 @@ using testing::IsEmpty;
 
 namespace {
 
-/// The same machine at another time, which stands still.
-class CFixedClock : public CForwardingMachine {
- public:
-  CFixedClock(COperatingSystem& machine, std::uint64_t now) : CForwardingMachine(machine), m_Now(now) {}
-  std::uint64_t Now() override { return m_Now; }
-  void Sleep(std::uint64_t milliseconds) override { m_Now += milliseconds; }
-
-  std::uint64_t m_Now;
-};
-
 constexpr unsigned int FORCED = 1;
 constexpr unsigned int STOPPED = 2;
 constexpr unsigned int PRIVATE = 3;
 
-/// Holds a lock on a thread of its own.
-class CHolder {
- public:
-  explicit CHolder(KVT::Threading::Native_OS::CFastMutex& lock) {
-    m_Held.Init(false, true);
-    m_Done.Init(false, true);
-    m_Thread = std::thread([this, &lock] {
-      lock.Wait();
-      m_Held.Set();
-      m_Done.Wait(KVT::Threading::INFINITE_WAIT);
-      lock.Release();
-    });
-    m_Held.Wait(KVT::Threading::INFINITE_WAIT);
-  }
-  ~CHolder() {
-    m_Done.Set();
-    m_Thread.join();
-  }
+/// Acts while another thread holds a lock.
+void WhileHeld(KVT::Threading::Native_OS::CFastMutex& lock, const std::function<void()>& act) {
+  std::promise<void> held;
+  std::promise<void> done;
+  const auto holder = std::async(std::launch::async, [&] {
+    lock.Wait();
+    held.set_value();
+    done.get_future().wait();
+    lock.Release();
+  });
+  held.get_future().wait();
+  act();
+  done.set_value();
+}
 
- private:
-  KVT::Threading::CEvent m_Held;
-  KVT::Threading::CEvent m_Done;
-  std::thread m_Thread;
+/// Lets the test act before a file is opened or the time is asked for ("now").
+class CHookedDoor : public CForwardingMachine {
+ public:
+  using CForwardingMachine::CForwardingMachine;
+  std::function<void(const std::string&)> m_Before = [](const std::string&) {};
+
+  int Open(const std::string& path, int flags) override {
+    m_Before(path);
+    return CForwardingMachine::Open(path, flags);
+  }
+  std::uint64_t Now() override {
+    m_Before("now");
+    return CForwardingMachine::Now();
+  }
 };
+using SHookedRig = SRigOf<CHookedDoor>;
 
 /// Two free disks and a mirror of two others, 64 KiB chunks, in sync.
 const std::string QUIET = DisksOf({1048576, 1048576, 1048576, 1048576}, MirrorOfTwo("md0"));
 
-TEST(Worker, AnUnchangingMachineMovesNoDriveAndNoArray) {
+TEST(Worker, AnUnchangingMachineMovesNoDriveAndNoArrayAndKeepsBusyMarks) {
   SRig rig(QUIET);
   rig.Pass();  // the first one settles what the initial scan could not compare
   rig.m_Plugin.TakeEvents();
-  const auto drives = rig.m_Plugin.m_PhysicalDrives;
-  const unsigned long array = rig.m_Plugin.Array("md0").m_UpdateCounter;
+  rig.m_Plugin.LockObjects(-1, -1, -1, -1);
+  const auto counters = [&] {
+    unsigned long sum = rig.m_Plugin.Array("md0").m_UpdateCounter;
+    for (const auto& drive : rig.m_Plugin.m_PhysicalDrives) sum += drive.m_UpdateCounter;
+    return sum;
+  };
+  const auto before = counters();
   const unsigned long adapter = rig.m_Plugin.m_Adapter.m_UpdateCounter;
   const unsigned long plugin = rig.m_Plugin.m_Plugin.m_UpdateCounter;
   for (int pass = 0; pass < 3; ++pass) rig.Pass();
   EXPECT_THAT(rig.m_Plugin.TakeEvents(), IsEmpty());
-  for (std::size_t at = 0; at < drives.size(); ++at)
-    EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives[at].m_UpdateCounter, drives[at].m_UpdateCounter);
-  EXPECT_EQ(rig.m_Plugin.Array("md0").m_UpdateCounter, array);
+  EXPECT_EQ(counters(), before);
   EXPECT_EQ(rig.m_Plugin.m_Adapter.m_UpdateCounter, adapter + 3);
   EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, plugin + 3);
   EXPECT_THAT(rig.m_Plugin.m_Plugin.m_Children, ElementsAre(rig.m_Plugin.m_Adapter.m_ID));
   EXPECT_THAT(rig.m_Plugin.m_Adapter.m_Parents, ElementsAre(rig.m_Plugin.m_Plugin.m_ID));
+  EXPECT_TRUE(rig.m_Plugin.m_Adapter.m_Busy);
+
+  rig.m_Machine.Apply(R"({"remove_disk": "sdd"})");
+  rig.Pass();
+  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
+  rig.m_Plugin.LockObjects(-1, -1, -1, -1);  // an event that waits in the queue clears them too
+  rig.Pass();
+  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
 }
 
 TEST(Worker, WakeUpsLeadWhereTheyShould) {
   SRig rig(QUIET);
   rig.m_Plugin.LockObjects(-1, -1, -1, -1);
   const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
-  EXPECT_TRUE(rig.m_Plugin.WorkerTurn(PRIVATE, rig.m_Worker));
-  EXPECT_FALSE(rig.m_Plugin.m_Plugin.m_Busy);
-  EXPECT_FALSE(rig.m_Plugin.Drive("sdc").m_Busy);
+  {
+    const CTraceCapture trace(TRACE_LOCKS);
+    EXPECT_TRUE(rig.m_Plugin.WorkerTurn(PRIVATE, rig.m_Worker));
+    EXPECT_TRUE(trace.Shows("Src/piRVXPlugin", "After m_DataLock.Wait (sg)")) << "for the busy marks";
+  }
+  EXPECT_FALSE(rig.m_Plugin.m_Plugin.m_Busy || rig.m_Plugin.Drive("sdc").m_Busy);
   EXPECT_EQ(rig.m_Notifications.Count(), 1);
   EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes) << "a private event scans nothing";
 
@@ -94,24 +100,20 @@ TEST(Worker, WakeUpsLeadWhereTheyShould) {
   EXPECT_EQ(rig.m_Notifications.Count(), 1);
 }
 
-TEST(Worker, ABusyLockSkipsThePassAndLeavesNothingHeld) {
+TEST(Worker, LooksTenTimesLessOftenWithoutDisks) {
   SRig rig(QUIET);
-  const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
-  for (auto* lock : {&rig.m_Plugin.m_DataLock, &rig.m_Plugin.m_EventsLock}) {
-    {
-      const CHolder holder(*lock);
-      rig.Pass();
-    }
-    EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes);
-    EXPECT_TRUE(CTestInstance::IsFree(rig.m_Plugin.m_DataLock));
-    EXPECT_TRUE(CTestInstance::IsFree(rig.m_Plugin.m_EventsLock));
+  SRig empty("{}");
+  for (const auto& [seconds, milliseconds] :
+       {std::pair{10U, 10000U}, {0U, 1000U}, {0xFFFFFFFFU, 86400000U}}) {
+    rig.m_Plugin.m_PollInterval = empty.m_Plugin.m_PollInterval = seconds;
+    EXPECT_EQ(rig.m_Plugin.NextInterval(), milliseconds);
+    EXPECT_EQ(empty.m_Plugin.NextInterval(), 10UL * milliseconds);
   }
-  rig.Pass();
-  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes + 1);
 }
 
-TEST(Worker, EventsAreNotFetchedWhileAPassHoldsThem) {
+TEST(Worker, ABusyLockSkipsThePassAndTheFetchAndLeavesNothingHeld) {
   SRig rig(QUIET);
+  const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
   rig.m_Plugin.m_EventQueue.resize(2);
   const auto fetched = [&] {
     PI::COperation fetch = Operation(PI::OP_GET_EVENTS);
@@ -119,38 +121,27 @@ TEST(Worker, EventsAreNotFetchedWhileAPassHoldsThem) {
     EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, rig.m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
     return fetch.m_Events.size();
   };
-  {
-    const CHolder holder(rig.m_Plugin.m_EventsLock);
+  WhileHeld(rig.m_Plugin.m_DataLock, [&] { rig.Pass(); });
+  WhileHeld(rig.m_Plugin.m_EventsLock, [&] {
+    rig.Pass();
+    EXPECT_TRUE(CTestInstance::IsFree(rig.m_Plugin.m_DataLock));
     EXPECT_EQ(fetched(), 0U);
-  }
+  });
+  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes);
   EXPECT_EQ(fetched(), 2U);
   EXPECT_EQ(fetched(), 0U);
 }
 
-TEST(Worker, BusyMarksOutliveOnlyAPassThatFoundNothing) {
-  SRig rig(QUIET);
-  rig.Pass();
-  rig.m_Plugin.TakeEvents();
-  rig.m_Plugin.LockObjects(-1, -1, -1, -1);
-  rig.Pass();
-  EXPECT_TRUE(rig.m_Plugin.m_Adapter.m_Busy);
-  rig.m_Machine.Apply(R"({"remove_disk": "sdd"})");
-  rig.Pass();
-  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
-
-  rig.m_Plugin.LockObjects(-1, -1, -1, -1);  // an event that waits in the queue clears them too
-  rig.Pass();
-  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
-}
-
 TEST(Worker, AFailedScanLeavesTheModelAndCountsThePass) {
-  SRigOf<CStarvedDoor> rig(QUIET);
+  SHookedRig rig(QUIET);
   rig.Pass();
   rig.m_Plugin.TakeEvents();
   rig.m_Plugin.LockObjects(-1, -1, -1, -1);
   const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
   const unsigned long adapter = rig.m_Plugin.m_Adapter.m_UpdateCounter;
-  rig.m_Own.m_Left = 0;
+  rig.m_Own.m_Before = [](const std::string& call) {
+    if (call == "/proc/partitions") throw std::bad_alloc();
+  };
   rig.Pass();
   EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives.size(), 4U);
   EXPECT_EQ(rig.m_Plugin.m_LogicalDrives.size(), 1U);
@@ -160,25 +151,31 @@ TEST(Worker, AFailedScanLeavesTheModelAndCountsThePass) {
   EXPECT_TRUE(rig.m_Plugin.m_Adapter.m_Busy);
 }
 
-/// Has no time to give.
-class CBrokenClock : public CForwardingMachine {
- public:
-  using CForwardingMachine::CForwardingMachine;
-  bool m_Broken{false};
-  std::uint64_t Now() override {
-    if (m_Broken) throw std::runtime_error("no clock");
-    return CForwardingMachine::Now();
-  }
-};
+TEST(Worker, AStopIsSeenBetweenTwoDisks) {
+  SHookedRig rig(QUIET);
+  const std::uint64_t asked = rig.m_Machine.CommandCount("udevadm");
+  rig.m_Own.m_Before = [&](const std::string& call) {
+    if (call == "/dev/sda") rig.m_Plugin.m_StopRequest.Set();
+  };
+  rig.Pass();
+  EXPECT_EQ(rig.m_Machine.CommandCount("udevadm"), asked + 1);
+}
 
 TEST(Worker, ATurnThatFailsIsLostAndTheNextOneComes) {
-  SRigOf<CBrokenClock> rig(QUIET);  // at its end nothing may be held
-  rig.m_Own.m_Broken = true;
+  SHookedRig rig(QUIET);  // at its end nothing may be held
+  const unsigned long passes = rig.m_Plugin.m_Plugin.m_UpdateCounter;
+  bool failed = false;
+  rig.m_Own.m_Before = [&](const std::string& call) {
+    if (call != "now") return;
+    (failed ? rig.m_Plugin.m_StopRequest : rig.m_Plugin.m_ForceWorker).Set();
+    if (!std::exchange(failed, true)) throw std::runtime_error("no clock");
+  };
   rig.m_Plugin.m_ForceWorker.Set();
-  rig.m_Plugin.m_StopRequest.Set();
-  rig.m_Plugin.Worker();  // the turn of the one, the end of the other
-  EXPECT_FALSE(Take(rig.m_Plugin.m_ForceWorker));
-  EXPECT_THROW(rig.m_Plugin.Topology(), std::runtime_error);
+  const CTraceCapture trace(0);
+  rig.m_Plugin.Worker();
+  EXPECT_EQ(rig.m_Plugin.m_Plugin.m_UpdateCounter, passes + 2);
+  EXPECT_TRUE(Take(rig.m_Plugin.m_StopRequest)) << "the other thread's too";
+  EXPECT_TRUE(trace.Shows("Src/piRVXPlugin", "Worker() turn failed: no clock"));
 }
 
 TEST(Worker, DeletedArraysAreNamedByTheNextPass) {
@@ -188,107 +185,99 @@ TEST(Worker, DeletedArraysAreNamedByTheNextPass) {
   events[1].m_ObjectID = 42;
   rig.m_Plugin.m_EventQueue.assign(events.begin(), events.end());
   rig.Pass();
-  events = rig.m_Plugin.TakeEvents();
-  ASSERT_GE(events.size(), 3U);
-  EXPECT_EQ(events[0].m_ObjectID, rig.m_Plugin.Array("md0").m_ID);
-  EXPECT_EQ(events[1].m_ObjectID, 42U);
-  EXPECT_EQ(events[2].m_ObjectID, 0U);
+  std::vector<unsigned long> named;
+  for (const PI::CEvent& event : rig.m_Plugin.TakeEvents()) named.push_back(event.m_ObjectID);
+  EXPECT_THAT(named, ElementsAre(rig.m_Plugin.Array("md0").m_ID, 42, 0));
 }
 
-TEST(Worker, ProgressIsFollowedUntilItEndsAndDocumentsOutliveAFailedQuery) {
-  SRig rig(QUIET);
-  const struct {
-    const char* m_Bar;
-    std::uint32_t m_Progress;
-    bool m_Watched;
-  } steps[] = {{"[==>..................]  recovery = 12.6% (1/2) finish=1.0min speed=1K/sec", 12, true},
-               {"[===>.................]  resync = 15.0% (1/2) finish=1.0min speed=1K/sec", 15, true},
-               {"[====================>]  resync =100.0% (2/2) finish=0.0min speed=1K/sec", 0, true},
-               {"\tresync=DELAYED", 0, false}};
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.m_Bar);
-    rig.m_Machine.SetFile(
-        "/proc/mdstat",
-        Text("Personalities : [raid1] \nmd0 : active raid1 sdb[1] sda[0]\n      1048448 blocks "
-             "super 1.0 [2/2] [UU]\n      %s\n      \nunused devices: <none>\n",
-             step.m_Bar));
+TEST(Worker, ProgressMovesOnWhileAPassRunsAndDocumentsOutliveAFailedQuery) {
+  // What a pass reads behind its scan, which read "recovery = 12.6%", and what that changes.
+  const std::tuple<const char*, std::uint32_t, bool, bool> cases[] = {
+      {"[===>.................]  recovery = 13.0% (1/2)", 13, true, true},
+      {"[==>..................]  recovery = 12.9% (1/2)", 12, false, true},
+      {"[====================>]  resync =100.0% (2/2)", 0, true, true},
+      {"\tresync=DELAYED", 12, false, false}};
+  for (const auto& [bar, progress, changed, watched] : cases) {
+    SCOPED_TRACE(bar);
+    SHookedRig rig(QUIET);
+    const char* const before = "[==>..................]  recovery = 12.6% (1/2)";
+    const char* again = before;
+    int readings = 0;
+    rig.m_Own.m_Before = [&](const std::string& path) {
+      if (path == "/proc/mdstat")
+        rig.m_Machine.SetFile(path, Text("md0 : active raid1 sdb[1] sda[0]\n  1 blocks super 1.0\n  %s\n\n",
+                                         ++readings % 2 == 1 ? before : again));
+    };
     rig.Pass();
-    EXPECT_EQ(rig.m_Plugin.Array("md0").m_Progress, step.m_Progress);
-    EXPECT_EQ(rig.m_Plugin.m_Adapter.m_ProgressWatch, step.m_Watched);
+    rig.m_Plugin.TakeEvents();
+    rig.m_Plugin.LockObjects(-1, -1, -1, -1);
+    const unsigned long counter = rig.m_Plugin.Array("md0").m_UpdateCounter;
+    again = bar;
+    rig.Pass();
+    EXPECT_EQ(readings, 4);
+    EXPECT_EQ(rig.m_Plugin.Array("md0").m_Progress, progress);
+    EXPECT_EQ(rig.m_Plugin.Array("md0").m_UpdateCounter - counter, changed ? 1U : 0U);
+    EXPECT_EQ(rig.m_Plugin.m_Adapter.m_Busy, !changed);
+    EXPECT_EQ(rig.m_Plugin.m_Adapter.m_ProgressWatch, watched);
+
+    const std::string document = rig.m_Plugin.Array("md0").m_Configuration.GetDoc();
+    rig.m_Machine.SetFile("/dev/md0", std::nullopt);
+    rig.Pass();
+    EXPECT_EQ(rig.m_Plugin.Array("md0").m_Configuration.GetDoc(), document);
   }
-  const std::string document = rig.m_Plugin.Array("md0").m_Configuration.GetDoc();
-  EXPECT_NE(document.find(std::to_string(rig.m_Plugin.Drive("sda").m_ID)), std::string::npos);
-  rig.m_Machine.SetFile("/dev/md0", std::nullopt);
-  rig.Pass();
-  EXPECT_EQ(rig.m_Plugin.Array("md0").m_Configuration.GetDoc(), document);
 }
 
 TEST(Worker, WornSolidStateDisksAreReportedByTheAdapter) {
-  const struct {
-    int m_LifeLeft;  ///< percent, the drive's attribute 233
-    int m_Reserve;   ///< percent, 232
-    int m_Hours;     ///< powered on, 9
-    std::vector<unsigned int> m_Events;
-  } cases[] = {
-      {4, 50, 200000, {PI::EVT_SMART_WEAR_HIGH}},
-      {5, 10, 200000, {}},
-      {100, 9, 200000, {PI::EVT_SMART_RESERVE_LOW}},
-      {50, 50, 1439, {PI::EVT_SMART_LIFETIME_LOW}},
-      {50, 50, 1440, {}},
-      {2, 1, 168, {PI::EVT_SMART_WEAR_HIGH, PI::EVT_SMART_RESERVE_LOW, PI::EVT_SMART_LIFETIME_LOW}},
-  };
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(testing::Message() << entry.m_LifeLeft << " " << entry.m_Reserve << " " << entry.m_Hours);
+  const unsigned int WEAR = PI::EVT_SMART_WEAR_HIGH;
+  const unsigned int RESERVE = PI::EVT_SMART_RESERVE_LOW;
+  const unsigned int LIFETIME = PI::EVT_SMART_LIFETIME_LOW;
+  // The drive's attributes 233, life left, 232, reserve, both in percent, and 9, hours powered on.
+  const std::tuple<int, int, int, const char*, std::vector<unsigned int>> cases[] = {
+      {4, 50, 200000, "solid-state", {WEAR}},
+      {5, 10, 200000, "solid-state", {}},
+      {100, 9, 200000, "solid-state", {RESERVE}},
+      {50, 50, 1439, "solid-state", {LIFETIME}},
+      {50, 50, 1440, "solid-state", {}},
+      {2, 1, 168, "solid-state", {WEAR, RESERVE, LIFETIME}},
+      {2, 1, 168, "rotating", {}}};
+  for (const auto& [left, reserve, hours, medium, warnings] : cases) {
+    SCOPED_TRACE(testing::Message() << left << " " << reserve << " " << hours);
     gSmartData.clear();
-    for (const auto& [medium, reported] : {std::pair{"solid-state", true}, std::pair{"rotating", false}}) {
-      SRig rig(Text(
-          R"({"controllers": [{"name": "a", "pci": "0000:00:1f.2", "vendor": "0x8086", "driver": "ahci"}],
-          "disks": [{"name": "sda", "size": 65536, "controller": "a", "model": "INTEL SSDSC2BB480G4",
-            "medium": "%s", "smart": {"attributes": [{"id": 233, "value": %d}, {"id": 232, "value": %d},
-            {"id": 9, "value": 100, "raw": %d}]}}]})",
-          medium, entry.m_LifeLeft, entry.m_Reserve, entry.m_Hours));
-      rig.Pass();
-      std::vector<unsigned int> codes;
-      for (const PI::CEvent& event : rig.m_Plugin.TakeEvents()) {
-        codes.push_back(event.m_Code);
-        EXPECT_EQ(event.m_Severity, PI::SEV_WARNING);
-        EXPECT_EQ(event.m_ObjectID, rig.m_Plugin.m_Adapter.m_ID);
-        EXPECT_EQ(event.m_PlaceHolder2, "sda 8:0");
-      }
-      EXPECT_EQ(codes, reported ? entry.m_Events : std::vector<unsigned int>{});
-      rig.Pass();
-      EXPECT_THAT(rig.m_Plugin.TakeEvents(), IsEmpty()) << "checked again in the same hour";
+    SRig rig(Text(R"({"controllers": [{"name": "a", "pci": "0000:00:1f.2", "driver": "ahci"}],
+        "disks": [{"name": "sda", "size": 65536, "controller": "a", "model": "INTEL SSDSC2BB480G4",
+          "medium": "%s", "smart": {"attributes": [{"id": 233, "value": %d}, {"id": 232, "value": %d},
+          {"id": 9, "value": 100, "raw": %d}]}}]})",
+                  medium, left, reserve, hours));
+    rig.Pass();
+    std::vector<unsigned int> codes;
+    for (const PI::CEvent& event : rig.m_Plugin.TakeEvents()) {
+      codes.push_back(event.m_Code);
+      EXPECT_EQ(event.m_Severity, PI::SEV_WARNING);
+      EXPECT_EQ(event.m_ObjectID, rig.m_Plugin.m_Adapter.m_ID);
+      EXPECT_EQ(event.m_PlaceHolder1 + ", " + event.m_PlaceHolder2, "Linux Multiple Devices (0), sda 8:0");
     }
+    EXPECT_EQ(codes, warnings);
+    rig.Pass();
+    EXPECT_THAT(rig.m_Plugin.TakeEvents(), IsEmpty()) << "checked again in the same hour";
   }
 }
 
 TEST(Worker, TheSmartCheckIsDueAtTwoChangesOfTheHour) {
-  const auto at = [](int hour, int minute) {
-    const std::uint64_t time = 1700000000000;  // some day; its local hour tells how far the wanted one is
-    const auto date = KVTX::CSystemTime_Lx::GetDate(time);
-    const int minutes = (hour - date.m_Hour) * 60 + minute - date.m_Minute;
-    return static_cast<std::uint64_t>(static_cast<std::int64_t>(time) + std::int64_t{60000} * minutes);
-  };
-  const struct {
-    int m_LastHour;
-    int m_NowHour;
-    bool m_Due;
-  } cases[] = {{22, 23, true}, {10, 11, true}, {22, 22, false}, {23, 0, false}, {9, 11, false}};
-  for (const auto& entry : cases) {
-    SCOPED_TRACE(testing::Message() << entry.m_LastHour << " -> " << entry.m_NowHour);
-    const std::uint64_t now = at(entry.m_NowHour, 10);
-    const std::uint64_t last = at(entry.m_LastHour, 50);
-    SBareRig bench(QUIET);
-    CFixedClock clock(bench.m_Machine, now);
-    CTestInstance plugin(clock);
-    ASSERT_EQ(plugin.Begin(), PI::OK);
-    SWorkerState state;
-    state.m_LastSmartCheck = last;
-    plugin.WorkerPass(state);
-    EXPECT_EQ(state.m_LastSmartCheck, entry.m_Due ? now : last);
-    SWorkerState first;
-    plugin.WorkerPass(first);
-    EXPECT_EQ(first.m_LastSmartCheck, now) << "the first pass checks at any hour";
+  const std::tuple<int, int, bool> cases[] = {
+      {22, 23, true}, {10, 11, true}, {22, 22, false}, {23, 0, false}, {9, 11, false}};
+  for (const auto& [lastHour, hour, due] : cases) {
+    SCOPED_TRACE(testing::Message() << lastHour << " -> " << hour);
+    SRig rig(QUIET);
+    const int ahead = hour - KVTX::CSystemTime_Lx::GetDate(rig.m_Machine.Now()).m_Hour;
+    rig.m_Machine.Advance(static_cast<std::uint64_t>(ahead + 24) * 3600000);
+    const std::uint64_t now = rig.m_Machine.Now();
+    const std::uint64_t last = now - static_cast<std::uint64_t>((hour - lastHour + 24) % 24) * 3600000;
+    rig.m_Worker.m_LastSmartCheck = last;
+    rig.Pass();
+    EXPECT_EQ(rig.m_Worker.m_LastSmartCheck, due ? now : last);
+    rig.m_Worker.m_LastSmartCheck = 0;
+    rig.Pass();
+    EXPECT_EQ(rig.m_Worker.m_LastSmartCheck, now) << "the first pass checks at any hour";
   }
 }
 

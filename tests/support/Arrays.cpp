@@ -1,7 +1,6 @@
 #include "tests/support/Arrays.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
 
 #include <cerrno>
 #include <cstring>
@@ -27,16 +26,6 @@ std::string MirrorOfTwo(const std::string& name, const std::string& more) {
               more.empty() ? "" : ", ", more);
 }
 
-PI::CLogicalDrive RequestOf(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
-                            const std::vector<std::string>& disks) {
-  PI::CLogicalDrive request;
-  request.m_RaidLevel = level;
-  request.m_StripeSize = stripeSize;
-  PI::CContainer& container = request.m_Containers.emplace_back();
-  for (const std::string& disk : disks) container.m_Drives.emplace_back(plugin.Drive(disk).m_ID);
-  return request;
-}
-
 PI::COperation Operation(unsigned int code) {
   PI::COperation operation;
   operation.m_Code = operation.m_SecondCode = code;
@@ -58,8 +47,14 @@ unsigned int Check(CTestInstance& plugin, unsigned long id, PI::COperation opera
 }
 
 unsigned int Create(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
-                    const std::vector<std::string>& disks) {
-  PI::CLogicalDrive request = RequestOf(plugin, level, stripeSize, disks);
+                    const std::vector<std::string>& disks, std::size_t containers) {
+  PI::CContainer container;
+  for (const std::string& disk : disks)
+    container.m_Drives.emplace_back(disk == "?" ? 4711 : plugin.Drive(disk).m_ID);
+  PI::CLogicalDrive request;
+  request.m_RaidLevel = level;
+  request.m_StripeSize = stripeSize;
+  request.m_Containers.assign(containers, container);
   PI::COperation operation = Operation(PI::OP_CREATE_LOGICAL_DRIVE);
   operation.m_pRequest = &request;
   return Execute(plugin, plugin.m_Adapter.m_ID, operation);
@@ -91,11 +86,16 @@ bool Take(KVT::Threading::CEvent& event) {
 }
 
 int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
-  const bool asks = request == GET_ARRAY_INFO || request == GET_DISK_INFO || request == BLKGETSIZE64;
-  if (!asks) {
-    const bool takesNumber = request == HOT_REMOVE_DISK || request == SET_DISK_FAULTY;
-    m_Changes.emplace_back(request, takesNumber ? reinterpret_cast<std::uintptr_t>(argument) : 0);
-    if (request == ADD_NEW_DISK) m_Added.push_back(*static_cast<mdu_disk_info_t*>(argument));
+  static const std::map<unsigned long, const char*> changes = {
+      {SET_ARRAY_INFO, "set"}, {ADD_NEW_DISK, "add"},       {RUN_ARRAY, "run"},
+      {STOP_ARRAY, "stop"},    {HOT_REMOVE_DISK, "remove"}, {SET_DISK_FAULTY, "fail"}};
+  if (const auto change = changes.find(request); change != changes.end()) {
+    std::string& line = m_Changes.emplace_back(change->second);
+    if (request == SET_ARRAY_INFO || request == ADD_NEW_DISK)
+      for (std::size_t at = 0; at < _IOC_SIZE(request) / sizeof(int); ++at)
+        line += Text(" %d", static_cast<const int*>(argument)[at]);
+    else
+      line += Text(" %d", reinterpret_cast<std::uintptr_t>(argument));
   }
   if (const auto answer = m_Answers.find(request); answer != m_Answers.end()) {
     errno = answer->second;
@@ -105,16 +105,19 @@ int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
   if (request == GET_DISK_INFO && !m_Disks.empty()) {
     auto& disk = *static_cast<mdu_disk_info_t*>(argument);
     const auto known = m_Disks.find(disk.number);
-    if (known == m_Disks.end()) {
-      errno = EINVAL;
-      return -1;
-    }
+    errno = EINVAL;
+    if (known == m_Disks.end()) return -1;
     disk = known->second;
     return 0;
   }
   const int result = CForwardingMachine::Ioctl(descriptor, request, argument);
   if (request == GET_ARRAY_INFO && result == 0 && m_Array) m_Array(*static_cast<mdu_array_info_t*>(argument));
   return result;
+}
+
+int CMdDoor::MakeNode(const std::string& path, mode_t mode, dev_t device) {
+  m_Changes.push_back(Text("node %s %o %d:%d", path, mode, major(device), minor(device)));
+  return CForwardingMachine::MakeNode(path, mode, device);
 }
 
 }  // namespace NAMESPACE_piRVX

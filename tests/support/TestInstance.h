@@ -95,7 +95,8 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   std::string TakeEventText(unsigned long object);
 };
 
-/// Receives the plug-in's notifications.
+/// Receives a plug-in's notifications and counts those that come from it while its model is free for
+/// requests.
 class CNotificationCounter : public INotificationTarget {
  public:
   void Attach(IPLUGINAPI& plugin);
@@ -103,6 +104,7 @@ class CNotificationCounter : public INotificationTarget {
 
  private:
   void Notify(IPLUGINAPI* plugin);
+  IPLUGINAPI* m_Plugin{nullptr};
   std::atomic<int> m_Count{0};
 };
 

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <vector>
+#include <sstream>
 
 #include "Src/piRVXETR.h"
 
@@ -11,74 +10,71 @@ using PI::CETR;
 
 namespace {
 
-constexpr std::uint64_t ALL_ONES = ~std::uint64_t{0};
 constexpr std::uint64_t TODAY = 1700000000000;
 
-/// Readings one after the other: percent, milliseconds since the start, and what is left then.
-using TRun = std::vector<std::tuple<int, std::uint64_t, std::uint64_t>>;
+/// The third reading moves the start to 30000 - 30000 * 11: 360000 / 12 = 30000; 3000100 - 360000.
+const std::string THREE = "10@0 11@300 12@600 ";
 
-// Worked out by hand.
-const std::pair<const char*, TRun> RUNS[] = {
-    // 100 percent at 60000 ms each, then at the 120000 that have passed.
-    {"nothing done yet", {{0, 0, 6000000}, {0, 60000, 6000000}, {0, 120000, 12000000}}},
-    {"a wrong percentage", {{-1, 0, ALL_ONES}, {-7, 5, ALL_ONES}, {50, 10, 3000000}}},
-    {"one hundred at once", {{100, 0, 60000}, {100, 5000, 0}}},
-    {"one hundred above a minute", {{99, 0, 60000}, {50, 30000, 3000000}, {100, 40000, 60000}}},
-    {"a fall to nothing", {{10, 0, 5400000}, {0, 30000, 5400000}, {0, 90000, 9000000}}},
-    // The third moves the start to 30000 - 30000 * 11 = -300000: 360000 / 12 = 30000; 100 * 30001 - 360000.
-    // From there counted down in real time, halved below 120000 ms.
-    {"a long stall",
-     {{10, 0, 5400000},
-      {11, 30000, 5340000},
-      {12, 60000, 2640100},
-      {12, 2580100, 120000},
-      {12, 2580200, 119900},
-      {12, 2580300, 59950}}},
-    {"a stall beyond the end",
-     {{10, 0, 5400000}, {11, 30000, 5340000}, {12, 60000, 2640100}, {12, 9060000, 1320050}}}};
+/// Readings as percent@tenths of a second, a pause as 0p, and what the last one leaves: the remaining time
+/// and the start, in milliseconds from the first one on. Worked out by hand.
+const std::tuple<std::string, std::int64_t, std::int64_t> RUNS[] = {
+    // The first two: a minute for each percent that is missing, or all the time that has passed.
+    {"10@0 11@300", 5340000, 0},
+    {"10@0 11@300 11@1000", 8900000, 0},
+    {"10@0 0@300 0@900", 9000000, 0},
+    // Not a percentage, and all done.
+    {"-1@0 -7@1", -1, 0},
+    {"100@0 100@50", 0, 0},
+    {"120@0 120@70", -1200000, 0},
+    {"99@0 50@300 100@400", 60000, 0},
+    {THREE + "-1@1000 12@1100", 2590100, -300000},
+    {THREE + "100@700 0p1000", 60000, -260000},
+    // The third moves the start back, never on: 350000 / 6 = 58333; 5833400 - 350000.
+    {THREE, 2640100, -300000},
+    {"20@0 5@3400 6@3500", 5483400, 0},
+    {"40@0 20@700 0@800", 5600000, -130000},
+    {"40@0 20@700 0@800 0@1000", 5580000, -130000},
+    // A stall is counted down in real time, and halved below two minutes and where the time is over.
+    {THREE + "12@25801 12@25802", 119900, -300000},
+    {THREE + "12@25801 12@25802 12@25803", 59950, -300000},
+    {THREE + "12@27000", 100, -300000},
+    {THREE + "12@27001", 1320050, -300000},
+    {THREE + "12@90600", 1320050, -300000},
+    // Time at rest is no work time: 490000 / 13 = 37692; 3769300 - 490000.
+    {THREE + "0p1600 0p2000 13@3300", 3279300, -160000},
+    {THREE + "0p1600 12@1700", 2630100, -200000},
+    // From ten samples and 33 percent on the rate of the last five steps is mixed in. The ninth:
+    // 670000 / 85 = 7882; 788300 - 670000. The tenth: 680000 / 88 = 7727; 772800 - 680000 = 92800;
+    // 50000 / 14 + 1 = 3572; (3572 * 88 + 92800) * 12 / 100.
+    {"50@0 60@100 65@200 70@300 74@400 77@500 80@600 83@700 85@800", 118300, -590000},
+    {"50@0 60@100 65@200 70@300 74@400 77@500 80@600 83@700 85@800 88@900", 48856, -590000},
+    // 360000 / 32 = 11250; 1125100 - 360000. Then 360000 / 33 = 10909; (16001 * 33 + 731000) * 67 / 100.
+    {"23@0 24@100 25@200 26@300 27@400 28@500 29@600 30@700 31@800 32@1300", 765100, -230000},
+    {"24@0 25@100 26@200 27@300 28@400 29@500 30@600 31@700 32@800 33@1200", 843552, -240000},
+    // A fall: the difference counts as a number without a sign, so the rate is 1. 905000 / 40 = 22625;
+    // (40 + 2262600 - 905000) * 60 / 100.
+    {"81@0 82@100 83@200 84@300 85@400 86@500 87@600 88@700 89@800 90@900 40@950", 814584, -810000},
+    // Fallen and risen again: there is no rate. 480000 / 44 = 10909; 1091000 - 480000.
+    {"40@0 41@100 42@200 43@300 44@400 45@500 46@600 47@700 45@800 44@800", 611000, -400000}};
 
 TEST(RemainingTime, FollowsTheReadings) {
-  for (const auto& [what, run] : RUNS) {
+  for (const auto& [run, remaining, start] : RUNS) {
     std::vector<CETR> list;
-    for (const auto& [percent, passed, remaining] : run) {
-      EXPECT_EQ(CETR::Add(list, 1, percent, TODAY + passed, false), 0);
-      EXPECT_EQ(list.front().m_Remaining, remaining) << what << ", " << percent << " % at " << passed;
-    }
+    std::istringstream readings(run);
+    int percent = 0;
+    char kind = 0;
+    for (std::uint64_t passed = 0; readings >> percent >> kind >> passed;)
+      EXPECT_EQ(CETR::Add(list, 1, percent, TODAY + 100 * passed, kind == 'p'), 0);
+    EXPECT_EQ(static_cast<std::int64_t>(list.front().m_Remaining), remaining) << run;
+    EXPECT_EQ(static_cast<std::int64_t>(list.front().m_Start - TODAY), start) << run;
   }
 }
 
-TEST(RemainingTime, MixesTheRateOfFiveStepsInAfterTenSamplesAboveAThird) {
-  // Ten samples, 10 s apart; the start lies at 20000 - 10000 * the second percentage.
-  const struct {
-    std::array<int, 10> m_Percent;
-    std::uint64_t m_Step;  ///< ms of the last five
-    std::uint64_t m_Remaining;
-  } cases[] = {
-      // 370000 / 32 = 11562: 1156300 - 370000, the plain projection.
-      {{23, 24, 25, 26, 27, 28, 29, 30, 31, 32}, 20000, 786300},
-      // 380000 / 33 = 11515: 771600; 100000 / 5 + 1 = 20001: (660033 + 771600) * 67 / 100.
-      {{24, 25, 26, 27, 28, 29, 30, 31, 32, 33}, 20000, 959194},
-      // None: there is no rate; 490000 / 44 = 11136: 1113700 - 490000.
-      {{40, 41, 42, 43, 44, 45, 46, 47, 45, 44}, 10000, 623700},
-  };
-  for (const auto& entry : cases) {
-    CETR etr;
-    etr.m_Start = TODAY;
-    std::uint64_t now = TODAY;
-    for (std::size_t sample = 0; sample < entry.m_Percent.size(); ++sample)
-      etr.Compute(entry.m_Percent[sample], now += sample < 5 ? 10000 : entry.m_Step);
-    EXPECT_EQ(etr.m_Remaining, entry.m_Remaining) << "ending at " << entry.m_Percent.back();
-  }
-}
-
-TEST(RemainingTime, APauseIsNoWorkTimeAndConcernsItsObjectAlone) {
+TEST(RemainingTime, IsEachObjectsOwn) {
   std::vector<CETR> list;
-  EXPECT_EQ(CETR::Add(list, 1, 10, 0, false), 0);
-  CETR::Add(list, 1, 11, 100000, false);
-  EXPECT_EQ(CETR::Add(list, 2, 20, 100000, true), 1) << "a pause makes one too";
-  EXPECT_EQ(CETR::Add(list, 1, 90, 400000, true), 0);
-  EXPECT_EQ(list[0].m_Start, 300000U);
-  EXPECT_EQ(list[0].m_Progress.size(), 2U) << "a pause is no sample";
+  EXPECT_EQ(CETR::Add(list, 1, 10, TODAY, false), 0);
+  EXPECT_EQ(CETR::Add(list, 2, 20, TODAY, true), 1) << "a pause makes one too";
+  EXPECT_EQ(CETR::Add(list, 1, 11, TODAY + 100000, false), 0);
   EXPECT_EQ(list[0].m_Remaining, 8900000U);
   EXPECT_EQ(list[1].m_Remaining, 4800000U);
   CETR unstarted;
