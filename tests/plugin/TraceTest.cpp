@@ -28,11 +28,7 @@ void ActOnEverything() {
 }
 
 TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
-  const struct {
-    unsigned int m_Class;
-    const char* m_Source;
-    const char* m_Text;
-  } lines[] = {
+  const std::tuple<unsigned int, const char*, const char*> lines[] = {
       {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE Initialize() -> 0"},
       {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE GetEvents() -> 0"},
       {TRACE_LIFECYCLE, "Src/piRVXAdapter", "GetUnusedArrayName() create device /dev/md_d1 with minor 64"},
@@ -54,9 +50,8 @@ TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
   for (const unsigned int traced : {TRACE_LIFECYCLE, TRACE_INFORMATION, TRACE_LOCKS, TRACE_THREADS}) {
     const CTraceCapture trace(traced);
     ActOnEverything();
-    for (const auto& line : lines)
-      EXPECT_EQ(trace.Shows(line.m_Source, line.m_Text), line.m_Class == traced)
-          << line.m_Text << " with classes " << traced;
+    for (const auto& [traceClass, source, text] : lines)
+      EXPECT_EQ(trace.Shows(source, text), traceClass == traced) << text << " with classes " << traced;
   }
 }
 

@@ -1,0 +1,35 @@
+#include "tests/support/Golden.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/filesystem.hpp>
+#include <boost/filesystem/string_file.hpp>
+#include <cstdlib>
+
+#include "KVTX/System.h"
+
+namespace NAMESPACE_piRVX {
+
+std::string GoldenText(const std::string& file) {
+  std::string text;
+  boost::filesystem::load_string_file(RVX_GOLDEN_FOLDER + file, text);
+  return text;
+}
+
+void ExpectGolden(const std::string& file, const std::string& text) {
+  if (std::getenv("RVX_RENEW_GOLDEN") != nullptr)
+    boost::filesystem::save_string_file(RVX_GOLDEN_FOLDER + file, text);
+  if (text == GoldenText(file)) return;
+  const auto is = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("rvx-%%%%%%%%");
+  boost::filesystem::save_string_file(is, text);
+  std::vector<std::string> lines;
+  KVTX::CSystem::ExecuteCommand("/usr/bin/diff", RVX_GOLDEN_FOLDER + file + " " + is.string(), lines);
+  boost::filesystem::remove(is);
+  ADD_FAILURE()
+      << file << " differs:\n"
+      << boost::join(lines, "\n")
+      << "\nIf that is wanted, run these tests once with RVX_RENEW_GOLDEN=1 and commit what changed.";
+}
+
+}  // namespace NAMESPACE_piRVX
