@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstdio>
 
 #include "simulator/MachineDescription.h"
@@ -13,17 +14,18 @@ namespace NAMESPACE_piRVX::Simulation {
 namespace {
 
 constexpr std::uint64_t MOST_KIB = std::uint64_t{1} << 40;
-constexpr int MOST_SLOTS = 1920;
+constexpr int MOST_NUMBER = 0xfffff;  ///< of a device without partitions
 constexpr std::uint64_t RESERVED_SECTORS = 256;
 
 /// Name and number of the array's device: "md0" or "md_d0".
 void ReadName(const SMachine& machine, SArray& array, const CJsonReader& reader) {
   array.m_Name = reader.Text();
   unsigned int number = 0;
-  const bool partitionable = std::sscanf(array.m_Name.c_str(), "md_d%3u", &number) == 1;
-  const bool read = partitionable || std::sscanf(array.m_Name.c_str(), "md%3u", &number) == 1;
-  if (!read || number > 511 || array.m_Name != (partitionable ? "md_d" : "md") + std::to_string(number)) {
-    reader.Fail("is neither \"md0\" to \"md511\" nor \"md_d0\" to \"md_d511\"");
+  const bool partitionable = std::sscanf(array.m_Name.c_str(), "md_d%7u", &number) == 1;
+  const bool read = partitionable || std::sscanf(array.m_Name.c_str(), "md%7u", &number) == 1;
+  const unsigned int most = partitionable ? MOST_NUMBER / MINORS_PER_PARTITIONABLE : MOST_NUMBER;
+  if (!read || number > most || array.m_Name != (partitionable ? "md_d" : "md") + std::to_string(number)) {
+    reader.Fail("is neither \"md0\" to \"md1048575\" nor \"md_d0\" to \"md_d16383\"");
   }
   array.m_Device = partitionable ? makedev(machine.m_MdpMajor, number * MINORS_PER_PARTITIONABLE)
                                  : makedev(MD_MAJOR_NUMBER, number);
@@ -38,7 +40,10 @@ void ReadMetadata(SArray& array, const CJsonReader& reader) {
     array.m_MinorVersion = minorVersion;
     return;
   }
-  reader.Need("metadata").Fail("is none of \"0.90\", \"1.0\", \"1.1\" and \"1.2\"");
+  // A program may have chosen a version that md then runs no array with.
+  const auto chosen = std::sscanf(text.c_str(), "%1d.%9d", &array.m_MajorVersion, &array.m_MinorVersion);
+  if (array.m_Running || chosen != 2 || MetadataText(array) != text)
+    reader.Need("metadata").Fail("is none of \"0.90\", \"1.0\", \"1.1\" and \"1.2\"");
 }
 
 /// Data sectors that the plain layout leaves on a member.
@@ -65,6 +70,17 @@ void ReadMemberState(SMember& member, const CJsonReader& reader) {
   if (member.m_Slot >= 0 ? state == "spare" : needsSlot) reader.Fail("does not go with the slot");
 }
 
+/// Finds the disk or partition by its name, and what it leaves for data.
+void FindDevice(SMachine& machine, const SArray& array, SMember& member, const CJsonReader& disk) {
+  const auto block = FindBlock(machine, member.m_Name);
+  if (!block || block->m_Disk == nullptr)
+    disk.Fail("there is no disk or partition \"" + member.m_Name + "\"");
+  if (!CanClaim(machine, *block)) disk.Fail(member.m_Name + " is in use");
+  member.m_Device = block->m_Device;
+  member.m_Instance = block->Instance();
+  member.m_Sectors = DataSectors(*block, array.m_ChunkSectors);
+}
+
 /// A member by name alone, or as an object. `slot` is where one without an own slot goes.
 SMember ReadMember(SMachine& machine, const SArray& array, const CJsonReader& reader, int number, int slot) {
   SMember member;
@@ -72,10 +88,10 @@ SMember ReadMember(SMachine& machine, const SArray& array, const CJsonReader& re
   if (!brief) {
     reader.OnlyKeys({"disk", "number", "slot", "saved_slot", "state", "sectors", "recovered", "gone"});
     member.m_Number =
-        static_cast<int>(reader.NumberOr("number", static_cast<std::uint64_t>(number), 0, MOST_SLOTS - 1));
+        static_cast<int>(reader.NumberOr("number", static_cast<std::uint64_t>(number), 0, MOST_MEMBERS - 1));
     const auto own = reader.Find("slot");
     member.m_Slot = own ? own->Integer(-1, array.m_RaidDisks - 1) : -1;
-    if (const auto saved = reader.Find("saved_slot")) member.m_SavedSlot = saved->Integer(-1, MOST_SLOTS);
+    if (const auto saved = reader.Find("saved_slot")) member.m_SavedSlot = saved->Integer(-1, MOST_MEMBERS);
     member.m_RecoveredSectors = reader.NumberOr("recovered", 0, 0, EVERYTHING);
   } else {
     member.m_Number = number;
@@ -85,22 +101,19 @@ SMember ReadMember(SMachine& machine, const SArray& array, const CJsonReader& re
   const CJsonReader disk = brief ? reader : reader.Need("disk");
   member.m_Name = disk.Text();
   const auto gone = brief ? std::nullopt : reader.Find("gone");
-  const auto block = FindBlock(machine, member.m_Name);
   if (gone) {
     member.m_Device = ReadDevice(*gone);
-  } else if (!block || block->m_Disk == nullptr) {
-    disk.Fail("there is no disk or partition \"" + member.m_Name + "\"");
-  } else if (!CanClaim(machine, *block)) {
-    disk.Fail(member.m_Name + " is in use");
   } else {
-    member.m_Device = block->m_Device;
-    member.m_Instance = block->Instance();
+    FindDevice(machine, array, member, disk);
   }
-  const std::uint64_t sectors = gone ? 0 : DataSectors(*block, array.m_ChunkSectors);
-  member.m_Sectors = brief ? sectors : reader.NumberOr("sectors", sectors, 0, EVERYTHING);
+  if (const auto sectors = brief ? std::nullopt : reader.Find("sectors")) {
+    member.m_Sectors = sectors->Number(0, 2 * MOST_KIB);
+  } else if (!gone && member.m_Sectors == 0) {
+    disk.Fail(member.m_Name + " is too small for a member");
+  }
   if (!brief) {
     const auto state = reader.Find("state");
-    if (state && array.m_Running) ReadMemberState(member, *state);
+    if (state) ReadMemberState(member, *state);
     if (!state) member.m_InSync = member.m_Slot >= 0;
   }
   return member;
@@ -110,19 +123,20 @@ void AddMember(SArray& array, SMember member, const CJsonReader& reader) {
   for (const SMember& other : array.m_Members) {
     if (other.m_Device == member.m_Device) reader.Fail(member.m_Name + " is there twice");
     if (other.m_Number == member.m_Number) reader.Fail("its number is that of " + other.m_Name);
-    if (member.m_Slot >= 0 && other.m_Slot == member.m_Slot)
+    if (array.m_Running && member.m_Slot >= 0 && other.m_Slot == member.m_Slot)
       reader.Fail("its slot is that of " + other.m_Name);
   }
+  if (member.m_Number >= MOST_MEMBERS) reader.Fail("there is no number left for it");
   array.m_Members.insert(array.m_Members.begin(), std::move(member));
 }
 
 void ReadMembers(SMachine& machine, SArray& array, const CJsonReader& reader) {
   const auto members = reader.ItemsOf("members");
   if (array.m_Running) {
-    const auto disks = reader.NumberOr("raid_disks", members.size(), 1, MOST_SLOTS);
+    const auto disks = reader.NumberOr("raid_disks", members.size(), LeastDisks(array.m_Level), MOST_MEMBERS);
     array.m_RaidDisks = static_cast<int>(disks);
   } else {
-    array.m_RaidDisks = static_cast<int>(reader.NumberOr("raid_disks", 0, 0, MOST_SLOTS));
+    array.m_RaidDisks = static_cast<int>(reader.NumberOr("raid_disks", 0, 0, MOST_MEMBERS));
   }
   // The array stands in the machine while its members are read, so that a disk that is named twice is in use.
   for (std::size_t i = 0; i < members.size(); ++i) {
@@ -170,7 +184,9 @@ void ReadSync(SMachine& machine, SArray& array, const CJsonReader& reader, bool 
 
 void ReadGeometry(SArray& array, const CJsonReader& reader) {
   const auto level = reader.Find("level");
-  if (level) {
+  if (level && !array.m_Running && !level->IsText()) {
+    array.m_Level = level->Integer(INT_MIN, INT_MAX);
+  } else if (level) {
     const SPersonality* personality = FindPersonality(level->Text());
     if (personality == nullptr) {
       level->Fail(
@@ -181,10 +197,10 @@ void ReadGeometry(SArray& array, const CJsonReader& reader) {
     reader.Need("level");
   }
   const bool striped = array.m_Running && array.m_Level != 1;
-  array.m_ChunkSectors = reader.NumberOr("chunk", striped ? 64 : 0, 0, 1U << 20) * 2;
+  array.m_ChunkSectors = reader.NumberOr("chunk", striped ? 64 : 0, 0, UINT_MAX / 2) * 2;
   const int usual = array.m_Level == 10 ? 0x102 : array.m_Level == 5 || array.m_Level == 6 ? 2 : 0;
   const auto layout = reader.Find("layout");
-  array.m_Layout = layout ? layout->Integer(-1, 0xffffff) : usual;
+  array.m_Layout = layout ? layout->Integer(INT_MIN, INT_MAX) : usual;
 }
 
 void ReadSizes(SArray& array, const CJsonReader& reader) {
@@ -195,7 +211,23 @@ void ReadSizes(SArray& array, const CJsonReader& reader) {
   const bool common = array.m_Running && FindPersonality(array.m_Level)->m_Syncs;
   const std::uint64_t usual = common && least != EVERYTHING ? least : 0;
   const auto own = reader.Find("size");
-  array.m_DeviceSectors = own ? own->Number(0, MOST_KIB) * 2 : usual;
+  // An array that was refused a start keeps what its superblocks said.
+  array.m_DeviceSectors = own ? own->Number(0, array.m_Running ? MOST_KIB : EVERYTHING / 2) * 2 : usual;
+}
+
+/// What only an array that runs can have.
+void ReadActivity(SMachine& machine, SArray& array, const CJsonReader& reader) {
+  if (const auto partitions = reader.Find("partitions")) {
+    if (major(array.m_Device) == MD_MAJOR_NUMBER)
+      partitions->Fail("only arrays named md_d0 and so on have them here");
+    array.m_Partitions =
+        ReadPartitions(partitions->Items(), array.m_ArraySectors / 2, MINORS_PER_PARTITIONABLE - 1);
+  }
+  array.m_Mount = reader.TextOr("mount", "");
+  if (!array.m_Mount.empty() && array.m_ArraySectors == 0) reader.Need("mount").Fail("the array has no size");
+  if (const auto resync = reader.Find("resync")) ReadSync(machine, array, *resync, false);
+  if (const auto recovery = reader.Find("recovery")) ReadSync(machine, array, *recovery, true);
+  CheckRecovery(machine, array);
 }
 
 }  // namespace
@@ -208,11 +240,7 @@ void AddArrayFrom(SMachine& machine, const CJsonReader& reader) {
   machine.m_Arrays.emplace_back();
   SArray& array = machine.m_Arrays.back();
   ReadName(machine, array, reader.Need("name"));
-  for (const SBlock& other : AllBlocks(machine)) {
-    if (other.m_Array != &array && other.m_Name == array.m_Name) {
-      reader.Need("name").Fail("there is another " + array.m_Name);
-    }
-  }
+  CheckDevices(machine, reader);
   array.m_Instance = ++machine.m_LastInstance;
   array.m_Running = reader.FlagOr("running", true);
   array.m_Clean = reader.FlagOr("clean", true);
@@ -229,19 +257,15 @@ void AddArrayFrom(SMachine& machine, const CJsonReader& reader) {
   array.m_SetName = reader.TextOr("set_name", array.m_Running ? array.m_Name : "");
   ReadUuid(machine, array, reader);
   ReadSizes(array, reader);
-  if (const auto from = reader.Find("resync_from")) array.m_SyncedSectors = from->Number(0, MOST_KIB) * 2;
-  if (!array.m_Running) return;
-  ComputeArraySize(array);
-  if (const auto partitions = reader.Find("partitions")) {
-    if (major(array.m_Device) == MD_MAJOR_NUMBER)
-      partitions->Fail("only arrays named md_d0 and so on have them here");
-    array.m_Partitions =
-        ReadPartitions(partitions->Items(), array.m_ArraySectors / 2, MINORS_PER_PARTITIONABLE - 1);
+  if (const auto from = reader.Find("resync_from"))
+    array.m_SyncedSectors = from->Number(0, EVERYTHING / 2) * 2;
+  if (!array.m_Running) {
+    for (const char* key : {"mount", "partitions", "resync", "recovery"})
+      if (const auto activity = reader.Find(key)) activity->Fail("the array does not run");
+    return;
   }
-  array.m_Mount = reader.TextOr("mount", "");
-  if (const auto resync = reader.Find("resync")) ReadSync(machine, array, *resync, false);
-  if (const auto recovery = reader.Find("recovery")) ReadSync(machine, array, *recovery, true);
-  CheckRecovery(machine, array);
+  ComputeArraySize(array);
+  ReadActivity(machine, array, reader);
   // A machine that was saved brings its superblocks with the disks' data.
   if (!reader.Find("uuid")) UpdateSuperblocks(machine, array);
   ++machine.m_MdEvents;

@@ -53,7 +53,7 @@ TJson MemberJson(SMachine& machine, const SArray& array, const SMember& member) 
   TJson json = {{"disk", member.m_Name}, {"number", member.m_Number}};
   if (member.m_Slot >= 0) json["slot"] = member.m_Slot;
   if (member.m_SavedSlot >= 0) json["saved_slot"] = member.m_SavedSlot;
-  if (array.m_Running) json["state"] = MemberState(member);
+  if (array.m_RaidDisks != 0) json["state"] = MemberState(member);
   json["sectors"] = member.m_Sectors;
   if (member.m_RecoveredSectors != 0) json["recovered"] = member.m_RecoveredSectors;
   const auto block = FindBlock(machine, member.m_Device);
@@ -64,12 +64,13 @@ TJson MemberJson(SMachine& machine, const SArray& array, const SMember& member) 
 TJson ArrayJson(SMachine& machine, const SArray& array) {
   TJson json = {{"name", array.m_Name}, {"running", array.m_Running}, {"kept", array.m_Kept}};
   if (array.m_RaidDisks != 0) {
-    if (const SPersonality* personality = FindPersonality(array.m_Level)) json["level"] = personality->m_Name;
+    const SPersonality* personality = FindPersonality(array.m_Level);
+    json["level"] = personality != nullptr ? TJson(personality->m_Name) : TJson(array.m_Level);
     json["raid_disks"] = array.m_RaidDisks;
     json["chunk"] = array.m_ChunkSectors / 2;
     json["layout"] = array.m_Layout;
   }
-  json["metadata"] = str(boost::format("%d.%d") % array.m_MajorVersion % array.m_MinorVersion);
+  json["metadata"] = MetadataText(array);
   json["size"] = array.m_DeviceSectors / 2;
   json["clean"] = array.m_Clean;
   if (array.m_Broken) json["broken"] = true;
@@ -107,8 +108,15 @@ TJson ScriptJson(const SMachine& machine, const SScriptEntry& entry) {
 
 }  // namespace
 
+std::string MetadataText(const SArray& array) {
+  return str(boost::format("%d.%d") % array.m_MajorVersion % array.m_MinorVersion);
+}
+
 std::string WriteMachine(const SMachine& original) {
-  SMachine machine = original;  // looking a device up hands out what can be changed
+  SMachine machine = original;
+  // Nothing is open in the machine that is read again.
+  machine.m_Files.clear();
+  DropEmptyArrays(machine);
   TJson json = {{"clock", machine.m_ClockStart + machine.m_Time},
                 {"seed", machine.m_Random},
                 {"mdp_major", machine.m_MdpMajor},
@@ -129,7 +137,11 @@ std::string WriteMachine(const SMachine& original) {
         {{"path", node.m_Path}, {"device", DeviceText(node.m_Device)}, {"mode", node.m_Mode & 07777U}});
   }
   for (const SScriptEntry& entry : machine.m_Script) json["script"].push_back(ScriptJson(machine, entry));
-  return json.dump(2) + "\n";
+  // What was possible once need not be so any more, and is left out then.
+  json["rehearsed"] = false;
+  json["instances"] = machine.m_LastInstance;
+  // The name in a superblock need not be text.
+  return json.dump(2, ' ', false, TJson::error_handler_t::replace) + "\n";
 }
 
 }  // namespace NAMESPACE_piRVX::Simulation

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/format.hpp>
+#include <sstream>
 #include <string_view>
 
 #include "simulator/SimulatedMachine.h"
@@ -9,21 +10,32 @@
 namespace NAMESPACE_piRVX::Simulation {
 namespace {
 
+constexpr int MOST_DEPTH = 64;
 constexpr std::string_view BASE64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 }  // namespace
 
 TJson ParseJson(const std::string& text) {
+  std::istringstream stream(text);
+  const auto fail = [&](const std::string& what) {
+    // Where the reading stands, without the character that ended it.
+    const auto read = static_cast<std::ptrdiff_t>(stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
+    const auto end = text.begin() + (stream.eof() ? read : std::max<std::ptrdiff_t>(read, 1) - 1);
+    throw CMachineError("line " + std::to_string(1 + std::count(text.begin(), end, '\n')) + ", " + what);
+  };
   try {
-    return TJson::parse(text);
-  } catch (const TJson::parse_error& error) {
-    // The library counts the characters that it has read, the one that it did not like included.
-    const auto read =
-        text.begin() + static_cast<std::ptrdiff_t>(std::min(text.size(), error.byte - (error.byte != 0)));
-    const auto line = 1 + std::count(text.begin(), read, '\n');
-    std::string what = error.what();
-    if (const auto column = what.find("column "); column != std::string::npos) what.erase(0, column);
-    throw CMachineError("line " + std::to_string(line) + ", " + what);
+    return TJson::parse(stream, [&](int depth, TJson::parse_event_t event, const TJson&) {
+      const bool opens =
+          event == TJson::parse_event_t::object_start || event == TJson::parse_event_t::array_start;
+      // Values are copied and compared by functions that call themselves.
+      if (opens && depth >= MOST_DEPTH) fail("more than 64 lists and objects lie in each other");
+      return true;
+    });
+  } catch (const TJson::exception& error) {
+    const std::string what = error.what();
+    const auto column = what.find("column ");
+    fail(what.substr(column != std::string::npos ? column : what.find("] ") + 2));
+    throw;
   }
 }
 
@@ -60,7 +72,9 @@ std::uint64_t CJsonReader::Number(std::uint64_t least, std::uint64_t most) const
 int CJsonReader::Integer(int least, int most) const {
   if (!m_Value->is_number_integer()) Fail("is not a whole number");
   const auto number = m_Value->get<std::int64_t>();
-  if (number < least || number > most) Fail(str(boost::format("is not from %d to %d") % least % most));
+  const bool wrapped = m_Value->is_number_unsigned() && number < 0;
+  if (wrapped || number < least || number > most)
+    Fail(str(boost::format("is not from %d to %d") % least % most));
   return static_cast<int>(number);
 }
 
@@ -133,8 +147,12 @@ bool CJsonReader::FlagOr(const std::string& key, bool otherwise) const {
 
 std::uint64_t CJsonReader::NumberOr(const std::string& key, std::uint64_t otherwise, std::uint64_t least,
                                     std::uint64_t most) const {
-  const auto found = Find(key);
-  return found ? found->Number(least, most) : otherwise;
+  if (const auto found = Find(key)) return found->Number(least, most);
+  if (otherwise < least || otherwise > most) {
+    Fail(str(boost::format("the key \"%s\" is missing, and its default %d is not from %d to %d") % key %
+             otherwise % least % most));
+  }
+  return otherwise;
 }
 
 std::vector<CJsonReader> CJsonReader::ItemsOf(const std::string& key) const {

@@ -44,6 +44,7 @@ class CJsonReader {
   CJsonReader Need(const std::string& key) const;
   std::string TextOr(const std::string& key, const std::string& otherwise) const;
   bool FlagOr(const std::string& key, bool otherwise) const;
+  /// A default that is out of range is refused as a given number is.
   std::uint64_t NumberOr(const std::string& key, std::uint64_t otherwise, std::uint64_t least,
                          std::uint64_t most) const;
   /// The items of a list; none when the key is absent.

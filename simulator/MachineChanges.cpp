@@ -1,6 +1,9 @@
+#include <sys/sysmacros.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "simulator/MachineDescription.h"
 #include "simulator/MdDriver.h"
@@ -52,8 +55,9 @@ void RemoveWholeDisk(SMachine& machine, const CJsonReader& reader) {
   // md learns of it by the next input or output; where a resync runs that is at once.
   for (SArray& array : machine.m_Arrays) {
     for (std::size_t i = 0; i < array.m_Members.size(); ++i) {
-      if (array.m_Members[i].m_Instance == instance && array.m_Sync)
-        FailDisk(machine, array, array.m_Members[i].m_Device);
+      if (array.m_Members[i].m_Instance != instance) continue;
+      if (array.m_Sync) FailDisk(machine, array, array.m_Members[i].m_Device);
+      array.m_Members[i].m_Instance = 0;
     }
   }
 }
@@ -105,11 +109,11 @@ void Rename(SMachine& machine, const CJsonReader& reader) {
   const std::string name = reader.Need("to").Text();
   const dev_t device = UsualDevice(name);
   if (device == 0) reader.Need("to").Fail("is no name of a disk");
-  if (FindDisk(machine, name) != nullptr) reader.Need("to").Fail("there is another " + name);
   const auto block = FindBlock(machine, disk.m_Name);
   if (!CanClaim(machine, *block)) reader.Fail(disk.m_Name + " is in use");
   disk.m_Name = name;
   disk.m_Device = device;
+  CheckDevices(machine, reader);
 }
 
 /// Where the mount point of a device is kept.
@@ -125,6 +129,7 @@ void Mount(SMachine& machine, const CJsonReader& reader) {
   reader.OnlyKeys({"device", "at"});
   const SBlock block = TheBlock(machine, reader, reader.Need("device").Text());
   if (!CanClaim(machine, block)) reader.Fail(block.m_Name + " is in use");
+  if (block.m_Size == 0) reader.Fail(block.m_Name + " has no size");
   MountOf(block) = reader.Need("at").NonEmptyText();
 }
 
@@ -133,13 +138,14 @@ void Partition(SMachine& machine, const CJsonReader& reader) {
   const SBlock block = TheBlock(machine, reader, reader.Need("device").Text());
   if (!CanClaim(machine, block)) reader.Fail(block.m_Name + " is in use");
   const bool onArray = block.m_Array != nullptr;
-  if (block.m_Partition != nullptr || (onArray && !block.m_Array->m_Running) ||
-      block.m_Name.starts_with("md") != onArray) {
+  if (block.m_Partition != nullptr || major(block.m_Device) == MD_MAJOR_NUMBER ||
+      (onArray && !block.m_Array->m_Running)) {
     reader.Fail(block.m_Name + " takes no partitions");
   }
   const auto items = reader.Need("partitions").Items();
   (onArray ? block.m_Array->m_Partitions : block.m_Disk->m_Partitions) =
       ReadPartitions(items, block.m_Size, onArray ? MINORS_PER_PARTITIONABLE - 1 : 15);
+  CheckDevices(machine, reader);
 }
 
 void ChangeSmart(SMachine& machine, const CJsonReader& reader) {
@@ -216,6 +222,8 @@ void AdvanceTo(SMachine& machine, std::uint64_t time, bool strict) {
     if (next != scripted) continue;
     const SScriptEntry entry = std::move(machine.m_Script.front());
     machine.m_Script.erase(machine.m_Script.begin());
+    // No change changes the script: it need not be copied with the machine.
+    std::vector<SScriptEntry> rest = std::exchange(machine.m_Script, {});
     SMachine before = machine;
     try {
       ApplyChange(machine, CJsonReader(entry.m_Change, "script, at " + std::to_string(entry.m_At)));
@@ -223,6 +231,7 @@ void AdvanceTo(SMachine& machine, std::uint64_t time, bool strict) {
       if (strict) throw;
       machine = std::move(before);
     }
+    machine.m_Script = std::move(rest);
   }
   machine.m_Time = std::max(machine.m_Time, time);
 }

@@ -17,6 +17,8 @@ constexpr std::uint64_t DEFAULT_CLOCK = 1704067200000;       // 2024-01-01 00:00
 constexpr std::uint64_t DEFAULT_SPEED = 34048;
 constexpr std::uint64_t FIRST_PARTITION = 1024;
 constexpr unsigned int MINORS_PER_DISK = 16;
+constexpr unsigned int MOST_MINOR = 0xfffff;
+constexpr unsigned int MOST_ADDRESS = 0xffff;  ///< of a SCSI host or target
 
 bool IsAta(const std::string& driver) { return driver == "ahci" || driver == "ata_piix"; }
 
@@ -62,9 +64,10 @@ void ReadScript(SMachine& machine, const CJsonReader& root) {
     if (!script.empty() && script.back().m_At > time) reader.Need("at").Fail("lies before the entry above");
     machine.m_Script.push_back({time, reader.Value()});
   }
+  if (machine.m_Script.empty() || !root.FlagOr("rehearsed", true)) return;
   // A change that cannot work is found now and not when a test or a user waits for it.
   SMachine rehearsal = machine;
-  if (!machine.m_Script.empty()) AdvanceTo(rehearsal, machine.m_Script.back().m_At, true);
+  AdvanceTo(rehearsal, machine.m_Script.back().m_At, true);
 }
 
 SDisk ReadDisk(const SMachine& machine, const CJsonReader& reader) {
@@ -94,8 +97,9 @@ SDisk ReadDisk(const SMachine& machine, const CJsonReader& reader) {
   disk.m_Asleep = reader.FlagOr("asleep", false);
   disk.m_Held = reader.FlagOr("held", false);
   disk.m_Mount = reader.TextOr("mount", "");
-  disk.m_Host = static_cast<unsigned int>(reader.NumberOr("host", NO_HOST, 0, NO_HOST));
-  disk.m_Target = static_cast<unsigned int>(reader.NumberOr("target", 0, 0, 0xffff));
+  if (const auto host = reader.Find("host"))
+    disk.m_Host = static_cast<unsigned int>(host->Number(0, MOST_ADDRESS));
+  disk.m_Target = static_cast<unsigned int>(reader.NumberOr("target", 0, 0, MOST_ADDRESS));
   if (const auto smart = reader.Find("smart")) disk.m_Smart = ReadSmart(*smart);
   disk.m_Partitions = ReadPartitions(reader.ItemsOf("partitions"), disk.m_Size, MINORS_PER_DISK - 1);
   for (const CJsonReader& item : reader.ItemsOf("data")) {
@@ -139,7 +143,7 @@ dev_t ReadDevice(const CJsonReader& reader) {
   const std::string text = reader.Text();
   unsigned int majorNumber = 0, minorNumber = 0;
   const bool read = std::sscanf(text.c_str(), "%4u:%7u", &majorNumber, &minorNumber) == 2;
-  const bool usable = read && majorNumber != 0 && majorNumber < 4096 && minorNumber <= 0xfffff;
+  const bool usable = read && majorNumber < 4096 && minorNumber <= MOST_MINOR;
   if (!usable || DeviceText(makedev(majorNumber, minorNumber)) != text) {
     reader.Fail("is no device number such as \"8:16\"");
   }
@@ -197,11 +201,11 @@ std::vector<SPartition> ReadPartitions(const std::vector<CJsonReader>& items, st
   for (const CJsonReader& reader : items) {
     reader.OnlyKeys({"number", "start", "size", "mount"});
     SPartition partition;
+    if (number == most) reader.Fail("is one too many");
     partition.m_Number = static_cast<unsigned int>(reader.NumberOr("number", number + 1, number + 1, most));
     partition.m_Start = reader.NumberOr("start", end, 0, MOST_SIZE);
     partition.m_Size = reader.Need("size").Number(1, MOST_SIZE);
     partition.m_Mount = reader.TextOr("mount", "");
-    if (partition.m_Number > most) reader.Fail("is one too many");
     number = partition.m_Number;
     end = partition.m_Start + partition.m_Size;
     if (end > size) reader.Fail("ends behind the device");
@@ -211,21 +215,34 @@ std::vector<SPartition> ReadPartitions(const std::vector<CJsonReader>& items, st
 }
 
 void AddDiskFrom(SMachine& machine, const CJsonReader& reader) {
-  SDisk disk = ReadDisk(machine, reader);
-  for (const SBlock& other : AllBlocks(machine)) {
-    if (other.m_Name == disk.m_Name) reader.Need("name").Fail("there is another " + disk.m_Name);
-    if (other.m_Device == disk.m_Device) reader.Fail("its number is that of " + other.m_Name);
+  Attach(machine, ReadDisk(machine, reader));
+  const SDisk& disk = machine.m_Disks.back();
+  if (std::max(disk.m_Host, disk.m_Target) > MOST_ADDRESS) reader.Fail("no SCSI address is left for it");
+  CheckDevices(machine, reader);
+}
+
+void CheckDevices(SMachine& machine, const CJsonReader& reader) {
+  std::map<std::string, dev_t> names;
+  std::map<dev_t, std::string> numbers;
+  for (const SBlock& block : AllBlocks(machine)) {
+    const unsigned int majorNumber = major(block.m_Device);
+    const bool isMds = majorNumber == MD_MAJOR_NUMBER || majorNumber == machine.m_MdpMajor;
+    if (block.m_Disk != nullptr && (isMds || block.m_Name.starts_with("md")))
+      reader.Fail("name and number of " + block.m_Name + " must not be like an array's");
+    if (minor(block.m_Device) > MOST_MINOR) reader.Fail("no number is left for " + block.m_Name);
+    if (!names.emplace(block.m_Name, block.m_Device).second) reader.Fail("there is another " + block.m_Name);
+    const auto [other, isFirst] = numbers.emplace(block.m_Device, block.m_Name);
+    if (!isFirst) reader.Fail("the number of " + block.m_Name + " is that of " + other->second);
   }
-  Attach(machine, std::move(disk));
 }
 
 SMachine ReadMachine(const std::string& text) {
   const TJson json = ParseJson(text);
   const CJsonReader root(json, "");
   root.OnlyKeys({"clock", "seed", "mdp_major", "sync_speed", "process", "sdparm", "controllers", "disks",
-                 "arrays", "nodes", "script"});
+                 "arrays", "nodes", "script", "rehearsed", "instances"});
   SMachine machine;
-  machine.m_ClockStart = root.NumberOr("clock", DEFAULT_CLOCK, 0, EVERYTHING / 2);
+  machine.m_ClockStart = root.NumberOr("clock", DEFAULT_CLOCK, 0, EVERYTHING);
   machine.m_Random = root.NumberOr("seed", 1, 0, EVERYTHING);
   machine.m_MdpMajor = static_cast<unsigned int>(root.NumberOr("mdp_major", 253, 10, 4095));
   machine.m_Speed = root.NumberOr("sync_speed", DEFAULT_SPEED, 0, MOST_SIZE);
@@ -234,6 +251,7 @@ SMachine ReadMachine(const std::string& text) {
   ReadControllers(machine, root);
   for (const CJsonReader& reader : root.ItemsOf("disks")) AddDiskFrom(machine, reader);
   for (const CJsonReader& reader : root.ItemsOf("arrays")) AddArrayFrom(machine, reader);
+  machine.m_LastInstance = std::max(machine.m_LastInstance, root.NumberOr("instances", 0, 0, EVERYTHING / 2));
   ReadNodes(machine, root);
   ReadScript(machine, root);
   return machine;

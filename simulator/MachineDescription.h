@@ -12,6 +12,9 @@ SMachine ReadMachine(const std::string& text);
 /// The present state in the form that ReadMachine takes.
 std::string WriteMachine(const SMachine& machine);
 
+/// Refuses a machine in which two devices have a name or a number in common, or a disk has one of md's.
+void CheckDevices(SMachine& machine, const CJsonReader& reader);
+
 /// Makes one change: an object with one key, and "at" where it stands in a script. Throws CMachineError, and
 /// the machine may be half changed then.
 void ApplyChange(SMachine& machine, const CJsonReader& change);
@@ -29,6 +32,8 @@ std::string ReadDiskState(const CJsonReader& reader);
 /// "8:16" and back.
 dev_t ReadDevice(const CJsonReader& reader);
 std::string DeviceText(dev_t device);
+/// The version of an array's metadata as it is written, such as "1.0".
+std::string MetadataText(const SArray& array);
 /// The kernel's number for a disk of that name; 0 when it has none by itself.
 dev_t UsualDevice(const std::string& name);
 

@@ -20,6 +20,7 @@ inline constexpr std::uint64_t SECTOR = 512;
 inline constexpr std::uint64_t EVERYTHING = ~std::uint64_t{0};  ///< resync_offset of an array that is in sync
 inline constexpr unsigned int MD_MAJOR_NUMBER = 9;
 inline constexpr unsigned int MINORS_PER_PARTITIONABLE = 64;
+inline constexpr unsigned int NO_HOST = ~0U;  ///< a disk that has no SCSI address yet
 
 /// A medium of which only the parts that are not zero take memory.
 class CSparseBytes {
@@ -65,7 +66,7 @@ struct SDisk {
   bool m_Asleep{false};  ///< answers "not ready" until a start command
   bool m_Held{false};    ///< something outside md and the file systems has it open exclusively
   std::string m_Mount;
-  unsigned int m_Host{};
+  unsigned int m_Host{NO_HOST};
   unsigned int m_Target{};
   std::uint64_t m_Instance{};  ///< tells a disk from a later one of the same name
   std::optional<TSmartBlock> m_Smart;
@@ -77,7 +78,7 @@ struct SDisk {
 struct SMember {
   std::string m_Name;
   dev_t m_Device{};
-  std::uint64_t m_Instance{};  ///< of the disk
+  std::uint64_t m_Instance{};  ///< of the disk; 0: it is gone
   int m_Number{};
   int m_Slot{-1};
   int m_SavedSlot{-1};  ///< where it was before it was taken out
@@ -198,8 +199,7 @@ int WriteBlock(const SBlock& block, std::uint64_t offset, const void* bytes, std
 
 /// Next value of the machine's pseudo-random sequence.
 std::uint64_t NextRandom(SMachine& machine);
-/// Gives a new disk its instance, and its SCSI address unless it has one (host EVERY_HOST: none yet).
-inline constexpr unsigned int NO_HOST = ~0U;
+/// Gives a new disk its instance, and its SCSI address unless it has one.
 void Attach(SMachine& machine, SDisk disk);
 
 }  // namespace NAMESPACE_piRVX::Simulation

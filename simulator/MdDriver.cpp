@@ -9,13 +9,14 @@
 #include <boost/format.hpp>
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <utility>
 
 #include "simulator/Superblock.h"
 
 namespace NAMESPACE_piRVX::Simulation {
 namespace {
 
-constexpr int MOST_MEMBERS = (4096 - 256) / 2;
 constexpr std::uint16_t FIRST_SPECIAL_ROLE = MD_DISK_ROLE_MAX;
 
 SMember* FindMember(SArray& array, dev_t device) {
@@ -137,15 +138,19 @@ SImported Import(SMachine& machine, const SArray& array, dev_t device) {
   return {loaded.m_Error, std::move(member), std::move(loaded.m_Superblock)};
 }
 
-/// Takes a device into the array's list.
-int Bind(SArray& array, const SMember& member) {
+/// Takes a device into the array's list. One that has no number gets the first that is free.
+int Bind(SArray& array, SMember member) {
   if (FindMember(array, member.m_Device) != nullptr) return EEXIST;
   if (array.m_DeviceSectors == 0 || member.m_Sectors < array.m_DeviceSectors) {
     if (array.m_Running && array.m_Level > 0) return ENOSPC;
     if (!array.m_Running) array.m_DeviceSectors = member.m_Sectors;
   }
+  if (member.m_Number < 0) {
+    member.m_Number = array.m_RaidDisks;
+    while (FindMember(array, member.m_Number) != nullptr) ++member.m_Number;
+  }
   if (FindMember(array, member.m_Number) != nullptr || member.m_Number >= MOST_MEMBERS) return EBUSY;
-  array.m_Members.insert(array.m_Members.begin(), member);
+  array.m_Members.insert(array.m_Members.begin(), std::move(member));
   return 0;
 }
 
@@ -177,6 +182,7 @@ int AddToRunning(SMachine& machine, SArray& array, const mdu_disk_info_t& info) 
   if (imported.m_Error != 0) return imported.m_Error;
   SMember& member = imported.m_Member;
   const std::uint16_t role = imported.m_Superblock.Role(member.m_Number);
+  if (std::cmp_greater_equal(member.m_Number, imported.m_Superblock.m_Roles.size())) member.m_Number = -1;
   const bool fresh = imported.m_Superblock.m_Head.events + 1 >= array.m_Events;
   if (fresh && role < FIRST_SPECIAL_ROLE) member.m_SavedSlot = role;
   if ((info.state & (1 << MD_DISK_SYNC)) != 0 && member.m_SavedSlot != info.raid_disk) return EINVAL;
@@ -211,6 +217,7 @@ int Analyse(SMachine& machine, SArray& array) {
   }
   if (newest == nullptr) return EINVAL;
   const SSuperblockHead& head = newest->m_Head;
+  if (head.raid_disks < 1 || head.raid_disks > MOST_MEMBERS) return EINVAL;
   array.m_Level = static_cast<int>(head.level);
   // A striped array's superblock tells its layout only when it says so.
   const bool unknownLayout = array.m_Level == 0 && (head.feature_map & MD_FEATURE_RAID0_LAYOUT) == 0;
@@ -244,10 +251,18 @@ int Analyse(SMachine& machine, SArray& array) {
   return 0;
 }
 
+bool SharesSlot(const SArray& array) {
+  std::set<int> taken;
+  return std::any_of(array.m_Members.begin(), array.m_Members.end(), [&](const SMember& member) {
+    return member.m_Slot >= 0 && !taken.insert(member.m_Slot).second;
+  });
+}
+
 /// What the level itself refuses when it is started.
 int StartPersonality(SArray& array) {
   const SPersonality* personality = FindPersonality(array.m_Level);
-  if (personality == nullptr || !IsEnough(array)) return EINVAL;
+  if (personality == nullptr || !IsEnough(array) || SharesSlot(array)) return EINVAL;
+  if (std::cmp_less(array.m_RaidDisks, LeastDisks(array.m_Level))) return EINVAL;
   if (array.m_Level != 1 && array.m_Level != -1 && array.m_ChunkSectors == 0) return EINVAL;
   if (!personality->m_Syncs) {
     for (SMember& member : array.m_Members) {
@@ -260,7 +275,7 @@ int StartPersonality(SArray& array) {
 bool OverlapsMetadata(SMachine& machine, const SArray& array) {
   return std::any_of(array.m_Members.begin(), array.m_Members.end(), [&](const SMember& member) {
     const auto block = BlockOf(machine, member);
-    return block && array.m_DeviceSectors > SuperblockSector(block->m_Size);
+    return !block || array.m_DeviceSectors > SuperblockSector(block->m_Size);
   });
 }
 
@@ -273,6 +288,7 @@ int AddSpare(SMachine& machine, SArray& array, const SBlock& block) {
   while (FindMember(array, spare.m_Number) != nullptr) ++spare.m_Number;
   spare.m_Sectors = array.m_DeviceSectors;
   if (spare.m_Sectors > SuperblockSector(block.m_Size)) return ENOSPC;
+  if (spare.m_Number >= MOST_MEMBERS) return EBUSY;
   if (const int error = StoreSuperblock(block, ComposeSuperblock(array, spare, block))) return error;
   mdu_disk_info_t info{};
   info.major = static_cast<int>(major(block.m_Device));

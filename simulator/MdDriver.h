@@ -6,6 +6,8 @@
 
 namespace NAMESPACE_piRVX::Simulation {
 
+inline constexpr int MOST_MEMBERS = (4096 - 256) / 2;  ///< roles that a superblock has room for
+
 /// What md knows of a RAID level.
 struct SPersonality {
   int m_Level;
@@ -13,6 +15,8 @@ struct SPersonality {
   bool m_Syncs;  ///< has redundancy, so members may fail and come back
 };
 const SPersonality* FindPersonality(int level);
+/// How many disks the level is made of at least.
+constexpr unsigned int LeastDisks(int level) { return level == 6 ? 4 : 1; }
 const SPersonality* FindPersonality(const std::string& name);
 
 /// Carries out a request on an array's device; 0 or the error. `argument` as ioctl() takes it.

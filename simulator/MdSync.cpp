@@ -24,11 +24,12 @@ bool IsRebuilding(const SMember& member) {
   return member.m_Slot >= 0 && !member.m_InSync && !member.m_Faulty;
 }
 
-/// Minor of the whole disk: a member may be a partition, and two arrays on one disk do not sync at once.
+/// By the whole disk: a member may be a partition, and two arrays on one disk do not sync at once.
 bool SharesDisk(const SArray& one, const SArray& other) {
   return std::any_of(one.m_Members.begin(), one.m_Members.end(), [&](const SMember& member) {
-    return std::any_of(other.m_Members.begin(), other.m_Members.end(),
-                       [&](const SMember& second) { return member.m_Instance == second.m_Instance; });
+    return std::any_of(other.m_Members.begin(), other.m_Members.end(), [&](const SMember& second) {
+      return member.m_Instance != 0 && member.m_Instance == second.m_Instance;
+    });
   });
 }
 

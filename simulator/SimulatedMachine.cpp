@@ -387,7 +387,8 @@ int CSimulatedMachine::MakeNode(const std::string& path, mode_t mode, dev_t devi
   const CTurn turn(*m_Inside);
   if (m_Inside->Entry(path)) return Failed(EEXIST);
   if (!path.starts_with("/dev/") || path.find('/', 5) != std::string::npos) return Failed(ENOENT);
-  if (!S_ISBLK(mode)) return Failed(EINVAL);
+  // The call hands a device number on in 32 bits.
+  if (!S_ISBLK(mode) || major(device) > 0xfff || minor(device) > 0xfffff) return Failed(EINVAL);
   m_Inside->m_Machine.m_Nodes.push_back({path, mode & ~NODE_MASK, device});
   return 0;
 }

@@ -13,6 +13,7 @@ constexpr std::size_t PAGE = 4096;
 constexpr std::size_t HEAD = 256;
 constexpr std::uint32_t MOST_DEVICES = (PAGE - HEAD) / 2;
 constexpr std::uint64_t SMALLEST_DATA = 10;
+constexpr std::uint64_t SMALLEST_DEVICE = 16;  // KiB
 
 static_assert(std::endian::native == std::endian::little, "the records are used as they are on disk");
 static_assert(sizeof(SSuperblockHead) == HEAD && offsetof(mdp_superblock_1, dev_roles) == HEAD);
@@ -49,8 +50,8 @@ std::string Encode(const SSuperblock& superblock) {
   std::string bytes(ByteSize(superblock), '\0');
   std::memcpy(bytes.data(), &superblock.m_Head, HEAD);
   std::memset(bytes.data() + offsetof(SSuperblockHead, sb_csum), 0, sizeof(superblock.m_Head.sb_csum));
-  std::memcpy(bytes.data() + HEAD, superblock.m_Roles.data(),
-              std::min(bytes.size() - HEAD, 2 * superblock.m_Roles.size()));
+  const std::size_t roles = std::min<std::size_t>(superblock.m_Head.max_dev, superblock.m_Roles.size());
+  if (roles != 0) std::memcpy(bytes.data() + HEAD, superblock.m_Roles.data(), 2 * roles);
   return bytes;
 }
 
@@ -69,24 +70,27 @@ std::uint16_t SSuperblock::Role(int number) const {
   return number >= 0 && index < m_Roles.size() ? m_Roles[index] : std::uint16_t{MD_DISK_ROLE_SPARE};
 }
 
-std::uint64_t SuperblockSector(std::uint64_t size) { return (size * 2 - 16) & ~std::uint64_t{7}; }
+std::uint64_t SuperblockSector(std::uint64_t size) {
+  return size < SMALLEST_DEVICE ? 0 : (size * 2 - 16) & ~std::uint64_t{7};
+}
 
 SLoaded LoadSuperblock(const SBlock& block) {
   const std::uint64_t sector = SuperblockSector(block.m_Size);
-  if (block.m_Size < 16) return {EINVAL, {}};
+  if (block.m_Size < SMALLEST_DEVICE) return {EINVAL, {}};
   std::string bytes;
   if (const int error = ReadBlock(block, sector * SECTOR, PAGE, bytes)) return {error, {}};
   SLoaded loaded;
   std::memcpy(&loaded.m_Superblock.m_Head, bytes.data(), HEAD);
   if (!IsSound(loaded.m_Superblock.m_Head, sector)) return {EINVAL, {}};
-  loaded.m_Superblock.m_Roles.resize(loaded.m_Superblock.m_Head.max_dev);
-  std::memcpy(loaded.m_Superblock.m_Roles.data(), bytes.data() + HEAD,
-              2 * loaded.m_Superblock.m_Roles.size());
+  std::vector<std::uint16_t>& roles = loaded.m_Superblock.m_Roles;
+  roles.resize(loaded.m_Superblock.m_Head.max_dev);
+  if (!roles.empty()) std::memcpy(roles.data(), bytes.data() + HEAD, 2 * roles.size());
   if (Checksum(Encode(loaded.m_Superblock)) != loaded.m_Superblock.m_Head.sb_csum) return {EINVAL, {}};
   return loaded;
 }
 
 int StoreSuperblock(const SBlock& block, const SSuperblock& superblock) {
+  if (block.m_Size < SMALLEST_DEVICE) return ENOSPC;
   std::string bytes = Encode(superblock);
   const std::uint32_t checksum = Checksum(bytes);
   std::memcpy(bytes.data() + offsetof(SSuperblockHead, sb_csum), &checksum, sizeof(checksum));

@@ -43,7 +43,7 @@ struct SLoaded {
 };
 
 /// First sector of a superblock on a device of that many KiB: 8 to 12 KiB from its end, at a multiple of 4
-/// KiB.
+/// KiB. 0 for a device that is too small to have one.
 std::uint64_t SuperblockSector(std::uint64_t size);
 /// What is on the device, with the checks that md makes when a device is handed to it.
 SLoaded LoadSuperblock(const SBlock& block);

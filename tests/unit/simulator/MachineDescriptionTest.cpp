@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "simulator/DescriptionFile.h"
 #include "simulator/SimulatedMachine.h"
 #include "system/Descriptor.h"
+#include "tests/unit/libraries/TemporaryFolder.h"
 
 namespace NAMESPACE_piRVX {
 namespace {
@@ -18,10 +20,14 @@ std::string Machine(const std::string& disk, const std::string& more = "") {
 }
 
 std::string Array(const std::string& keys) { return Machine("", ", \"arrays\": [{" + keys + "}]"); }
+std::string Script(const std::string& entries) { return Machine("", ", \"script\": [" + entries + "]"); }
+std::string Nested(int depth) { return std::string(static_cast<std::size_t>(depth), '['); }
 
-std::string WhatIsWrong(const std::string& description) {
+/// The message of the error that the call must end with.
+template <typename TCall>
+std::string Complaint(TCall call) {
   try {
-    const CSimulatedMachine machine(description);
+    call();
   } catch (const CMachineError& error) {
     return error.what();
   }
@@ -31,75 +37,73 @@ std::string WhatIsWrong(const std::string& description) {
 TEST(MachineDescription, ComplaintsNameThePlace) {
   const std::pair<std::string, const char*> cases[] = {
       {"{\n\"disks\": [\n1,\n}", "line 4, column 1"},
-      {"[]", "the description: is not an object"},
+      {"{\n\"clock\": 1e999\n}", "line 2, number overflow parsing '1e999'"},
+      {"{\n\"disks\": " + Nested(100000), "line 2, more than 64 lists and objects lie in each other"},
+      {Script("{\"at\": 1, \"mount\":\n" + Nested(100000)), "line 3, more than 64"},
       {R"({"disk": []})", "disk: this key is unknown"},
-      {R"({"disks": {}})", "disks: is not a list"},
-      {R"({"clock": 1.5})", "clock: is not a whole number"},
       {R"({"mdp_major": 4096})", "mdp_major: is not from 10 to 4095"},
-      {R"({"controllers": [{}]})", "controllers[0]: the key \"name\" is missing"},
       {Machine(R"(, "partitions": [{"size": 65536}])"), "disks[1].partitions[0]: ends behind the device"},
+      {Machine(R"(, "device": "8:0")"), "disks[1]: the number of sdb is that of sda"},
       {Machine(R"(, "data": [{"at": 0, "bytes": "A*AA"}])"), "disks[1].data[0].bytes: is not base64"},
       {Array(R"("name": "md01")"), "arrays[0].name: is neither \"md0\""},
+      {Array(R"("name": "md0", "level": "raid1")"),
+       "the key \"raid_disks\" is missing, and its default 0 is not from 1"},
       {Array(R"("name": "md0", "level": "raid1", "members": ["sda", "sda"])"),
        "arrays[0].members[1]: sda is in use"},
-      {Machine("", R"(, "script": [{"at": 2, "remove_disk": "sdz"}])"),
-       "script, at 2.remove_disk: there is no disk \"sdz\""},
-      {Machine("", R"(, "script": [{"at": 2, "hold_disk": "sdb", "remove_disk": "sdb"}])"),
-       "one entry makes one change"},
+      {Array(R"("name": "md0", "running": false, "mount": "/mnt")"),
+       "arrays[0].mount: the array does not run"},
+      {Array(R"("name": "md0", "level": "raid1", "members": [null], "mount": "/mnt")"),
+       "mount: the array has no size"},
+      {Script(R"({"at": 2, "remove_disk": "sdz"})"), "script, at 2.remove_disk: there is no disk \"sdz\""},
+      {Script(R"({"at": 2, "hold_disk": "sdb", "remove_disk": "sdb"})"), "one entry makes one change"},
   };
   for (const auto& [description, complaint] : cases)
-    EXPECT_THAT(WhatIsWrong(description), HasSubstr(complaint)) << description;
-}
-
-TEST(MachineDescription, DisksHaveTheKernelsNumbersAndPlaces) {
-  CSimulatedMachine machine(R"({"controllers": [{"name": "ide", "pci": "0000:00:01.1", "driver": "ata_piix"},
-                                                {"name": "sas", "pci": "0000:03:00.0", "driver": "mpt3sas"}],
-    "disks": [{"name": "sda", "controller": "ide", "size": 64}, {"name": "sdp", "controller": "ide", "size": 64},
-              {"name": "sdq", "controller": "ide", "size": 64}, {"name": "hdd", "controller": "sas", "size": 64},
-              {"name": "sdiv", "controller": "sas", "size": 64}]})");
-  // A channel of the one controller takes two disks, a host of the other one many.
-  const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"sda", "   8        0", "0000:00:01.1/ata1/host0/target0:0:0/0:0:0:0"},
-      {"sdp", "   8      240", "0000:00:01.1/ata1/host0/target0:0:1/0:0:1:0"},
-      {"sdq", "  65        0", "0000:00:01.1/ata2/host1/target1:0:0/1:0:0:0"},
-      {"hdd", "  22       64", "0000:00:1c.0/0000:03:00.0/host2/port-2:0/end_device-2:0/target2:0:0/2:0:0:0"},
-      {"sdiv", " 135      240",
-       "0000:00:1c.0/0000:03:00.0/host2/port-2:1/end_device-2:1/target2:0:1/2:0:1:0"}};
-  const std::string partitions = *ReadText(machine, "/proc/partitions");
-  for (const auto& [name, number, place] : cases) {
-    EXPECT_THAT(partitions, HasSubstr(std::string("\n") + number + "         64 " + name + "\n"));
-    std::vector<std::string> lines;
-    machine.ExecuteCommand("/usr/bin/udevadm", std::string("info -q all -n /dev/") + name, lines);
-    EXPECT_EQ(lines.at(0), std::string("P: /devices/pci0000:00/") + place + "/block/" + name);
-  }
+    EXPECT_THAT(Complaint([text = description] { CSimulatedMachine machine(text); }), HasSubstr(complaint));
 }
 
 TEST(MachineDescription, AnEqualMachineComesBack) {
-  const std::string cases[] = {
-      CSimulatedMachine::DemoDescription(),
-      Array(R"("name": "md0", "level": "raid1", "members": ["sda", null], "spares": ["sdb"], "speed": 0)"),
-      Array(R"("name": "md_d2", "level": "raid0", "members": ["sda", "sdb"], "mount": "/data",
-               "partitions": [{"size": 1000}, {"size": 2000, "mount": "/home"}])"),
-      Array(R"("name": "md5", "level": "raid1", "metadata": "0.90", "clean": false, "members": ["sda"],
-               "faulty": ["sdb"])"),
-      Machine("", R"(, "nodes": [{"path": "/dev/md_d3", "device": "253:192"}],
-                      "script": [{"at": 100, "disk_state": {"sda": "offline"}}, {"at": 900, "remove_disk": "sdb"}])")};
-  for (const std::string& description : cases) {
+  const std::string everyKey = Simulation::ReadDescription(RVX_SOURCE_DIR "/tests/fuzz/every_key.json");
+  for (const std::string& description : {CSimulatedMachine::DemoDescription(), everyKey}) {
     CSimulatedMachine first(description);
-    if (const CDescriptor disk(first, "/dev/sdb", O_WRONLY); disk.IsOpen()) {
-      first.Seek(disk.Get(), 4090);
-      first.Write(disk.Get(), "over the edge of two blocks", 27);
-    }
-    first.Advance(700);
+    first.Apply(R"({"remove_disk": "sdb"})");  // what is scripted for it is impossible from now on
+    first.Advance(3);
     CSimulatedMachine second(first.Describe());
-    EXPECT_EQ(second.DiskBytes("sdb", 4090, 27), first.DiskBytes("sdb", 4090, 27));
-    for (const char* file : {"/proc/partitions", "/proc/mdstat"})
-      EXPECT_EQ(ReadText(first, file), ReadText(second, file));
-    EXPECT_EQ(first.Now(), second.Now());
+    for (const char* file : {"/proc/mdstat", "/proc/partitions"})
+      EXPECT_EQ(*ReadText(first, file), *ReadText(second, file));
     first.Advance(1000000);
     second.Advance(1000000);
     EXPECT_EQ(first.Describe(), second.Describe()) << "and goes on as the first one does";
   }
+}
+
+TEST(MachineDescription, IsReadFromRegularFilesOnly) {
+  const CTemporaryFolder folder;
+  ASSERT_EQ(::mkfifo(folder.Path("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(::truncate(folder.Write("large", "").c_str(), 64L * 1024 * 1024 + 1), 0);
+  for (const auto& [file, complaint] : {std::pair{folder.Path("pipe"), "pipe: is no regular file"},
+                                        {"/dev/zero", "/dev/zero: is no regular file"},
+                                        {folder.Path(), ": is no regular file"},
+                                        {folder.Path("large"), "large: is larger than 64 MiB"},
+                                        {folder.Path("none"), "none: No such file or directory"}})
+    EXPECT_THAT(Complaint([name = file] { Simulation::ReadDescription(name); }), HasSubstr(complaint));
+}
+
+TEST(MachineDescription, AFileThatIsReplacedKeepsWhatItIs) {
+  const CTemporaryFolder folder;
+  const std::string real = folder.Write("real", "old"), link = folder.Path("link");
+  ASSERT_EQ(::symlink("real", link.c_str()), 0);
+  ASSERT_EQ(::chmod(real.c_str(), 0640), 0);
+  const uid_t owner = ::geteuid() == 0 ? 12345 : ::geteuid();
+  ASSERT_EQ(::chown(real.c_str(), owner, static_cast<gid_t>(-1)), 0);
+  Simulation::ReplaceDescription(link, "new");
+  struct stat status {};
+  ASSERT_EQ(::lstat(real.c_str(), &status), 0);
+  EXPECT_EQ(folder.Read("real"), "new");
+  EXPECT_EQ(std::pair(status.st_mode & 07777U, status.st_uid), std::pair(0640U, owner));
+  EXPECT_EQ(folder.Read("link"), "new");
+  EXPECT_EQ(folder.CountFiles(), 2U) << "nothing is left beside them";
+  EXPECT_THAT(Complaint([&] { Simulation::ReplaceDescription(folder.Path(std::string(250, 'm')), ""); }),
+              HasSubstr("File name too long"));
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+#include <linux/major.h>
+#include <sys/ioctl.h>
+
 #include "simulator/SimulatedMachine.h"
 #include "tests/support/Contract.h"
 
@@ -18,6 +21,42 @@ const SContractMachine SIMULATED = {
     {"sda", "sdb", "sdc"}};
 
 }  // namespace
+
+/// Linux is not asked: what it does with some of them costs it a lot of memory.
+TEST_P(CContract, SuperblocksThatMakeNoArrayAreRefused) {
+  struct SCase {
+    std::size_t m_Offset;
+    std::uint32_t m_Value;
+    int m_Add, m_Run;
+    std::string m_Line;
+  };
+  const std::string half = " : inactive sdb[1](S) sda[0](S)", whole = " : active raid1 sdb[1] sda[0]";
+  const SCase cases[] = {{92, 0, 0, EINVAL, half},                             // disks
+                         {92, 1921, 0, EINVAL, half},                          //
+                         {92, ~0U, 0, EINVAL, half},                           //
+                         {72, 77, EINVAL, 0, " : active raid1 sda[0]"},        // level
+                         {80, 30000, 0, EINVAL, " : inactive sdb[1] sda[0]"},  // size, larger than the disk
+                         {258, 0xffff0000, 0, EINVAL, " : inactive sdb[1] sda[0]"},  // slot 0 a second time
+                         {220, 0, 0, 0, whole},                                      // room for no roles
+                         {160, ~0U, 0, 0, whole},                                    // the member's number
+                         {160, 1920, EBUSY, 0, " : active raid1 sda[0]"}};
+  for (const SCase& one : cases) {
+    SCOPED_TRACE(std::to_string(one.m_Offset) + ": " + std::to_string(one.m_Value));
+    OpenArray();
+    ASSERT_EQ(SetArrayInfo(), 0);
+    WriteSuper(0, Superblock(0, {.m_Size = 2048}));
+    ASSERT_EQ(AddDisk(0), 0);
+    std::string bytes = Superblock(1, {.m_Size = 2048, .m_Number = 1, .m_Role = 1, .m_Events = 2});
+    if (one.m_Offset == 220) bytes.replace(256, std::string::npos, 768, '\0');
+    Put(bytes, one.m_Offset, one.m_Value);
+    Seal(bytes);
+    WriteSuper(1, bytes);
+    EXPECT_EQ(AddDisk(1), one.m_Add);
+    EXPECT_EQ(Request(RUN_ARRAY), one.m_Run);
+    EXPECT_EQ(MdStatLines().at(0), Name() + one.m_Line);
+    EXPECT_NO_THROW(CSimulatedMachine(dynamic_cast<CSimulatedMachine&>(Os()).Describe()));
+  }
+}
 
 INSTANTIATE_TEST_SUITE_P(Simulated, CContract, testing::Values(SIMULATED),
                          [](const auto& machine) { return machine.param.m_Name; });

@@ -1,0 +1,16 @@
+#pragma once
+/// @file
+/// What the fuzz targets share.
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+/// Ends the program with what is wrong, so that the input is kept.
+inline void Require(bool holds, const std::string& what) {
+  if (holds) return;
+  std::fprintf(stderr, "NOT SO: %s\n", what.c_str());
+  std::abort();
+}

@@ -1,0 +1,120 @@
+/// All that understands a text or a record: any input is survived, and what can be written is read as it was.
+
+#include <filesystem>
+#include <fstream>
+
+#include "KVT/Language.h"
+#include "KVT/Regex.h"
+#include "PI/Helpers.h"
+#include "PI/LogicalDrive.h"
+#include "Src/piRVXETR.h"
+#include "Src/piRVXText.h"
+#include "tests/fuzz/Fuzz.h"
+
+using namespace NAMESPACE_piRVX;
+
+namespace {
+
+/// In memory, where syncing costs nothing.
+const std::filesystem::path FOLDER = "/dev/shm/rvx-fuzz-" + std::to_string(getpid());
+
+void LinuxTexts(FuzzedDataProvider& data) {
+  const std::string name = data.ConsumeRandomLengthString(8);
+  const std::string text = data.ConsumeRemainingBytesAsString();
+  for (const SPartition& entry : ParsePartitions(text)) Require(entry.m_Name.size() < 32, "a name's length");
+  ParseMdMajor(text);
+  IsDiskName(name);
+  ArrayNumber(name);
+  std::vector<std::string> lines;
+  std::string all;
+  CLineReader reader(text, MDSTAT_READ);
+  while (const auto line = reader.Next()) {
+    all += lines.emplace_back(*line);
+    if (const auto progress = ParseProgress(*line)) Require(progress->m_Percent <= 100, "a percentage");
+  }
+  Require(all == text, "all of a text is read");
+  HostPathOfRecord(lines);
+  ProgressLines(text, name);
+}
+
+void Smart(FuzzedDataProvider& data) {
+  std::string vendor, product;
+  PI::CPluginHelper::SplitSATAModelName(data.ConsumeRandomLengthString(40), vendor, product);
+  PI::CSmartValues values(vendor, product);
+  PI::_IDE_SMART_DATA record{};
+  auto& bytes = record.m_Bytes;
+  data.ConsumeData(bytes.data(), bytes.size() - 1);
+  for (std::size_t i = 0; i + 1 < bytes.size(); ++i)
+    bytes.back() = static_cast<std::uint8_t>(bytes.back() - bytes[i]);
+  values.Evaluate(record);
+  float value = 0;
+  PI::_UNITS unit{};
+  PI::CPluginHelper::ConvertBytesToOtherUnit(values.m_BytesWritten, value, unit);
+  unsigned long hours = 0;
+  PI::CPluginHelper::ComputeRemainingLifeTime(values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed,
+                                              values.m_RatedWriteVolume, hours);
+}
+
+void Ini(FuzzedDataProvider& data) {
+  const std::string value = std::to_string(data.ConsumeIntegral<int>());
+  const std::string other = data.ConsumeRandomLengthString(8);
+  std::ofstream(FOLDER / "ini") << data.ConsumeRemainingBytesAsString();
+  PI::CConfigFile config;
+  config.SetFileName(FOLDER / "ini");
+  std::string before, after;
+  const unsigned int status = config.ReadKeyValue(other, before, -1, -1);
+  if (config.WriteKeyValue("Key", value, -1, -1) != PI::OK) return;
+  Require(config.ReadKeyValue("Key", after, -1, -1) == PI::OK && after == value, "what was written is read");
+  if (other == "Key") return;
+  after.clear();
+  Require(config.ReadKeyValue(other, after, -1, -1) == status && after == before, "other keys stay");
+}
+
+void Catalogue(FuzzedDataProvider& data) {
+  std::ofstream(FOLDER / "nls") << data.ConsumeRemainingBytesAsString();
+  KVT::Language_Support::CLanguageSupport::CLngFile catalogue("nls", 0, "utf-8", {"fallback"});
+  Require(catalogue.Load() && catalogue.GetText(0), "there is always a text");
+}
+
+void Configuration(FuzzedDataProvider& data) {
+  KVT::XML::CMarkup document;
+  if (!document.SetDoc(data.ConsumeRemainingBytesAsString())) return;
+  const KVT::XML::CMarkup first = PI::CLogicalDrive(document).ToDocument();
+  Require(PI::CLogicalDrive(first).ToDocument().GetDoc() == first.GetDoc(), "a configuration comes back");
+  const std::string text = document.GetDoc();
+  Require(text.empty() || (document.SetDoc(text) && document.GetDoc() == text), "a document comes back");
+}
+
+void Pattern(FuzzedDataProvider& data) {
+  try {
+    const KVT::Regex pattern(data.ConsumeRandomLengthString(60));
+    pattern.Match(data.ConsumeRemainingBytesAsString());
+  } catch (const std::invalid_argument&) {  // it is none
+  }
+}
+
+void Estimator(FuzzedDataProvider& data) {
+  std::vector<PI::CETR> list;
+  while (data.remaining_bytes() != 0) {
+    const long place =
+        PI::CETR::Add(list, data.ConsumeIntegralInRange(0U, 3U), data.ConsumeIntegral<std::int32_t>(),
+                      data.ConsumeIntegral<std::uint64_t>(), data.ConsumeBool());
+    Require(place >= 0 && std::cmp_less(place, list.size()), "an estimator has its place");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::filesystem::create_directory(FOLDER);
+  setenv("ZQ_CATALOG_DIR", FOLDER.c_str(), 1);
+  std::atexit([] { std::filesystem::remove_all(FOLDER); });
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  FuzzedDataProvider data(bytes, size);
+  constexpr std::array PARSERS = {LinuxTexts, Smart, Ini, Catalogue, Configuration, Pattern, Estimator};
+  data.PickValueInArray(PARSERS)(data);
+  return 0;
+}
