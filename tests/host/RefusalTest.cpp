@@ -86,7 +86,7 @@ TEST(Refusal, OfObjectsAndStates) {
       {"arrays", {"spare", "release", "sdc", "--yes"}, 6, "sdc belongs to md_d1"},
       {"arrays", {"rebuild", "start", "md_d0"}, 6, "20023 ERR_NO_REDUNDANCY"},
       {"arrays", {"rebuild", "cancel", "md_d1"}, 6, "20025"},
-      {"recovering", {"array", "delete", "md_d0", "--yes"}, 5, "20020 ERR_BUSY"},
+      {"recovering", {"array", "delete", "md_d0", "--yes"}, 5, "is running.\nmd_d0: Rebuilding"},
       {"arrays", {"array", "delete", "md_d2"}, 4, "say --yes"},
       {"arrays", {"array", "delete", "md_d2", "--yes"}, 1, "20003 ERR_DEVICE_IO"},
       {"arrays", {"array", "create", "--level", "raid1", "sdf", "sda", "--yes"}, 1, "20006"},
