@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
@@ -111,7 +112,8 @@ int CProgram::Wait(std::chrono::seconds limit) {
 }
 
 Words RvxctlWords(Words words) {
-  words.insert(words.begin(), RVXCTL);
+  const char* const other = std::getenv("RVXCTL");  // one with a fault, whose tests are tried
+  words.insert(words.begin(), other != nullptr ? other : RVXCTL);
   return words;
 }
 
