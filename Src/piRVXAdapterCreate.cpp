@@ -102,14 +102,10 @@ int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
   }
   RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() create device %s with minor %d", buffer, minorNumber);
   const dev_t device = makedev(static_cast<unsigned int>(m_MdMajor), minorNumber);
-  const auto makeNode = [&] {
-    errno = ENODEV;  // of a kernel without partitionable md devices
-    return m_MdMajor >= 0 && m_OS.MakeNode(buffer, S_IFBLK | 0666, device) == 0;
-  };
   if (m_MdMajor >= 0 && (std::cmp_not_equal(major(device), m_MdMajor) || minor(device) != minorNumber))
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() C libraray too old for more than 4 mdp devices");
-  else if (!makeNode())
-    // No failure yet: whoever opens the node finds out.
+  else if (errno = ENODEV; m_MdMajor < 0 || m_OS.MakeNode(buffer, S_IFBLK | 0666, device) != 0)
+    // Of a kernel without partitionable md devices too. No failure yet: whoever opens the node finds out.
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() can't create %s, %s", buffer, SystemError());
   DropDeviceFolder(buffer);
   return 0;
