@@ -93,12 +93,13 @@ unsigned int IPLUGINAPI_IMPL::SetAdapterIDs(const std::vector<PI::CAdapterID>& a
     // A repeated command meets the running worker, whose merges write these texts.
     const CTracedLock lock(m_DataLock, KVT::Threading::INFINITE_WAIT, DATA_LOCK_OF_REQUEST, TRACE_SOURCE);
     const CRVXAdapter& adapter = m_Adapter;
-    const auto own = std::find_if(m_AdapterIDs.begin(), m_AdapterIDs.end(), [&](const PI::CAdapterID& id) {
+    const auto isOwn = [&](const PI::CAdapterID& id) ZQ_REQUIRES(m_DataLock) {
       return id.m_Location1 == static_cast<std::int32_t>(adapter.m_Location1) &&
              id.m_Location2 == static_cast<std::int32_t>(adapter.m_Location2) &&
              id.m_Location3 == static_cast<std::int32_t>(adapter.m_Location3) &&
              id.m_AdapterNumber != PI::CAdapterID::NO_ADAPTER_NUMBER;
-    });
+    };
+    const auto own = std::find_if(m_AdapterIDs.begin(), m_AdapterIDs.end(), isOwn);
     const std::int32_t number = own == m_AdapterIDs.end() ? 0 : own->m_AdapterNumber;
     m_Adapter.m_Description = Text("Linux %s (%d)", adapter.m_Name, number);
   }

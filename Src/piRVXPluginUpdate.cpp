@@ -116,7 +116,8 @@ void IPLUGINAPI_IMPL::MergePhysicalDrives(SMerge& merge, std::vector<CRVXPhysica
 }
 
 void IPLUGINAPI_IMPL::MergeLogicalDrives(SMerge& merge, std::vector<CRVXLogicalDrive>& scanned) {
-  const auto isInModel = [&](const std::string& name) ZQ_REQUIRES(m_DataLock) {
+  // Called below, under the lock; the analysis does not see that.
+  const auto isInModel = [&](const std::string& name) ZQ_NO_THREAD_SAFETY_ANALYSIS {
     return std::any_of(m_LogicalDrives.begin(), m_LogicalDrives.end(),
                        [&](const CRVXLogicalDrive& array) { return array.m_KernelName == name; });
   };
