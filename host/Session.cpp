@@ -39,10 +39,12 @@ fs::path OwnFolder(boost::system::error_code& error) {
 /// Where the plug-in is: where the person says, else in the installation that this program belongs to. Code
 /// that runs with the rights of root comes from no folder that somebody happens to stand in.
 fs::path PluginPath(const SOptions& options) {
-  const char* const variable = options.m_Simulate ? nullptr : FindVariable("RVX_PLUGIN");
+  fs::path path = options.m_Plugin;
+  if (const char* const variable = FindVariable("RVX_PLUGIN");
+      path.empty() && variable != nullptr && !options.m_Simulate)
+    path = variable;
   boost::system::error_code error;
-  if (!options.m_Plugin.empty() || variable != nullptr) {
-    const fs::path path = options.m_Plugin.empty() ? variable : options.m_Plugin;
+  if (!path.empty()) {
     if (path.is_absolute()) return path;
     throw CannotLoad("\"" + path.string() + "\" does not begin with a slash; write " +
                      (fs::current_path(error) / path).lexically_normal().string());
