@@ -46,7 +46,7 @@ TJson Changed(FuzzedDataProvider& data) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   FuzzedDataProvider data(bytes, size);
-  const std::uint64_t time = data.PickValueInArray({0, 1, 4, 100, 8999, 10000, 1 << 30});
+  const std::uint64_t time = data.PickValueInArray<std::uint64_t>({0, 1, 4, 100, 8999, 10000, 1 << 30});
   const std::string text = data.ConsumeBool()
                                ? data.ConsumeRemainingBytesAsString()
                                : Changed(data).dump(-1, ' ', false, TJson::error_handler_t::replace);

@@ -8,6 +8,11 @@
 #include <cstdlib>
 #include <string>
 
+#include "system/TheMachine.h"
+
+/// createIf, which asks for it, is not called: instances are made without it.
+NAMESPACE_piRVX::COperatingSystem& NAMESPACE_piRVX::TheMachine() { std::abort(); }
+
 /// Ends the program with what is wrong, so that the input is kept.
 inline void Require(bool holds, const std::string& what) {
   if (holds) return;

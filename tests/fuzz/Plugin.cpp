@@ -16,9 +16,6 @@
 
 namespace NAMESPACE_piRVX {
 
-/// The instances are made without createIf.
-COperatingSystem& TheMachine() { std::abort(); }
-
 namespace {
 
 #define DISK "[sh]d[a-z]?([a-z])"
