@@ -8,28 +8,20 @@
 #include "system/Linux.h"
 #include "tests/support/Contract.h"
 
-namespace NAMESPACE_piRVX {
 namespace {
-
-constexpr std::ptrdiff_t DISKS = 3;
-std::vector<SContractMachine> s_Machines;
-
+std::vector<std::string> s_Disks;
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Linux, CContract, testing::ValuesIn(s_Machines),
-                         [](const auto& machine) { return machine.param.m_Name; });
-
-}  // namespace NAMESPACE_piRVX
+NAMESPACE_piRVX::SContractMachine NAMESPACE_piRVX::MakeContractMachine() {
+  return {std::make_unique<CLinux>(), s_Disks};
+}
 
 int main(int argc, char** argv) {
-  using namespace NAMESPACE_piRVX;
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.size() < DISKS || arguments[0].starts_with("-")) {
+  testing::InitGoogleTest(&argc, argv);
+  s_Disks.assign(argv + 1, argv + argc);
+  if (s_Disks.size() != 3) {
     std::cerr << "usage: rvx_contract DISK DISK DISK [gtest options]\n";
     return 2;
   }
-  s_Machines.push_back(
-      {"Kernel", [] { return std::make_unique<CLinux>(); }, {arguments.begin(), arguments.begin() + DISKS}});
-  testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -1,10 +1,8 @@
 #!/bin/bash
 # Corners where a wrong disk could be written or a server be hurt: arrays of one number, disks that change places between
 # the look and the yes, a system without room for threads.
-set -euo pipefail
-source "$RVX_SOURCE/tests/vm/changes_lib.sh"
+source "$RVX_SOURCE/tests/vm/lib.sh"
 
-rvxctl=$RVX_BUILD/bin/rvxctl
 a0=${disk[AHCI-0]} a1=${disk[AHCI-1]} a2=${disk[AHCI-2]} s1=${disk[SAS-1]} s2=${disk[SAS-2]}
 
 equal_numbers() {
@@ -14,8 +12,8 @@ equal_numbers() {
         --raid-devices=2 --metadata=1.0 "/dev/$a2" "/dev/$s2"
     wait_for_sync
     read_topology
-    expect_eq "both are listed with their own members" "$(printf '0 %s\n' "$(printf '%s\n' "$a1" "$s1" | sort | xargs)" \
-        "$(printf '%s\n' "$a2" "$s2" | sort | xargs)")" "$(listed md_d0 30126 && listed md0 30126)"
+    expect_eq "both are listed with their own members" "$(printf '0 %s\n' "$(sorted "$a1" "$s1")" "$(sorted "$a2" "$s2")")" \
+        "$(listed md_d0 30126 && listed md0 30126)"
     check "the other one is at rest" wait_for 20 "grep -qE '^(clean|active-idle)' /sys/block/md0/md/array_state"
     others=$(fingerprint "$a2" "$s2")
     check "deleting one" rvx array delete md_d0 --yes
@@ -33,7 +31,7 @@ swapped_disk() {
     host0=${host0##*/} host1=${host1##*/}
     keys=$(mktemp -d)/keys
     mkfifo "$keys"
-    script -qfec "$rvxctl array create --level raid1 $a1 $s1" /tmp/screen <"$keys" >/dev/null 2>&1 &
+    script -qfec "$RVX_BUILD/bin/rvxctl array create --level raid1 $a1 $s1" /tmp/screen <"$keys" >/dev/null 2>&1 &
     asking=$!
     exec 3>"$keys"
     check "rvxctl asks" wait_for 60 "grep -q 'y/N' /tmp/screen"
@@ -47,7 +45,7 @@ swapped_disk() {
     echo "- - -" >"/sys/class/scsi_host/host$2/scan"
     check "and the other" wait_for 20 "[ -e /sys/block/$a0 ] && [ -e /sys/block/$a1 ]"
     udevadm settle --timeout=30
-    expect_eq "the names have changed places" "$a1" "$(disk_by_serial AHCI-0)"
+    expect_eq "the names have changed places" "$a1" "$(find_disks && echo "${disk[AHCI-0]}")"
     before=$(fingerprint "$a0" "$a1" "$s1")
     echo y >&3
     exec 3>&-
@@ -63,7 +61,7 @@ no_threads() {
     # A thread's stack is as large as the limit says, and does not fit into the memory that the process may have.
     (
         ulimit -s 8000000 -v 4000000
-        exec "$rvxctl" events --follow
+        exec "$RVX_BUILD/bin/rvxctl" events --follow
     ) >/tmp/out 2>/tmp/said &
     program=$!
     check "a thread that could not be started is told of" wait_for 60 "grep -q 'start the thread EventPoll' /tmp/said"

@@ -1,8 +1,7 @@
 #!/bin/bash
 # The process killed before each of md's ioctls and each write of a creation and of a deletion: what it had not named
 # keeps every byte, and what it left can be found and removed as the operator's guide says.
-set -euo pipefail
-source "$RVX_SOURCE/tests/vm/changes_lib.sh"
+source "$RVX_SOURCE/tests/vm/lib.sh"
 
 first=${disk[AHCI-1]} second=${disk[SAS-1]} others=()
 for serial in AHCI-0 AHCI-2 AHCI-3 SAS-0 SAS-2 VIRTIO-0; do
@@ -14,11 +13,8 @@ untouched=$(fingerprint "${others[@]}")
 # watched N ARGUMENT...: rvxctl, killed right before the n-th of its calls that change md or a disk (0: of none); the
 # calls' names stand in /tmp/calls then.
 watched() {
-    local at=$1
-    shift
     rm -f /tmp/calls
-    LD_PRELOAD=$RVX_BUILD/tests/vm/librvx_kill_at.so RVX_KILL_AT=$at RVX_KILL_LOG=/tmp/calls \
-        "$RVX_BUILD/bin/rvxctl" "$@" >/tmp/said 2>&1
+    LD_PRELOAD=$RVX_BUILD/tests/vm/librvx_kill_at.so RVX_KILL_AT=$1 RVX_KILL_LOG=/tmp/calls rvx "${@:2}" >/tmp/said 2>&1
 }
 
 superblocks() {
@@ -41,13 +37,12 @@ clean_up() {
     expect_no_array "$first" "$second"
 }
 
-# kill_at WHAT N CALL SUPERBLOCKS ARGUMENT...: dies there, with as many members that carry a superblock.
+# kill_at N CALL SUPERBLOCKS ARGUMENT...: dies there, with as many members that carry a superblock.
 kill_at() {
-    local what="$1 killed before call $2 ($3)" at=$2 call=$3 want=$4 status=0
-    shift 4
-    watched "$at" "$@" || status=$?
-    expect_eq "$what: it died there" "137 $at $call" "$status $(wc -l </tmp/calls) $(tail -n1 /tmp/calls)"
-    expect_eq "$what: members with a superblock" "$want" "$(superblocks)"
+    local what="killed before call $1 ($2) of array $5" status=0
+    watched "$1" "${@:4}" || status=$?
+    expect_eq "$what: it died there" "137 $1 $2" "$status $(wc -l </tmp/calls) $(tail -n1 /tmp/calls)"
+    expect_eq "$what: members with a superblock" "$3" "$(superblocks)"
     expect_eq "$what: disks that it did not name" "$untouched" "$(fingerprint "${others[@]}")"
 }
 
@@ -63,16 +58,14 @@ expect_eq "its calls" "${creation[*]}" "$(xargs </tmp/calls)"
 wait_for_sync
 check "a deletion that is watched succeeds" watched 0 "${delete[@]}"
 expect_eq "its calls" "${deletion[*]}" "$(xargs </tmp/calls)"
-expect_no_array "$first" "$second"
 
 for i in "${!creation[@]}"; do
-    kill_at creation $((i + 1)) "${creation[$i]}" "${written[$i]}" "${create[@]}"
+    kill_at $((i + 1)) "${creation[$i]}" "${written[$i]}" "${create[@]}"
     clean_up
 done
 for i in "${!deletion[@]}"; do
     expect_eq "a creation afterwards works" md_d0 "$(make raid1 - "$first" "$second")"
     wait_for_sync
-    kill_at deletion $((i + 1)) "${deletion[$i]}" "${left[$i]}" "${delete[@]}"
+    kill_at $((i + 1)) "${deletion[$i]}" "${left[$i]}" "${delete[@]}"
     clean_up
 done
-expect_eq "a creation afterwards works" md_d0 "$(make raid1 - "$first" "$second")"

@@ -1,34 +1,25 @@
-# shellcheck shell=bash
-# What a guest's test script sources: assertions that print "ok - NAME", "not ok - NAME: why" or "skip - NAME: why" and
-# count themselves. When the script ends, for whatever reason, the counts are printed and decide its exit status.
+# shellcheck shell=bash disable=SC2034
+# What a guest's test script sources: assertions that print "ok - NAME" or "not ok - NAME: why" and count themselves, and
+# ways to look at disks and arrays. When the script ends, for whatever reason, the counts are printed and decide its exit
+# status.
 #
 #   source "$RVX_SOURCE/tests/vm/lib.sh"
 #   check "the array is assembled" test -b /dev/md0
 #   expect_eq "it has two members" 2 "$(< /sys/block/md0/md/raid_disks)"
+set -euo pipefail
 
-passed=0 failed=0 skipped=0
+passed=0 failed=0
 
-pass() {
-    passed=$((passed + 1))
-    echo "ok - $1"
-}
-
-# not_ok NAME WHY
-not_ok() {
-    failed=$((failed + 1))
-    echo "not ok - $1: $2"
-}
-
-# skip NAME WHY
-skip() {
-    skipped=$((skipped + 1))
-    echo "skip - $1: $2"
-}
-
-# One line, cut to a length that a list of results can show.
-one_line() {
-    local text=${*//$'\n'/ | }
-    echo "${text:0:300}"
+# verdict STATUS NAME WHY: why, cut to a length that a list of results can show, is told when the status is not 0.
+verdict() {
+    local why=${3//$'\n'/ | }
+    if [ "$1" = 0 ]; then
+        passed=$((passed + 1))
+        echo "ok - $2"
+    else
+        failed=$((failed + 1))
+        echo "not ok - $2: ${why:0:300}"
+    fi
 }
 
 # check NAME COMMAND...: the command succeeds. Its output is shown only when it does not.
@@ -36,30 +27,31 @@ check() {
     local name=$1 output status=0
     shift
     output=$("$@" 2>&1) || status=$?
-    if [ "$status" = 0 ]; then pass "$name"; else not_ok "$name" "$(one_line "exit status $status: $* | $output")"; fi
-}
-
-# check_fails NAME COMMAND...: the command fails by itself, and not because it cannot be found or was killed.
-check_fails() {
-    local name=$1 output status=0
-    shift
-    output=$("$@" 2>&1) || status=$?
-    if [ "$status" -gt 0 ] && [ "$status" -lt 126 ]; then
-        pass "$name"
-    else
-        not_ok "$name" "$(one_line "exit status $status: $* | $output")"
-    fi
+    verdict "$status" "$name" "exit status $status: $* | $output"
 }
 
 # expect_eq NAME WANT GOT
 expect_eq() {
-    if [ "$2" = "$3" ]; then pass "$1"; else not_ok "$1" "$(one_line "want '$2', got '$3'")"; fi
+    local status=0
+    [ "$2" = "$3" ] || status=1
+    verdict "$status" "$1" "want '$2', got '$3'"
 }
 
 # expect_match NAME REGEX TEXT: an extended regular expression that matches somewhere in the text.
 expect_match() {
-    if [[ $3 =~ $2 ]]; then pass "$1"; else not_ok "$1" "$(one_line "nothing matches '$2' in '$3'")"; fi
+    local status=0
+    [[ $3 =~ $2 ]] || status=1
+    verdict "$status" "$1" "nothing matches '$2' in '$3'"
 }
+
+finish() {
+    verdict "$?" "the script runs to its end" "it ended before"
+    trap - EXIT
+    echo "# $passed passed, $failed failed"
+    exit $((failed > 0))
+}
+trap finish EXIT
+trap 'exit 143' TERM # out of time
 
 # wait_for SECONDS CONDITION: polls the condition, a piece of shell, until it holds; fails when the time is up.
 wait_for() {
@@ -70,56 +62,68 @@ wait_for() {
     done
 }
 
-# disk_by_serial SERIAL: the kernel's name of the disk, from udev's records. Names follow the order of probing, which
-# changes from boot to boot; serial numbers do not.
-disk_by_serial() {
-    local record
-    while read -r record; do
-        record=/sys/dev/block/${record##*/b}
-        [ -e "$record/partition" ] || { basename "$(readlink "$record")" && return; }
-    done < <(grep -lxE "E:ID_(SCSI_SERIAL|SERIAL_SHORT|SERIAL)=$1" /run/udev/data/b*)
-    echo "there is no disk with serial number $1" >&2
-    return 1
-}
-
-# driver_of DISK: the driver of the PCI function that the disk hangs on.
-driver_of() {
-    local device
-    device=$(readlink -f "/sys/block/$1/device")
-    while [ "$device" != /sys ]; do
-        if [ "$device/subsystem" -ef /sys/bus/pci ]; then
-            basename "$(readlink "$device/driver")"
-            return
-        fi
-        device=${device%/*}
+# disk[SERIAL]: the kernel's names of the disks, from udev's records. Names follow the order of probing, which changes
+# from boot to boot; serial numbers do not.
+declare -A disk=()
+find_disks() {
+    local record path serial
+    for record in /run/udev/data/b*; do
+        path=/sys/dev/block/${record##*/b}
+        serial=$(sed -nE 's/^E:ID_(SCSI_SERIAL|SERIAL_SHORT|SERIAL)=([A-Z0-9]+-[0-9]+)$/\2/p' "$record" | head -n1)
+        [ -z "$serial" ] || [ ! -e "$path" ] || [ -e "$path/partition" ] ||
+            disk[$serial]=$(basename "$(readlink "$path")")
     done
-    return 1
+}
+find_disks
+
+rvx() { "$RVX_BUILD/bin/rvxctl" "$@"; }
+
+sorted() { printf '%s\n' "$@" | sort | xargs; }
+
+# field NAME TEXT: the rest of the line "NAME : ...", as mdadm prints them.
+field() { sed -nE "s/^ *$1 : *//p" <<<"$2"; }
+
+# arrays: the names that md knows, one a line.
+arrays() { sed -n 's/^\(md[^ ]*\) : .*/\1/p' /proc/mdstat; }
+
+# make LEVEL STRIPE DISK...: rvxctl's new array; prints its name. A stripe size of "-" is none.
+make() {
+    local level=$1 stripe=(--stripe "$2")
+    [ "$2" != - ] || stripe=()
+    shift 2
+    rvx --json array create --level "$level" "${stripe[@]}" --yes "$@" 2>/tmp/said | jq -r .data.array
 }
 
-# elapsed WHAT COMMAND...: runs the command and prints how long it took.
-elapsed() {
-    local what=$1 started=${EPOCHREALTIME/./} status=0
-    shift
-    "$@" || status=$?
-    started=$((${EPOCHREALTIME/./} - started))
-    printf '# %s took %d.%03d s\n' "$what" $((started / 1000000)) $((started / 1000 % 1000))
-    return "$status"
+wait_for_sync() {
+    check "the first synchronisation ends" wait_for 60 "! grep -qE 'resync|PENDING' /proc/mdstat"
 }
 
-# monitor COMMAND: tells the emulated machine's monitor something, such as "drive_del sas_0", after which all input and
-# output of that disk fails.
-monitor() {
-    echo "$1" >"$RVX_MONITOR"
+# expect_no_array DISK...: neither mdadm nor blkid finds an array on them.
+expect_no_array() {
+    local member
+    for member; do
+        expect_match "mdadm finds no array on $member" 'No md superblock' \
+            "$(mdadm --examine "/dev/$member" 2>&1 || true)"
+        expect_eq "blkid finds no array on $member" "" "$(blkid -p "/dev/$member" | grep raid || true)"
+    done
 }
 
-finish() {
-    local status=$?
-    trap - EXIT
-    [ "$status" = 0 ] || not_ok "the script runs to its end" "exit status $status"
-    [ $((passed + failed + skipped)) != 0 ] || not_ok "the script asserts something" "no assertion was reached"
-    echo "# $passed passed, $failed failed, $skipped skipped"
-    [ "$failed" = 0 ] || exit 1
-    exit 0
+# read_topology: keeps the plug-in's list for listed().
+read_topology() { rvx --json topology >/tmp/topology; }
+
+# listed NAME PROPERTY...: values of an object in the list, then its children's names.
+listed() {
+    jq -r '(.data.objects | map({key: .id, value: .name}) | from_entries) as $names
+        | .data.objects[] | select(.name == $ARGS.positional[0])
+        | (.properties | map({key: "\(.id)", value: .value}) | from_entries) as $value
+        | [$value[$ARGS.positional[1:][]], (.children | map($names[.]) | sort | .[])] | join(" ")' \
+        /tmp/topology --args "$@"
 }
-trap finish EXIT
-trap 'exit 143' TERM # out of time
+
+# fingerprint DISK...: a line a disk that changes with any byte of it.
+fingerprint() {
+    local name
+    for name; do
+        echo "$name $(dd "if=/dev/$name" bs=64K iflag=direct status=none | md5sum)"
+    done
+}

@@ -1,7 +1,6 @@
 #!/bin/bash
 # A mirror keeps its files while a spare takes a failed member's place and the failed one comes back as the next spare.
-set -euo pipefail
-source "$RVX_SOURCE/tests/vm/changes_lib.sh"
+source "$RVX_SOURCE/tests/vm/lib.sh"
 
 first=${disk[AHCI-0]} second=${disk[SAS-1]} spare=${disk[AHCI-1]}
 
@@ -18,19 +17,12 @@ add_file() {
     (cd /mnt && sha256sum "$1" >>SUMS)
 }
 
-# places: what md says of the members, ordered by name: "sda 0 in_sync, ...".
-places() {
-    local member
-    for member in /sys/block/md_d0/md/dev-*; do
-        echo "${member##*-} $(<"$member/slot") $(<"$member/state")"
-    done | sort | paste -sd,
-}
-
-# expect_places NAME LINE...
+# expect_places NAME LINE...: md says this of the members, a line each: name, slot, state.
 expect_places() {
-    local name=$1
-    shift
-    expect_eq "$name" "$(printf '%s\n' "$@" | sort | paste -sd,)" "$(places)"
+    local member
+    expect_eq "$1" "$(printf '%s\n' "${@:2}" | sort)" "$(for member in /sys/block/md_d0/md/dev-*; do
+        echo "${member##*-} $(<"$member/slot") $(<"$member/state")"
+    done | sort)"
 }
 
 expect_eq "a mirror is made" md_d0 "$(make raid1 - "$first" "$second")"
@@ -44,7 +36,6 @@ expect_places "md has the spare" "$first 0 in_sync" "$second 1 in_sync" "$spare 
 said=$(mdadm --examine "/dev/$spare")
 expect_match "mdadm reads the spare's superblock" '- correct, spare$' "$(field Checksum "$said"), $(
     field 'Device Role' "$said")"
-expect_files "with the spare"
 
 mdadm --manage /dev/md_d0 --fail "/dev/$second"
 add_file late
@@ -53,20 +44,17 @@ wait_for 10 '[ "$(<"/sys/block/md_d0/md/dev-$spare/state")" = in_sync ]' || true
 expect_places "md rebuilt onto the spare" "$first 0 in_sync" "$second none faulty" "$spare 1 in_sync"
 expect_files "after the recovery"
 read_topology
-expect_eq "the plug-in tells the failed member" 40095 "$(listed "$second" 30017)"
-expect_eq "and that the spare is at work" 40093 "$(listed "$spare" 30017)"
+expect_eq "the plug-in tells the failed member and that the spare is at work" "40095 40093" \
+    "$(listed "$second" 30017) $(listed "$spare" 30017)"
 
 check "the failed member is released" rvx spare release "$second" --yes
 expect_places "md let it go" "$first 0 in_sync" "$spare 1 in_sync"
 expect_no_array "$second"
-expect_files "without the failed member"
-
 check "it is added again" rvx spare add "$second" md_d0 --yes
 expect_places "md has it as a spare" "$first 0 in_sync" "$second none spare" "$spare 1 in_sync"
 read_topology
-expect_eq "the plug-in tells that it is a spare" 40098 "$(listed "$second" 30017)"
-expect_eq "the plug-in lists all three" "40093 $(printf '%s\n' "$first" "$second" "$spare" | sort | xargs)" \
-    "$(listed md_d0 30017)"
+expect_eq "the plug-in tells that it is a spare, and lists all three" \
+    "40098 40093 $(sorted "$first" "$second" "$spare")" "$(listed "$second" 30017) $(listed md_d0 30017)"
 expect_files "with the new spare"
 
 umount /mnt
