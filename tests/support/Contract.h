@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "Src/piRVXAdapterSuperBlock.h"
 #include "system/Descriptor.h"
 #include "system/OperatingSystem.h"
 
@@ -53,7 +54,7 @@ class CContract : public testing::Test {
   dev_t DiskDevice(std::size_t index);
   /// Sectors of the disk, and of a superblock's place on it.
   std::uint64_t Sectors(std::size_t index) { return 2 * BlocksOf(Disk(index)); }
-  std::uint64_t SuperSector(std::size_t index) { return (Sectors(index) - 16) & ~std::uint64_t{7}; }
+  std::uint64_t SuperSector(std::size_t index) { return SuperOffset(BlocksOf(Disk(index))); }
 
   /// What a call that answers -1 left in errno; 0 for other answers.
   static int ErrorOf(std::int64_t answer) { return answer == -1 ? errno : 0; }
@@ -68,10 +69,13 @@ class CContract : public testing::Test {
   unsigned int MdpMajor();
 
   /// A disk's superblock for an array, sealed by its checksum.
-  std::string Superblock(std::size_t disk, const SArrayPlan& plan);
-  static void Seal(std::string& superblock);
+  md_superblock1 Superblock(std::size_t disk, const SArrayPlan& plan);
+  static void Seal(md_superblock1& superblock) { superblock.sb_csum = SuperBlockChecksum(superblock); }
+  /// The same with four of its bytes changed.
+  md_superblock1 Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset, std::uint32_t value,
+                         bool sealed = true);
   /// Writes it to its place.
-  void WriteSuper(std::size_t disk, const std::string& superblock);
+  void WriteSuper(std::size_t disk, const md_superblock1& superblock);
   /// A fresh array device, opened. The one before is stopped and closed, as at the test's end.
   void OpenArray();
   const std::string& Name() const { return m_Name; }

@@ -2,7 +2,6 @@
 
 #include <boost/algorithm/string/replace.hpp>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <sstream>
 #include <thread>
@@ -10,23 +9,12 @@
 #include "tests/support/Contract.h"
 
 namespace NAMESPACE_piRVX {
-namespace {
-
-constexpr std::size_t SUPER_SIZE = 1024;
-constexpr std::uint32_t MAX_DEV = (SUPER_SIZE - sizeof(mdp_superblock_1)) / 2;
-
-template <typename TValue>
-void Put(std::string& bytes, std::size_t offset, TValue value) {
-  std::memcpy(bytes.data() + offset, &value, sizeof(value));
-}
-
-}  // namespace
 
 void CContract::TearDown() {
   CloseArray();
   for (std::size_t i = 0; i < m_Machine.m_Disks.size(); ++i) {
     EXPECT_TRUE(Eventually([&] { return IsFree(i); })) << Disk(i) << " is still in use";
-    WriteSuper(i, std::string(SUPER_SIZE, '\0'));
+    WriteSuper(i, {});
   }
 }
 
@@ -66,53 +54,41 @@ unsigned int CContract::MdpMajor() {
                                                : static_cast<unsigned>(std::stoul(devices.substr(name - 3)));
 }
 
-std::string CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {
-  const std::uint64_t sector = SuperSector(disk), usable = sector - 256;
-  std::string bytes(SUPER_SIZE, '\0');
-  mdp_superblock_1 head{};
-  head.magic = MD_SB_MAGIC;
-  head.major_version = 1;
-  std::memset(head.set_uuid, 1, sizeof(head.set_uuid));
-  std::memcpy(head.set_name, "contract", 8);
-  head.ctime = head.utime = 1700000000;
-  head.level = static_cast<std::uint32_t>(plan.m_Level);
-  head.size = plan.m_Size;
-  head.chunksize = plan.m_Chunk;
-  head.raid_disks = plan.m_RaidDisks;
-  head.data_size = usable - (plan.m_Chunk == 0 ? 0 : usable % plan.m_Chunk);
-  if (plan.m_DataSize != 0) head.data_size = plan.m_DataSize;
-  head.super_offset = sector;
-  head.dev_number = static_cast<std::uint32_t>(disk);
-  std::memset(head.device_uuid, static_cast<int>(disk + 65), sizeof(head.device_uuid));
-  head.events = plan.m_Events;
-  head.resync_offset = plan.m_Clean ? ~std::uint64_t{0} : 0;
-  head.max_dev = MAX_DEV;
-  std::memcpy(bytes.data(), &head, sizeof(head));
-  for (std::uint32_t number = 0; number < MAX_DEV; ++number)
-    Put(bytes, sizeof(head) + 2 * number,
-        static_cast<std::uint16_t>(number < plan.m_RaidDisks ? number : MD_DISK_ROLE_SPARE));
-  Seal(bytes);
-  return bytes;
+md_superblock1 CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {
+  mdu_array_info_t info{};
+  info.level = plan.m_Level;
+  info.size = static_cast<int>(plan.m_Size / 2);
+  info.chunk_size = static_cast<int>(plan.m_Chunk * 512);
+  info.raid_disks = static_cast<int>(plan.m_RaidDisks);
+  info.state = plan.m_Clean ? 1 << MD_SB_CLEAN : 0;
+  md_superblock1 record = NewSuperBlock(info, "contract", {1}, 1700000000);
+  const std::uint64_t usable = SuperSector(disk) - 256;
+  record.data_size = plan.m_DataSize != 0 ? plan.m_DataSize
+                     : plan.m_Chunk == 0  ? usable
+                                          : usable - usable % plan.m_Chunk;
+  record.super_offset = SuperSector(disk);
+  record.dev_number = static_cast<std::uint32_t>(disk);
+  record.device_uuid[0] = static_cast<std::uint8_t>(disk + 65);
+  record.events = plan.m_Events;
+  Seal(record);
+  return record;
 }
 
-void CContract::Seal(std::string& superblock) {
-  Put(superblock, offsetof(mdp_superblock_1, sb_csum), std::uint32_t{0});
-  std::uint64_t sum = 0;
-  for (std::size_t i = 0; i < superblock.size(); i += 4) {
-    std::uint32_t word = 0;
-    std::memcpy(&word, superblock.data() + i, 4);
-    sum += word;
-  }
-  Put(superblock, offsetof(mdp_superblock_1, sb_csum), static_cast<std::uint32_t>(sum + (sum >> 32)));
+md_superblock1 CContract::Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset,
+                                  std::uint32_t value, bool sealed) {
+  md_superblock1 record = Superblock(disk, plan);
+  std::memcpy(reinterpret_cast<char*>(&record) + offset, &value, sizeof(value));
+  if (sealed) Seal(record);
+  return record;
 }
 
-void CContract::WriteSuper(std::size_t disk, const std::string& superblock) {
+void CContract::WriteSuper(std::size_t disk, const md_superblock1& superblock) {
   const CDescriptor file(Os(), DiskPath(disk), O_RDWR | O_EXCL);
   const auto position = static_cast<std::int64_t>(SuperSector(disk) * 512);
   ASSERT_TRUE(file.IsOpen()) << DiskPath(disk) << ": " << std::strerror(errno);
   ASSERT_EQ(Os().Seek(file.Get(), position), position);
-  ASSERT_EQ(Os().Write(file.Get(), superblock.data(), superblock.size()),
-            static_cast<ssize_t>(superblock.size()));
+  ASSERT_EQ(Os().Write(file.Get(), &superblock, sizeof(superblock)),
+            static_cast<ssize_t>(sizeof(superblock)));
   // md reads past the cache, which lives on while udev has the disk open.
   ASSERT_EQ(Os().Sync(file.Get()), 0);
 }

@@ -1,6 +1,4 @@
-
 #include <algorithm>
-#include <cstring>
 
 #include "tests/support/Contract.h"
 
@@ -150,10 +148,7 @@ TEST_F(CContract, MembersThatDoNotFitAreRefused) {
   WriteSuper(0, Superblock(0, {.m_Size = 2048}));
   ASSERT_EQ(AddDisk(0), 0);
   for (const auto& one : cases) {
-    std::string bytes = Superblock(1, {.m_Size = 2048});
-    std::memcpy(bytes.data() + one.m_Offset, &one.m_Value, sizeof(one.m_Value));
-    if (one.m_Sealed) Seal(bytes);
-    WriteSuper(1, bytes);
+    WriteSuper(1, Changed(1, {.m_Size = 2048}, one.m_Offset, one.m_Value, one.m_Sealed));
     EXPECT_EQ(AddDisk(1), one.m_Error) << one.m_What;
     EXPECT_TRUE(IsFree(1)) << one.m_What;
   }

@@ -41,11 +41,9 @@ TEST_F(CContract, SuperblocksThatMakeNoArrayAreRefused) {
     ASSERT_EQ(SetArrayInfo(), 0);
     WriteSuper(0, Superblock(0, {.m_Size = 2048}));
     ASSERT_EQ(AddDisk(0), 0);
-    std::string bytes = Superblock(1, {.m_Size = 2048, .m_Events = 2});
-    if (one.m_Offset == 220) bytes.replace(256, std::string::npos, 768, '\0');
-    std::memcpy(&bytes.at(one.m_Offset), &one.m_Value, sizeof(one.m_Value));
-    Seal(bytes);
-    WriteSuper(1, bytes);
+    md_superblock1 record = Changed(1, {.m_Size = 2048, .m_Events = 2}, one.m_Offset, one.m_Value);
+    if (one.m_Offset == 220) std::memset(record.dev_roles, 0, sizeof(record.dev_roles));
+    WriteSuper(1, record);
     EXPECT_EQ(AddDisk(1), one.m_Add);
     EXPECT_EQ(Request(RUN_ARRAY), one.m_Run);
     EXPECT_EQ(MdStat().substr(0, MdStat().find('|')), one.m_Line);
