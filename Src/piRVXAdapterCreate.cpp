@@ -4,6 +4,7 @@
 #include "Src/piRVXAdapterCreate.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -224,7 +225,9 @@ unsigned int IPLUGINAPI_IMPL::AssembleArray(int descriptor, const char* name, md
       return PI::ERR_DEVICE_IO;
     }
   }
-  if (m_OS.Ioctl(descriptor, RUN_ARRAY, nullptr) < 0) {
+  const int refused = m_OS.Ioctl(descriptor, RUN_ARRAY, nullptr);
+  if (refused > 0) errno = EINVAL;  // md's concatenation answers 1 where it does not start
+  if (refused != 0) {
     RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't start array, %s", SystemError());
     return PI::ERR_DEVICE_IO;
   }

@@ -261,7 +261,8 @@ bool SharesSlot(const SArray& array) {
 /// What the level itself refuses when it is started.
 int StartPersonality(SArray& array) {
   const SPersonality* personality = FindPersonality(array.m_Level);
-  if (personality == nullptr || !IsEnough(array) || SharesSlot(array)) return EINVAL;
+  if (personality == nullptr) return EINVAL;
+  if (!IsEnough(array) || SharesSlot(array)) return array.m_Level == -1 ? -1 : EINVAL;
   if (std::cmp_less(array.m_RaidDisks, LeastDisks(array.m_Level))) return EINVAL;
   if (array.m_Level != 1 && array.m_Level != -1 && array.m_ChunkSectors == 0) return EINVAL;
   if (!personality->m_Syncs) {

@@ -19,7 +19,8 @@ const SPersonality* FindPersonality(int level);
 constexpr unsigned int LeastDisks(int level) { return level == 6 ? 4 : 1; }
 const SPersonality* FindPersonality(const std::string& name);
 
-/// Carries out a request on an array's device; 0 or the error. `argument` as ioctl() takes it.
+/// Carries out a request on an array's device; 0, the error, or minus an answer above 0: a concatenation that
+/// does not start answers 1. `argument` as ioctl() takes it.
 int MdIoctl(SMachine& machine, SArray& array, unsigned long request, void* argument);
 /// Opening a number of one of md's majors makes the array's device when it is new. Other numbers are left
 /// alone.

@@ -366,8 +366,9 @@ int CSimulatedMachine::Ioctl(int descriptor, unsigned long request, void* argume
   if (!block) return Failed(ENODEV);
   if (request == BLKGETSIZE64) return Failed(SizeOf(*block, argument));
   SMachine& machine = m_Inside->m_Machine;
-  return Failed(block->m_Array != nullptr ? MdIoctl(machine, *block->m_Array, request, argument)
-                                          : DiskIoctl(machine, *block->m_Disk, request, argument));
+  const int error = block->m_Array != nullptr ? MdIoctl(machine, *block->m_Array, request, argument)
+                                              : DiskIoctl(machine, *block->m_Disk, request, argument);
+  return error < 0 ? -error : Failed(error);
 }
 
 int CSimulatedMachine::WaitExceptional(int descriptor, std::uint64_t time) {

@@ -130,7 +130,8 @@ std::string CContract::MdStat() {
 }
 
 int CContract::Request(unsigned long request, void* argument) {
-  const int error = ErrorOf(Os().Ioctl(m_Array, request, argument));
+  const int answer = Os().Ioctl(m_Array, request, argument);
+  const int error = answer > 0 ? answer : ErrorOf(answer);
   m_Stopped = m_Stopped || (request == STOP_ARRAY && error == 0);
   return error;
 }

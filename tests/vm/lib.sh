@@ -8,16 +8,16 @@
 #   expect_eq "it has two members" 2 "$(< /sys/block/md0/md/raid_disks)"
 set -euo pipefail
 
-passed=0 failed=0
+passed_count=0 failed_count=0
 
 # verdict STATUS NAME WHY: why, cut to a length that a list of results can show, is told when the status is not 0.
 verdict() {
     local why=${3//$'\n'/ | }
     if [ "$1" = 0 ]; then
-        passed=$((passed + 1))
+        passed_count=$((passed_count + 1))
         echo "ok - $2"
     else
-        failed=$((failed + 1))
+        failed_count=$((failed_count + 1))
         echo "not ok - $2: ${why:0:300}"
     fi
 }
@@ -47,8 +47,8 @@ expect_match() {
 finish() {
     verdict "$?" "the script runs to its end" "it ended before"
     trap - EXIT
-    echo "# $passed passed, $failed failed"
-    exit $((failed > 0))
+    echo "# $passed_count passed, $failed_count failed"
+    exit $((failed_count > 0))
 }
 trap finish EXIT
 trap 'exit 143' TERM # out of time
