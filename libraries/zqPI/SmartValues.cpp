@@ -33,7 +33,7 @@ struct SFamily {
 // The first row that fits counts. The kernel cuts the models of ATA disks to 16 characters, the maker's name
 // included: a pattern must fit what is left.
 constexpr std::array<SFamily, 16> FAMILIES{{
-    {"Intel", "SSDSC*[0-9]R*", 233, SECTOR, 170, 245},  // Dell's firmware; with "INTEL" the R is cut off
+    {"Intel", "SSDSC*[78]R*", 233, SECTOR, 170, 245},  // Dell's firmware; with "INTEL" the R is cut off
     {"Intel", "@(SSDSA|SSDMAE|SSDSC2MH)*", 225, MIB32, 232, 233},
     {"Intel", "@(SSDSC|SSDMCE)*", 241, MIB32, 232, 233},
     {"Samsung", "@(SSD 8|MZ)*", 241, SECTOR, 179, 177},
