@@ -205,8 +205,9 @@ ZQ_API void* releaseIf(IPLUGINAPI** inout) {
   using NAMESPACE_piRVX::IPLUGINAPI_IMPL;
   // Only createIf makes instances.
   auto* const instance = static_cast<IPLUGINAPI_IMPL*>(*inout);
-  if (instance != nullptr && instance->HasRunningThread())
-    // It hangs in the kernel, where no cancellation reaches it, and will come back to the instance's memory.
+  // A cancelled thread may have a program to wait for. One that is there still hangs in the kernel, where no
+  // cancellation reaches it, and will come back to the instance's memory.
+  if (instance != nullptr && instance->HasRunningThread(2000))
     NAMESPACE_piRVX::ErrorLine(NAMESPACE_piRVX::TRACE_SOURCE, __LINE__,
                                "releaseIf() a thread still runs: its instance is left in place");
   else

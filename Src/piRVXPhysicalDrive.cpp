@@ -4,6 +4,7 @@
 #include <linux/hdreg.h>
 
 #include <algorithm>
+#include <mutex>
 
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
@@ -12,7 +13,7 @@
 
 namespace NAMESPACE_piRVX {
 
-std::vector<CCachedSmartData> gSmartData;
+std::vector<CCachedSmartData>& gSmartData = *new std::vector<CCachedSmartData>;
 
 namespace {
 
@@ -221,12 +222,17 @@ unsigned int IPLUGINAPI_IMPL::SetPhysicalDriveProperty(CRVXPhysicalDrive&, PI::C
 }
 
 unsigned int IPLUGINAPI_IMPL::GetSmartData(const std::string& devicePath, PI::_IDE_SMART_DATA& data) {
-  const auto entry = std::find_if(gSmartData.begin(), gSmartData.end(), [&](const CCachedSmartData& cached) {
-    return cached.m_DevicePath == devicePath;
-  });
-  if (entry != gSmartData.end()) {
-    data = entry->m_Data;
-    if (m_OS.Now() - entry->m_Time <= SMART_MAX_AGE) return PI::OK;
+  static std::mutex s_Lock;  // never held while a disk is asked
+  const auto find = [&] {
+    return std::find_if(gSmartData.begin(), gSmartData.end(),
+                        [&](const CCachedSmartData& cached) { return cached.m_DevicePath == devicePath; });
+  };
+  {
+    const std::lock_guard guard(s_Lock);
+    if (const auto entry = find(); entry != gSmartData.end()) {
+      data = entry->m_Data;
+      if (m_OS.Now() - entry->m_Time <= SMART_MAX_AGE) return PI::OK;
+    }
   }
   const CBlockDevice device(m_OS, devicePath, O_RDONLY);
   if (!device.IsOpen()) return PI::ERR_GENERAL;
@@ -235,7 +241,8 @@ unsigned int IPLUGINAPI_IMPL::GetSmartData(const std::string& devicePath, PI::_I
   std::array<unsigned char, HEADER + sizeof(PI::_IDE_SMART_DATA)> buffer{WIN_SMART, 0, SMART_READ_VALUES, 1};
   if (m_OS.Ioctl(device.Get(), HDIO_DRIVE_CMD, buffer.data()) < 0) return PI::ERR_GENERAL;
   std::copy(buffer.begin() + HEADER, buffer.end(), data.m_Bytes.begin());
-  if (entry != gSmartData.end()) {
+  const std::lock_guard guard(s_Lock);
+  if (const auto entry = find(); entry != gSmartData.end()) {
     entry->m_Time = m_OS.Now();
     entry->m_Data = data;
   } else {

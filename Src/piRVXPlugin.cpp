@@ -22,8 +22,8 @@ constexpr std::uint64_t OBJECT_ID_BASE = std::uint64_t{295} << 48;  ///< the mod
 constexpr int END_LOOKS = 50;             ///< that DeInitialize takes at its threads before it cancels them
 constexpr unsigned long END_PAUSE = 500;  ///< ms between two looks
 
-bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread) {
-  return thread && thread->Wait(0) == KVT::Threading::WAIT_TIMED_OUT;
+bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread, unsigned long time = 0) {
+  return thread && thread->Wait(time) == KVT::Threading::WAIT_TIMED_OUT;
 }
 
 }  // namespace
@@ -141,7 +141,9 @@ unsigned int IPLUGINAPI_IMPL::DeInitialize() {
   return PI::OK;
 }
 
-bool IPLUGINAPI_IMPL::HasRunningThread() const { return Runs(m_WorkerThread) || Runs(m_EventPollThread); }
+bool IPLUGINAPI_IMPL::HasRunningThread(unsigned long time) const {
+  return Runs(m_WorkerThread, time) || Runs(m_EventPollThread, time);
+}
 
 unsigned long IPLUGINAPI_IMPL::NewID() { return m_NextID++ | OBJECT_ID_BASE; }
 

@@ -31,8 +31,9 @@ struct CCachedSmartData {
   PI::_IDE_SMART_DATA m_Data;
 };
 
-/// SMART blocks of all drives; process-wide, used only under the instance's m_DataLock.
-extern std::vector<CCachedSmartData> gSmartData;
+/// SMART blocks of all drives; process-wide, and so under a lock of its own: an instance that was left to a
+/// thread that hangs in a disk may have a successor. Lives as long as the process.
+extern std::vector<CCachedSmartData>& gSmartData;
 
 /// What the worker keeps from pass to pass.
 struct SWorkerState {
@@ -60,8 +61,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// Takes no lock. Ends after 26 s of sleeping at most, whatever the threads and the clock do. A thread that
   /// hangs in the kernel then outlives it: ask HasRunningThread.
   unsigned int DeInitialize();
-  /// Whether a thread may still touch the instance.
-  bool HasRunningThread() const;
+  /// Whether a thread may still touch the instance, after so many milliseconds for each to end.
+  bool HasRunningThread(unsigned long time = 0) const;
   /// @}
 
   /// @name Requests; each holds m_DataLock for its whole duration
