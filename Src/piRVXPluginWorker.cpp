@@ -141,7 +141,10 @@ unsigned int IPLUGINAPI_IMPL::RefreshModel() {
   ++m_Adapter.m_UpdateCounter;
   // The merge compares a document with itself, since a scan carries it along: what changes it shows here.
   for (CRVXLogicalDrive& array : m_LogicalDrives)
-    if (BuildConfiguration(array, m_PhysicalDrives)) ++array.m_UpdateCounter;
+    if (BuildConfiguration(array, m_PhysicalDrives)) {
+      ++array.m_UpdateCounter;
+      status = PI::OK;
+    }
   return status;
 }
 
