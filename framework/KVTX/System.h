@@ -17,12 +17,12 @@ class ZQ_API CSystem {
   /// The arguments are cut at blanks; no shell takes part. "2>&1" as an argument adds standard error to the
   /// lines, otherwise it is dropped. A program that runs longer than 3 s or prints more than 1 MiB is killed
   /// with its process group; one that does not end within another second (it waits for a dead disk, say) is
-  /// left to itself. With eight of those left nothing more is started.
+  /// left to itself. As long as it is there it is not started a second time; with eight of those nothing is.
   /// A cancellation point: the program is killed. Safe in a server that ignores SIGCHLD or reaps all
   /// children.
   /// @return 1 when it ran and ended with status 0; 0 when it could not be started; 130
-  ///         (KVT::Threading::WAIT_TIMED_OUT) when it was given up for want of time; 2 when it ended
-  ///         otherwise. What it printed is in `lines` in every case.
+  ///         (KVT::Threading::WAIT_TIMED_OUT) when it was given up for want of time, now or before
+  ///         and not ended since; 2 when it ended otherwise. What it printed is in `lines` in every case.
   static int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                             std::vector<std::string>& lines);
 };

@@ -3,9 +3,11 @@
 
 #include <string>
 
+#include "KVT/Api.h"
+
 namespace KVT::Internal {
 
 /// Writes a line of the toolkit itself to the error log; as safe as KVT::Trace::WriteError.
-void LogToolkitError(const char* source, int line, const std::string& text);
+ZQ_API void LogToolkitError(const char* source, int line, const std::string& text);
 
 }  // namespace KVT::Internal

@@ -17,6 +17,7 @@
 #include "KVTX/System.h"
 #include "libraries/common/FileDescriptor.h"
 #include "libraries/common/TextStream.h"
+#include "libraries/zqKVT/ErrorLog.h"
 
 extern "C" {  // glibc 2.36 does not say so itself
 #include <sys/pidfd.h>
@@ -32,6 +33,8 @@ using KVT::Internal::TextStream;
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+
+constexpr int OUT_OF_TIME = static_cast<int>(KVT::Threading::WAIT_TIMED_OUT);
 
 /// Milliseconds until then, 0 when that has passed.
 int Until(steady_clock::time_point end) {
@@ -77,23 +80,39 @@ class CChild {
 /// The children that were killed and did not end, such as one that waits for a dead disk.
 class CLeftChildren {
  public:
-  /// Reaps those that have ended meanwhile; returns how many are left.
-  std::size_t Reap() {
+  /// Why a command is not started: the result it has without, none when it may be. An equal one that is left
+  /// would wait for the same thing; and there may not be more than so many.
+  std::optional<int> Refuses(const std::string& command, std::size_t most) {
     const std::lock_guard guard(m_Lock);
-    std::erase_if(m_Children, [](const CChild& child) { return child.Reap(milliseconds(0)).has_value(); });
-    return m_Children.size();
+    std::erase_if(m_Children,
+                  [](const SLeft& left) { return left.m_Child.Reap(milliseconds(0)).has_value(); });
+    for (const SLeft& left : m_Children)
+      if (left.m_Command == command) return OUT_OF_TIME;
+    const bool full = m_Children.size() >= most;
+    if (full && !m_Told)
+      KVT::Internal::LogToolkitError(
+          "System", __LINE__,
+          "programs that were killed have not ended: no other is started (" + command + ")");
+    m_Told = full;
+    return full ? std::optional(0) : std::nullopt;
   }
-  void Add(CChild child) {
+  void Add(CChild child, const std::string& command) {
     const std::lock_guard guard(m_Lock);
     try {
-      m_Children.push_back(std::move(child));
+      m_Children.push_back({std::move(child), command});
     } catch (const std::bad_alloc&) {  // destructors add: a zombie is the lesser evil
     }
   }
 
  private:
+  struct SLeft {
+    CChild m_Child;
+    std::string m_Command;
+  };
+
   std::mutex m_Lock;
-  std::vector<CChild> m_Children;
+  std::vector<SLeft> m_Children;
+  bool m_Told{false};
 };
 
 /// Never destroyed: threads run programs until the process ends.
@@ -105,13 +124,14 @@ CLeftChildren& LeftChildren() {
 /// Kills a child when the scope ends before the child does.
 class CChildGuard {
  public:
-  CChildGuard(CChild child, milliseconds killTime) : m_Child(std::move(child)), m_KillTime(killTime) {}
+  CChildGuard(CChild child, milliseconds killTime, std::string command)
+      : m_Child(std::move(child)), m_KillTime(killTime), m_Command(std::move(command)) {}
   CChildGuard(const CChildGuard&) = delete;
   CChildGuard& operator=(const CChildGuard&) = delete;
   ~CChildGuard() {
     if (m_Reaped) return;
     m_Child.Kill();
-    if (!m_Child.Reap(m_KillTime)) LeftChildren().Add(std::move(m_Child));
+    if (!m_Child.Reap(m_KillTime)) LeftChildren().Add(std::move(m_Child), m_Command);
   }
   /// How a child that has ended did so, as CChild::Reap says it.
   bool Reap() {
@@ -123,6 +143,7 @@ class CChildGuard {
  private:
   CChild m_Child;
   milliseconds m_KillTime;
+  std::string m_Command;
   bool m_Reaped{false};
 };
 
@@ -224,7 +245,8 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 SCommandResult RunCommand(const boost::filesystem::path& program, const std::string& arguments,
                           const SCommandLimits& limits) {
-  if (LeftChildren().Reap() >= limits.m_LeftChildren) return {};
+  const std::string command = program.string() + ' ' + arguments;
+  if (const auto result = LeftChildren().Refuses(command, limits.m_LeftChildren)) return {*result, {}};
   std::vector<std::string> words{program.string()};
   auto stream = TextStream(arguments);
   for (std::string word; stream >> word;) words.push_back(std::move(word));
@@ -246,12 +268,12 @@ SCommandResult RunCommand(const boost::filesystem::path& program, const std::str
     return {};
   }
   const int process = handle.Get();
-  CChildGuard child(CChild(id, std::move(handle)), limits.m_KillTime);
+  CChildGuard child(CChild(id, std::move(handle)), limits.m_KillTime, command);
 
   std::string text;
   const EEnd end = Collect(output.Get(), process, limits, text);
   const bool succeeded = end == EEnd::ByItself && child.Reap();
-  const int failed = end == EEnd::OutOfTime ? static_cast<int>(KVT::Threading::WAIT_TIMED_OUT) : 2;
+  const int failed = end == EEnd::OutOfTime ? OUT_OF_TIME : 2;
   return {succeeded ? 1 : failed, SplitLines(text)};
 }
 
