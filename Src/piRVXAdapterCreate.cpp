@@ -42,6 +42,13 @@ std::uint32_t LowestFreeNumber(const std::vector<CRVXLogicalDrive>& arrays) {
   return number;
 }
 
+/// Who reads the node of a half-built array reads its disks. It stays, for the array to be stopped by it.
+void CloseToOthers(COperatingSystem& os, const std::string& path) {
+  struct stat status {};
+  if (os.Status(path, status) == 0 && (status.st_mode & S_IRWXO) != 0)
+    os.ChangeMode(path, status.st_mode & (S_IRWXU | S_IRWXG));
+}
+
 /// The minor number in a device key; -1 when it names none.
 long MinorOfKey(const std::string& key) {
   constexpr std::string_view MINOR = "Minor=";
@@ -137,7 +144,12 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
     return PI::ERR_NOT_AVAILABLE;
   }
   std::vector<CRVXPhysicalDrive*> members;
-  if (const unsigned int status = CollectMembers(wanted, members); status != PI::OK) return status;
+  const std::string path = std::string(DEVICE_FOLDER) + name;
+  unsigned int status = CollectMembers(wanted, members);
+  if (status != PI::OK) {
+    CloseToOthers(m_OS, path);
+    return status;
+  }
 
   mdu_array_info_s info{};
   info.major_version = 1;
@@ -155,9 +167,10 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
             info.level, members.size(), chunk, info.size, members[0]->m_MajorNumber,
             members[0]->m_MinorNumber, members[1]->m_MajorNumber, members[1]->m_MinorNumber);
 
-  unsigned int status = PI::ERR_OPEN_FAILED;
-  if (const CBlockDevice device(m_OS, std::string(DEVICE_FOLDER) + name, O_RDONLY); device.IsOpen())
+  status = PI::ERR_OPEN_FAILED;
+  if (const CBlockDevice device(m_OS, path, O_RDONLY); device.IsOpen())
     status = AssembleArray(device.Get(), name, info, members);
+  if (status != PI::OK) CloseToOthers(m_OS, path);
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", status);
   return status;
 }

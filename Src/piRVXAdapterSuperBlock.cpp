@@ -128,6 +128,7 @@ void IPLUGINAPI_IMPL::WakeDrive(const std::string& devicePath) {
     return;
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() device not ready, trying to start %s", devicePath);
   lines.clear();
+  // A spin-up may take longer than a program is given; the disk goes on with it, and the write waits for it.
   m_OS.ExecuteCommand(tool, Text("--command=start %s 2>&1", devicePath), lines);
   m_OS.Sleep(3000);
 }

@@ -45,6 +45,9 @@ class CTimedMachine final : public COperatingSystem {
   int MakeNode(const std::string& path, mode_t mode, dev_t device) override {
     return Timed([&] { return m_Machine.MakeNode(path, mode, device); });
   }
+  int ChangeMode(const std::string& path, mode_t mode) override {
+    return Timed([&] { return m_Machine.ChangeMode(path, mode); });
+  }
   int Status(const std::string& path, struct stat& status) override {
     return Timed([&] { return m_Machine.Status(path, status); });
   }

@@ -281,7 +281,7 @@ void CSession::HoldSignals() {
 void CSession::Start() {
   if (m_Started) return;
   m_Started = true;
-  HoldSignals();  // inherited by the plug-in's threads
+  HoldSignals();
   for (PI::CAdapterID& id : m_AdapterIDs) id.m_AdapterNumber = 0;
   Execute(PI::CMD_SET_ADAPTER_IDS, 0, &m_AdapterIDs);
 }

@@ -132,6 +132,10 @@ int CFaultyMachine::MakeNode(const std::string& path, mode_t mode, dev_t device)
   return Fails(ECall::MakeNode) ? -1 : m_Machine.MakeNode(path, mode, device);
 }
 
+int CFaultyMachine::ChangeMode(const std::string& path, mode_t mode) {
+  return Fails(ECall::ChangeMode) ? -1 : m_Machine.ChangeMode(path, mode);
+}
+
 int CFaultyMachine::Status(const std::string& path, struct stat& status) {
   return Fails(ECall::Status) ? -1 : m_Machine.Status(path, status);
 }

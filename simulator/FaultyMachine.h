@@ -23,6 +23,7 @@ class CFaultyMachine final : public COperatingSystem {
     Ioctl,
     WaitExceptional,
     MakeNode,
+    ChangeMode,
     Status,
     ReadLink,        ///< fails by returning none
     GetCommandPath,  ///< fails by returning 0
@@ -59,6 +60,7 @@ class CFaultyMachine final : public COperatingSystem {
   int Ioctl(int descriptor, unsigned long request, void* argument) override;
   int WaitExceptional(int descriptor, std::uint64_t milliseconds) override;
   int MakeNode(const std::string& path, mode_t mode, dev_t device) override;
+  int ChangeMode(const std::string& path, mode_t mode) override;
   int Status(const std::string& path, struct stat& status) override;
   int Status(int descriptor, struct stat& status) override;
   std::optional<std::string> ReadLink(const std::string& path) override;

@@ -31,6 +31,7 @@ class CForwardingMachine : public COperatingSystem {
   int MakeNode(const std::string& path, mode_t mode, dev_t device) override {
     return m_Machine.MakeNode(path, mode, device);
   }
+  int ChangeMode(const std::string& path, mode_t mode) override { return m_Machine.ChangeMode(path, mode); }
   int Status(const std::string& path, struct stat& status) override { return m_Machine.Status(path, status); }
   int Status(int descriptor, struct stat& status) override { return m_Machine.Status(descriptor, status); }
   std::optional<std::string> ReadLink(const std::string& path) override { return m_Machine.ReadLink(path); }

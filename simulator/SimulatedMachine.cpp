@@ -394,6 +394,16 @@ int CSimulatedMachine::MakeNode(const std::string& path, mode_t mode, dev_t devi
   return 0;
 }
 
+int CSimulatedMachine::ChangeMode(const std::string& path, mode_t mode) {
+  const CTurn turn(*m_Inside);
+  for (auto& node : m_Inside->m_Machine.m_Nodes) {
+    if (node.m_Path != path) continue;
+    node.m_Mode = S_IFBLK | mode;
+    return 0;
+  }
+  return Failed(ENOENT);
+}
+
 int CSimulatedMachine::Status(const std::string& path, struct stat& status) {
   const CTurn turn(*m_Inside);
   const auto entry = m_Inside->Entry(path);

@@ -88,6 +88,8 @@ int CLinux::MakeNode(const std::string& path, mode_t mode, dev_t device) {
   return ::mknod(path.c_str(), mode, device);
 }
 
+int CLinux::ChangeMode(const std::string& path, mode_t mode) { return ::chmod(path.c_str(), mode); }
+
 int CLinux::Status(const std::string& path, struct stat& status) { return ::stat(path.c_str(), &status); }
 
 int CLinux::Status(int descriptor, struct stat& status) { return ::fstat(descriptor, &status); }

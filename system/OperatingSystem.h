@@ -44,6 +44,8 @@ class COperatingSystem {
   virtual int WaitExceptional(int descriptor, std::uint64_t milliseconds) = 0;
   /// mknod(): a block-device node; the process's umask applies to `mode`.
   virtual int MakeNode(const std::string& path, mode_t mode, dev_t device) = 0;
+  /// chmod().
+  virtual int ChangeMode(const std::string& path, mode_t mode) = 0;
   virtual int Status(const std::string& path, struct stat& status) = 0;
   virtual int Status(int descriptor, struct stat& status) = 0;
   /// What a symbolic link points to; none when the path is no link or cannot be read.
@@ -52,7 +54,8 @@ class COperatingSystem {
   /// As KVT::Misc::CKvtApplication::GetCommandPath: 1 when found.
   virtual int GetCommandPath(const std::string& name, boost::filesystem::path& path) = 0;
   /// As KVTX::CSystem::ExecuteCommand: 1 when it ran and ended with status 0, 0 when it could not be started,
-  /// 130 when it was given up after 3 s, 2 when it ended otherwise.
+  /// 130 when it was given up after 3 s or an earlier run of it, given up too, has not ended; 2 when it ended
+  /// otherwise.
   virtual int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                              std::vector<std::string>& lines) = 0;
   /// As KVTX::CSystemPartitionTable::GetPartitions.
