@@ -98,6 +98,21 @@ TEST(Create, RefusesBeforeAnythingIsWritten) {
   EXPECT_TRUE(IsSuperBlock(SuperBlockOf(rig.m_Machine, rig.m_Plugin.Drive("sda")))) << "nothing is undone";
 }
 
+TEST(Create, ThatFailsLeavesANodeWithoutAccessForOthers) {
+  const std::tuple<const char*, int, unsigned int, mode_t> cases[] = {
+      {"sdb", 0, 0, 0666},
+      {"?", 0, 20008, 0660},
+      {"sdb", -1, 20003, 0660}};  // md answers 1 for a concatenation
+  for (const auto& [disk, answer, status, mode] : cases) {
+    SMdRig rig(THREE);
+    if (answer != 0) rig.m_Own.m_Answers[RUN_ARRAY] = answer;
+    EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_CONCATENATION, 0, {"sda", disk}), status);
+    struct stat node {};
+    EXPECT_EQ(rig.m_Machine.Status("/dev/md_d0", node), 0);
+    EXPECT_EQ(node.st_mode, S_IFBLK | mode) << status;
+  }
+}
+
 TEST(ArrayName, IsTheLowestFreeNumber) {
   std::vector<std::uint32_t> all(256);
   for (std::uint32_t number = 0; number < 256; ++number) all[number] = 255 - number;

@@ -292,8 +292,11 @@ TEST(Pass, AConfigurationDocumentThatChangesCounts) {
   rig.Pass();
   EXPECT_EQ(rig.m_Plugin.Array("md_d0").m_UpdateCounter, counter);
   rig.m_Own.m_Disks = {member(0, 0, 0, DISK_ACTIVE | DISK_SYNC), member(1, 16, 1, DISK_FAULTY)};
+  rig.m_Plugin.TakeEvents();
+  rig.m_Plugin.LockObjects(-1, -1, -1, -1);
   rig.Pass();  // the failed member stands in a slot now: no spare of the document any more
   EXPECT_EQ(rig.m_Plugin.Array("md_d0").m_UpdateCounter, counter + 1);
+  EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy);
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
   }
   if (const auto answer = m_Answers.find(request); answer != m_Answers.end()) {
     errno = answer->second;
-    return answer->second == 0 ? 0 : -1;
+    return answer->second <= 0 ? -answer->second : -1;
   }
   if (request == GET_DISK_INFO) ++m_DiskQueries;
   if (request == GET_DISK_INFO && !m_Disks.empty()) {

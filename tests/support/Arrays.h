@@ -51,7 +51,7 @@ class CMdDoor : public CForwardingMachine {
   /// Answers of GET_DISK_INFO by number; a number that is not there is refused. Empty: md answers.
   std::map<int, mdu_disk_info_t> m_Disks;
   std::function<void(mdu_array_info_t&)> m_Array;  ///< changes the answers of GET_ARRAY_INFO
-  /// Requests that succeed, or fail with this errno, without reaching md.
+  /// Requests that fail with this errno without reaching md, or answer 0 or the amount of what is below.
   std::map<unsigned long, int> m_Answers;
   /// Changes in a line each, with the numbers of their record or the argument itself: "add 2 8 32 -1 0",
   /// "stop 0", "node /dev/md_d1 60666 253:64".

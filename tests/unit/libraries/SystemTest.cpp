@@ -125,9 +125,15 @@ TEST_F(Command, LimitsEndAProgramWithItsChildren) {
 
 TEST_F(Command, ThatDoesNotDieIsLeftButNotForgotten) {
   const CFailingCall lost(CFailingCall::SIGNAL_PROCESS);
+  testing::internal::CaptureStderr();
   EXPECT_EQ(Run("echo $$" + m_ToFile + DESERTER, LITTLE).m_Result, 2);
-  EXPECT_EQ(Run("echo refused", LITTLE).m_Result, 0);
-  EXPECT_EQ(Run("echo out").m_Result, 1);
+  EXPECT_EQ(Run("echo the same script").m_Result, 130);
+  for (const char* word : {"first", "second"}) EXPECT_EQ(RunCommand("/bin/echo", word, LITTLE).m_Result, 0);
+  EXPECT_EQ(RunCommand("/bin/echo", "third", {}).m_Result, 1);
+  const std::string log = testing::internal::GetCapturedStderr(),
+                    told = "no other is started (/bin/echo first)";
+  EXPECT_THAT(log, testing::HasSubstr(told));
+  EXPECT_EQ(log.find("no other is started"), log.rfind("no other is started"));
   kill(ID(), SIGKILL);
   EXPECT_TRUE(Soon([&] { return Run("echo out", LITTLE).m_Result == 1; }));
   EXPECT_TRUE(NoChildIsLeft());
