@@ -83,10 +83,7 @@ TEST(Application, FindsProgramsInTrustedFoldersOnly) {
     EXPECT_NE(KVT::Misc::CKvtApplication::GetCommandPath(name, path), 1) << name;
   EXPECT_EQ(path, "unchanged");
   EXPECT_TRUE(KVT::Misc::CKvtApplication::GetCommandPath("sh", path) == 1 && path.is_absolute()) << path;
-}
-
-TEST(Application, TakesAnEmptyFolderForNone) {
-  const CEnvironmentVariable place("ZQ_CONFIG_DIR", "");
+  const CEnvironmentVariable none("ZQ_CONFIG_DIR", "");
   EXPECT_EQ(KVT::Misc::CKvtApplication::GetConfigDirectory(), "/etc/zq");
 }
 
