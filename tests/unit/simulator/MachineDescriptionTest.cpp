@@ -56,7 +56,8 @@ TEST(MachineDescription, ComplaintsNameThePlace) {
 }
 
 TEST(MachineDescription, AnEqualMachineComesBack) {
-  const std::string everyKey = Simulation::ReadDescription(RVX_SOURCE_DIR "/tests/fuzz/every_key.json");
+  const std::string everyKey =
+      Simulation::ReadDescription(RVX_SOURCE_DIR "/tests/fuzz/corpus/Machine/every_key.json");
   for (const std::string& description : {CSimulatedMachine::DemoDescription(), everyKey}) {
     CSimulatedMachine first(description);
     first.Apply(R"({"remove_disk": "sdb"})");  // what is scripted for it is impossible from now on
