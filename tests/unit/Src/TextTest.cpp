@@ -1,7 +1,6 @@
 // What the plug-in makes of the texts that Linux hands out, well-formed and not.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "Src/piRVXText.h"
 #include "Src/piRVXTrace.h"

@@ -1,7 +1,5 @@
 // What the framework does for its plug-ins: documents, configuration file, SMART, conversions.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <numeric>
 #include <sstream>
@@ -14,7 +12,6 @@ namespace {
 
 using namespace PI;
 using KVT::XML::CMarkup;
-using testing::ElementsAre;
 
 constexpr std::uint64_t UNKNOWN64 = CSmartValues::UNKNOWN64;
 constexpr std::uint32_t UNKNOWN32 = CSmartValues::UNKNOWN32;
@@ -74,19 +71,19 @@ TEST_F(ConfigFile, WritesOneKeyAndKeepsTheRest) {
 }
 
 TEST_F(ConfigFile, KeepsModeAndLinkOfTheFile) {
-  const auto mode = [](const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0U;
+  using std::filesystem::perms;
+  const auto mode = [&](const char* name) {
+    return std::filesystem::status(m_Folder.Path(name)).permissions();
   };
   ASSERT_EQ(m_File.WriteKeyValue("a", "1", -1, -1), OK);
-  EXPECT_EQ(mode(m_Folder.Path("test.ini")), 0644U) << "a new file";
+  EXPECT_EQ(mode("test.ini"), perms{0644}) << "a new file";
   std::filesystem::rename(m_Folder.Path("test.ini"), m_Folder.Path("real.ini"));
   std::filesystem::create_symlink("real.ini", m_Folder.Path("test.ini"));
-  ASSERT_EQ(chmod(m_Folder.Path("real.ini").c_str(), 0600), 0);
+  std::filesystem::permissions(m_Folder.Path("real.ini"), perms{0600});
   ASSERT_EQ(m_File.WriteKeyValue("a", "2", -1, -1), OK);
   EXPECT_TRUE(std::filesystem::is_symlink(m_Folder.Path("test.ini")));
   EXPECT_EQ(m_Folder.Read("real.ini"), "a=2\n");
-  EXPECT_EQ(mode(m_Folder.Path("real.ini")), 0600U);
+  EXPECT_EQ(mode("real.ini"), perms{0600});
 }
 
 TEST_F(ConfigFile, RefusesWhatItCannotWriteAndTouchesNothing) {

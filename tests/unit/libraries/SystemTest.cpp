@@ -1,6 +1,5 @@
 // The extended toolkit: programs, partitions, time.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 

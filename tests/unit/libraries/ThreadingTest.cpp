@@ -99,18 +99,6 @@ TEST(Thread, WaitTellsWhetherItRunsAndTheBodyIsGoneAtItsEnd) {
     EXPECT_EQ(sigismember(&inside, fault), 0) << fault;
 }
 
-TEST(Thread, OneThatCannotBeMadeLeavesNothing) {
-  const auto owned = std::make_shared<int>(0);
-  pthread_attr_t before, attributes;
-  pthread_getattr_default_np(&before);
-  pthread_getattr_default_np(&attributes);
-  pthread_attr_setstacksize(&attributes, std::size_t{1} << 47);  // more than there are addresses
-  pthread_setattr_default_np(&attributes);
-  EXPECT_THROW(CThread::Create([owned] {}, 0), std::system_error);
-  pthread_setattr_default_np(&before);
-  EXPECT_EQ(owned.use_count(), 1);
-}
-
 TEST(Thread, CancellationUnwindsEveryWait) {
   CEvent never, entered;
   for (const unsigned long time : {INFINITE_WAIT, 10 * DEADLINE}) {

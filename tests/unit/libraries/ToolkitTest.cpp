@@ -1,6 +1,5 @@
 // The toolkit apart from threads: patterns, documents, catalogues, programs, traces.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
 #include <cerrno>

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "simulator/DescriptionFile.h"
 #include "simulator/SimulatedMachine.h"
@@ -9,8 +8,6 @@
 
 namespace NAMESPACE_piRVX {
 namespace {
-
-using testing::HasSubstr;
 
 /// Two disks on one controller, and what a test adds to the second of them and to the machine.
 std::string Machine(const std::string& disk, const std::string& more = "") {
@@ -22,16 +19,8 @@ std::string Machine(const std::string& disk, const std::string& more = "") {
 std::string Array(const std::string& keys) { return Machine("", ", \"arrays\": [{" + keys + "}]"); }
 std::string Script(const std::string& entries) { return Machine("", ", \"script\": [" + entries + "]"); }
 
-/// The message of the error that the call must end with.
-template <typename TCall>
-std::string Complaint(TCall call) {
-  try {
-    call();
-  } catch (const CMachineError& error) {
-    return error.what();
-  }
-  return "(none)";
-}
+/// A call that ends with the error whose message has this text.
+auto Complains(const char* text) { return testing::ThrowsMessage<CMachineError>(testing::HasSubstr(text)); }
 
 TEST(MachineDescription, ComplaintsNameThePlace) {
   const std::pair<std::string, const char*> cases[] = {
@@ -52,7 +41,7 @@ TEST(MachineDescription, ComplaintsNameThePlace) {
       {Script(R"({"at": 2, "hold_disk": "sdb", "remove_disk": "sdb"})"), "one entry makes one change"},
   };
   for (const auto& [description, complaint] : cases)
-    EXPECT_THAT(Complaint([text = description] { CSimulatedMachine machine(text); }), HasSubstr(complaint));
+    EXPECT_THAT([text = description] { CSimulatedMachine machine(text); }, Complains(complaint));
 }
 
 TEST(MachineDescription, AnEqualMachineComesBack) {
@@ -79,7 +68,7 @@ TEST(MachineDescription, IsReadFromRegularFilesOnly) {
                                         {folder.Path(), ": is no regular file"},
                                         {folder.Path("large"), "large: is larger than 64 MiB"},
                                         {folder.Path("none"), "none: No such file or directory"}})
-    EXPECT_THAT(Complaint([name = file] { Simulation::ReadDescription(name); }), HasSubstr(complaint));
+    EXPECT_THAT([name = file] { Simulation::ReadDescription(name); }, Complains(complaint));
 }
 
 TEST(MachineDescription, AFileThatIsReplacedKeepsWhatItIs) {
