@@ -4,7 +4,6 @@
 #include <fstream>
 
 #include "KVT/Language.h"
-#include "KVT/Regex.h"
 #include "PI/Helpers.h"
 #include "PI/LogicalDrive.h"
 #include "Src/piRVXText.h"
@@ -77,14 +76,6 @@ void Configuration(FuzzedDataProvider& data) {
   Require(text.empty() || (document.SetDoc(text) && document.GetDoc() == text), "a document comes back");
 }
 
-void Pattern(FuzzedDataProvider& data) {
-  try {
-    const KVT::Regex pattern(data.ConsumeRandomLengthString(60));
-    pattern.Match(data.ConsumeRemainingBytesAsString());
-  } catch (const std::invalid_argument&) {  // it is none
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -96,7 +87,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   FuzzedDataProvider data(bytes, size);
-  constexpr std::array PARSERS = {LinuxTexts, Smart, Ini, Catalogue, Configuration, Pattern};
+  constexpr std::array PARSERS = {LinuxTexts, Smart, Ini, Catalogue, Configuration};
   data.PickValueInArray(PARSERS)(data);
   return 0;
 }

@@ -8,8 +8,6 @@
 
 #include "Program.h"
 
-namespace rvxctl_test {
-
 namespace {
 
 using testing::HasSubstr;
@@ -81,5 +79,3 @@ TEST(Package, InstalledPiecesFindEachOther) {
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-namespace rvxctl_test {
-
 CProgram::CProgram(Words words, bool terminal) {
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
@@ -90,5 +88,3 @@ SResult Rvxctl(const Words& words, const Words& surroundings) {
 std::string Simulate(const std::string& machine) {
   return "--simulate=" RVX_SOURCE_DIR "/tests/host/machines/" + machine + ".json";
 }
-
-}  // namespace rvxctl_test

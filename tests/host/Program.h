@@ -10,8 +10,6 @@
 
 #include "tests/unit/libraries/TemporaryFolder.h"
 
-namespace rvxctl_test {
-
 using Words = std::vector<std::string>;
 
 /// A running program. Its destructor ends it, and an alarm after a minute.
@@ -57,5 +55,3 @@ SResult ResultOf(const Words& words);
 SResult Rvxctl(const Words& words, const Words& surroundings = {});
 /// "--simulate=..." of a machine that belongs to the tests.
 std::string Simulate(const std::string& machine);
-
-}  // namespace rvxctl_test

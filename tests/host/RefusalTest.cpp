@@ -8,8 +8,6 @@
 
 #include "Program.h"
 
-namespace rvxctl_test {
-
 namespace {
 
 using testing::HasSubstr;
@@ -35,33 +33,13 @@ void ExpectFailure(Words words, int status, const Told& told, const Words& surro
   }
 }
 
-TEST(Refusal, WrongCommandLinesAndMachines) {
+TEST(Refusal, Machines) {
   const CTemporaryFolder folder;
-  const std::string plain = Simulate("plain");
   const std::pair<Words, const char*> cases[] = {
-      {{plain, "array", "bogus"}, "unknown command \"bogus\"; 'rvxctl array --help'"},
-      {{plain, "prop", "set"}, "a command is missing after \"rvxctl prop set\""},
-      {{plain, "disk", "show"}, "DISK is required"},
-      {{plain, "array", "create", "--level", "raid9", "sda", "sdb"}, "raid9"},
-      {{plain, "array", "create", "--level", "raid0", "--stripe", "5", "sda", "sdb"}, "--stripe"},
-      {{plain, "array", "delete"}, "say which array"},
-      {{plain, "array", "delete", "md_d0", "--all"}, "say which array"},
-      {{plain, "prop", "set", "plugin", "poll-interval", "1"}, "between 2 and 255"},
       {{"--simulate", "--save", "status"}, "--save needs a file"},
       {{"--simulate=" + folder.Write("wrong.json", "{\n\"disks\": [\n}"), "status"}, "wrong.json: line 3"},
-      {{"--simulate=" + folder.Path("none.json"), "status"}, "none.json: No such file"},
-  };
+      {{"--simulate=" + folder.Path("none.json"), "status"}, "none.json: No such file"}};
   for (const auto& [words, message] : cases) ExpectFailure(words, 2, {message});
-}
-
-TEST(Refusal, Plugins) {
-  const std::pair<const char*, std::string> cases[] = {
-      {"/nowhere/libpiRVXsim.so", "/nowhere/libpiRVXsim.so"},
-      {"libpiRVXsim.so", "write " + (std::filesystem::current_path() / "libpiRVXsim.so").string()},
-      {RVX_LIBRARY, "exports no createIf and releaseIf"},
-      {RVX_FAILING_PLUGIN, "20007: There is not enough memory"}};
-  for (const auto& [path, told] : cases)
-    ExpectFailure({"--simulate", "--plugin", path, "status"}, 9, {"cannot load the plug-in: ", told});
 }
 
 TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
@@ -76,8 +54,21 @@ TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
   EXPECT_EQ(result.Json()["errors"][0]["exitStatus"], 8);
 }
 
-TEST(Refusal, OfObjectsAndStates) {
+TEST(Refusal, OfCommandLinesObjectsAndStates) {
+  const std::string relative = (std::filesystem::current_path() / "libpiRVXsim.so").string();
   const std::tuple<const char*, std::string, int, Told> cases[] = {
+      {"plain", "array bogus", 2, {"unknown command \"bogus\"; 'rvxctl array --help'"}},
+      {"plain", "prop set", 2, {"a command is missing after \"rvxctl prop set\""}},
+      {"plain", "disk show", 2, {"DISK is required"}},
+      {"plain", "array create --level raid9 sda sdb", 2, {"raid9"}},
+      {"plain", "array create --level raid0 --stripe 5 sda sdb", 2, {"--stripe"}},
+      {"plain", "array delete", 2, {"say which array"}},
+      {"plain", "array delete md_d0 --all", 2, {"say which array"}},
+      {"plain", "prop set plugin poll-interval 1", 2, {"between 2 and 255"}},
+      {"plain", "status --plugin libpiRVXsim.so", 9, {"cannot load the plug-in: ", "write " + relative}},
+      {"plain", "status --plugin /nowhere/libpiRVXsim.so", 9, {"/nowhere/libpiRVXsim.so"}},
+      {"plain", "status --plugin " RVX_LIBRARY, 9, {"exports no createIf and releaseIf"}},
+      {"plain", "status --plugin " RVX_FAILING_PLUGIN, 9, {"20007: There is not enough memory"}},
       {"plain", "disk show sdz", 3, {"there is no disk \"sdz\"; there are: sda, sdb, sdc, sdd"}},
       {"plain", "array show sda", 3, {"there is no array \"sda\"; there is none at all"}},
       {"plain", "operations 0x99", 3, {"there is no object \"0x99\"; there are: plugin, adapter, sda"}},
@@ -140,5 +131,3 @@ TEST(Refusal, ADryRunIsOneDocumentWhateverTheCheckSays) {
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

@@ -9,8 +9,6 @@
 
 #include "Program.h"
 
-namespace rvxctl_test {
-
 namespace {
 
 using nlohmann::json;
@@ -136,5 +134,3 @@ TEST(Question, OnlyAYesChangesSomething) {
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

@@ -5,8 +5,6 @@
 
 #include "Program.h"
 
-namespace rvxctl_test {
-
 namespace {
 
 using nlohmann::json;
@@ -44,17 +42,15 @@ TEST(Show, EveryCommandGivesOneDocumentAndATable) {
   }
 }
 
-const json& ObjectOf(const json& topology, const std::string& name) {
-  for (const json& object : topology["data"]["objects"])
-    if (object["name"] == name) return object;
-  throw std::runtime_error("no object " + name);
+const json& Find(const json& list, const char* key, const json& value) {
+  for (const json& one : list)
+    if (one[key] == value) return one;
+  throw std::runtime_error("there is none with " + value.dump());
 }
-
-const json& PropertyOf(const json& object, int id) {
-  for (const json& property : object["properties"])
-    if (property["id"] == id) return property;
-  throw std::runtime_error("no property " + std::to_string(id));
+const json& ObjectOf(const json& topology, const char* name) {
+  return Find(topology["data"]["objects"], "name", name);
 }
+const json& PropertyOf(const json& object, int id) { return Find(object["properties"], "id", id); }
 
 TEST(Show, TopologyTellsWhatScriptsNeed) {
   const json topology = Rvxctl({Simulate("arrays"), "--json", "topology"}).Json();
@@ -113,5 +109,3 @@ TEST(Show, OutputThatCannotBeWrittenIsAnError) {
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

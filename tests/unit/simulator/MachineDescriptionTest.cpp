@@ -6,7 +6,8 @@
 #include "system/Descriptor.h"
 #include "tests/unit/libraries/TemporaryFolder.h"
 
-namespace NAMESPACE_piRVX {
+using namespace NAMESPACE_piRVX;
+
 namespace {
 
 /// Two disks on one controller, and what a test adds to the second of them and to the machine.
@@ -88,4 +89,3 @@ TEST(MachineDescription, AFileThatIsReplacedKeepsWhatItIs) {
 }
 
 }  // namespace
-}  // namespace NAMESPACE_piRVX

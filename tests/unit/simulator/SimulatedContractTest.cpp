@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "simulator/SimulatedMachine.h"
 #include "tests/support/Contract.h"
 
@@ -15,38 +13,6 @@ SContractMachine MakeContractMachine() {
       {"name": "sdc", "controller": "sata", "size": 12288}]})";
   return {std::make_unique<CSimulatedMachine>(MACHINE, CSimulatedMachine::EClock::Real),
           {"sda", "sdb", "sdc"}};
-}
-
-/// Linux is not asked: what it does with some of them costs it a lot of memory.
-TEST_F(CContract, SuperblocksThatMakeNoArrayAreRefused) {
-  const std::string half = "inactive 1[1](S) 0[0](S)", whole = "active raid1 1[1] 0[0]";
-  // Where the second member's superblock differs, how it is taken and run, and what there is then.
-  const std::tuple<std::size_t, std::uint32_t, int, int, std::string> cases[] = {
-      {92, 0, 0, EINVAL, half},                            // disks
-      {92, 1921, 0, EINVAL, half},                         //
-      {92, ~0U, 0, EINVAL, half},                          //
-      {72, 77, EINVAL, 0, "active raid1 0[0]"},            // level
-      {80, 30000, 0, EINVAL, "inactive 1[1] 0[0]"},        // size, larger than the disk
-      {258, 0xffff0000, 0, EINVAL, "inactive 1[1] 0[0]"},  // slot 0 a second time
-      {220, 0, 0, 0, whole},                               // room for no roles
-      {160, ~0U, 0, 0, whole},                             // the member's number
-      {160, 1920, EBUSY, 0, "active raid1 0[0]"}};
-  for (const auto& [offset, value, added, run, line] : cases) {
-    SCOPED_TRACE(std::to_string(offset) + ": " + std::to_string(value));
-    OpenArray();
-    ASSERT_EQ(SetArrayInfo(), 0);
-    WriteSuper(0, Superblock(0, {.m_Size = 2048}));
-    ASSERT_EQ(AddDisk(0), 0);
-    std::string bytes = Superblock(1, {.m_Size = 2048, .m_Events = 2});
-    if (offset == 220) bytes.replace(256, std::string::npos, 768, '\0');
-    std::memcpy(&bytes.at(offset), &value, sizeof(value));
-    Seal(bytes);
-    WriteSuper(1, bytes);
-    EXPECT_EQ(AddDisk(1), added);
-    EXPECT_EQ(Request(RUN_ARRAY), run);
-    EXPECT_EQ(MdStat().substr(0, MdStat().find('|')), line);
-    EXPECT_NO_THROW(CSimulatedMachine(dynamic_cast<CSimulatedMachine&>(Os()).Describe()));
-  }
 }
 
 }  // namespace NAMESPACE_piRVX
