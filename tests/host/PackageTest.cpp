@@ -20,36 +20,30 @@ std::set<std::string> Matches(const std::string& text, const char* form) {
   return found;
 }
 
-/// Every command that is none of others ("disk list"), as --help tells.
-void CollectCommands(const Words& above, std::vector<Words>& commands) {
-  Words words = above;
-  words.push_back("--help");
-  const std::string help = Rvxctl(words).m_Out;
+/// Every command that is none of others (" disk list"), as --help tells.
+void CollectCommands(const std::string& above, Words& commands) {
+  const std::string help = ResultOf({"bash", "-c", "\"$0\"" + above + " --help", RVXCTL}).m_Out;
   const std::size_t list = help.find("Subcommands:\n");
   if (list == std::string::npos) return commands.push_back(above);
   for (const std::string& name :
-       Matches(help.substr(list, help.find("\n\n", list) - list), R"(\n  ([a-z-]+) )")) {
-    words.back() = name;
-    CollectCommands(words, commands);
-  }
+       Matches(help.substr(list, help.find("\n\n", list) - list), R"(\n  ([a-z-]+) )"))
+    CollectCommands(above + " " + name, commands);
 }
 
 TEST(Package, ManPageAndCompletionKnowEveryCommand) {
-  std::vector<Words> commands;
-  CollectCommands({}, commands);
+  Words commands;
+  CollectCommands("", commands);
   EXPECT_GT(commands.size(), 20U);
   const std::string manual = ReadFile(RVX_SOURCE_DIR "/docs/rvxctl.8");
-  for (const Words& command : commands) {
-    std::string above;
-    for (std::size_t i = 0; i + 1 < command.size(); ++i) above += command[i] + " ";
-    EXPECT_THAT(manual, HasSubstr(".It Cm " + above + command.back()));
+  for (const std::string& command : commands) {
+    EXPECT_THAT(manual, HasSubstr(".It Cm" + command));
     // Asks the completion for the last word of the command.
-    const char* const script =
-        "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine $1 \"\"); "
-        "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"";
-    const SResult completion =
-        ResultOf({"bash", "-c", script, RVX_SOURCE_DIR "/packaging/rvxctl.bash", above});
-    EXPECT_THAT(completion.m_Out, HasSubstr(" " + command.back() + " ")) << above;
+    const std::size_t last = command.rfind(' ');
+    const std::string script =
+        "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine" + command.substr(0, last) +
+        " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"";
+    EXPECT_THAT(ResultOf({"bash", "-c", script, RVX_SOURCE_DIR "/packaging/rvxctl.bash"}).m_Out,
+                HasSubstr(command.substr(last) + " "));
   }
 }
 
