@@ -4,10 +4,8 @@
 #include <fstream>
 
 #include "KVT/Language.h"
-#include "KVT/Regex.h"
 #include "PI/Helpers.h"
 #include "PI/LogicalDrive.h"
-#include "Src/piRVXETR.h"
 #include "Src/piRVXText.h"
 #include "tests/fuzz/Fuzz.h"
 
@@ -40,19 +38,12 @@ void LinuxTexts(FuzzedDataProvider& data) {
 void Smart(FuzzedDataProvider& data) {
   std::string vendor, product;
   PI::CPluginHelper::SplitSATAModelName(data.ConsumeRandomLengthString(40), vendor, product);
-  PI::CSmartValues values(vendor, product);
   PI::_IDE_SMART_DATA record{};
   auto& bytes = record.m_Bytes;
   data.ConsumeData(bytes.data(), bytes.size() - 1);
   for (std::size_t i = 0; i + 1 < bytes.size(); ++i)
     bytes.back() = static_cast<std::uint8_t>(bytes.back() - bytes[i]);
-  values.Evaluate(record);
-  float value = 0;
-  PI::_UNITS unit{};
-  PI::CPluginHelper::ConvertBytesToOtherUnit(values.m_BytesWritten, value, unit);
-  unsigned long hours = 0;
-  PI::CPluginHelper::ComputeRemainingLifeTime(values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed,
-                                              values.m_RatedWriteVolume, hours);
+  PI::CSmartValues(vendor, product).Evaluate(record);
 }
 
 void Ini(FuzzedDataProvider& data) {
@@ -85,24 +76,6 @@ void Configuration(FuzzedDataProvider& data) {
   Require(text.empty() || (document.SetDoc(text) && document.GetDoc() == text), "a document comes back");
 }
 
-void Pattern(FuzzedDataProvider& data) {
-  try {
-    const KVT::Regex pattern(data.ConsumeRandomLengthString(60));
-    pattern.Match(data.ConsumeRemainingBytesAsString());
-  } catch (const std::invalid_argument&) {  // it is none
-  }
-}
-
-void Estimator(FuzzedDataProvider& data) {
-  std::vector<PI::CETR> list;
-  while (data.remaining_bytes() != 0) {
-    const long place =
-        PI::CETR::Add(list, data.ConsumeIntegralInRange(0U, 3U), data.ConsumeIntegral<std::int32_t>(),
-                      data.ConsumeIntegral<std::uint64_t>(), data.ConsumeBool());
-    Require(place >= 0 && std::cmp_less(place, list.size()), "an estimator has its place");
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -114,7 +87,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   FuzzedDataProvider data(bytes, size);
-  constexpr std::array PARSERS = {LinuxTexts, Smart, Ini, Catalogue, Configuration, Pattern, Estimator};
+  constexpr std::array PARSERS = {LinuxTexts, Smart, Ini, Catalogue, Configuration};
   data.PickValueInArray(PARSERS)(data);
   return 0;
 }

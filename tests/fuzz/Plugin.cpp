@@ -44,6 +44,7 @@ class CHostileMachine final : public CForwardingMachine {
 
   int Open(const std::string& path, int flags) override {
     if (m_Links.count(path) == 0) RequireLike(path, PATHS);
+    Require((flags & O_ACCMODE) == O_RDONLY || m_Named.count(path) != 0, "writes to " + path);
     const int descriptor = CForwardingMachine::Open(Existing(path), flags);
     m_Kinds[descriptor] = path.substr(path.rfind('/') + 1);
     return descriptor;
@@ -84,7 +85,12 @@ class CHostileMachine final : public CForwardingMachine {
     if (!lines.empty()) Spoil(program.filename().string(), lines.front());
     return result;
   }
-  bool m_Changes{false};  ///< whether the request may change an array
+  int MakeNode(const std::string& path, mode_t mode, dev_t device) override {
+    RequireLike(m_Changes ? path : "unasked", "/dev/md_d+([0-9])");
+    return CForwardingMachine::MakeNode(path, mode, device);
+  }
+  bool m_Changes{false};          ///< whether the request may change an array
+  std::set<std::string> m_Named;  ///< the disks that it may write to
 
  private:
   void Spoil(const std::string& kind, std::string& text) {
@@ -167,25 +173,17 @@ class CFuzzedInstance : public IPLUGINAPI_IMPL {
     std::vector<PI::CObject> objects;
     std::vector<PI::CProperty> properties;
     std::vector<PI::COperation> operations;
-    const std::pair<PI::_COMMAND, void*> commands[] = {
-        {PI::CMD_GET_TOPOLOGY, &objects},        {PI::CMD_GET_PROPERTIES, &properties},
-        {PI::CMD_GET_PROPERTY, &property},       {PI::CMD_SET_PROPERTY, &property},
-        {PI::CMD_GET_OPERATIONS, &operations},   {PI::CMD_CHECK_OPERATION, &operation},
-        {PI::CMD_EXECUTE_OPERATION, &operation}, {PI::CMD_EXECUTE_OPERATION, &operation}};
-    const auto [command, record] = m_Data.PickValueInArray(commands);
+    void* const records[] = {&objects,    &properties, &property,  &property,
+                             &operations, &operation,  &operation, &operation};
+    const unsigned int which = m_Data.ConsumeIntegralInRange(0U, 7U);
+    const auto command = static_cast<PI::_COMMAND>(std::min(PI::CMD_GET_TOPOLOGY + which, 10U));
     const unsigned long id = Object();
     m_Machine.m_Changes = command == PI::CMD_EXECUTE_OPERATION;
-    std::set<std::string> named;
     for (const CRVXPhysicalDrive& drive : m_PhysicalDrives)
-      if (m_Machine.m_Changes && IsNamed(drive, id, operation)) named.insert(drive.DevicePath());
-    const std::size_t writtenBefore = m_Door.OpenedForWriting().size(), made = m_Door.NodesMade().size();
-    Execute(command, id, record);
-    const std::vector<std::string> written = m_Door.OpenedForWriting(), nodes = m_Door.NodesMade();
-    for (std::size_t i = writtenBefore; i < written.size(); ++i)
-      Require(named.count(written[i]) != 0, "writes to " + written[i]);
-    for (std::size_t i = made; i < nodes.size(); ++i)
-      RequireLike(m_Machine.m_Changes ? nodes[i] : "unasked", "/dev/md_d+([0-9])");
+      if (m_Machine.m_Changes && IsNamed(drive, id, operation)) m_Machine.m_Named.insert(drive.DevicePath());
+    Execute(command, id, records[which]);
     m_Machine.m_Changes = false;
+    m_Machine.m_Named.clear();
   }
   unsigned long Object() ZQ_NO_THREAD_SAFETY_ANALYSIS {
     std::vector<unsigned long> all = {m_Plugin.m_ID, m_Adapter.m_ID, m_Adapter.m_ID, 0};

@@ -1,63 +1,75 @@
 /// @file
-/// What is shipped beside the programs: installation, man page, completion.
+/// What is shipped beside the programs: installation, man page, completion, catalogue.
 
 #include <gmock/gmock.h>
 
 #include <regex>
+#include <set>
 
 #include "Program.h"
-
-namespace rvxctl_test {
 
 namespace {
 
 using testing::HasSubstr;
 
-/// Every command that is none of others ({"disk", "list"}), as --help tells.
-void CollectCommands(const Words& above, std::vector<Words>& commands) {
-  Words words = above;
-  words.push_back("--help");
-  const std::string help = Rvxctl(words).m_Out;
+std::set<std::string> Matches(const std::string& text, const char* form) {
+  const std::regex regex(form);
+  std::set<std::string> found;
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match)
+    found.insert((*match)[1]);
+  return found;
+}
+
+/// Every command that is none of others (" disk list"), as --help tells.
+void CollectCommands(const std::string& above, Words& commands) {
+  const std::string help = ResultOf({"bash", "-c", "\"$0\"" + above + " --help", RVXCTL}).m_Out;
   const std::size_t list = help.find("Subcommands:\n");
   if (list == std::string::npos) return commands.push_back(above);
-  const std::regex name(R"(\n  ([a-z-]+) )");
-  const std::string text = help.substr(list, help.find("\n\n", list) - list);
-  for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {
-    words.back() = (*match)[1];
-    CollectCommands(words, commands);
-  }
+  for (const std::string& name :
+       Matches(help.substr(list, help.find("\n\n", list) - list), R"(\n  ([a-z-]+) )"))
+    CollectCommands(above + " " + name, commands);
 }
 
 TEST(Package, ManPageAndCompletionKnowEveryCommand) {
-  std::vector<Words> commands;
-  CollectCommands({}, commands);
+  Words commands;
+  CollectCommands("", commands);
   EXPECT_GT(commands.size(), 20U);
   const std::string manual = ReadFile(RVX_SOURCE_DIR "/docs/rvxctl.8");
-  for (const Words& command : commands) {
-    std::string above;
-    for (std::size_t i = 0; i + 1 < command.size(); ++i) above += command[i] + " ";
-    EXPECT_THAT(manual, HasSubstr(".It Cm " + above + command.back()));
+  for (const std::string& command : commands) {
+    EXPECT_THAT(manual, HasSubstr(".It Cm" + command));
     // Asks the completion for the last word of the command.
-    CProgram completion({"bash", "-c",
-                         "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine $1 \"\"); "
-                         "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"",
-                         RVX_SOURCE_DIR "/packaging/rvxctl.bash", above});
-    EXPECT_EQ(completion.Wait(), 0);
-    EXPECT_THAT(completion.Out(), HasSubstr(" " + command.back() + " ")) << above;
+    const std::size_t last = command.rfind(' ');
+    const std::string script =
+        "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine" + command.substr(0, last) +
+        " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"";
+    EXPECT_THAT(ResultOf({"bash", "-c", script, RVX_SOURCE_DIR "/packaging/rvxctl.bash"}).m_Out,
+                HasSubstr(command.substr(last) + " "));
   }
+}
+
+TEST(Package, TheCatalogueHasATextForEveryNumber) {
+  const std::string root = RVX_SOURCE_DIR;
+  const auto texts = Matches(ReadFile(root + "/catalog/piRVX.nls"), R"((?:^|\n)(\d+) = \S)");
+  auto numbers = Matches(ReadFile(root + "/framework/PI/Numbers.h"), R"(\b[A-Z_0-9]+ = ([1-5]\d{4})\b)");
+  // Labels, confirmations and texts of states stand in the tables of the plug-in.
+  for (const auto& entry : std::filesystem::directory_iterator(root + "/Src"))
+    if (entry.path().extension() == ".cpp")
+      numbers.merge(Matches(std::regex_replace(ReadFile(entry.path()), std::regex("//[^\n]*"), ""),
+                            R"(\b(2[0-4]\d{3})\b)"));
+  EXPECT_GT(numbers.size(), 190U);
+  numbers.erase("22006");  // where the confirmations that are warnings begin
+  numbers.erase("24999");  // a time in ms
+  for (const std::string& number : numbers) EXPECT_TRUE(texts.contains(number)) << number;
 }
 
 TEST(Package, InstalledPiecesFindEachOther) {
   const CTemporaryFolder folder;
-  CProgram install({"cmake", "--install", RVX_BINARY_DIR, "--prefix", folder.Path("usr")});
-  ASSERT_EQ(install.Wait(), 0) << install.Err();
+  const SResult install = ResultOf({"cmake", "--install", RVX_BINARY_DIR, "--prefix", folder.Path("usr")});
+  ASSERT_EQ(install.m_Status, 0) << install.m_Err;
   for (const char* file : {"share/zq/piRVX.nls", "share/man/man8/rvxctl.8"})
     EXPECT_TRUE(std::filesystem::exists(folder.Path("usr/") + file)) << file;
-  CProgram program({folder.Path("usr/bin/rvxctl"), "--simulate", "--trace", "2", "levels"});
-  EXPECT_EQ(program.Wait(), 0) << program.Err();
-  EXPECT_THAT(program.Out(), HasSubstr("RAID 1 (mirror)"));
+  const SResult result = ResultOf({folder.Path("usr/bin/rvxctl"), "--simulate", "levels"});
+  EXPECT_THAT(result.m_Out, HasSubstr("RAID 1 (mirror)")) << result.m_Err;
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

@@ -1,66 +1,35 @@
 #include "Program.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 
-namespace rvxctl_test {
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-/// Never returns.
-void Execute(const Words& words, const SHow& how) {
-  for (const auto& [name, value] : how.m_Environment) ::setenv(name.c_str(), value.c_str(), 1);
-  if (!how.m_Folder.empty() && ::chdir(how.m_Folder.c_str()) != 0) ::_exit(127);
+CProgram::CProgram(Words words, bool terminal) {
   std::vector<char*> arguments;
-  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
-  ::execvp(arguments[0], arguments.data());
-  ::_exit(127);
-}
-
-/// Appends what there is to read; closes at the end.
-void Drain(int& descriptor, std::string& text) {
-  char buffer[4096];
-  const ssize_t size = ::read(descriptor, buffer, sizeof buffer);
-  if (size > 0) return void(text.append(buffer, static_cast<std::size_t>(size)));
-  ::close(descriptor);  // a terminal answers EIO when its last user is gone
-  descriptor = -1;
-}
-
-}  // namespace
-
-CProgram::CProgram(const Words& words, const SHow& how) {
-  if (how.m_Terminal) {
-    m_Process = ::forkpty(&m_Terminal, nullptr, nullptr, nullptr);
-    if (m_Process == 0) Execute(words, how);
-    m_OutPipe = ::dup(m_Terminal);
-    return;
-  }
-  int out[2];
-  int err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-  m_Process = ::fork();
+  const std::string errors = m_Folder.Write("errors", "");
+  int pipe[2];
+  if (::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  m_Output = pipe[0];
+  m_Process = terminal ? ::forkpty(&m_Output, nullptr, nullptr, nullptr) : ::fork();
   if (m_Process == 0) {
-    const int output = how.m_Output.empty() ? out[1] : ::open(how.m_Output.c_str(), O_WRONLY | O_CLOEXEC);
-    ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    ::dup2(output, STDOUT_FILENO);
-    ::dup2(err[1], STDERR_FILENO);
-    Execute(words, how);
+    if (!terminal) {
+      ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+      ::dup2(pipe[1], STDOUT_FILENO);
+      ::dup2(::open(errors.c_str(), O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+    }
+    ::alarm(60);
+    ::execvp(arguments[0], arguments.data());
+    ::_exit(127);
   }
-  ::close(out[1]);
-  ::close(err[1]);
-  m_OutPipe = out[0];
-  m_ErrPipe = err[0];
+  ::close(pipe[1]);
+  if (terminal) ::close(pipe[0]);
 }
 
 CProgram::~CProgram() {
@@ -68,68 +37,54 @@ CProgram::~CProgram() {
     ::kill(m_Process, SIGKILL);
     ::waitpid(m_Process, nullptr, 0);
   }
-  for (const int descriptor : {m_OutPipe, m_ErrPipe, m_Terminal})
-    if (descriptor >= 0) ::close(descriptor);
+  ::close(m_Output);
 }
 
-bool CProgram::ReadSome(Clock::time_point end) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-  if ((m_OutPipe < 0 && m_ErrPipe < 0) || left <= 0) return false;
-  pollfd both[] = {{m_OutPipe, POLLIN, 0}, {m_ErrPipe, POLLIN, 0}};
-  ::poll(both, 2, static_cast<int>(left));
-  if (both[0].revents != 0) Drain(m_OutPipe, m_Out);
-  if (both[1].revents != 0) Drain(m_ErrPipe, m_Err);
-  return true;
+bool CProgram::ReadSome() {
+  char buffer[4096];
+  const ssize_t size = ::read(m_Output, buffer, sizeof buffer);
+  if (size > 0) m_Out.append(buffer, static_cast<std::size_t>(size));
+  return size > 0;  // a terminal answers EIO when its last user is gone
 }
 
 bool CProgram::ReadUntil(const std::string& text) {
-  const auto end = Clock::now() + std::chrono::seconds(60);
   while (m_Out.find(text) == std::string::npos)
-    if (!ReadSome(end)) return false;
+    if (!ReadSome()) return false;
   return true;
 }
 
-void CProgram::Type(const std::string& text) {
-  if (::write(m_Terminal, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
+void CProgram::Type(const std::string& text) const {
+  if (::write(m_Output, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
 }
 
-void CProgram::Signal(int signal) const { ::kill(m_Process, signal); }
-
-void CProgram::CloseOutput() {
-  ::close(m_OutPipe);
-  m_OutPipe = -1;
-}
-
-int CProgram::Wait(std::chrono::seconds limit) {
-  const auto end = Clock::now() + limit;
-  while (ReadSome(end)) {
+int CProgram::Wait() {
+  while (ReadSome()) {
   }
-  if (m_OutPipe >= 0 || m_ErrPipe >= 0) return -1;
   int status = 0;
   ::waitpid(m_Process, &status, 0);
   m_Process = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-Words RvxctlWords(Words words) {
+Words RvxctlWords(const Words& words, const Words& surroundings) {
   const char* const other = std::getenv("RVXCTL");  // one with a fault, whose tests are tried
-  words.insert(words.begin(), other != nullptr ? other : RVXCTL);
-  return words;
+  Words all{"env"};
+  all.insert(all.end(), surroundings.begin(), surroundings.end());
+  all.emplace_back(other != nullptr ? other : RVXCTL);
+  all.insert(all.end(), words.begin(), words.end());
+  return all;
 }
 
-SResult Rvxctl(const Words& words, const SHow& how) {
-  CProgram program(RvxctlWords(words), how);
+SResult ResultOf(const Words& words) {
+  CProgram program(words);
   const int status = program.Wait();
   return {status, program.Out(), program.Err()};
+}
+
+SResult Rvxctl(const Words& words, const Words& surroundings) {
+  return ResultOf(RvxctlWords(words, surroundings));
 }
 
 std::string Simulate(const std::string& machine) {
   return "--simulate=" RVX_SOURCE_DIR "/tests/host/machines/" + machine + ".json";
 }
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-}  // namespace rvxctl_test

@@ -4,12 +4,9 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <iterator>
 #include <sstream>
 
 #include "Program.h"
-
-namespace rvxctl_test {
 
 namespace {
 
@@ -18,11 +15,11 @@ using testing::HasSubstr;
 using Told = std::vector<std::string>;
 
 /// The words must fail with the status and a message that tells all of this, as text and as a document.
-void ExpectFailure(Words words, int status, const Told& told, const SHow& how = {}) {
+void ExpectFailure(Words words, int status, const Told& told, const Words& surroundings = {}) {
   SCOPED_TRACE(testing::PrintToString(words));
-  const SResult text = Rvxctl(words, how);
+  const SResult text = Rvxctl(words, surroundings);
   words.push_back("--json");
-  const SResult document = Rvxctl(words, how);
+  const SResult document = Rvxctl(words, surroundings);
   EXPECT_EQ(text.m_Status, status);
   EXPECT_EQ(text.m_Out, "");
   EXPECT_EQ(document.m_Status, status);
@@ -36,35 +33,13 @@ void ExpectFailure(Words words, int status, const Told& told, const SHow& how = 
   }
 }
 
-TEST(Refusal, WrongCommandLinesAndMachines) {
+TEST(Refusal, Machines) {
   const CTemporaryFolder folder;
-  const std::string plain = Simulate("plain");
   const std::pair<Words, const char*> cases[] = {
-      {{plain, "array", "bogus"}, "unknown command \"bogus\"; 'rvxctl array --help'"},
-      {{plain, "prop", "set"}, "a command is missing after \"rvxctl prop set\""},
-      {{plain, "--bogus", "status"}, "--bogus"},
-      {{plain, "disk", "show"}, "DISK is required"},
-      {{plain, "array", "create", "--level", "raid9", "sda", "sdb"}, "raid9"},
-      {{plain, "array", "create", "--level", "raid0", "--stripe", "5", "sda", "sdb"}, "--stripe"},
-      {{plain, "array", "delete"}, "say which array"},
-      {{plain, "array", "delete", "md_d0", "--all"}, "say which array"},
-      {{plain, "prop", "set", "plugin", "poll-interval", "1"}, "between 2 and 255"},
-      {{plain, "prop", "set", "plugin", "poll-interval", "soon"}, "soon"},
       {{"--simulate", "--save", "status"}, "--save needs a file"},
       {{"--simulate=" + folder.Write("wrong.json", "{\n\"disks\": [\n}"), "status"}, "wrong.json: line 3"},
-      {{"--simulate=" + folder.Path("none.json"), "status"}, "none.json: No such file"},
-  };
+      {{"--simulate=" + folder.Path("none.json"), "status"}, "none.json: No such file"}};
   for (const auto& [words, message] : cases) ExpectFailure(words, 2, {message});
-}
-
-TEST(Refusal, Plugins) {
-  const std::pair<const char*, std::string> cases[] = {
-      {"/nowhere/libpiRVXsim.so", "/nowhere/libpiRVXsim.so"},
-      {"libpiRVXsim.so", "write " + (std::filesystem::current_path() / "libpiRVXsim.so").string()},
-      {RVX_NO_PLUGIN, "exports no createIf and releaseIf"},
-      {RVX_FAILING_PLUGIN, "20007: There is not enough memory"}};
-  for (const auto& [path, told] : cases)
-    ExpectFailure({"--simulate", "--plugin", path, "status"}, 9, {"cannot load the plug-in: ", told});
 }
 
 TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
@@ -73,19 +48,27 @@ TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
   if (::geteuid() == 0)
     words.insert(words.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                                  "--inh-caps=+dac_override", "--ambient-caps=+dac_override"});
-  CProgram program(words);
-  EXPECT_EQ(program.Wait(), 8) << program.Err();
-  EXPECT_THAT(program.Err(), HasSubstr("sudo"));
-  EXPECT_EQ(nlohmann::json::parse(program.Out())["errors"][0]["exitStatus"], 8);
+  const SResult result = ResultOf(words);
+  EXPECT_EQ(result.m_Status, 8) << result.m_Err;
+  EXPECT_THAT(result.m_Err, HasSubstr("sudo"));
+  EXPECT_EQ(result.Json()["errors"][0]["exitStatus"], 8);
 }
 
-TEST(Refusal, OfObjectsAndStates) {
-  const struct {
-    const char* m_Machine;
-    std::string m_Command;
-    int m_Status;
-    Told m_Told;
-  } cases[] = {
+TEST(Refusal, OfCommandLinesObjectsAndStates) {
+  const std::string relative = (std::filesystem::current_path() / "libpiRVXsim.so").string();
+  const std::tuple<const char*, std::string, int, Told> cases[] = {
+      {"plain", "array bogus", 2, {"unknown command \"bogus\"; 'rvxctl array --help'"}},
+      {"plain", "prop set", 2, {"a command is missing after \"rvxctl prop set\""}},
+      {"plain", "disk show", 2, {"DISK is required"}},
+      {"plain", "array create --level raid9 sda sdb", 2, {"raid9"}},
+      {"plain", "array create --level raid0 --stripe 5 sda sdb", 2, {"--stripe"}},
+      {"plain", "array delete", 2, {"say which array"}},
+      {"plain", "array delete md_d0 --all", 2, {"say which array"}},
+      {"plain", "prop set plugin poll-interval 1", 2, {"between 2 and 255"}},
+      {"plain", "status --plugin libpiRVXsim.so", 9, {"cannot load the plug-in: ", "write " + relative}},
+      {"plain", "status --plugin /nowhere/libpiRVXsim.so", 9, {"/nowhere/libpiRVXsim.so"}},
+      {"plain", "status --plugin " RVX_LIBRARY, 9, {"exports no createIf and releaseIf"}},
+      {"plain", "status --plugin " RVX_FAILING_PLUGIN, 9, {"20007: There is not enough memory"}},
       {"plain", "disk show sdz", 3, {"there is no disk \"sdz\"; there are: sda, sdb, sdc, sdd"}},
       {"plain", "array show sda", 3, {"there is no array \"sda\"; there is none at all"}},
       {"plain", "operations 0x99", 3, {"there is no object \"0x99\"; there are: plugin, adapter, sda"}},
@@ -113,17 +96,19 @@ TEST(Refusal, OfObjectsAndStates) {
 TEST(Surroundings, SettingsGoWhereTheyAreWanted) {
   const CTemporaryFolder folder;
   const Words words{Simulate("plain"), "prop", "set", "plugin", "poll-interval", "7"};
-  const auto with = [&](const Environment& variables) { return SHow{variables, false, "", folder.Path()}; };
+  const auto with = [&](const std::string& variable, const std::string& value) {
+    return Words{"--chdir=" + folder.Path(), "TMPDIR=" + folder.Path(), variable + "=" + value};
+  };
   std::filesystem::create_directory(folder.Path("settings"));
-  EXPECT_EQ(Rvxctl(words, with({{"ZQ_CONFIG_DIR", "settings"}})).m_Status, 0);
+  EXPECT_EQ(Rvxctl(words, with("ZQ_CONFIG_DIR", "settings")).m_Status, 0);
   EXPECT_EQ(folder.Read("settings/piRVX.ini"), "PollInterval=7\n");
-  EXPECT_EQ(Rvxctl(words, with({{"ZQ_CONFIG_DIR", ""}, {"TMPDIR", folder.Path()}})).m_Status, 0);
+  EXPECT_EQ(Rvxctl(words, with("ZQ_CONFIG_DIR", "")).m_Status, 0);
   EXPECT_EQ(folder.CountFiles(), 1U) << "an empty name is none, and a simulated machine leaves nothing";
   ExpectFailure(words, 1, {"cannot make a temporary folder in /nowhere: No such file or directory; TMPDIR"},
-                with({{"TMPDIR", "/nowhere"}}));
+                with("TMPDIR", "/nowhere"));
   // A file in the folder's place takes no file, not even from root.
   ExpectFailure(words, 1, {"could not be written to piRVX.ini"},
-                with({{"ZQ_CONFIG_DIR", folder.Write("file", "")}}));
+                with("ZQ_CONFIG_DIR", folder.Write("file", "")));
 }
 
 TEST(Surroundings, OthersMayNotReadTheNodesThatAreMade) {
@@ -142,10 +127,7 @@ TEST(Refusal, ADryRunIsOneDocumentWhateverTheCheckSays) {
   EXPECT_EQ(allowed.Json()["data"]["disks"].size(), 3U) << "the array and its two members";
   const SResult busy = dry("recovering");
   EXPECT_EQ(busy.m_Status, 5);
-  EXPECT_EQ(busy.Json()["data"]["check"]["name"], "ERR_BUSY");
   EXPECT_EQ(busy.Json()["errors"][0]["status"], 20020);
 }
 
 }  // namespace
-
-}  // namespace rvxctl_test

@@ -1,6 +1,5 @@
 // The extended toolkit: programs, partitions, time.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 
@@ -24,11 +23,9 @@ using namespace std::chrono_literals;
 constexpr auto DEADLINE = 10s;
 
 bool Soon(const std::function<bool()>& holds) {
-  for (const auto end = steady_clock::now() + DEADLINE; steady_clock::now() < end;) {
-    if (holds()) return true;
-    std::this_thread::sleep_for(5ms);
-  }
-  return false;
+  const auto end = steady_clock::now() + DEADLINE;
+  while (!holds() && steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+  return holds();
 }
 
 /// Runs shell scripts, as programs with known behaviour.
@@ -52,12 +49,8 @@ class Command : public testing::Test {
 };
 
 TEST_F(Command, ResultTellsHowItEnded) {
-  const struct {
-    const char* m_Script;
-    const char* m_Arguments;
-    int m_Result;
-    std::vector<std::string> m_Lines;
-  } cases[] = {
+  // A script, its arguments, the result and the lines.
+  const std::tuple<const char*, const char*, int, std::vector<std::string>> cases[] = {
       {"echo out; echo err >&2", "", 1, {"out"}},
       {"echo $#-$1-$2; echo err >&2", "  a \t b  2>&1 ", 1, {"2-a-b", "err"}},
       {"echo \"$1\"", "$HOME;`id`|'x'>f", 1, {"$HOME;`id`|'x'>f"}},  // no shell looks at arguments
@@ -81,10 +74,10 @@ TEST_F(Command, ResultTellsHowItEnded) {
   std::signal(SIGHUP, SIG_IGN);
   for (const bool taken : {false, true}) {  // where SIGCHLD is ignored, the kernel takes the status away
     std::signal(SIGCHLD, taken ? SIG_IGN : SIG_DFL);
-    for (const auto& test : cases) {
-      const SCommandResult result = Run(test.m_Script, {.m_Time = DEADLINE}, test.m_Arguments);
-      EXPECT_EQ(result.m_Result, taken ? 1 : test.m_Result) << test.m_Script;
-      EXPECT_EQ(result.m_Lines, test.m_Lines) << test.m_Script;
+    for (const auto& [script, arguments, status, lines] : cases) {
+      const SCommandResult result = Run(script, {.m_Time = DEADLINE}, arguments);
+      EXPECT_EQ(result.m_Result, taken ? 1 : status) << script;
+      EXPECT_EQ(result.m_Lines, lines) << script;
     }
   }
   for (const int signal : {SIGCHLD, SIGHUP}) std::signal(signal, SIG_DFL);

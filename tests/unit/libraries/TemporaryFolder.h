@@ -8,6 +8,11 @@
 #include <iterator>
 #include <string>
 
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
 /// A folder for the files of one test; removed with all that is in it.
 class CTemporaryFolder {
  public:
@@ -32,10 +37,7 @@ class CTemporaryFolder {
     std::ofstream(m_Path / name, std::ios::binary) << text;
     return Path(name);
   }
-  std::string Read(const std::string& name) const {
-    std::ifstream stream(m_Path / name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
+  std::string Read(const std::string& name) const { return ReadFile(Path(name)); }
   std::size_t CountFiles() const {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(m_Path), {}));
   }

@@ -13,7 +13,8 @@
 #include "system/Linux.h"
 #include "tests/support/TraceCapture.h"
 
-namespace NAMESPACE_piRVX {
+using namespace NAMESPACE_piRVX;
+
 namespace {
 
 TEST(Linux, WaitingTakesDescriptorsThatNoSetHolds) {
@@ -74,4 +75,3 @@ TEST(ReadText, StopsAtAMebibyteAndClosesTheFile) {
 }
 
 }  // namespace
-}  // namespace NAMESPACE_piRVX

@@ -1,5 +1,5 @@
-/// The simulated md with superblocks and requests of any kind: nothing goes wrong, what it prints is of sane
-/// length, and the machine that comes of it can be saved and read again.
+/// Simulated machines, from any text that begins as a description does, else one whose md gets superblocks
+/// and requests of any kind: what can be read is saved so that it is the same when it is read again.
 
 #include <linux/major.h>
 #include <linux/raid/md_u.h>
@@ -33,6 +33,7 @@ constexpr const char* CHANGES[] = {R"({"remove_disk": "sdb"})",
 constexpr unsigned long REQUESTS[] = {SET_ARRAY_INFO, ADD_NEW_DISK,    ADD_NEW_DISK,    ADD_NEW_DISK,
                                       RUN_ARRAY,      RUN_ARRAY,       STOP_ARRAY,      GET_ARRAY_INFO,
                                       GET_DISK_INFO,  HOT_REMOVE_DISK, SET_DISK_FAULTY, RAID_VERSION};
+
 constexpr std::uint64_t NUMBERS[] = {
     0, 1, 2, 3, 384, 1919, 1920, 0xffff, 0xfffe, 0xffffffff, ~std::uint64_t{0}};
 
@@ -73,11 +74,7 @@ void Request(CSimulatedMachine& machine, const std::string& disk, int array, Fuz
   machine.Ioctl(array, request, takesNumber ? reinterpret_cast<void*>(status.st_rdev) : record.data());
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  FuzzedDataProvider data(bytes, size);
-  CSimulatedMachine machine(MACHINE);
+void UseMd(CSimulatedMachine& machine, FuzzedDataProvider& data) {
   std::map<std::string, int> arrays;
   while (data.remaining_bytes() != 0) {
     const std::string disk =
@@ -96,9 +93,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     } catch (const CMachineError&) {  // it does not go now
     }
   }
-  const std::string saved = machine.Describe();
-  const std::string again = CSimulatedMachine(saved).Describe();
-  Require(again == saved, "it is the same machine:\n" + saved + again);
   Require(ReadText(machine, "/proc/mdstat")->size() < 100000, "mdstat is of sane length");
+}
+
+void RequireKept(CSimulatedMachine& machine) {
+  const std::string saved = machine.Describe();
+  CSimulatedMachine again(saved);
+  Require(again.Describe() == saved, "it is the same machine:\n" + saved + again.Describe());
+  for (const char* file : {"/proc/partitions", "/proc/mdstat"})
+    Require(ReadText(machine, file) == ReadText(again, file), "it shows the same:\n" + saved);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  const std::string text(bytes, bytes + size);
+  std::unique_ptr<CSimulatedMachine> machine;
+  try {
+    machine = std::make_unique<CSimulatedMachine>(text.starts_with('{') ? text : MACHINE);
+  } catch (const CMachineError&) {
+    return 0;
+  }
+  FuzzedDataProvider data(bytes, size);
+  if (!text.starts_with('{')) UseMd(*machine, data);
+  machine->Advance(size % 3 * 4500);
+  RequireKept(*machine);
   return 0;
 }
