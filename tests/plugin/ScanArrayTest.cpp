@@ -2,7 +2,6 @@
 
 #include "tests/support/Arrays.h"
 #include "tests/support/Golden.h"
-#include "tests/support/Scan.h"
 
 using namespace NAMESPACE_piRVX;
 

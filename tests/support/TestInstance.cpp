@@ -1,8 +1,6 @@
 #include "tests/support/TestInstance.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "Src/piRVXTrace.h"
@@ -32,12 +30,18 @@ CConfigFolder::~CConfigFolder() {
   boost::filesystem::remove_all(m_Folder);
 }
 
-void CConfigFolder::Write(const std::string& text) const { std::ofstream(File().string()) << text; }
-
 std::string CConfigFolder::Read() const {
-  std::ostringstream text;
-  text << std::ifstream(File().string()).rdbuf();
-  return text.str();
+  std::string text;
+  boost::filesystem::load_string_file(File(), text);
+  return text;
+}
+
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds time) {
+  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return condition();
 }
 
 bool CTestInstance::IsFree(KVT::Threading::Native_OS::CFastMutex& lock) {
@@ -76,28 +80,17 @@ PI::CProperty CTestInstance::Property(unsigned long id, PI::_PROPERTY_ID which) 
   return property;
 }
 
-CRVXPhysicalDrive& CTestInstance::Drive(const std::string& name) {
-  for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
-    if (drive.m_KernelName == name) return drive;
-  throw std::out_of_range("no drive " + name);
-}
-
-CRVXLogicalDrive& CTestInstance::Array(const std::string& name) {
-  for (CRVXLogicalDrive& array : m_LogicalDrives)
-    if (array.m_KernelName == name) return array;
-  throw std::out_of_range("no array " + name);
-}
-
 std::vector<PI::CEvent> CTestInstance::TakeEvents() {
   const std::vector<PI::CEvent> events(m_EventQueue.begin(), m_EventQueue.end());
   m_EventQueue.clear();
   return events;
 }
 
-std::vector<unsigned int> CTestInstance::TakeEventCodes() {
-  std::vector<unsigned int> codes;
-  for (const PI::CEvent& event : TakeEvents()) codes.push_back(event.m_Code);
-  return codes;
+std::vector<unsigned long> CTestInstance::TakeObjects(unsigned int code) {
+  std::vector<unsigned long> objects;
+  for (const PI::CEvent& event : TakeEvents())
+    if (event.m_Code == code) objects.push_back(event.m_ObjectID);
+  return objects;
 }
 
 std::string CTestInstance::TakeEventText(unsigned long object) {

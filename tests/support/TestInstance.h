@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <boost/filesystem/string_file.hpp>
+#include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -27,12 +30,24 @@ class CConfigFolder {
   CConfigFolder();
   ~CConfigFolder();
   boost::filesystem::path File() const { return m_Folder / "piRVX.ini"; }
-  void Write(const std::string& text) const;
+  void Write(const std::string& text) const { boost::filesystem::save_string_file(File(), text); }
   std::string Read() const;
 
  private:
   boost::filesystem::path m_Folder;
 };
+
+/// The drive or array with this kernel name; the test fails hard when there is none.
+template <class TObject>
+TObject& Named(std::vector<TObject>& list, const std::string& name) {
+  for (TObject& object : list)
+    if (object.m_KernelName == name) return object;
+  throw std::out_of_range("no " + name);
+}
+
+/// Waits for a condition until the time is over.
+bool Eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds time = std::chrono::seconds(30));
 
 /// The instance with its inside out. Tests of one thread need no lock.
 class CTestInstance : public IPLUGINAPI_IMPL {
@@ -40,7 +55,6 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::IPLUGINAPI_IMPL;
 
   using IPLUGINAPI_IMPL::checkpd;
-  using IPLUGINAPI_IMPL::CreateSuperBlock1;
   using IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed;
   using IPLUGINAPI_IMPL::GetLogicalDriveConfiguration;
   using IPLUGINAPI_IMPL::GetPhysicalDriveProperties;
@@ -84,15 +98,71 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   std::vector<PI::CObject> Topology();
   std::vector<PI::CProperty> Properties(unsigned long id);
   PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID which);
-  /// The drive or array with this kernel name; the test fails hard when there is none.
-  CRVXPhysicalDrive& Drive(const std::string& name);
-  CRVXLogicalDrive& Array(const std::string& name);
-  /// The queued events, or their codes; the queue is emptied.
+  CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_PhysicalDrives, name); }
+  CRVXLogicalDrive& Array(const std::string& name) { return Named(m_LogicalDrives, name); }
+  /// The queued events, or the objects of those with a code; the queue is emptied.
   std::vector<PI::CEvent> TakeEvents();
-  std::vector<unsigned int> TakeEventCodes();
+  std::vector<unsigned long> TakeObjects(unsigned int code);
   /// The same as text, each "code/severity first,second placeholder ", with "of" its object where that is not
   /// this one. The adapter must report them all, and now.
   std::string TakeEventText(unsigned long object);
+};
+
+/// What a scan finds, in containers of its own as the worker makes them. The model is as it was.
+struct SScanned {
+  explicit SScanned(CTestInstance& plugin, bool newIDs = false)
+      : m_Status(plugin.ScanSystem(m_Adapter, m_Drives, m_Arrays, newIDs)) {}
+  CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_Drives, name); }
+  CRVXLogicalDrive& Array(const std::string& name) { return Named(m_Arrays, name); }
+
+  CRVXAdapter m_Adapter;
+  std::vector<CRVXPhysicalDrive> m_Drives;
+  std::vector<CRVXLogicalDrive> m_Arrays;
+  unsigned int m_Status;
+};
+
+/// Asks the test before a call: "open /dev/sda", "close", "read", "ioctl", "wait 3000", "run udevadm", "now",
+/// "sleep 500". What the test answers is the result; where it answers nothing, the call goes through.
+class CHookedDoor : public CForwardingMachine {
+ public:
+  using CForwardingMachine::CForwardingMachine;
+  using TAnswer = std::optional<std::int64_t>;
+  std::function<TAnswer(const std::string&)> m_Hook = [](const std::string&) { return TAnswer(); };
+
+  int Open(const std::string& path, int flags) override {
+    return Ask<int>("open " + path, [&] { return CForwardingMachine::Open(path, flags); });
+  }
+  int Close(int descriptor) override {
+    return Ask<int>("close", [&] { return CForwardingMachine::Close(descriptor); });
+  }
+  ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
+    return Ask<ssize_t>("read", [&] { return CForwardingMachine::Read(descriptor, buffer, size); });
+  }
+  int Ioctl(int descriptor, unsigned long request, void* argument) override {
+    return Ask<int>("ioctl", [&] { return CForwardingMachine::Ioctl(descriptor, request, argument); });
+  }
+  int WaitExceptional(int descriptor, std::uint64_t time) override {
+    return Ask<int>(Text("wait %d", time),
+                    [&] { return CForwardingMachine::WaitExceptional(descriptor, time); });
+  }
+  int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
+                     std::vector<std::string>& lines) override {
+    return Ask<int>("run " + program.filename().string(),
+                    [&] { return CForwardingMachine::ExecuteCommand(program, arguments, lines); });
+  }
+  std::uint64_t Now() override {
+    return Ask<std::uint64_t>("now", [&] { return CForwardingMachine::Now(); });
+  }
+  void Sleep(std::uint64_t time) override {
+    if (!m_Hook(Text("sleep %d", time))) CForwardingMachine::Sleep(time);
+  }
+
+ private:
+  template <class TResult>
+  TResult Ask(const std::string& call, const std::function<TResult()>& goThrough) {
+    const TAnswer answer = m_Hook(call);
+    return answer ? static_cast<TResult>(*answer) : goThrough();
+  }
 };
 
 /// Receives a plug-in's notifications and counts those that come from it while its model is free for
