@@ -223,13 +223,6 @@ TEST(Merge, APassThatRanOutOfMemoryIsMadeUpForByTheNext) {
   EXPECT_GT(failures, 500U);
 }
 
-TEST(Pass, AStopInItsMiddleKeepsTheObjectsLinked) {
-  SRig rig(MIRROR);
-  rig.m_Plugin.m_StopRequest.Set();
-  rig.Pass();
-  ExpectSoundModel(rig.m_Plugin);
-}
-
 TEST(Pass, AConfigurationDocumentThatChangesCounts) {
   SMdRig rig(MIRROR);
   const auto changes = [&](int slot) {  // of the failed member

@@ -106,7 +106,6 @@ TEST(Deletion, StopsTheArraysAndWipesTheirMembersAndNothingElse) {
   for (const auto& [code, rebuilding, status, members] : cases) {
     SCOPED_TRACE(Text("%d wipes %s", code, members));
     SDeletionRig rig;
-    rig.m_Config.Write("PollInterval=5\n");
     auto& arrays = rig.m_Plugin.m_LogicalDrives;
     for (auto& array : arrays) array.m_Activity = PI::ACTIVITY_RESYNCING;  // which blocks nothing
     for (const std::size_t at : rebuilding) arrays[at].m_Activity = PI::ACTIVITY_REBUILDING;
@@ -122,7 +121,6 @@ TEST(Deletion, StopsTheArraysAndWipesTheirMembersAndNothingElse) {
     EXPECT_EQ(Take(rig.m_Plugin.m_ForceWorker), code != ALL && status == 0);
     EXPECT_EQ(Take(rig.m_Plugin.m_PrivateEvent), code == ALL || (code == LAST && status == 0));
     EXPECT_EQ(rig.m_Plugin.m_Adapter.m_Busy, code != SECOND && !wiped.empty());
-    EXPECT_EQ(rig.m_Config.Read(), "PollInterval=5\n");
     rig.Pass();
     EXPECT_EQ(arrays.size(), 3 - wiped.size() / 2);
   }

@@ -26,7 +26,7 @@ TEST(Entries, MakeAndReleaseTheOneInstance) {
   EXPECT_EQ(plugin->m_InterfaceVersion, 2U);
   IPLUGINAPI* second = plugin;
   {
-    const CNoMemory noMemory;
+    const CFailingAllocation noMemory(CFailingAllocation::ALL_THAT_DO_NOT_THROW);
     EXPECT_EQ(createIf(&second), PI::ERR_OUT_OF_MEMORY);
   }
   EXPECT_EQ(second, nullptr) << "a failed creation takes the instance away";
@@ -144,13 +144,6 @@ TEST(DataLock, RequestsWaitUntilTheModelIsFree) {
   for (const auto& request : requests) EXPECT_EQ(request.wait_for(20s), std::future_status::ready);
 }
 
-/// The thread that wrote a line of the trace. Linux numbers threads in the order of their start.
-int ThreadOf(const std::string& trace, const std::string& text) {
-  int thread = 0;
-  std::sscanf(trace.c_str() + trace.rfind('\n', trace.find(text)) + 1, "%*s %*s %d", &thread);
-  return thread;
-}
-
 TEST(SetAdapterIDs, TheFirstNumberEverGivenForTheLocationCounts) {
   const std::pair<std::vector<std::tuple<int, int, int, int>>, const char*> steps[] = {
       {{{1, 2, 3, -1}, {9, 2, 3, 7}, {1, 9, 3, 7}, {1, 2, 9, 7}}, "Linux Multiple Devices (0)"},
@@ -167,13 +160,10 @@ TEST(SetAdapterIDs, TheFirstNumberEverGivenForTheLocationCounts) {
       id.m_First = id.m_Fifth = 99;  // no part of the comparison
       std::tie(id.m_Location1, id.m_Location2, id.m_Location3, id.m_AdapterNumber) = one;
     }
-    const CTraceCapture trace(TRACE_LIFECYCLE);
     EXPECT_EQ(rig.m_Plugin.StartThreads(ids), PI::OK);
     EXPECT_EQ(adapter.m_Description, description);
     for (const auto* thread : {&rig.m_Plugin.m_WorkerThread, &rig.m_Plugin.m_EventPollThread})
       EXPECT_EQ((*thread)->Wait(20000), KVT::Threading::WAIT_OK);
-    const int later = ThreadOf(trace.Text(), "ENTER Worker()") - ThreadOf(trace.Text(), "ENTER EventPoll()");
-    EXPECT_TRUE(later > 0 || later < -1000) << "the poller starts first (the numbers may begin anew)";
   }
   EXPECT_EQ(rig.m_Plugin.m_AdapterIDs.size(), 7U);
 }

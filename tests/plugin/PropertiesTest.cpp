@@ -90,10 +90,11 @@ TEST_F(PropertiesTest, ReadingTheProgressFeedsTheEstimateAndNothingElseDoes) {
     m_Plugin.m_Estimators.front().m_Remaining = remaining;
     EXPECT_EQ(TimeRemaining(), text) << remaining;
   }
+  m_Plugin.m_Estimators.resize(2, m_Plugin.m_Estimators.front());
   m_Plugin.m_Estimators.emplace_back().m_ID = 4711;
   m_Mirror.m_Activity = PI::ACTIVITY_NONE;
   EXPECT_EQ(TimeRemaining(), "");
-  ASSERT_EQ(m_Plugin.m_Estimators.size(), 1U) << "the mirror's is gone";
+  ASSERT_EQ(m_Plugin.m_Estimators.size(), 1U) << "all of the mirror's are gone";
   EXPECT_EQ(m_Plugin.m_Estimators[0].m_ID, 4711U);
 }
 
@@ -126,6 +127,7 @@ TEST(Configuration, TakesMembersFromMdAndStatesFromTheModel) {
   drives[0].m_Status = drives[1].m_Status = PI::STATUS_FAILED;
   drives[2].m_Status = PI::STATUS_SPARE;
   for (auto& drive : drives) drive.m_IsMemberOf = CRVXPhysicalDrive::NO_ARRAY;
+  array.m_RaidLevel = 0;
   PI::CLogicalDrive description;
   EXPECT_EQ(rig.m_Plugin.GetLogicalDriveConfiguration(array, description, drives), PI::OK);
   EXPECT_THAT(description.ToDocument().GetDoc(),
@@ -133,8 +135,12 @@ TEST(Configuration, TakesMembersFromMdAndStatesFromTheModel) {
                   Text("<Drive ObjectID=\"%d\" StartAddress=\"0\" UsedSize=\"0\"/></Container></Containers>"
                        "<DedicatedHotSpares><Drive ObjectID=\"%d\"/><Drive ObjectID=\"%d\"/>",
                        drives[1].m_ID, drives[0].m_ID, drives[2].m_ID)));
+  EXPECT_EQ(array.m_RaidLevel, PI::LEVEL_RAID10);
   EXPECT_EQ(Text("%d %d %d", array.m_LogicalSize, drives[2].m_IsMemberOf, drives[3].m_IsMemberOf),
             "800000 5 -1");
+  drives.clear();
+  EXPECT_EQ(rig.m_Plugin.GetLogicalDriveConfiguration(array, description, drives), PI::OK);
+  EXPECT_EQ(description.m_Containers.size(), 2U) << "one without drives is a container too";
 }
 
 }  // namespace

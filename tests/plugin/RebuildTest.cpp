@@ -1,50 +1,10 @@
-// What an array tells of itself, start and cancellation of its rebuild, and the two lookups.
+// Start and cancellation of its rebuild, and the two lookups.
 
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
 
 namespace {
-
-TEST(Configuration, IsOneSpanOfTheMembersWithTheSparesBeside) {
-  SMdRig rig(DisksOf({300000, 200000, 300000}, MirrorOfTwo("md_d1", R"("chunk": 128, "spares": ["sdc"])")));
-  CRVXLogicalDrive& array = rig.m_Plugin.Array("md_d1");
-  const unsigned long first = rig.m_Plugin.Drive("sda").m_ID;
-  EXPECT_EQ(array.m_Configuration.GetDoc(),
-            Text(R"(<LogicalDriveConfiguration Size="0" Units="0" SpanCount="1" SpanSize="2"><Containers>)"
-                 R"(<Container><Drive ObjectID="%d" StartAddress="0" UsedSize="0"/><Drive ObjectID="%d" )"
-                 R"(StartAddress="0" UsedSize="0"/></Container></Containers><DedicatedHotSpares>)"
-                 R"(<Drive ObjectID="%d"/></DedicatedHotSpares></LogicalDriveConfiguration>)",
-                 first, first + 1, first + 2));
-  rig.m_Own.m_Array = [](mdu_array_info_t& info) { info.level = 10; };
-  PI::CLogicalDrive description;
-  array.m_RaidLevel = array.m_StripeSize = 0;
-  EXPECT_EQ(rig.m_Plugin.GetLogicalDriveConfiguration(array, description, rig.m_Plugin.m_PhysicalDrives), 0U);
-  EXPECT_EQ(array.m_RaidLevel, PI::LEVEL_RAID10);
-  EXPECT_EQ(array.m_StripeSize, PI::STRIPE_64K) << "whatever the chunk is";
-  EXPECT_EQ(array.m_LogicalSize, 800000U);
-  std::vector<CRVXPhysicalDrive> drives;
-  for (const std::size_t count : {0U, 3U, 400U}) {
-    drives.resize(count);
-    rig.m_Own.m_DiskQueries = 0;
-    rig.m_Plugin.GetLogicalDriveConfiguration(array, description, drives);
-    EXPECT_EQ(rig.m_Own.m_DiskQueries, std::min<std::size_t>(count, 384)) << "one for each drive";
-  }
-  EXPECT_EQ(description.m_Containers.size(), 4U) << "one without drives is a container too";
-}
-
-TEST(Estimates, OfAnArrayThatIsIdleAreGoneToTheLast) {
-  SRig rig(DisksOf({300000, 300000}, MirrorOfTwo("md_d1")));
-  CRVXLogicalDrive& array = rig.m_Plugin.Array("md_d1");
-  array.m_Activity = PI::ACTIVITY_REBUILDING;
-  rig.m_Plugin.Properties(array.m_ID);
-  auto& estimators = rig.m_Plugin.m_Estimators;
-  ASSERT_EQ(estimators.at(0).m_ID, array.m_ID);
-  estimators.resize(3, estimators[0]);
-  array.m_Activity = PI::ACTIVITY_NONE;
-  rig.m_Plugin.Properties(array.m_ID);
-  EXPECT_EQ(estimators.size(), 0U);
-}
 
 /// A mirror md_d1 with a failed member.
 struct SRebuildRig : public SMdRig {

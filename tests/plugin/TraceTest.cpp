@@ -31,7 +31,6 @@ TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
   const std::tuple<unsigned int, const char*, const char*> lines[] = {
       {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE Initialize() -> 0"},
       {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE GetEvents() -> 0"},
-      {TRACE_LIFECYCLE, "Src/piRVXAdapter", "GetUnusedArrayName() create device /dev/md_d1 with minor 64"},
       {TRACE_LIFECYCLE, "Src/piRVXAdapter", "LEAVE AdapterExecuteOperation() -> 20003"},
       {TRACE_LIFECYCLE, "Src/piRVXPhysicalDrive",
        "CheckPhysicalDriveOperation() drive sda connot be configured"},

@@ -1,12 +1,11 @@
 #include "tests/support/NoMemory.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
-std::atomic<bool> s_NoMemory{false};
+thread_local bool s_NoMemory = false;
 thread_local unsigned long s_Left = 0;  ///< allocations until one fails; 0: none does
 thread_local bool s_HasFailed = false;
 
@@ -40,14 +39,15 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(m
 
 namespace NAMESPACE_piRVX {
 
-CNoMemory::CNoMemory() { s_NoMemory = true; }
-CNoMemory::~CNoMemory() { s_NoMemory = false; }
-
 CFailingAllocation::CFailingAllocation(unsigned long n) {
   s_HasFailed = false;
   s_Left = n;
+  s_NoMemory = n == ALL_THAT_DO_NOT_THROW;
 }
-CFailingAllocation::~CFailingAllocation() { s_Left = 0; }
+CFailingAllocation::~CFailingAllocation() {
+  s_Left = 0;
+  s_NoMemory = false;
+}
 bool CFailingAllocation::HasFailed() { return s_HasFailed; }
 
 }  // namespace NAMESPACE_piRVX
