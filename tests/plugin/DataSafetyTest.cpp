@@ -1,5 +1,4 @@
-// What could still hurt data: arrays that share a number, disks that were swapped, a model that lost its
-// shape.
+// What could hurt data: arrays that share a number, disks that were swapped, a model that lost its shape.
 
 #include "tests/support/Arrays.h"
 #include "tests/support/NoMemory.h"
@@ -100,7 +99,6 @@ TEST(EqualNumbers, DeletingOneTouchesTheOthersDisksNeitherAtOnceNorWhenItIsRepea
   }
 }
 
-/// Puts another disk in the place of one.
 void Swap(CSimulatedMachine& machine, const char* disk, const char* more) {
   machine.Apply(Text(R"({"remove_disk": "%s"})", disk));
   machine.Apply(Text(R"({"add_disk": {"name": "%s", "controller": "sas", %s}})", disk, more));
@@ -145,7 +143,6 @@ TEST(Devices, WhatIsNoBlockDeviceIsNotOpened) {
   EXPECT_EQ(opened, "open /dev/sda, open /dev/sdb, open /dev/sdd, open /dev/sde, ");
 }
 
-/// Everything that a merge may change, as text.
 std::string Everything(CTestInstance& plugin) {
   std::string text = Text("adapter %d %s:", plugin.m_Adapter.m_UpdateCounter, plugin.m_Adapter.m_Description);
   for (const unsigned long id : plugin.m_Adapter.m_Children) text += Text(" %d", id);
@@ -157,7 +154,6 @@ std::string Everything(CTestInstance& plugin) {
   return text + Text("\nevents %d, estimates %d", plugin.m_EventQueue.size(), plugin.m_Estimators.size());
 }
 
-/// One array and one disk go, others come, one array changes.
 void ChangeMachine(CSimulatedMachine& machine) {
   for (const char* const change :
        {R"({"stop_array": "md1"})", R"({"remove_disk": "sdd"})", R"({"remove_disk": "sdc"})",

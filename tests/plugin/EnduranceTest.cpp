@@ -1,5 +1,4 @@
-// What a server that runs for months meets: no threads, no memory, hanging calls, clocks that are set, nobody
-// who fetches.
+// What a server that runs for months meets: no threads, no memory, hanging calls, nobody who fetches.
 
 #include <pthread.h>
 
@@ -84,8 +83,6 @@ TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
   UseMachine(&door);
   IPLUGINAPI* plugin = nullptr;
   ASSERT_EQ(createIf(&plugin), PI::OK);
-  CNotificationCounter notifications;
-  notifications.Attach(*plugin);
   std::vector<PI::CAdapterID> ids;
   ASSERT_EQ(plugin->Execute(PI::CMD_INITIALIZE, 0, &ids), PI::OK);
   auto* const instance = static_cast<IPLUGINAPI_IMPL*>(plugin);
@@ -138,7 +135,7 @@ TEST(Events, NobodyFetchesTakeBoundedMemoryAndTheOldestGo) {
   EXPECT_EQ(log.Count("100000 events wait to be fetched: the oldest are dropped from now on"), 1U);
 }
 
-/// Writes numbers with a mark at every thousand, as some languages do.
+/// As some languages do.
 struct CGrouping : public std::numpunct<char> {
   char do_thousands_sep() const override { return ','; }
   std::string do_grouping() const override { return "\3"; }

@@ -8,8 +8,7 @@ using ECall = CFaultyMachine::ECall;
 
 namespace {
 
-/// The next pass shows the machine as an instance sees it that has never seen it before; identifiers and
-/// progress are each one's own.
+/// The next pass shows the machine as a new instance sees it; identifiers and progress are each one's own.
 void ExpectTruth(CTestInstance& plugin, CSimulatedMachine& machine) {
   CTestInstance fresh(machine);
   ASSERT_EQ(fresh.Begin(), PI::OK);
@@ -33,7 +32,6 @@ void ExpectTruth(CTestInstance& plugin, CSimulatedMachine& machine) {
 
 constexpr std::size_t FAIL = ~std::size_t{0};
 
-/// Makes the n-th call of a kind fail, or move `size` bytes at most.
 void Arm(CFaultyMachine& door, ECall call, std::uint64_t n, std::size_t size) {
   size == FAIL ? door.FailAt(call, n, EIO) : door.ShortenAt(call, n, size);
 }
@@ -71,8 +69,7 @@ TEST(FaultWalkOfReading, EverySingleCallMayFailAndAWholeKindOfThem) {
   }
 }
 
-/// A mirror with a spare, one that is rebuilt and stands still, one with a failed member, and three free
-/// disks.
+/// A mirror with a spare, one that is rebuilt and stands still, one with a failed member; three free disks.
 const std::string MACHINE =
     DisksOf({300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000},
             R"("sync_speed": 0, "arrays": [

@@ -35,7 +35,6 @@ std::string Joined(const TList& list) {
   return text;
 }
 
-/// A line for each property, operation, parameter and level record of an object.
 CLines LinesOf(const PI::CObject& object) {
   CLines lines;
   for (const PI::CProperty& property : object.m_Properties) lines.push_back(Line(property));
@@ -58,13 +57,11 @@ struct Golden : public testing::Test, public SRig {
   Golden() : SRig(GoldenText("golden.json")) {}
 
   void Tell(const std::string& name, const std::string& line) { m_Text += name + ": " + line + "\n"; }
-  /// Tells how many lines there are, and those that are not among the known ones.
   void TellNew(const std::string& name, const CLines& lines, const CLines& known) {
     Tell(name, Text("%d lines", lines.size()));
     for (const std::string& line : lines)
       if (std::find(known.begin(), known.end(), line) == known.end()) Tell(name, line);
   }
-  /// An object as requests for it show it.
   PI::CObject Asked(unsigned long id) {
     PI::CObject object;
     object.m_Properties = m_Plugin.Properties(id);
@@ -74,7 +71,6 @@ struct Golden : public testing::Test, public SRig {
         m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, id, &operation);
     return object;
   }
-  /// What a change that no scan makes changes.
   void TellChange(const std::string& name, unsigned long id, const std::function<void()>& change) {
     const CLines before = LinesOf(Asked(id));
     change();
@@ -129,7 +125,6 @@ struct Golden : public testing::Test, public SRig {
       EXPECT_EQ(LinesOf(asked), lines) << "asked for one by one";
     }
   }
-  /// What no scan makes.
   void TellChanges() {
     CRVXAdapter& adapter = m_Plugin.m_Adapter;
     TellChange("adapter with all", adapter.m_ID, [&] {

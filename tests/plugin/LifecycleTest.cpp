@@ -73,7 +73,6 @@ TEST(PollInterval, IsSetWithinTheLimitsThatComeWithIt) {
   EXPECT_EQ(set(77, 2, 255, 1U), "20003: 77 s, counted 1, woken 1") << "in force all the same";
 }
 
-/// Command 1 with a list that is not empty: its status, and what it wrote to standard output.
 std::string Initialize(IPLUGINAPI& plugin, std::vector<PI::CAdapterID>& adapterIDs) {
   adapterIDs.resize(1);
   testing::internal::CaptureStdout();
@@ -168,8 +167,8 @@ TEST(SetAdapterIDs, TheFirstNumberEverGivenForTheLocationCounts) {
   EXPECT_EQ(rig.m_Plugin.m_AdapterIDs.size(), 7U);
 }
 
-/// Out of line and without return, so that the address sanitizer forgets the callers' frames before a
-/// cancellation unwinds them.
+/// Out of line and endless, so that the address sanitizer forgets the callers' frames before they are
+/// unwound.
 [[noreturn, gnu::noinline]] void HangUntilCancelled(KVT::Threading::CEvent& hangs) {
   hangs.Set();
   while (true) KVT::Misc::msleep(1000);  // a cancellation point that the thread sanitizer follows

@@ -19,7 +19,6 @@ unsigned int Release(CTestInstance& plugin, const std::string& disk) {
   return Execute(plugin, plugin.Drive(disk).m_ID, Operation(PI::OP_DELETE_DEDICATED_HOTSPARE));
 }
 
-/// What the operations change in the model: of the drive, of its array.
 std::string Model(const CTestInstance& plugin, const CRVXPhysicalDrive& drive) {
   const CRVXLogicalDrive& array = plugin.m_LogicalDrives.front();
   return Text("%d: %d %d %d of %d, busy %d; %d: busy %d", drive.m_UpdateCounter, drive.m_Status,
@@ -54,8 +53,7 @@ TEST(Spare, IsMadeAndReleased) {
 }
 
 TEST(Spare, WhatMdRefusesIsWipedAndTheModelStays) {
-  // A disk that is too small; and a mirror of another maker, without chunks: whole chunks of nothing are no
-  // room for data.
+  // A disk that is too small; and a mirror without chunks: whole chunks of nothing are no room for data.
   for (const auto& [disk, chunk] : {std::pair{"sdd", 64}, {"sdc", 0}}) {
     SCOPED_TRACE(disk);
     SRig rig(DisksOf({300000, 300000, 300000, 200000}, MirrorOfTwo("md_d3", Text(R"("chunk": %d)", chunk))));

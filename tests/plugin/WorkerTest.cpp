@@ -14,7 +14,6 @@ constexpr unsigned int FORCED = 1;
 constexpr unsigned int STOPPED = 2;
 constexpr unsigned int PRIVATE = 3;
 
-/// Lets another thread act while this one holds a lock.
 void WhileHeld(KVT::Threading::Native_OS::CFastMutex& lock, const std::function<void()>& act) {
   lock.Wait();
   std::async(std::launch::async, act).get();

@@ -105,17 +105,6 @@ std::string CTestInstance::TakeEventText(unsigned long object) {
   return text;
 }
 
-void CNotificationCounter::Attach(IPLUGINAPI& plugin) {
-  m_Plugin = &plugin;
-  plugin.m_pNotificationTarget = this;
-  plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
-}
-
-void CNotificationCounter::Notify(IPLUGINAPI* plugin) {
-  // A framework may wait here for another thread that asks the plug-in.
-  if (plugin == m_Plugin && CTestInstance::IsFree(static_cast<CTestInstance*>(plugin)->m_DataLock)) ++m_Count;
-}
-
 std::vector<PI::CEvent> SLiveRig::FetchEvents() {
   PI::COperation fetch;
   fetch.m_Code = PI::OP_GET_EVENTS;

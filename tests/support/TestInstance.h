@@ -21,7 +21,7 @@
 
 namespace NAMESPACE_piRVX {
 
-/// The machine that createIf uses in the tests; set it before.
+/// The machine that createIf uses in the tests.
 void UseMachine(COperatingSystem* machine);
 
 /// A configuration folder of its own for as long as it lives; ZQ_CONFIG_DIR names it.
@@ -45,7 +45,6 @@ TObject& Named(std::vector<TObject>& list, const std::string& name) {
   throw std::out_of_range("no " + name);
 }
 
-/// Waits for a condition until the time is over.
 bool Eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds time = std::chrono::seconds(30));
 
@@ -63,7 +62,6 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::GetUnusedArrayName;
   using IPLUGINAPI_IMPL::GetUUID;
   using IPLUGINAPI_IMPL::LockObjects;
-  using IPLUGINAPI_IMPL::NewID;
   using IPLUGINAPI_IMPL::ScanSystem;
   using IPLUGINAPI_IMPL::UnlockObjects;
   using IPLUGINAPI_IMPL::UpdateSystem;
@@ -80,7 +78,6 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_ForceWorker;
   using IPLUGINAPI_IMPL::m_LogicalDrives;
   using IPLUGINAPI_IMPL::m_MdMajor;
-  using IPLUGINAPI_IMPL::m_PendingOperation;
   using IPLUGINAPI_IMPL::m_PhysicalDrives;
   using IPLUGINAPI_IMPL::m_Plugin;
   using IPLUGINAPI_IMPL::m_PollInterval;
@@ -88,13 +85,10 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_StopRequest;
   using IPLUGINAPI_IMPL::m_WorkerThread;
 
-  /// True when nobody holds the lock: another thread can take it at once.
   static bool IsFree(KVT::Threading::Native_OS::CFastMutex& lock);
-  /// Command 1.
+  /// Commands 1 and 2, then 4, 5 and 6, which must succeed.
   unsigned int Begin();
-  /// Command 2, with these identifiers of adapters.
   unsigned int StartThreads(std::vector<PI::CAdapterID> adapterIDs = {});
-  /// Commands 4, 5 and 6, which must succeed.
   std::vector<PI::CObject> Topology();
   std::vector<PI::CProperty> Properties(unsigned long id);
   PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID which);
@@ -165,16 +159,21 @@ class CHookedDoor : public CForwardingMachine {
   }
 };
 
-/// Receives a plug-in's notifications and counts those that come from it while its model is free for
-/// requests.
+/// Counts a plug-in's notifications that come while its model is free for requests: a framework may wait in
+/// one for another thread that asks the plug-in.
 class CNotificationCounter : public INotificationTarget {
  public:
-  void Attach(IPLUGINAPI& plugin);
+  explicit CNotificationCounter(CTestInstance& plugin) : m_Plugin(plugin) {
+    plugin.m_pNotificationTarget = this;
+    plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
+  }
   int Count() const { return m_Count; }
 
  private:
-  void Notify(IPLUGINAPI* plugin);
-  IPLUGINAPI* m_Plugin{nullptr};
+  void Notify(IPLUGINAPI* plugin) {
+    if (plugin == &m_Plugin && CTestInstance::IsFree(m_Plugin.m_DataLock)) ++m_Count;
+  }
+  CTestInstance& m_Plugin;
   std::atomic<int> m_Count{0};
 };
 
@@ -184,9 +183,7 @@ template <class TDoor = CForwardingMachine>
 struct SBareRig {
   explicit SBareRig(const std::string& description = CSimulatedMachine::DemoDescription(),
                     CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
-      : m_Machine(description, clock) {
-    m_Notifications.Attach(m_Plugin);
-  }
+      : m_Machine(description, clock) {}
   ~SBareRig() {
     EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
     EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_DataLock));
@@ -197,8 +194,8 @@ struct SBareRig {
   CSimulatedMachine m_Machine;
   TDoor m_Own{m_Machine};
   CFaultyMachine m_Door{m_Own};
-  CNotificationCounter m_Notifications;
   CTestInstance m_Plugin{m_Door};
+  CNotificationCounter m_Notifications{m_Plugin};
 };
 
 /// The same after command 1.
@@ -210,7 +207,6 @@ struct SRigOf : public SBareRig<TDoor> {
     if (this->m_Plugin.Begin() != PI::OK) throw std::runtime_error("the plug-in does not initialise");
   }
 
-  /// One pass of the worker.
   void Pass() { this->m_Plugin.WorkerPass(m_Worker); }
 
   SWorkerState m_Worker;
@@ -224,12 +220,11 @@ struct SLiveRig : public SRigOf<> {
   }
   ~SLiveRig() { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }
 
-  /// Fetches as a front end does. Safe beside the threads.
+  /// As a front end does it, safe beside the threads.
   std::vector<PI::CEvent> FetchEvents();
   static constexpr unsigned long PLUGIN_ID = 295UL << 48;
 };
 
-/// The property of a list with this id; null when it is not there.
 const PI::CProperty* Find(const std::vector<PI::CProperty>& list, PI::_PROPERTY_ID id);
 /// A value as text; choices and limits follow the value.
 std::string Shown(const PI::CProperty& property);

@@ -28,7 +28,6 @@ class CTraceCapture {
     boost::filesystem::load_string_file(m_File, text);
     return text;
   }
-  /// How many lines contain this.
   std::size_t Count(const std::string& part) const {
     return Lines([&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
