@@ -187,11 +187,6 @@ TEST(SuperBlockDoor, FailuresHaveTheirStatusAndReadingSaysNothingOfTheRecord) {
 
 TEST(SuperBlockDoor, WithoutAUuidMdRefusesTheArray) {
   SRig rig(THREE);
-  unsigned char uuid[16];
-  rig.m_Door.FailAt(ECall::Open, 1, EIO);
-  EXPECT_EQ(rig.m_Plugin.GetUUID(uuid), PI::ERR_OPEN_FAILED);
-  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
-  EXPECT_EQ(rig.m_Plugin.GetUUID(uuid), PI::ERR_DEVICE_IO);
   rig.m_Door.ShortenAt(ECall::Read, 1, 15);
   EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), PI::ERR_DEVICE_IO);
 }

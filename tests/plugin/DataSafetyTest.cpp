@@ -1,7 +1,7 @@
 // What could hurt data: arrays that share a number, disks that were swapped, a model that lost its shape.
 
 #include "tests/support/Arrays.h"
-#include "tests/support/NoMemory.h"
+#include "tests/support/FailingCalls.h"
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;
@@ -19,22 +19,21 @@ std::string Bytes(const SRig& rig, const std::string& disks) {
   return bytes;
 }
 
-/// Names and identifiers of what the lists hold, and of what the adapter calls its children.
-void ExpectSoundModel(CTestInstance& plugin) {
-  std::multiset<unsigned long> ids;
-  for (const auto& drive : plugin.m_PhysicalDrives) ids.insert(drive.m_ID);
-  for (const auto& array : plugin.m_LogicalDrives) ids.insert(array.m_ID);
-  const auto& children = plugin.m_Adapter.m_Children;
-  EXPECT_EQ(ids, std::multiset<unsigned long>(children.begin(), children.end()));
-  EXPECT_EQ(std::set<unsigned long>(ids.begin(), ids.end()).size(), ids.size())
-      << "an identifier is there twice";
-  EXPECT_THAT(plugin.m_Plugin.m_Children, ElementsAre(plugin.m_Adapter.m_ID));
-}
-
-std::multiset<std::string> Names(const CTestInstance& plugin) {
+/// The names in the lists, whose objects the adapter must call its children and each by another identifier.
+std::multiset<std::string> SoundModel(CTestInstance& plugin) {
   std::multiset<std::string> names;
-  for (const auto& drive : plugin.m_PhysicalDrives) names.insert(drive.m_KernelName);
-  for (const auto& array : plugin.m_LogicalDrives) names.insert(array.m_KernelName);
+  std::set<unsigned long> ids;
+  const auto look = [&](const auto& list) {
+    for (const auto& object : list) {
+      names.insert(object.m_KernelName);
+      ids.insert(object.m_ID);
+    }
+  };
+  look(plugin.m_PhysicalDrives);
+  look(plugin.m_LogicalDrives);
+  EXPECT_EQ(ids.size(), names.size());
+  EXPECT_THAT(plugin.m_Adapter.m_Children, testing::UnorderedElementsAreArray(ids));
+  EXPECT_THAT(plugin.m_Plugin.m_Children, ElementsAre(plugin.m_Adapter.m_ID));
   return names;
 }
 
@@ -52,7 +51,7 @@ TEST(EqualNumbers, BothStandInTheModelAndEventsNameTheRightOne) {
   const unsigned long second = plugin.Array("md0").m_ID;
   EXPECT_THAT(plugin.TakeObjects(PI::EVT_LOGICALDRIVE_ADDED), ElementsAre(second));
   EXPECT_EQ(plugin.Array("md_d0").m_ID, first);
-  ExpectSoundModel(plugin);
+  SoundModel(plugin);
   pass(R"({"fail_member": {"array": "md0", "disk": "sdd"}})");
   EXPECT_THAT(plugin.TakeObjects(PI::EVT_LOGICALDRIVE_DEGRADED), ElementsAre(second)) << "once";
   pass(R"({"stop_array": "md_d0"})");  // the later passes look whether the number is in use again
@@ -192,10 +191,9 @@ TEST(Merge, RunningOutOfMemoryAnywhereLeavesTheModelAsItWas) {
     failed = CFailingAllocation::HasFailed();  // also where a formatted text was only cut short by it
   }
   EXPECT_GT(failures, 40U);
-  EXPECT_THAT(Names(plugin), ElementsAre("md7", "md_d0", "sda", "sdb", "sde", "sdx"));
+  EXPECT_THAT(SoundModel(plugin), ElementsAre("md7", "md_d0", "sda", "sdb", "sde", "sdx"));
   EXPECT_EQ(plugin.m_EventQueue.size(), 3U) << "of two disks and an array that left";
   EXPECT_THAT(plugin.m_Estimators, IsEmpty()) << "an estimate goes with its array";
-  ExpectSoundModel(plugin);
 }
 
 TEST(Merge, APassThatRanOutOfMemoryIsMadeUpForByTheNext) {
@@ -211,10 +209,9 @@ TEST(Merge, APassThatRanOutOfMemoryIsMadeUpForByTheNext) {
       // As the worker's loop takes it.
     }
     failed = CFailingAllocation::HasFailed();
-    ExpectSoundModel(rig.m_Plugin);
+    SoundModel(rig.m_Plugin);
     for (int pass = 0; failed && pass < 2; ++pass) rig.Pass();
-    EXPECT_THAT(Names(rig.m_Plugin), ElementsAre("md7", "md_d0", "sda", "sdb", "sde", "sdx"));
-    ExpectSoundModel(rig.m_Plugin);
+    EXPECT_THAT(SoundModel(rig.m_Plugin), ElementsAre("md7", "md_d0", "sda", "sdb", "sde", "sdx"));
   }
   EXPECT_GT(failures, 500U);
 }

@@ -5,7 +5,6 @@
 #include <boost/algorithm/string.hpp>
 
 #include "tests/support/Arrays.h"
-#include "tests/support/Golden.h"
 
 using namespace NAMESPACE_piRVX;
 

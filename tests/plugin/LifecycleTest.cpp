@@ -4,7 +4,6 @@
 
 #include "tests/support/Arrays.h"
 #include "tests/support/FailingCalls.h"
-#include "tests/support/NoMemory.h"
 
 extern "C" {
 CreateIfFunction createIf;

@@ -1,7 +1,6 @@
 // Dedicated hot spares and rebuilds: which members they find, and when they are allowed.
 
 #include "tests/support/Arrays.h"
-#include "tests/support/Golden.h"
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
-#include <random>
 #include <thread>
 
 #include "tests/support/Arrays.h"
@@ -126,8 +125,7 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
     return codes;
   };
   std::atomic<bool> end{false};
-  const auto readAll = [&](unsigned int seed) {
-    std::minstd_rand random(seed);
+  const auto readAll = [&](int thread) {
     while (!end)
       for (const PI::CObject& object : rig.m_Plugin.Topology()) {
         std::vector<PI::CProperty> properties;
@@ -138,11 +136,11 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
         rig.m_Plugin.Execute(PI::CMD_GET_OPERATIONS, object.m_ID, &operations);
         Check(rig.m_Plugin, object.m_ID, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
         fetched();
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));  // leave the worker its turns
+        std::this_thread::sleep_for(std::chrono::milliseconds(6 * thread));  // leave the worker its turns
       }
   };
   std::vector<std::thread> threads;
-  for (unsigned int thread = 0; thread < 8; ++thread) threads.emplace_back(readAll, thread + 1);
+  for (int thread = 1; thread <= 8; ++thread) threads.emplace_back(readAll, thread);
 
   std::vector<unsigned int> expected;
   std::size_t step = 0;

@@ -1,13 +1,8 @@
-#include "tests/support/Golden.h"
-
-#include <gtest/gtest.h>
-
 #include <boost/algorithm/string/join.hpp>
-#include <boost/filesystem.hpp>
-#include <boost/filesystem/string_file.hpp>
 #include <cstdlib>
 
 #include "KVTX/System.h"
+#include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {
 

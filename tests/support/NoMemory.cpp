@@ -1,7 +1,7 @@
-#include "tests/support/NoMemory.h"
-
 #include <cstdlib>
 #include <new>
+
+#include "tests/support/FailingCalls.h"
 
 namespace {
 

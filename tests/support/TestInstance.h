@@ -54,13 +54,11 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::IPLUGINAPI_IMPL;
 
   using IPLUGINAPI_IMPL::checkpd;
-  using IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed;
   using IPLUGINAPI_IMPL::GetLogicalDriveConfiguration;
   using IPLUGINAPI_IMPL::GetPhysicalDriveProperties;
   using IPLUGINAPI_IMPL::GetSmartData;
   using IPLUGINAPI_IMPL::GetSuperBlock1;
   using IPLUGINAPI_IMPL::GetUnusedArrayName;
-  using IPLUGINAPI_IMPL::GetUUID;
   using IPLUGINAPI_IMPL::LockObjects;
   using IPLUGINAPI_IMPL::ScanSystem;
   using IPLUGINAPI_IMPL::UnlockObjects;
@@ -224,6 +222,10 @@ struct SLiveRig : public SRigOf<> {
   std::vector<PI::CEvent> FetchEvents();
   static constexpr unsigned long PLUGIN_ID = 295UL << 48;
 };
+
+/// A file of tests/plugin, and the comparison with one: it shows the lines that differ.
+std::string GoldenText(const std::string& file);
+void ExpectGolden(const std::string& file, const std::string& text);
 
 const PI::CProperty* Find(const std::vector<PI::CProperty>& list, PI::_PROPERTY_ID id);
 /// A value as text; choices and limits follow the value.
