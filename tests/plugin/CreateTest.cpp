@@ -104,8 +104,7 @@ TEST(ArrayName, IsTheLowestFreeNumber) {
   const std::vector<std::uint32_t> allButTheLast(all.begin() + 1, all.end());
   // Numbers in use, and the name; none when it is empty.
   const std::pair<std::vector<std::uint32_t>, const char*> cases[] = {
-      {{}, "md_d0"},           {{1, 0}, "md_d2"},          {{0, 2}, "md_d1"},
-      {{4, 2, 0, 1}, "md_d3"}, {allButTheLast, "md_d255"}, {all, ""}};
+      {{}, "md_d0"}, {{4, 2, 0, 1}, "md_d3"}, {allButTheLast, "md_d255"}, {all, ""}};
   for (const auto& [used, wanted] : cases) {
     SRig rig(THREE);
     for (const std::uint32_t number : used)

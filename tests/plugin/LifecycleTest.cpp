@@ -160,14 +160,12 @@ TEST(SetAdapterIDs, TheFirstNumberEverGivenForTheLocationCounts) {
     }
     EXPECT_EQ(rig.m_Plugin.StartThreads(ids), PI::OK);
     EXPECT_EQ(adapter.m_Description, description);
-    for (const auto* thread : {&rig.m_Plugin.m_WorkerThread, &rig.m_Plugin.m_EventPollThread})
-      EXPECT_EQ((*thread)->Wait(20000), KVT::Threading::WAIT_OK);
+    EXPECT_TRUE(Eventually([&] { return !rig.m_Plugin.HasRunningThread(); }));
   }
   EXPECT_EQ(rig.m_Plugin.m_AdapterIDs.size(), 7U);
 }
 
-/// Out of line and endless, so that the address sanitizer forgets the callers' frames before they are
-/// unwound.
+/// Out of line and endless: the address sanitizer then forgets the callers' frames before they are unwound.
 [[noreturn, gnu::noinline]] void HangUntilCancelled(KVT::Threading::CEvent& hangs) {
   hangs.Set();
   while (true) KVT::Misc::msleep(1000);  // a cancellation point that the thread sanitizer follows

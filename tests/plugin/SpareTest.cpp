@@ -29,12 +29,10 @@ TEST(Spare, IsMadeAndReleased) {
   for (const bool missing : {false, true}) {
     SMdRig rig(MIRROR);
     CRVXPhysicalDrive& drive = rig.m_Plugin.Drive("sdc");
-    {
-      const CTraceCapture trace(TRACE_INFORMATION);
-      EXPECT_EQ(missing ? rig.m_Plugin.CreateMissingDrive(drive, 3) : Make(rig.m_Plugin, "sdc"), PI::OK);
-      EXPECT_EQ(trace.Shows("Src/piRVXPhysicalDrive", "CreateMissingDrive() add spare disk to slot 2"),
-                missing);
-    }
+    const CTraceCapture trace(TRACE_INFORMATION);
+    EXPECT_EQ(missing ? rig.m_Plugin.CreateMissingDrive(drive, 3) : Make(rig.m_Plugin, "sdc"), PI::OK);
+    EXPECT_EQ(trace.Shows("Src/piRVXPhysicalDrive", "CreateMissingDrive() add spare disk to slot 2"),
+              missing);
     EXPECT_EQ(Model(rig.m_Plugin, drive), "1: 40098 40263 0 of 3, busy 1; 1: busy 0");
     EXPECT_EQ(Take(rig.m_Plugin.m_PrivateEvent), !missing) << "set by the operation";
     EXPECT_THAT(rig.m_Door.OpenedForWriting(), ElementsAre("/dev/sdc"));
@@ -165,17 +163,13 @@ TEST(Members, AsMdTellsOfThemDecideWhatOperationsDo) {
 }
 
 TEST(SpareCheck, AllowsWhatTheModelAllows) {
-  const unsigned int CREATE = PI::OP_CREATE_DEDICATED_HOTSPARE;
-  const unsigned int RELEASE = PI::OP_DELETE_DEDICATED_HOTSPARE;
-  const unsigned int REPLACE = PI::OP_REPLACE_MISSING_DRIVE;
-  // Operation, spare state, number of the array, status, answer.
+  // Operation (50036 makes one, 50038 releases it, 50073 replaces a drive), spare state, number of the array,
+  // status, answer.
   const std::tuple<unsigned int, std::uint32_t, std::int32_t, std::uint32_t, unsigned int> cases[] = {
-      {CREATE, 40262, -1, 40099, 0},      {CREATE, 40262, 0, 40099, 20005},
-      {CREATE, 40263, -1, 40099, 20005},  {RELEASE, 40263, 3, 40098, 0},
-      {RELEASE, 40264, 0, 40095, 0},      {RELEASE, 40262, 3, 40098, 20005},
-      {RELEASE, 40263, -1, 40098, 20005}, {RELEASE, 40263, 3, 40093, 20005},
-      {REPLACE, 40262, -1, 40099, 20000}, {REPLACE, 40264, -1, 40099, 20117},
-      {REPLACE, 40263, -1, 40099, 20118}, {50089, 40262, -1, 40099, 20005}};
+      {50036, 40262, -1, 40099, 0},     {50036, 40262, 0, 40099, 20005},  {50036, 40263, -1, 40099, 20005},
+      {50038, 40263, 3, 40098, 0},      {50038, 40264, 0, 40095, 0},      {50038, 40262, 3, 40098, 20005},
+      {50038, 40263, -1, 40098, 20005}, {50038, 40263, 3, 40093, 20005},  {50073, 40262, -1, 40099, 20000},
+      {50073, 40264, -1, 40099, 20117}, {50073, 40263, -1, 40099, 20118}, {50089, 40262, -1, 40099, 20005}};
   SRig rig(MIRROR);
   CRVXPhysicalDrive& drive = rig.m_Plugin.Drive("sdc");
   for (const auto& [code, spareState, number, status, answer] : cases) {
@@ -187,8 +181,8 @@ TEST(SpareCheck, AllowsWhatTheModelAllows) {
     EXPECT_EQ(Check(rig.m_Plugin, drive.m_ID, Operation(code)), PI::ERR_BUSY);
   }
   rig.m_Plugin.m_LogicalDrives.clear();
-  EXPECT_EQ(Check(rig.m_Plugin, drive.m_ID, Operation(CREATE)), PI::ERR_NOT_AVAILABLE);
-  EXPECT_EQ(Execute(rig.m_Plugin, drive.m_ID, Operation(REPLACE)), PI::ERR_OPERATION_NOT_SUPPORTED);
+  EXPECT_EQ(Check(rig.m_Plugin, drive.m_ID, Operation(50036)), PI::ERR_NOT_AVAILABLE);
+  EXPECT_EQ(Execute(rig.m_Plugin, drive.m_ID, Operation(50073)), PI::ERR_OPERATION_NOT_SUPPORTED);
 }
 
 TEST(Rebuild, IsAllowedWhereThereIsSomethingToRebuild) {

@@ -29,8 +29,7 @@ struct UpdateTest : public testing::Test, public SBareRig<> {
   }
 
   unsigned int Merge() { return m_Plugin.UpdateSystem(m_Adapter, m_Drives, m_Arrays); }
-  /// Gives each of these fields another value in the scan, one after the other. `model` and `scanned` find
-  /// the object; `keys`: scanned fields that say which object it is.
+  /// Changes each field in the scan. `keys`: scanned fields that say which object it is.
   template <class... TFields>
   void ExpectTakenOver(auto model, auto scanned, std::size_t keys, TFields... fields) {
     EXPECT_EQ(std::tuple_size_v<decltype(model().ScannedFields())>, keys + sizeof...(fields));

@@ -69,11 +69,9 @@ TEST_F(Worker, AnUnchangingMachineAndAFailedScanLeaveTheModelAndBusyMarks) {
 TEST_F(Worker, WakeUpsLeadWhereTheyShould) {
   m_Plugin.LockObjects(-1, -1, -1, -1);
   const unsigned long passes = m_Plugin.m_Plugin.m_UpdateCounter;
-  {
-    const CTraceCapture trace(TRACE_LOCKS);
-    EXPECT_TRUE(m_Plugin.WorkerTurn(PRIVATE, m_Worker));
-    EXPECT_TRUE(trace.Shows("Src/piRVXPlugin", "After m_DataLock.Wait (sg)")) << "for the busy marks";
-  }
+  const CTraceCapture trace(TRACE_LOCKS);
+  EXPECT_TRUE(m_Plugin.WorkerTurn(PRIVATE, m_Worker));
+  EXPECT_TRUE(trace.Shows("Src/piRVXPlugin", "After m_DataLock.Wait (sg)")) << "for the busy marks";
   EXPECT_FALSE(m_Plugin.m_Plugin.m_Busy || m_Plugin.Drive("sdc").m_Busy);
   EXPECT_EQ(m_Notifications.Count(), 1);
   EXPECT_EQ(m_Plugin.m_Plugin.m_UpdateCounter, passes) << "a private event scans nothing";

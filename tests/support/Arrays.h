@@ -9,12 +9,10 @@
 #include <set>
 
 #include "tests/support/TestInstance.h"
-#include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
 
-/// A machine of SAS disks sda, sdb ... with these sizes in KiB; `more` are further members of the
-/// description, such as arrays.
+/// A machine of SAS disks sda, sdb ... with these sizes in KiB and further members of the description.
 std::string DisksOf(const std::vector<std::uint64_t>& sizes, const std::string& more = "");
 /// Such a member: a mirror of sda and sdb, and what else is to be said of it.
 std::string MirrorOfTwo(const std::string& name, const std::string& more = "");

@@ -18,9 +18,8 @@ class CFailingCall {
   ECall m_Call;
 };
 
-/// While it lives, the n-th allocation of the calling thread, counted from 1, throws std::bad_alloc; or the
-/// non-throwing form of new, which the plug-in uses where a lack of memory has a status of its own, finds
-/// none.
+/// While it lives, the n-th allocation of the calling thread, counted from 1, throws std::bad_alloc; or new
+/// finds nothing where a null pointer tells of it.
 class CFailingAllocation {
  public:
   static constexpr unsigned long ALL_THAT_DO_NOT_THROW = 0;

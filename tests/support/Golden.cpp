@@ -6,11 +6,7 @@
 
 namespace NAMESPACE_piRVX {
 
-std::string GoldenText(const std::string& file) {
-  std::string text;
-  boost::filesystem::load_string_file(RVX_GOLDEN_FOLDER + file, text);
-  return text;
-}
+std::string GoldenText(const std::string& file) { return FileText(RVX_GOLDEN_FOLDER + file); }
 
 void ExpectGolden(const std::string& file, const std::string& text) {
   if (std::getenv("RVX_RENEW_GOLDEN") != nullptr)

@@ -30,12 +30,6 @@ CConfigFolder::~CConfigFolder() {
   boost::filesystem::remove_all(m_Folder);
 }
 
-std::string CConfigFolder::Read() const {
-  std::string text;
-  boost::filesystem::load_string_file(File(), text);
-  return text;
-}
-
 bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds time) {
   for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
     if (condition()) return true;

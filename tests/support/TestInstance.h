@@ -5,8 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
-#include <boost/filesystem/string_file.hpp>
 #include <chrono>
 #include <functional>
 #include <stdexcept>
@@ -14,10 +12,10 @@
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXTrace.h"
 #include "simulator/FaultyMachine.h"
 #include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
+#include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -31,7 +29,7 @@ class CConfigFolder {
   ~CConfigFolder();
   boost::filesystem::path File() const { return m_Folder / "piRVX.ini"; }
   void Write(const std::string& text) const { boost::filesystem::save_string_file(File(), text); }
-  std::string Read() const;
+  std::string Read() const { return FileText(File()); }
 
  private:
   boost::filesystem::path m_Folder;
@@ -70,7 +68,6 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_AdapterIDs;
   using IPLUGINAPI_IMPL::m_DataLock;
   using IPLUGINAPI_IMPL::m_Estimators;
-  using IPLUGINAPI_IMPL::m_EventPollThread;
   using IPLUGINAPI_IMPL::m_EventQueue;
   using IPLUGINAPI_IMPL::m_EventsLock;
   using IPLUGINAPI_IMPL::m_ForceWorker;

@@ -10,6 +10,12 @@
 
 namespace NAMESPACE_piRVX {
 
+inline std::string FileText(const boost::filesystem::path& file) {
+  std::string text;
+  boost::filesystem::load_string_file(file, text);
+  return text;
+}
+
 /// Collects trace lines of the chosen classes in a file while it lives.
 class CTraceCapture {
  public:
@@ -23,11 +29,7 @@ class CTraceCapture {
     boost::filesystem::remove(m_File);
   }
 
-  std::string Text() const {
-    std::string text;
-    boost::filesystem::load_string_file(m_File, text);
-    return text;
-  }
+  std::string Text() const { return FileText(m_File); }
   std::size_t Count(const std::string& part) const {
     return Lines([&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
