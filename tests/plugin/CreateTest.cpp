@@ -161,12 +161,10 @@ TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
 
 TEST(SuperBlockDoor, FailuresHaveTheirStatusAndReadingSaysNothingOfTheRecord) {
   // What fails first when writing is the member's UUID, which does not count.
-  const std::tuple<ECall, unsigned int, unsigned int> cases[] = {{ECall::Open, 0, 20003},
-                                                                 {ECall::Read, 0, 0},
-                                                                 {ECall::Seek, 20003, 0},
-                                                                 {ECall::Write, 20018, 0},
-                                                                 {ECall::Sync, 20018, 0}};
-  for (const auto& [call, writing, reading] : cases) {
+  using TCase = std::tuple<ECall, unsigned int, unsigned int>;
+  for (const auto& [call, writing, reading] :
+       {TCase(ECall::Open, 0, 20003), TCase(ECall::Read, 0, 0), TCase(ECall::Seek, 20003, 0),
+        TCase(ECall::Write, 20018, 0), TCase(ECall::Sync, 20018, 0)}) {
     SCOPED_TRACE(static_cast<int>(call));
     SRig rig(THREE);
     md_superblock1 record{};

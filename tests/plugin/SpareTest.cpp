@@ -203,8 +203,6 @@ TEST(Rebuild, IsAllowedWhereThereIsSomethingToRebuild) {
     EXPECT_EQ(operation.m_Attributes[5], start == 0 ? 1U : 0U);
     EXPECT_EQ(Check(rig.m_Plugin, array.m_ID, Operation(PI::OP_CANCEL_REBUILD)), cancel);
   }
-  EXPECT_EQ(Check(rig.m_Plugin, array.m_ID, Operation(50000)), PI::OK) << "the execution refuses it";
-  EXPECT_EQ(Execute(rig.m_Plugin, array.m_ID, Operation(50000)), PI::ERR_OPERATION_NOT_SUPPORTED);
 }
 
 }  // namespace

@@ -84,7 +84,7 @@ TEST(Threads, AChangeOfMdDoesNotWaitForTheIntervalAndOneOfTheIntervalNotifies) {
   SLiveRig rig(MACHINE);
   const auto await = [&](unsigned int code) {
     return Eventually([&] {
-      const auto events = rig.FetchEvents();
+      const auto events = rig.m_Plugin.FetchEvents();
       return std::ranges::count(events, code, &PI::CEvent::m_Code) != 0;
     });
   };
@@ -97,7 +97,7 @@ TEST(Threads, AChangeOfMdDoesNotWaitForTheIntervalAndOneOfTheIntervalNotifies) {
 
   PI::CProperty interval(PI::PROP_POLL_INTERVAL);
   interval.SetValue(30, 2, 255, 1);
-  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_SET_PROPERTY, SLiveRig::PLUGIN_ID, &interval), PI::OK);
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_SET_PROPERTY, CTestInstance::PLUGIN_ID, &interval), PI::OK);
   EXPECT_TRUE(Eventually([&] { return rig.m_Notifications.Count() == 1; }));
 }
 
@@ -123,7 +123,7 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
   // Without those that come with every pass: the test's rescans, and a failed member that md still holds.
   const auto fetched = [&] {
     const std::lock_guard guard(lock);  // over the fetch: two must not be logged the wrong way round
-    for (const PI::CEvent& event : rig.FetchEvents())
+    for (const PI::CEvent& event : rig.m_Plugin.FetchEvents())
       if (event.m_Code != PI::EVT_RESCAN_REQUESTED && event.m_Code != PI::EVT_FAILED_DRIVE_IN_USE)
         codes.push_back(event.m_Code);
     return codes;
@@ -158,7 +158,7 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
     rig.m_Plugin.m_DataLock.Release();
     expected.insert(expected.end(), events.begin(), events.end());
     EXPECT_TRUE(Eventually([&] {
-      Execute(rig.m_Plugin, SLiveRig::PLUGIN_ID + 1, Operation(PI::OP_RESCAN_ADAPTER));
+      Execute(rig.m_Plugin, CTestInstance::PLUGIN_ID + 1, Operation(PI::OP_RESCAN_ADAPTER));
       std::this_thread::sleep_for(5ms);
       return fetched().size() >= expected.size();
     }));
@@ -290,7 +290,6 @@ TEST(Events, NobodyFetchesTakeBoundedMemoryAndTheOldestGo) {
   EXPECT_EQ(log.Count("100000 events wait to be fetched: the oldest are dropped from now on"), 1U);
 }
 
-/// As some languages do.
 struct CGrouping : public std::numpunct<char> {
   char do_thousands_sep() const override { return ','; }
   std::string do_grouping() const override { return "\3"; }

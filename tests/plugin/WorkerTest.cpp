@@ -97,21 +97,15 @@ TEST_F(Worker, LooksTenTimesLessOftenWithoutDisks) {
 TEST_F(Worker, ABusyLockSkipsThePassAndTheFetchAndLeavesNothingHeld) {
   const unsigned long passes = m_Plugin.m_Plugin.m_UpdateCounter;
   m_Plugin.m_EventQueue.resize(2);
-  const auto fetched = [&] {
-    PI::COperation fetch = Operation(PI::OP_GET_EVENTS);
-    fetch.m_Events.resize(1);  // does not stay
-    EXPECT_EQ(m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, m_Plugin.m_Plugin.m_ID, &fetch), PI::OK);
-    return fetch.m_Events.size();
-  };
   WhileHeld(m_Plugin.m_DataLock, [&] { Pass(); });
   WhileHeld(m_Plugin.m_EventsLock, [&] {
     Pass();
     EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_DataLock));
-    EXPECT_EQ(fetched(), 0U);
+    EXPECT_EQ(m_Plugin.FetchEvents().size(), 0U);
   });
   EXPECT_EQ(m_Plugin.m_Plugin.m_UpdateCounter, passes);
-  EXPECT_EQ(fetched(), 2U);
-  EXPECT_EQ(fetched(), 0U);
+  EXPECT_EQ(m_Plugin.FetchEvents().size(), 2U);
+  EXPECT_EQ(m_Plugin.FetchEvents().size(), 0U);
 }
 
 TEST_F(Worker, AStopIsSeenBetweenTwoDisks) {

@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 namespace NAMESPACE_piRVX {
 

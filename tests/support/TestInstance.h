@@ -89,6 +89,9 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID which);
   CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_PhysicalDrives, name); }
   CRVXLogicalDrive& Array(const std::string& name) { return Named(m_LogicalDrives, name); }
+  static constexpr unsigned long PLUGIN_ID = 295UL << 48;
+  /// As a front end does it, safe beside the threads.
+  std::vector<PI::CEvent> FetchEvents();
   /// The queued events, or the objects of those with a code; the queue is emptied.
   std::vector<PI::CEvent> TakeEvents();
   std::vector<unsigned long> TakeObjects(unsigned int code);
@@ -214,10 +217,6 @@ struct SLiveRig : public SRigOf<> {
     m_Plugin.StartThreads();
   }
   ~SLiveRig() { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }
-
-  /// As a front end does it, safe beside the threads.
-  std::vector<PI::CEvent> FetchEvents();
-  static constexpr unsigned long PLUGIN_ID = 295UL << 48;
 };
 
 /// A file of tests/plugin, and the comparison with one: it shows the lines that differ.

@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 #include <boost/filesystem.hpp>
 #include <boost/filesystem/string_file.hpp>
