@@ -224,6 +224,7 @@ TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
       {TRACE_INFORMATION, "Src/piRVXAdapter",
        "CreateLogicalDrive() name=md_d1 level=0 num=2 stripe=64 size=0 d1=8/32 d2=8/48"},
       {TRACE_LOCKS, "Src/piRVX", "LEAVE CheckOperation(50036)"},
+      {TRACE_LOCKS, "Src/piRVXPlugin", "After m_EventsLock.Wait(NULL, 0)"},
       {TRACE_LOCKS, "Src/piRVXPlugin", "Before m_EventsLock.Wait (NULL, 0)"},
       {TRACE_LOCKS, "Src/piRVXAdapter", "After m_EventsLock.Release()"},
       {TRACE_THREADS, "Src/piRVX", "ENTER GetOperations object=0x127000000000002"},
