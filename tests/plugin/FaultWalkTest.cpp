@@ -1,15 +1,14 @@
 // Reading and operations on a machine that fails: every call of the door in turn.
 
 #include "tests/support/Arrays.h"
-#include "tests/support/NoMemory.h"
+#include "tests/support/FailingCalls.h"
 
 using namespace NAMESPACE_piRVX;
 using ECall = CFaultyMachine::ECall;
 
 namespace {
 
-/// The next pass shows the machine as an instance sees it that has never seen it before; identifiers and
-/// progress are each one's own.
+/// The next pass shows the machine as a new instance sees it; identifiers and progress are each one's own.
 void ExpectTruth(CTestInstance& plugin, CSimulatedMachine& machine) {
   CTestInstance fresh(machine);
   ASSERT_EQ(fresh.Begin(), PI::OK);
@@ -31,48 +30,7 @@ void ExpectTruth(CTestInstance& plugin, CSimulatedMachine& machine) {
   }
 }
 
-constexpr std::size_t FAIL = ~std::size_t{0};
-
-/// Makes the n-th call of a kind fail, or move `size` bytes at most.
-void Arm(CFaultyMachine& door, ECall call, std::uint64_t n, std::size_t size) {
-  size == FAIL ? door.FailAt(call, n, EIO) : door.ShortenAt(call, n, size);
-}
-
-/// Everything that only reads, command 1 first, on a machine whose door is armed. How often it failed.
-std::uint64_t ReadAll(const std::function<void(CFaultyMachine&)>& arm) {
-  gSmartData.clear();  // the cache outlives instances
-  SBareRig rig;
-  arm(rig.m_Door);
-  // A scan that cannot read is an empty one, not a failed one.
-  EXPECT_EQ(rig.m_Plugin.Begin(), PI::OK);
-  for (const PI::CObject& object : rig.m_Plugin.Topology())
-    EXPECT_EQ(rig.m_Plugin.Properties(object.m_ID).size(), object.m_Properties.size());
-  EXPECT_EQ(rig.m_Machine.OpenDescriptors(), 0U);
-  const std::uint64_t struck = rig.m_Door.Struck();
-  rig.m_Door.Clear();
-  ExpectTruth(rig.m_Plugin, rig.m_Machine);
-  EXPECT_TRUE(rig.m_Door.OpenedForWriting().empty()) << "reading opened something for writing";
-  return struck;
-}
-
-TEST(FaultWalkOfReading, EverySingleCallMayFailAndAWholeKindOfThem) {
-  for (const auto& [call, size] : {std::pair{ECall::Any, FAIL}, {ECall::Read, std::size_t{3}}}) {
-    std::uint64_t n = 0;
-    for (std::uint64_t struck = 1; struck != 0 && !HasFailure();) {
-      SCOPED_TRACE(testing::Message() << "call " << ++n << " moves " << size);
-      struck = ReadAll([&, kind = call, bytes = size](CFaultyMachine& door) { Arm(door, kind, n, bytes); });
-    }
-    EXPECT_GT(n, 80U) << "the walk did not reach the scan";
-  }
-  for (const ECall call : {ECall::Any, ECall::Open, ECall::Close, ECall::Read, ECall::Ioctl, ECall::Status,
-                           ECall::ReadLink, ECall::GetCommandPath, ECall::ExecuteCommand}) {
-    SCOPED_TRACE(static_cast<int>(call));
-    EXPECT_GT(ReadAll([&](CFaultyMachine& door) { door.FailAt(call, 1, EIO, 100000); }), 0U);
-  }
-}
-
-/// A mirror with a spare, one that is rebuilt and stands still, one with a failed member, and three free
-/// disks.
+/// A mirror with a spare, one that is rebuilt and stands still, one with a failed member; three free disks.
 const std::string MACHINE =
     DisksOf({300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000, 300000},
             R"("sync_speed": 0, "arrays": [
@@ -82,7 +40,8 @@ const std::string MACHINE =
                  {"name": "md_d2", "level": "raid1", "chunk": 64, "raid_disks": 2, "members": ["sdf"],
                   "faulty": ["sdg"]}])");
 
-using TAct = std::function<unsigned int(SMdRig&)>;
+using SWalkRig = SBareRig<CMdDoor>;
+using TAct = std::function<unsigned int(SWalkRig&)>;
 
 struct SOperation {
   const char* m_Name;
@@ -91,92 +50,123 @@ struct SOperation {
   std::string m_Refused;   ///< what follows when md refuses each of REQUESTS
   unsigned int m_WithoutMemory;
   std::string m_MayWrite;  ///< letters of disks
+  bool m_Reads{false};     ///< and begins itself, on the demo machine
 };
 const std::vector<unsigned long> REQUESTS = {GET_ARRAY_INFO, GET_DISK_INFO, SET_ARRAY_INFO,  ADD_NEW_DISK,
                                              RUN_ARRAY,      STOP_ARRAY,    HOT_REMOVE_DISK, SET_DISK_FAULTY};
 
-void PrintTo(const SOperation& operation, std::ostream* stream) { *stream << operation.m_Name; }
-
-TAct OfAdapter(unsigned int code) {
-  return [=](SMdRig& rig) { return Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, Operation(code)); };
+/// A scan that cannot read is an empty one, not a failed one.
+unsigned int ReadAll(SWalkRig& rig) {
+  const unsigned int status = rig.m_Plugin.Begin();
+  for (const PI::CObject& object : rig.m_Plugin.Topology())
+    EXPECT_EQ(rig.m_Plugin.Properties(object.m_ID).size(), object.m_Properties.size());
+  return status;
 }
-TAct OfArray(const char* name, unsigned int code) {
-  return [=](SMdRig& rig) { return Execute(rig.m_Plugin, rig.m_Plugin.Array(name).m_ID, Operation(code)); };
+unsigned int CreateMirror(SWalkRig& rig) {
+  return Create(rig.m_Plugin, PI::LEVEL_RAID1, PI::STRIPE_64K, {"sdi", "sdh"});
 }
-TAct OfDrive(const char* name, const PI::COperation& operation) {
-  return [=](SMdRig& rig) { return Execute(rig.m_Plugin, rig.m_Plugin.Drive(name).m_ID, operation); };
+/// An operation of the array or drive of that name, or else of the adapter.
+TAct Of(const std::string& name, const PI::COperation& operation) {
+  return [=](SWalkRig& rig) {
+    CTestInstance& plugin = rig.m_Plugin;
+    unsigned long id = plugin.m_Adapter.m_ID;
+    if (name.starts_with("sd")) id = plugin.Drive(name).m_ID;
+    if (name.starts_with("md")) id = plugin.Array(name).m_ID;
+    return Execute(plugin, id, operation);
+  };
 }
 /// On a kernel that takes what this one refuses.
 TAct Obeyed(const TAct& act) {
-  return [=](SMdRig& rig) {
+  return [=](SWalkRig& rig) {
     rig.m_Own.m_Answers.insert({{HOT_REMOVE_DISK, 0}, {SET_DISK_FAULTY, 0}, {ADD_NEW_DISK, 0}});
     return act(rig);
   };
 }
-unsigned int CreateMirror(SMdRig& rig) {
-  return Create(rig.m_Plugin, PI::LEVEL_RAID1, PI::STRIPE_64K, {"sdi", "sdh"});
-}
 
 const SOperation OPERATIONS[] = {
+    {"Read", ReadAll, " 0 ", "0 0 0 0 0 0 0 0 ", 0, "", true},
     {"CreateMirror", CreateMirror, " 0 20003 20018 20029 ", "0 0 20003 20003 20003 0 0 0 ", 20007, "hi"},
-    {"Delete", OfArray("md_d0", 50050), " 0 20003 20018 ", "0 0 0 0 0 20003 0 0 ", 20003, "abc"},
-    {"DeleteAll", OfAdapter(50052), " 0 20003 20018 ", "0 0 0 0 0 20003 0 0 ", 20003, "abcfg"},
-    {"MakeSpare", OfDrive("sdh", Operation(50036, 2)), " 0 20000 20003 20018 20029 ",
+    {"Delete", Of("md_d0", Operation(50050)), " 0 20003 20018 ", "0 0 0 0 0 20003 0 0 ", 20003, "abc"},
+    {"DeleteAll", Of("", Operation(50052)), " 0 20003 20018 ", "0 0 0 0 0 20003 0 0 ", 20003, "abcfg"},
+    {"MakeSpare", Of("sdh", Operation(50036, 2)), " 0 20000 20003 20018 20029 ",
      "20003 20000 0 20003 0 0 0 0 ", 20007, "h"},
-    {"ReleaseSpare", OfDrive("sdc", Operation(50038)), " 0 20000 20003 20029 ", "20003 20000 0 0 0 0 0 0 ",
-     20007, "c"},
-    {"StartRebuild", Obeyed(OfArray("md_d2", 50054)), " 0 20000 20003 ", "20003 20003 0 20003 0 0 20003 0 ",
-     0, ""},
-    {"CancelRebuild", Obeyed(OfArray("md_d1", 50057)), " 0 20000 20003 ", "20003 20003 0 0 0 0 0 20003 ", 0,
-     ""}};
+    {"ReleaseSpare", Of("sdc", Operation(50038)), " 0 20000 20003 20029 ", "20003 20000 0 0 0 0 0 0 ", 20007,
+     "c"},
+    {"StartRebuild", Obeyed(Of("md_d2", Operation(50054))), " 0 20000 20003 ",
+     "20003 20003 0 20003 0 0 20003 0 ", 0, ""},
+    {"CancelRebuild", Obeyed(Of("md_d1", Operation(50057))), " 0 20000 20003 ",
+     "20003 20003 0 0 0 0 0 20003 ", 0, ""}};
 
-class FaultWalk : public testing::TestWithParam<SOperation> {
- protected:
-  /// Runs the operation with its n-th call failing for every n until none is left. All statuses that came.
-  static std::set<unsigned int> Walk(ECall call, std::size_t size) {
-    std::set<unsigned int> statuses;
-    bool struck = true;
-    for (std::uint64_t n = 1; struck && !HasFailure(); ++n) {
-      SCOPED_TRACE(Text("call %d of kind %d", n, static_cast<int>(call)));
-      SMdRig rig(MACHINE);
-      const std::uint64_t before = rig.m_Door.Struck();
-      Arm(rig.m_Door, call, n, size);
-      statuses.insert(GetParam().m_Act(rig));
-      struck = rig.m_Door.Struck() != before;
-      rig.m_Door.Clear();
-      for (const std::string& path : rig.m_Door.OpenedForWriting())
-        EXPECT_NE(GetParam().m_MayWrite.find(path.substr(std::string("/dev/sd").size())), std::string::npos);
-      rig.m_Own.m_Answers.clear();
-      ExpectTruth(rig.m_Plugin, rig.m_Machine);
-    }
-    return statuses;
+/// Its status on a machine whose door is armed, and whether a call failed.
+std::pair<unsigned int, bool> Outcome(const SOperation& operation,
+                                      const std::function<void(CFaultyMachine&)>& arm) {
+  gSmartData.clear();  // the cache outlives instances
+  SWalkRig rig(operation.m_Reads ? CSimulatedMachine::DemoDescription() : MACHINE);
+  if (!operation.m_Reads) {
+    EXPECT_EQ(rig.m_Plugin.Begin(), PI::OK);
   }
-};
-
-TEST_P(FaultWalk, EveryFailureHasItsStatusAndTheNextPassShowsTheTruth) {
-  std::string statuses = " ";
-  for (const unsigned int status : Walk(ECall::Any, FAIL)) statuses += Text("%d ", status);
-  EXPECT_EQ(statuses, GetParam().m_Statuses);
-  for (const auto& [call, size] : {std::pair{ECall::Close, FAIL},
-                                   {ECall::Read, std::size_t{0}},
-                                   {ECall::Read, 1023},
-                                   {ECall::Write, 0},
-                                   {ECall::Write, 1023}})
-    for (const unsigned int status : Walk(call, size))
-      EXPECT_THAT(statuses, testing::HasSubstr(Text(" %d ", status)));
-  std::string refused;
-  for (const unsigned long request : REQUESTS) {
-    SMdRig rig(MACHINE);
-    rig.m_Own.m_Answers[request] = EIO;
-    refused += Text("%d ", GetParam().m_Act(rig));
-  }
-  EXPECT_EQ(refused, GetParam().m_Refused);
-  SMdRig rig(MACHINE);
-  const CNoMemory noMemory;
-  EXPECT_EQ(GetParam().m_Act(rig), GetParam().m_WithoutMemory);
+  arm(rig.m_Door);
+  const unsigned int status = operation.m_Act(rig);
+  const bool struck = rig.m_Door.Struck() != 0;
+  rig.m_Door.Clear();
+  for (const std::string& path : rig.m_Door.OpenedForWriting())
+    EXPECT_NE(operation.m_MayWrite.find(path.substr(std::string("/dev/sd").size())), std::string::npos)
+        << path;
+  rig.m_Own.m_Answers.clear();
+  ExpectTruth(rig.m_Plugin, rig.m_Machine);
+  return {status, struck};
 }
 
-INSTANTIATE_TEST_SUITE_P(Operations, FaultWalk, testing::ValuesIn(OPERATIONS),
-                         [](const auto& instance) { return std::string(instance.param.m_Name); });
+constexpr std::size_t FAIL = ~std::size_t{0};
+
+/// All statuses with the n-th call of a kind failing, or moving `size` bytes at most, for every n.
+std::set<unsigned int> Walk(const SOperation& operation, ECall call, std::size_t size) {
+  std::set<unsigned int> statuses;
+  std::uint64_t n = 0;
+  for (bool struck = true; struck && !testing::Test::HasFailure();) {
+    SCOPED_TRACE(Text("call %d of kind %d", ++n, static_cast<int>(call)));
+    unsigned int status = 0;
+    std::tie(status, struck) = Outcome(operation, [&](CFaultyMachine& door) {
+      size == FAIL ? door.FailAt(call, n, EIO) : door.ShortenAt(call, n, size);
+    });
+    statuses.insert(status);
+  }
+  EXPECT_GT(n, call != ECall::Any ? 0U : operation.m_Reads ? 80U : 8U) << "it did not get far";
+  return statuses;
+}
+
+TEST(FaultWalk, EveryFailureHasItsStatusAndTheNextPassShowsTheTruth) {
+  for (const SOperation& operation : OPERATIONS) {
+    SCOPED_TRACE(operation.m_Name);
+    std::string statuses = " ";
+    for (const unsigned int status : Walk(operation, ECall::Any, FAIL)) statuses += Text("%d ", status);
+    EXPECT_EQ(statuses, operation.m_Statuses);
+    for (const auto& [call, size] : {std::pair{ECall::Close, FAIL},
+                                     {ECall::Read, std::size_t{0}},
+                                     {ECall::Read, 3},
+                                     {ECall::Read, 1023},
+                                     {ECall::Write, 0},
+                                     {ECall::Write, 1023}})
+      for (const unsigned int status : Walk(operation, call, size))
+        EXPECT_THAT(statuses, testing::HasSubstr(Text(" %d ", status)));
+    for (const ECall call : {ECall::Any, ECall::Open, ECall::Close, ECall::Read, ECall::Ioctl, ECall::Status,
+                             ECall::ReadLink, ECall::GetCommandPath, ECall::ExecuteCommand}) {
+      SCOPED_TRACE(static_cast<int>(call));
+      const auto result =
+          Outcome(operation, [&](CFaultyMachine& door) { door.FailAt(call, 1, EIO, 100000); });
+      EXPECT_TRUE(result.second || !operation.m_Reads) << "every call of a kind fails";
+    }
+    std::string refused;
+    for (const unsigned long request : REQUESTS) {
+      SMdRig rig(MACHINE);
+      rig.m_Own.m_Answers[request] = EIO;
+      refused += Text("%d ", operation.m_Act(rig));
+    }
+    EXPECT_EQ(refused, operation.m_Refused);
+    SMdRig rig(MACHINE);
+    const CFailingAllocation noMemory(CFailingAllocation::ALL_THAT_DO_NOT_THROW);
+    EXPECT_EQ(operation.m_Act(rig), operation.m_WithoutMemory);
+  }
+}
 
 }  // namespace

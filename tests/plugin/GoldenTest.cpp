@@ -1,11 +1,11 @@
-// What the framework and front ends see, in golden.txt: every field of every object, property and operation
-// on the machine of golden.json, whose clock makes the one date the same from Samoa to New Zealand.
+// What logs say, and what the framework and front ends see, in golden.txt: every field of every object,
+// property and operation on the machine of golden.json, whose clock makes the one date the same from Samoa to
+// New Zealand.
 
 #include <algorithm>
 #include <boost/algorithm/string.hpp>
 
 #include "tests/support/Arrays.h"
-#include "tests/support/Golden.h"
 
 using namespace NAMESPACE_piRVX;
 
@@ -35,7 +35,6 @@ std::string Joined(const TList& list) {
   return text;
 }
 
-/// A line for each property, operation, parameter and level record of an object.
 CLines LinesOf(const PI::CObject& object) {
   CLines lines;
   for (const PI::CProperty& property : object.m_Properties) lines.push_back(Line(property));
@@ -58,13 +57,11 @@ struct Golden : public testing::Test, public SRig {
   Golden() : SRig(GoldenText("golden.json")) {}
 
   void Tell(const std::string& name, const std::string& line) { m_Text += name + ": " + line + "\n"; }
-  /// Tells how many lines there are, and those that are not among the known ones.
   void TellNew(const std::string& name, const CLines& lines, const CLines& known) {
     Tell(name, Text("%d lines", lines.size()));
     for (const std::string& line : lines)
       if (std::find(known.begin(), known.end(), line) == known.end()) Tell(name, line);
   }
-  /// An object as requests for it show it.
   PI::CObject Asked(unsigned long id) {
     PI::CObject object;
     object.m_Properties = m_Plugin.Properties(id);
@@ -74,7 +71,6 @@ struct Golden : public testing::Test, public SRig {
         m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, id, &operation);
     return object;
   }
-  /// What a change that no scan makes changes.
   void TellChange(const std::string& name, unsigned long id, const std::function<void()>& change) {
     const CLines before = LinesOf(Asked(id));
     change();
@@ -129,7 +125,6 @@ struct Golden : public testing::Test, public SRig {
       EXPECT_EQ(LinesOf(asked), lines) << "asked for one by one";
     }
   }
-  /// What no scan makes.
   void TellChanges() {
     CRVXAdapter& adapter = m_Plugin.m_Adapter;
     TellChange("adapter with all", adapter.m_ID, [&] {
@@ -156,13 +151,18 @@ struct Golden : public testing::Test, public SRig {
       array.m_Configuration = {};
     });
   }
-  void TellMarks(int all, int major, int minor, int array) {
-    std::string marked;
-    EXPECT_EQ(m_Plugin.LockObjects(all, major, minor, array), PI::OK);
-    for (const PI::CObject& object : m_Plugin.Topology())
-      if (object.m_Busy) marked += " " + m_Names[object.m_ID];
-    Tell("busy", Text("%d %d:%d %d marks%s", all, major, minor, array, marked));
-    EXPECT_EQ(m_Plugin.UnlockObjects(), PI::OK);
+  void TellMarks() {
+    const std::tuple<int, int, int, int> marks[] = {{0, -1, -1, -1}, {0, 8, 16, 1}, {0, -1, -1, 1},
+                                                    {0, -1, -1, 9},  {0, 8, 17, 1}, {0, -1, 16, 1},
+                                                    {0, 8, -1, 1},   {-1, 8, 16, 1}};
+    for (const auto& [all, major, minor, array] : marks) {
+      std::string marked;
+      EXPECT_EQ(m_Plugin.LockObjects(all, major, minor, array), PI::OK);
+      for (const PI::CObject& object : m_Plugin.Topology())
+        if (object.m_Busy) marked += " " + m_Names[object.m_ID];
+      Tell("busy", Text("%d %d:%d %d marks%s", all, major, minor, array, marked));
+      EXPECT_EQ(m_Plugin.UnlockObjects(), PI::OK);
+    }
   }
 
   std::map<unsigned long, std::string> m_Names;
@@ -183,16 +183,59 @@ TEST_F(Golden, WhatFrontEndsSee) {
   TellAnswers("array", m_Plugin, m_Plugin.Array("md0"));
   TellAnswers("no object", m_Plugin, nobody);
   TellAnswers("before command 1", fresh, nobody);
-  const std::tuple<int, int, int, int> marks[] = {{0, -1, -1, -1}, {0, 8, 16, 1}, {0, -1, -1, 1},
-                                                  {0, -1, -1, 9},  {0, 8, 17, 1}, {0, -1, 16, 1},
-                                                  {0, 8, -1, 1},   {-1, 8, 16, 1}};
-  for (const auto& [all, major, minor, array] : marks) TellMarks(all, major, minor, array);
+  TellMarks();
   TellChanges();
   CLines exports;
   KVTX::CSystem::ExecuteCommand("/usr/bin/nm", "-D --defined-only --format=just-symbols " RVX_PLUGIN,
                                 exports);
   Tell("library", "exports" + Joined(exports));
   ExpectGolden("golden.txt", m_Text);
+}
+
+/// A sample of the texts that logs are searched for, each in its class alone.
+void ActOnEverything() {
+  SRig rig(DisksOf({300000, 300000, 300000, 300000}, MirrorOfTwo("md_d0")));
+  const auto act = [&](const PI::CObject& object, const PI::COperation& operation) {
+    std::vector<PI::COperation> operations;
+    rig.m_Plugin.Properties(object.m_ID);
+    rig.m_Plugin.Execute(PI::CMD_GET_OPERATIONS, object.m_ID, &operations);
+    Check(rig.m_Plugin, object.m_ID, operation);
+    Execute(rig.m_Plugin, object.m_ID, operation);
+  };
+  rig.m_Plugin.Topology();
+  act(rig.m_Plugin.m_Plugin, Operation(PI::OP_GET_EVENTS));
+  act(rig.m_Plugin.m_Adapter, Operation(PI::OP_RESCAN_ADAPTER));
+  act(rig.m_Plugin.Drive("sda"), Operation(PI::OP_CREATE_DEDICATED_HOTSPARE, 7));
+  Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sdc", "sdd"});
+  rig.Pass();
+  rig.m_Door.FailAt(CFaultyMachine::ECall::Any, 1, EIO, 99);
+  act(rig.m_Plugin.m_Adapter, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
+}
+
+TEST(Trace, TextsThatLogsAreSearchedForKeepTheirSpelling) {
+  const std::tuple<unsigned int, const char*, const char*> lines[] = {
+      {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE Initialize() -> 0"},
+      {TRACE_LIFECYCLE, "Src/piRVXPlugin", "LEAVE GetEvents() -> 0"},
+      {TRACE_LIFECYCLE, "Src/piRVXAdapter", "LEAVE AdapterExecuteOperation() -> 20003"},
+      {TRACE_LIFECYCLE, "Src/piRVXPhysicalDrive",
+       "CheckPhysicalDriveOperation() drive sda connot be configured"},
+      {TRACE_INFORMATION, "Src/piRVXPlugin", "GetTopology() PhysicalDrive (8/16) m_ID=0x127000000000003"},
+      {TRACE_INFORMATION, "Src/piRVX", "GetProperties m_PhysicalDrives=4"},
+      {TRACE_INFORMATION, "Src/piRVXAdapter",
+       "CreateLogicalDrive() name=md_d1 level=0 num=2 stripe=64 size=0 d1=8/32 d2=8/48"},
+      {TRACE_LOCKS, "Src/piRVX", "LEAVE CheckOperation(50036)"},
+      {TRACE_LOCKS, "Src/piRVXPlugin", "After m_EventsLock.Wait(NULL, 0)"},
+      {TRACE_LOCKS, "Src/piRVXPlugin", "Before m_EventsLock.Wait (NULL, 0)"},
+      {TRACE_LOCKS, "Src/piRVXAdapter", "After m_EventsLock.Release()"},
+      {TRACE_THREADS, "Src/piRVX", "ENTER GetOperations object=0x127000000000002"},
+      {TRACE_THREADS, "Src/piRVXPlugin", "Create new adpID"},
+      {TRACE_THREADS, "Src/piRVXPlugin", "vor checkpd /sys/block/sda/device sda"}};
+  for (const unsigned int traced : {TRACE_LIFECYCLE, TRACE_INFORMATION, TRACE_LOCKS, TRACE_THREADS}) {
+    const CTraceCapture trace(traced);
+    ActOnEverything();
+    for (const auto& [traceClass, source, text] : lines)
+      EXPECT_EQ(trace.Shows(source, text), traceClass == traced) << text << " with classes " << traced;
+  }
 }
 
 }  // namespace

@@ -1,90 +1,76 @@
-// The poller's rounds, both threads on a live machine, and framework threads beside them.
+// The poller's rounds, both threads on a live machine with framework threads beside them, and what a server
+// that runs for months meets: no threads, no memory, hanging calls, nobody who fetches.
 
-#include <chrono>
-#include <cstdlib>
+#include <pthread.h>
+
+#include <locale>
 #include <mutex>
-#include <random>
 #include <thread>
 
+#include "Src/piRVXText.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
-using testing::ElementsAre;
 using namespace std::chrono_literals;
+
+extern "C" CreateIfFunction createIf;
+extern "C" ReleaseIfFunction releaseIf;
 
 namespace {
 
 const std::string MACHINE = DisksOf({65536, 65536, 65536, 65536}, MirrorOfTwo("md0"));
 
-/// Watches what the poller does with its file and answers select as it is told.
-class CWatchedDoor : public CForwardingMachine {
- public:
-  using CForwardingMachine::CForwardingMachine;
-  int m_Answer{0};
-  KVT::Threading::CEvent* m_Forced{nullptr};  ///< must not be set before the file is closed
-  std::vector<std::string> m_Steps;
-
-  int Open(const std::string& path, int flags) override {
-    m_Steps.push_back("open " + path);
-    return CForwardingMachine::Open(path, flags);
-  }
-  int Close(int descriptor) override {
-    m_Steps.push_back(m_Forced != nullptr && Take(*m_Forced) ? "close too late" : "close");
-    const int result = CForwardingMachine::Close(descriptor);
-    errno = EBADF;  // what a close may leave behind
-    return result;
-  }
-  int WaitExceptional(int, std::uint64_t milliseconds) override {
-    m_Steps.push_back("select " + std::to_string(milliseconds));
-    errno = EINTR;
-    return m_Answer;
-  }
-};
-
-struct EventPollTest : public testing::Test, public SRigOf<CWatchedDoor> {
+/// What the poller does with its file, and select as it is told.
+struct EventPollTest : public testing::Test, public SRigOf<CHookedDoor> {
   EventPollTest() : SRigOf(MACHINE) {
-    m_Own.m_Steps.clear();
-    m_Own.m_Forced = &m_Plugin.m_ForceWorker;
+    m_Own.m_Hook = [this](const std::string& call) -> CHookedDoor::TAnswer {
+      m_Steps += call == "close" && Take(m_Plugin.m_ForceWorker) ? "close too late, " : call + ", ";
+      errno = EBADF;  // what a close may leave behind
+      if (!call.starts_with("wait")) return {};
+      errno = EINTR;
+      return m_Select();
+    };
   }
+  std::function<int()> m_Select = [] { return 0; };
+  std::string m_Steps;
 };
+constexpr char ROUND[] = "open /proc/mdstat, wait 3000, close, ";
 
 TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosed) {
-  for (const auto& [answer, forced] : {std::pair{0, false}, std::pair{1, true}}) {
-    m_Own.m_Answer = answer;
-    m_Own.m_Steps.clear();
-    EXPECT_TRUE(m_Plugin.EventPollRound());
-    EXPECT_THAT(m_Own.m_Steps, ElementsAre("open /proc/mdstat", "select 3000", "close"));
-    EXPECT_EQ(Take(m_Plugin.m_ForceWorker), forced);
-  }
+  EXPECT_TRUE(m_Plugin.EventPollRound());
+  EXPECT_FALSE(Take(m_Plugin.m_ForceWorker));
+  m_Select = [] { return 1; };
+  EXPECT_TRUE(m_Plugin.EventPollRound());
+  EXPECT_TRUE(Take(m_Plugin.m_ForceWorker));
   m_Plugin.m_StopRequest.Set();
   EXPECT_FALSE(m_Plugin.EventPollRound());
-  EXPECT_EQ(m_Own.m_Steps.size(), 3U) << "a stop request ends it before anything is opened";
+  EXPECT_EQ(m_Steps, std::string(ROUND) + ROUND) << "a stop request ends it before anything is opened";
 }
 
 TEST_F(EventPollTest, AFailingSelectNamesItsOwnErrorAndEndsTheThreadAlone) {
-  m_Own.m_Answer = -1;
+  m_Select = [] { return -1; };
   const CTraceCapture trace(0);
   m_Plugin.EventPoll();
   EXPECT_THAT(trace.Text(), testing::HasSubstr("EventPoll()- Thread is crashed!\n\nselect: Interrupted"));
-  EXPECT_THAT(m_Own.m_Steps, ElementsAre("open /proc/mdstat", "select 3000", "close")) << "closed once";
+  EXPECT_EQ(m_Steps, ROUND) << "closed once";
   EXPECT_FALSE(Take(m_Plugin.m_ForceWorker) || Take(m_Plugin.m_StopRequest)) << "the worker goes on";
 }
 
-TEST_F(EventPollTest, WithoutMdItLooksAgainEveryThreeSeconds) {
+TEST_F(EventPollTest, OutlivesAWantOfMemoryAndOfMdWithAPause) {
+  m_Select = [this, waits = 0]() mutable {
+    if (++waits == 1) throw std::bad_alloc();
+    m_Plugin.m_StopRequest.Set();
+    return 0;
+  };
+  const CTraceCapture log(0);
+  m_Plugin.EventPoll();
+  EXPECT_EQ(m_Steps, Text("%ssleep 3000, %s", ROUND, ROUND));
+  EXPECT_EQ(log.Count("EventPoll() round failed: std::bad_alloc"), 1U);
+  m_Plugin.m_StopRequest.Reset();
+  m_Steps.clear();
   m_Machine.SetFile("/proc/mdstat", std::nullopt);
-  const std::uint64_t start = m_Machine.Now();
   EXPECT_TRUE(m_Plugin.EventPollRound());
-  EXPECT_EQ(m_Machine.Now() - start, 3000U);
-  EXPECT_THAT(m_Own.m_Steps, ElementsAre("open /proc/mdstat"));
-}
-
-/// Waits for a condition until the time is over.
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds time = 30s) {
-  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(2ms);
-  }
-  return condition();
+  EXPECT_EQ(m_Steps, "open /proc/mdstat, sleep 3000, ");
 }
 
 TEST(Threads, TheFirstPassComesAtOnceAndTheNextAfterTheInterval) {
@@ -98,9 +84,8 @@ TEST(Threads, AChangeOfMdDoesNotWaitForTheIntervalAndOneOfTheIntervalNotifies) {
   SLiveRig rig(MACHINE);
   const auto await = [&](unsigned int code) {
     return Eventually([&] {
-      const auto events = rig.FetchEvents();
-      return std::any_of(events.begin(), events.end(),
-                         [&](const PI::CEvent& event) { return event.m_Code == code; });
+      const auto events = rig.m_Plugin.FetchEvents();
+      return std::ranges::count(events, code, &PI::CEvent::m_Code) != 0;
     });
   };
   const auto begin = std::chrono::steady_clock::now();
@@ -112,29 +97,11 @@ TEST(Threads, AChangeOfMdDoesNotWaitForTheIntervalAndOneOfTheIntervalNotifies) {
 
   PI::CProperty interval(PI::PROP_POLL_INTERVAL);
   interval.SetValue(30, 2, 255, 1);
-  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_SET_PROPERTY, SLiveRig::PLUGIN_ID, &interval), PI::OK);
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_SET_PROPERTY, CTestInstance::PLUGIN_ID, &interval), PI::OK);
   EXPECT_TRUE(Eventually([&] { return rig.m_Notifications.Count() == 1; }));
 }
 
-TEST(Threads, DeInitialiseEndsBothWithinFourSecondsOfAnyMoment) {
-  for (const auto delay : {0ms, 40ms, 700ms}) {
-    SCOPED_TRACE(delay.count());
-    SLiveRig rig(MACHINE);
-    const auto* const worker = rig.m_Plugin.m_WorkerThread.get();
-    rig.m_Plugin.StartThreads();
-    EXPECT_EQ(rig.m_Plugin.m_WorkerThread.get(), worker) << "a repeated command 2 starts no second pair";
-    rig.m_Machine.Apply(R"({"start_resync": "md0"})");  // its array is not clean: a pass takes long
-    std::this_thread::sleep_for(delay);
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
-    EXPECT_EQ(rig.m_Plugin.m_WorkerThread->Wait(0), KVT::Threading::WAIT_OK);
-    EXPECT_EQ(rig.m_Plugin.m_EventPollThread->Wait(0), KVT::Threading::WAIT_OK);
-  }
-}
-
-/// Changes of the machine and what must be reported of each, in this order and once. They end where they
-/// began, so that they can be gone through again and again.
+/// Changes and what must be reported of each, in this order and once. They end where they began.
 const std::pair<const char*, std::vector<unsigned int>> CYCLE[] = {
     {R"({"disk_state": {"sdc": "offline"}})", {PI::EVT_READY_DRIVE_OFFLINE}},
     {R"({"disk_state": {"sdc": "running"}})", {PI::EVT_FAILED_DRIVE_READY}},
@@ -153,18 +120,16 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
   SLiveRig rig(MACHINE);
   std::mutex lock;
   std::vector<unsigned int> codes;
-  // All codes that any front end fetched so far, without those that come with every pass: the rescans that
-  // the test asks for, and a failed member that md still holds.
+  // Without those that come with every pass: the test's rescans, and a failed member that md still holds.
   const auto fetched = [&] {
     const std::lock_guard guard(lock);  // over the fetch: two must not be logged the wrong way round
-    for (const PI::CEvent& event : rig.FetchEvents())
+    for (const PI::CEvent& event : rig.m_Plugin.FetchEvents())
       if (event.m_Code != PI::EVT_RESCAN_REQUESTED && event.m_Code != PI::EVT_FAILED_DRIVE_IN_USE)
         codes.push_back(event.m_Code);
     return codes;
   };
   std::atomic<bool> end{false};
-  const auto readAll = [&](unsigned int seed) {
-    std::minstd_rand random(seed);
+  const auto readAll = [&](int thread) {
     while (!end)
       for (const PI::CObject& object : rig.m_Plugin.Topology()) {
         std::vector<PI::CProperty> properties;
@@ -175,11 +140,11 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
         rig.m_Plugin.Execute(PI::CMD_GET_OPERATIONS, object.m_ID, &operations);
         Check(rig.m_Plugin, object.m_ID, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
         fetched();
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));  // leave the worker its turns
+        std::this_thread::sleep_for(std::chrono::milliseconds(6 * thread));  // leave the worker its turns
       }
   };
   std::vector<std::thread> threads;
-  for (unsigned int thread = 0; thread < 8; ++thread) threads.emplace_back(readAll, thread + 1);
+  for (int thread = 1; thread <= 8; ++thread) threads.emplace_back(readAll, thread);
 
   std::vector<unsigned int> expected;
   std::size_t step = 0;
@@ -193,7 +158,7 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
     rig.m_Plugin.m_DataLock.Release();
     expected.insert(expected.end(), events.begin(), events.end());
     EXPECT_TRUE(Eventually([&] {
-      Execute(rig.m_Plugin, SLiveRig::PLUGIN_ID + 1, Operation(PI::OP_RESCAN_ADAPTER));
+      Execute(rig.m_Plugin, CTestInstance::PLUGIN_ID + 1, Operation(PI::OP_RESCAN_ADAPTER));
       std::this_thread::sleep_for(5ms);
       return fetched().size() >= expected.size();
     }));
@@ -201,9 +166,150 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
   }
   end = true;
   for (std::thread& thread : threads) thread.join();
+  const auto asked = std::chrono::steady_clock::now();
   EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 4s);
+  EXPECT_FALSE(rig.m_Plugin.HasRunningThread());
   EXPECT_EQ(fetched(), expected) << "something came late or twice";
   EXPECT_GE(step, std::size(CYCLE)) << "too slow to have gone through every change";
+}
+
+/// While it lives, no thread can be made: its stack would not fit into any address space.
+class CNoThreads {
+ public:
+  CNoThreads() { SetStack(std::size_t{1} << 47); }
+  ~CNoThreads() { SetStack(m_Before); }
+
+ private:
+  void SetStack(std::size_t size) {
+    pthread_attr_t attributes;
+    pthread_getattr_default_np(&attributes);
+    if (m_Before == 0) pthread_attr_getstacksize(&attributes, &m_Before);
+    pthread_attr_setstacksize(&attributes, size);
+    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
+    pthread_attr_destroy(&attributes);
+  }
+  std::size_t m_Before{0};
+};
+
+TEST(Threads, ThatCannotBeHadAreToldOfAndStartedByTheNextCommand) {
+  SRigOf<> rig(MACHINE, CSimulatedMachine::EClock::Real);
+  const CTraceCapture log(0);
+  {
+    const CNoThreads none;
+    EXPECT_EQ(rig.m_Plugin.StartThreads(), PI::OK);
+  }
+  EXPECT_EQ(log.Count("SetAdapterIDs() can't start the thread "), 2U);
+  EXPECT_THAT(log.Text(),
+              testing::ContainsRegex("EventPoll: pthread_create[^\n]*\n[^\n]*Worker: pthread_create"))
+      << "the poller first";
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+  rig.m_Plugin.m_StopRequest.Reset();
+  EXPECT_EQ(rig.m_Plugin.StartThreads(), PI::OK);
+  EXPECT_TRUE(rig.m_Plugin.HasRunningThread());
+  EXPECT_EQ(rig.m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+}
+
+TEST(Threads, ARepeatedCommandAndThePassesDoNotMeetInTheDescription) {
+  SLiveRig rig(MACHINE);  // what it looks for, the thread sanitizer finds
+  PI::CAdapterID number;
+  number.m_AdapterNumber = 3;
+  const auto* const worker = rig.m_Plugin.m_WorkerThread.get();
+  for (int round = 0; round < 200; ++round) {
+    rig.m_Plugin.m_ForceWorker.Set();
+    EXPECT_EQ(rig.m_Plugin.StartThreads({number}), PI::OK);
+  }
+  EXPECT_EQ(rig.m_Plugin.m_WorkerThread.get(), worker) << "no second pair is started";
+}
+
+TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
+  const CConfigFolder config;
+  CSimulatedMachine machine(MACHINE, CSimulatedMachine::EClock::Real);
+  CHookedDoor door(machine);
+  std::atomic<bool> sticks{false};
+  std::atomic<bool> stuck{false};
+  door.m_Hook = [&](const std::string& call) -> CHookedDoor::TAnswer {
+    while (call == "ioctl" && sticks) {
+      stuck = true;
+      std::this_thread::yield();  // unlike a sleep no cancellation point
+    }
+    return call.starts_with("sleep") ? CHookedDoor::TAnswer(0) : std::nullopt;
+  };
+  UseMachine(&door);
+  IPLUGINAPI* plugin = nullptr;
+  ASSERT_EQ(createIf(&plugin), PI::OK);
+  std::vector<PI::CAdapterID> ids;
+  ASSERT_EQ(plugin->Execute(PI::CMD_INITIALIZE, 0, &ids), PI::OK);
+  auto* const instance = static_cast<IPLUGINAPI_IMPL*>(plugin);
+  const CTraceCapture log(0);
+  sticks = true;
+  plugin->Execute(PI::CMD_SET_ADAPTER_IDS, 0, &ids);
+  ASSERT_TRUE(Eventually([&] { return stuck.load(); }));
+  EXPECT_EQ(plugin->Execute(PI::CMD_DEINITIALIZE, 0, nullptr), PI::OK);
+  releaseIf(&plugin);
+  EXPECT_EQ(plugin, nullptr);
+  EXPECT_EQ(g_p_IPLUGINAPI_IMPL, nullptr);
+  EXPECT_EQ(log.Count("releaseIf() a thread still runs: its instance is left in place"), 1U);
+  sticks = false;
+  // The call comes back, to memory that is still there; then the cancellation takes hold.
+  ASSERT_TRUE(Eventually([&] { return !instance->HasRunningThread(); }));
+  delete instance;
+  UseMachine(nullptr);
+}
+
+TEST(Udevadm, ThatHangsIsAskedOncePerPassAndAgainByTheNext) {
+  SRigOf<CHookedDoor> rig(MACHINE);
+  const CTraceCapture log(0);
+  std::size_t runs = 0;
+  const auto answers = std::exchange(rig.m_Own.m_Hook, [&](const std::string& call) -> CHookedDoor::TAnswer {
+    if (call != "run udevadm") return {};
+    ++runs;
+    return 130;  // out of time
+  });
+  for (std::size_t pass = 1; pass <= 2; ++pass) {
+    rig.Pass();
+    EXPECT_EQ(runs, pass);
+    EXPECT_EQ(log.Count("udevadm gave no answer about sda in time: this scan asks about no further disk"),
+              pass);
+  }
+  EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives.size(), 0U);
+  rig.m_Own.m_Hook = answers;
+  rig.Pass();
+  EXPECT_EQ(rig.m_Plugin.m_PhysicalDrives.size(), 4U);
+}
+
+TEST(Events, NobodyFetchesTakeBoundedMemoryAndTheOldestGo) {
+  SRig rig(MACHINE);
+  const CTraceCapture log(0);
+  rig.m_Plugin.m_EventQueue.resize(100'000);
+  for (int more = 0; more < 3; ++more)
+    Execute(rig.m_Plugin, rig.m_Plugin.m_Adapter.m_ID, Operation(PI::OP_RESCAN_ADAPTER));
+  const auto events = rig.m_Plugin.TakeEvents();
+  ASSERT_EQ(events.size(), 100'000U);
+  EXPECT_EQ(events[events.size() - 3].m_Code, PI::EVT_RESCAN_REQUESTED);
+  EXPECT_EQ(log.Count("100000 events wait to be fetched: the oldest are dropped from now on"), 1U);
+}
+
+struct CGrouping : public std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(Texts, DoNotFollowTheServersLocale) {
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new CGrouping));
+  const std::string key = DeviceKey("SoftRAID0", 9, 16320);
+  std::locale::global(before);
+  EXPECT_EQ(key, "SoftRAID0&BLKDEV:Major=9&Minor=16320");
+}
+
+TEST(Partitions, AreReadInLinearTime) {
+  std::string text = "major minor  #blocks  name\n\n";
+  constexpr int ENTRIES = 200'000;
+  for (int entry = 0; entry < ENTRIES; ++entry) text += " 8 " + std::to_string(entry) + " 1048576 sda\n";
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(ParsePartitions(text).size(), static_cast<std::size_t>(ENTRIES));
+  // A fraction of a second; half a minute when each entry measures the rest of the text.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 15s);
 }
 
 }  // namespace

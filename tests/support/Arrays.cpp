@@ -4,9 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
-#include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {

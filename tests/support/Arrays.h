@@ -9,35 +9,27 @@
 #include <set>
 
 #include "tests/support/TestInstance.h"
-#include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
 
-/// A machine of SAS disks sda, sdb ... with these sizes in KiB; `more` are further members of the
-/// description, such as arrays.
+/// A machine of SAS disks sda, sdb ... with these sizes in KiB and further members of the description.
 std::string DisksOf(const std::vector<std::uint64_t>& sizes, const std::string& more = "");
 /// Such a member: a mirror of sda and sdb, and what else is to be said of it.
 std::string MirrorOfTwo(const std::string& name, const std::string& more = "");
 
-/// The operation with this code, as the object offers none but it.
 PI::COperation Operation(unsigned int code);
-/// An operation with an array number as its parameter.
 PI::COperation Operation(unsigned int code, unsigned long arrayNumber);
-/// Lets the plug-in execute an operation on an object, as the framework does.
 unsigned int Execute(CTestInstance& plugin, unsigned long id, PI::COperation operation);
 unsigned int Check(CTestInstance& plugin, unsigned long id, PI::COperation operation);
 /// Creates an array; its request holds the disks in each of its containers. "?" is a disk that nobody knows.
 unsigned int Create(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
                     const std::vector<std::string>& disks, std::size_t containers = 1);
 
-/// What stands where a disk's superblock is.
 md_superblock1 SuperBlockOf(const CSimulatedMachine& machine, const CRVXPhysicalDrive& drive);
-/// True when md would take the record for a superblock.
 bool IsSuperBlock(const md_superblock1& superBlock);
-/// md's own records; level and sizes are those that it runs with. Fails hard when it has no such array.
+/// md's own record of a running array.
 mdu_array_info_t ArrayInfo(COperatingSystem& machine, const std::string& name);
 
-/// Takes and resets an event: true when it was set.
 bool Take(KVT::Threading::CEvent& event);
 
 /// Records what changes an array or makes a node, and answers some of md's requests in its place.

@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 namespace NAMESPACE_piRVX {
 
@@ -13,11 +12,20 @@ class CFailingCall {
   };
   explicit CFailingCall(ECall call, int which = 0);
   ~CFailingCall();
-  CFailingCall(const CFailingCall&) = delete;
-  CFailingCall& operator=(const CFailingCall&) = delete;
 
  private:
   ECall m_Call;
+};
+
+/// While it lives, the n-th allocation of the calling thread, counted from 1, throws std::bad_alloc; or new
+/// finds nothing where a null pointer tells of it.
+class CFailingAllocation {
+ public:
+  static constexpr unsigned long ALL_THAT_DO_NOT_THROW = 0;
+  explicit CFailingAllocation(unsigned long n);
+  ~CFailingAllocation();
+  /// Whether it came to that.
+  static bool HasFailed();
 };
 
 }  // namespace NAMESPACE_piRVX

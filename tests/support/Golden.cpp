@@ -1,21 +1,12 @@
-#include "tests/support/Golden.h"
-
-#include <gtest/gtest.h>
-
 #include <boost/algorithm/string/join.hpp>
-#include <boost/filesystem.hpp>
-#include <boost/filesystem/string_file.hpp>
 #include <cstdlib>
 
 #include "KVTX/System.h"
+#include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {
 
-std::string GoldenText(const std::string& file) {
-  std::string text;
-  boost::filesystem::load_string_file(RVX_GOLDEN_FOLDER + file, text);
-  return text;
-}
+std::string GoldenText(const std::string& file) { return FileText(RVX_GOLDEN_FOLDER + file); }
 
 void ExpectGolden(const std::string& file, const std::string& text) {
   if (std::getenv("RVX_RENEW_GOLDEN") != nullptr)

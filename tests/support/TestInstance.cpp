@@ -1,11 +1,7 @@
 #include "tests/support/TestInstance.h"
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "Src/piRVXTrace.h"
 #include "system/TheMachine.h"
 
 namespace NAMESPACE_piRVX {
@@ -16,10 +12,7 @@ COperatingSystem* s_Machine = nullptr;
 
 void UseMachine(COperatingSystem* machine) { s_Machine = machine; }
 
-COperatingSystem& TheMachine() {
-  if (s_Machine == nullptr) throw std::logic_error("a test calls createIf without a machine");
-  return *s_Machine;
-}
+COperatingSystem& TheMachine() { return *s_Machine; }
 
 CConfigFolder::CConfigFolder()
     : m_Folder(boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("rvx-%%%%%%%%")) {
@@ -32,12 +25,12 @@ CConfigFolder::~CConfigFolder() {
   boost::filesystem::remove_all(m_Folder);
 }
 
-void CConfigFolder::Write(const std::string& text) const { std::ofstream(File().string()) << text; }
-
-std::string CConfigFolder::Read() const {
-  std::ostringstream text;
-  text << std::ifstream(File().string()).rdbuf();
-  return text.str();
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds time) {
+  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return condition();
 }
 
 bool CTestInstance::IsFree(KVT::Threading::Native_OS::CFastMutex& lock) {
@@ -76,28 +69,17 @@ PI::CProperty CTestInstance::Property(unsigned long id, PI::_PROPERTY_ID which) 
   return property;
 }
 
-CRVXPhysicalDrive& CTestInstance::Drive(const std::string& name) {
-  for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
-    if (drive.m_KernelName == name) return drive;
-  throw std::out_of_range("no drive " + name);
-}
-
-CRVXLogicalDrive& CTestInstance::Array(const std::string& name) {
-  for (CRVXLogicalDrive& array : m_LogicalDrives)
-    if (array.m_KernelName == name) return array;
-  throw std::out_of_range("no array " + name);
-}
-
 std::vector<PI::CEvent> CTestInstance::TakeEvents() {
   const std::vector<PI::CEvent> events(m_EventQueue.begin(), m_EventQueue.end());
   m_EventQueue.clear();
   return events;
 }
 
-std::vector<unsigned int> CTestInstance::TakeEventCodes() {
-  std::vector<unsigned int> codes;
-  for (const PI::CEvent& event : TakeEvents()) codes.push_back(event.m_Code);
-  return codes;
+std::vector<unsigned long> CTestInstance::TakeObjects(unsigned int code) {
+  std::vector<unsigned long> objects;
+  for (const PI::CEvent& event : TakeEvents())
+    if (event.m_Code == code) objects.push_back(event.m_ObjectID);
+  return objects;
 }
 
 std::string CTestInstance::TakeEventText(unsigned long object) {
@@ -112,21 +94,11 @@ std::string CTestInstance::TakeEventText(unsigned long object) {
   return text;
 }
 
-void CNotificationCounter::Attach(IPLUGINAPI& plugin) {
-  m_Plugin = &plugin;
-  plugin.m_pNotificationTarget = this;
-  plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
-}
-
-void CNotificationCounter::Notify(IPLUGINAPI* plugin) {
-  // A framework may wait here for another thread that asks the plug-in.
-  if (plugin == m_Plugin && CTestInstance::IsFree(static_cast<CTestInstance*>(plugin)->m_DataLock)) ++m_Count;
-}
-
-std::vector<PI::CEvent> SLiveRig::FetchEvents() {
+std::vector<PI::CEvent> CTestInstance::FetchEvents() {
   PI::COperation fetch;
   fetch.m_Code = PI::OP_GET_EVENTS;
-  m_Plugin.Execute(PI::CMD_EXECUTE_OPERATION, PLUGIN_ID, &fetch);
+  fetch.m_Events.resize(1);  // does not stay
+  EXPECT_EQ(Execute(PI::CMD_EXECUTE_OPERATION, PLUGIN_ID, &fetch), PI::OK);
   return fetch.m_Events;
 }
 

@@ -5,20 +5,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
+#include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXTrace.h"
 #include "simulator/FaultyMachine.h"
 #include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
+#include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
 
-/// The machine that createIf uses in the tests; set it before.
+/// The machine that createIf uses in the tests.
 void UseMachine(COperatingSystem* machine);
 
 /// A configuration folder of its own for as long as it lives; ZQ_CONFIG_DIR names it.
@@ -27,12 +28,23 @@ class CConfigFolder {
   CConfigFolder();
   ~CConfigFolder();
   boost::filesystem::path File() const { return m_Folder / "piRVX.ini"; }
-  void Write(const std::string& text) const;
-  std::string Read() const;
+  void Write(const std::string& text) const { boost::filesystem::save_string_file(File(), text); }
+  std::string Read() const { return FileText(File()); }
 
  private:
   boost::filesystem::path m_Folder;
 };
+
+/// The drive or array with this kernel name; the test fails hard when there is none.
+template <class TObject>
+TObject& Named(std::vector<TObject>& list, const std::string& name) {
+  for (TObject& object : list)
+    if (object.m_KernelName == name) return object;
+  throw std::out_of_range("no " + name);
+}
+
+bool Eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds time = std::chrono::seconds(30));
 
 /// The instance with its inside out. Tests of one thread need no lock.
 class CTestInstance : public IPLUGINAPI_IMPL {
@@ -40,16 +52,12 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::IPLUGINAPI_IMPL;
 
   using IPLUGINAPI_IMPL::checkpd;
-  using IPLUGINAPI_IMPL::CreateSuperBlock1;
-  using IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed;
   using IPLUGINAPI_IMPL::GetLogicalDriveConfiguration;
   using IPLUGINAPI_IMPL::GetPhysicalDriveProperties;
   using IPLUGINAPI_IMPL::GetSmartData;
   using IPLUGINAPI_IMPL::GetSuperBlock1;
   using IPLUGINAPI_IMPL::GetUnusedArrayName;
-  using IPLUGINAPI_IMPL::GetUUID;
   using IPLUGINAPI_IMPL::LockObjects;
-  using IPLUGINAPI_IMPL::NewID;
   using IPLUGINAPI_IMPL::ScanSystem;
   using IPLUGINAPI_IMPL::UnlockObjects;
   using IPLUGINAPI_IMPL::UpdateSystem;
@@ -60,13 +68,11 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_AdapterIDs;
   using IPLUGINAPI_IMPL::m_DataLock;
   using IPLUGINAPI_IMPL::m_Estimators;
-  using IPLUGINAPI_IMPL::m_EventPollThread;
   using IPLUGINAPI_IMPL::m_EventQueue;
   using IPLUGINAPI_IMPL::m_EventsLock;
   using IPLUGINAPI_IMPL::m_ForceWorker;
   using IPLUGINAPI_IMPL::m_LogicalDrives;
   using IPLUGINAPI_IMPL::m_MdMajor;
-  using IPLUGINAPI_IMPL::m_PendingOperation;
   using IPLUGINAPI_IMPL::m_PhysicalDrives;
   using IPLUGINAPI_IMPL::m_Plugin;
   using IPLUGINAPI_IMPL::m_PollInterval;
@@ -74,37 +80,98 @@ class CTestInstance : public IPLUGINAPI_IMPL {
   using IPLUGINAPI_IMPL::m_StopRequest;
   using IPLUGINAPI_IMPL::m_WorkerThread;
 
-  /// True when nobody holds the lock: another thread can take it at once.
   static bool IsFree(KVT::Threading::Native_OS::CFastMutex& lock);
-  /// Command 1.
+  /// Commands 1 and 2, then 4, 5 and 6, which must succeed.
   unsigned int Begin();
-  /// Command 2, with these identifiers of adapters.
   unsigned int StartThreads(std::vector<PI::CAdapterID> adapterIDs = {});
-  /// Commands 4, 5 and 6, which must succeed.
   std::vector<PI::CObject> Topology();
   std::vector<PI::CProperty> Properties(unsigned long id);
   PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID which);
-  /// The drive or array with this kernel name; the test fails hard when there is none.
-  CRVXPhysicalDrive& Drive(const std::string& name);
-  CRVXLogicalDrive& Array(const std::string& name);
-  /// The queued events, or their codes; the queue is emptied.
+  CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_PhysicalDrives, name); }
+  CRVXLogicalDrive& Array(const std::string& name) { return Named(m_LogicalDrives, name); }
+  static constexpr unsigned long PLUGIN_ID = 295UL << 48;
+  /// As a front end does it, safe beside the threads.
+  std::vector<PI::CEvent> FetchEvents();
+  /// The queued events, or the objects of those with a code; the queue is emptied.
   std::vector<PI::CEvent> TakeEvents();
-  std::vector<unsigned int> TakeEventCodes();
+  std::vector<unsigned long> TakeObjects(unsigned int code);
   /// The same as text, each "code/severity first,second placeholder ", with "of" its object where that is not
   /// this one. The adapter must report them all, and now.
   std::string TakeEventText(unsigned long object);
 };
 
-/// Receives a plug-in's notifications and counts those that come from it while its model is free for
-/// requests.
+/// What a scan finds, in containers of its own as the worker makes them. The model is as it was.
+struct SScanned {
+  explicit SScanned(CTestInstance& plugin, bool newIDs = false)
+      : m_Status(plugin.ScanSystem(m_Adapter, m_Drives, m_Arrays, newIDs)) {}
+  CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_Drives, name); }
+  CRVXLogicalDrive& Array(const std::string& name) { return Named(m_Arrays, name); }
+
+  CRVXAdapter m_Adapter;
+  std::vector<CRVXPhysicalDrive> m_Drives;
+  std::vector<CRVXLogicalDrive> m_Arrays;
+  unsigned int m_Status;
+};
+
+/// Asks the test before a call: "open /dev/sda", "close", "read", "ioctl", "wait 3000", "run udevadm", "now",
+/// "sleep 500". What the test answers is the result; where it answers nothing, the call goes through.
+class CHookedDoor : public CForwardingMachine {
+ public:
+  using CForwardingMachine::CForwardingMachine;
+  using TAnswer = std::optional<std::int64_t>;
+  std::function<TAnswer(const std::string&)> m_Hook = [](const std::string&) { return TAnswer(); };
+
+  int Open(const std::string& path, int flags) override {
+    return Ask<int>("open " + path, [&] { return CForwardingMachine::Open(path, flags); });
+  }
+  int Close(int descriptor) override {
+    return Ask<int>("close", [&] { return CForwardingMachine::Close(descriptor); });
+  }
+  ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
+    return Ask<ssize_t>("read", [&] { return CForwardingMachine::Read(descriptor, buffer, size); });
+  }
+  int Ioctl(int descriptor, unsigned long request, void* argument) override {
+    return Ask<int>("ioctl", [&] { return CForwardingMachine::Ioctl(descriptor, request, argument); });
+  }
+  int WaitExceptional(int descriptor, std::uint64_t time) override {
+    return Ask<int>(Text("wait %d", time),
+                    [&] { return CForwardingMachine::WaitExceptional(descriptor, time); });
+  }
+  int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
+                     std::vector<std::string>& lines) override {
+    return Ask<int>("run " + program.filename().string(),
+                    [&] { return CForwardingMachine::ExecuteCommand(program, arguments, lines); });
+  }
+  std::uint64_t Now() override {
+    return Ask<std::uint64_t>("now", [&] { return CForwardingMachine::Now(); });
+  }
+  void Sleep(std::uint64_t time) override {
+    if (!m_Hook(Text("sleep %d", time))) CForwardingMachine::Sleep(time);
+  }
+
+ private:
+  template <class TResult>
+  TResult Ask(const std::string& call, const std::function<TResult()>& goThrough) {
+    const TAnswer answer = m_Hook(call);
+    return answer ? static_cast<TResult>(*answer) : goThrough();
+  }
+};
+
+/// Counts a plug-in's notifications that come while its model is free for requests: a framework may wait in
+/// one for another thread that asks the plug-in.
 class CNotificationCounter : public INotificationTarget {
  public:
-  void Attach(IPLUGINAPI& plugin);
+  explicit CNotificationCounter(CTestInstance& plugin) : m_Plugin(plugin) {
+    plugin.m_pNotificationTarget = this;
+    plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CNotificationCounter::Notify);
+  }
   int Count() const { return m_Count; }
 
  private:
-  void Notify(IPLUGINAPI* plugin);
-  IPLUGINAPI* m_Plugin{nullptr};
+  void Notify(IPLUGINAPI* plugin) {
+    if (plugin == &m_Plugin && CTestInstance::IsFree(m_Plugin.m_DataLock)) ++m_Count;
+  }
+  CTestInstance& m_Plugin;
   std::atomic<int> m_Count{0};
 };
 
@@ -114,9 +181,7 @@ template <class TDoor = CForwardingMachine>
 struct SBareRig {
   explicit SBareRig(const std::string& description = CSimulatedMachine::DemoDescription(),
                     CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
-      : m_Machine(description, clock) {
-    m_Notifications.Attach(m_Plugin);
-  }
+      : m_Machine(description, clock) {}
   ~SBareRig() {
     EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
     EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_DataLock));
@@ -127,8 +192,8 @@ struct SBareRig {
   CSimulatedMachine m_Machine;
   TDoor m_Own{m_Machine};
   CFaultyMachine m_Door{m_Own};
-  CNotificationCounter m_Notifications;
   CTestInstance m_Plugin{m_Door};
+  CNotificationCounter m_Notifications{m_Plugin};
 };
 
 /// The same after command 1.
@@ -140,7 +205,6 @@ struct SRigOf : public SBareRig<TDoor> {
     if (this->m_Plugin.Begin() != PI::OK) throw std::runtime_error("the plug-in does not initialise");
   }
 
-  /// One pass of the worker.
   void Pass() { this->m_Plugin.WorkerPass(m_Worker); }
 
   SWorkerState m_Worker;
@@ -153,13 +217,12 @@ struct SLiveRig : public SRigOf<> {
     m_Plugin.StartThreads();
   }
   ~SLiveRig() { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }
-
-  /// Fetches as a front end does. Safe beside the threads.
-  std::vector<PI::CEvent> FetchEvents();
-  static constexpr unsigned long PLUGIN_ID = 295UL << 48;
 };
 
-/// The property of a list with this id; null when it is not there.
+/// A file of tests/plugin, and the comparison with one: it shows the lines that differ.
+std::string GoldenText(const std::string& file);
+void ExpectGolden(const std::string& file, const std::string& text);
+
 const PI::CProperty* Find(const std::vector<PI::CProperty>& list, PI::_PROPERTY_ID id);
 /// A value as text; choices and limits follow the value.
 std::string Shown(const PI::CProperty& property);

@@ -1,13 +1,19 @@
 #pragma once
-/// @file
 
 #include <boost/filesystem.hpp>
 #include <boost/filesystem/string_file.hpp>
+#include <sstream>
 #include <string>
 
 #include "Src/piRVXTrace.h"
 
 namespace NAMESPACE_piRVX {
+
+inline std::string FileText(const boost::filesystem::path& file) {
+  std::string text;
+  boost::filesystem::load_string_file(file, text);
+  return text;
+}
 
 /// Collects trace lines of the chosen classes in a file while it lives.
 class CTraceCapture {
@@ -21,26 +27,25 @@ class CTraceCapture {
     KVT::Trace::SetOutput(KVT::Trace::EOutput::StandardError);
     boost::filesystem::remove(m_File);
   }
-  CTraceCapture(const CTraceCapture&) = delete;
-  CTraceCapture& operator=(const CTraceCapture&) = delete;
 
-  std::string Text() const {
-    std::string text;
-    boost::filesystem::load_string_file(m_File, text);
-    return text;
+  std::string Text() const { return FileText(m_File); }
+  std::size_t Count(const std::string& part) const {
+    return Lines([&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
   /// Whether a line of this source tag ends with the text.
   bool Shows(const std::string& source, const std::string& text) const {
-    const std::string all = Text();
-    for (std::size_t at = all.find(" " + text + "\n"); at != std::string::npos;
-         at = all.find(" " + text + "\n", at + 1)) {
-      const std::size_t start = all.rfind('\n', at) + 1;
-      if (all.substr(start, at - start).find(source + ":") != std::string::npos) return true;
-    }
-    return false;
+    return Lines([&](const std::string& line) {
+             return line.ends_with(" " + text) && line.find(source + ":") != std::string::npos;
+           }) != 0;
   }
 
  private:
+  std::size_t Lines(auto which) const {
+    std::istringstream lines(Text());
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line);) count += which(line);
+    return count;
+  }
   boost::filesystem::path m_File{boost::filesystem::temp_directory_path() /
                                  boost::filesystem::unique_path("rvx-trace-%%%%%%%%")};
 };
