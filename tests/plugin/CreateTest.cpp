@@ -100,9 +100,9 @@ TEST(Create, RefusesBeforeAnythingIsWritten) {
 
 TEST(Create, ThatFailsLeavesANodeWithoutAccessForOthers) {
   const std::tuple<const char*, int, unsigned int, mode_t> cases[] = {
-      {"sdb", 0, 0, 0666},
-      {"?", 0, 20008, 0660},
-      {"sdb", -1, 20003, 0660}};  // md answers 1 for a concatenation
+      {"sdb", 0, 0, 0644},
+      {"?", 0, 20008, 0640},
+      {"sdb", -1, 20003, 0640}};  // md answers 1 for a concatenation
   for (const auto& [disk, answer, status, mode] : cases) {
     SMdRig rig(THREE);
     if (answer != 0) rig.m_Own.m_Answers[RUN_ARRAY] = answer;

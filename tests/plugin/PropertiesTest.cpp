@@ -66,6 +66,18 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
   EXPECT_EQ(m_Plugin.GetSmartData("/dev/sda", data), PI::ERR_GENERAL) << "a disk that refuses the command";
 }
 
+TEST(SmartBlocks, MayMoveWhileADiskIsAsked) {
+  gSmartData.clear();
+  SRigOf<CHookedDoor> rig;
+  rig.m_Own.m_Hook = [](const std::string& call) {
+    if (call == "ioctl") gSmartData.resize(100);  // as another instance's readings do
+    return CHookedDoor::TAnswer();
+  };
+  PI::_IDE_SMART_DATA data{};
+  EXPECT_EQ(rig.m_Plugin.GetSmartData("/dev/sdh", data), PI::OK);
+  EXPECT_EQ(gSmartData.size(), 101U);
+}
+
 TEST_F(PropertiesTest, ReadingTheProgressFeedsTheEstimateAndNothingElseDoes) {
   EXPECT_EQ(TimeRemaining(), "");
   for (const auto& [activity, running, other] :

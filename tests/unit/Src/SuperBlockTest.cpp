@@ -41,6 +41,9 @@ TEST(SuperBlock, LiesOnTheDiskWordByWord) {
             "216: 18000000000, 256: ffff000200010000, ");
   info.state = 1;
   EXPECT_EQ(NewSuperBlock(info, "", UUID, 0).resync_offset, ~std::uint64_t{0}) << "clean: in sync";
+  std::string text = "UUID ";
+  CTestInstance::UUID2String(UUID.data(), text);
+  EXPECT_EQ(text, "UUID 0a1b2c3d:4e5f6071:8293a4b5:c6d7e8f9");
 }
 
 TEST(SuperBlock, DoublesTheSizeIn32BitsAndKeepsThirtyOneCharactersOfTheName) {
