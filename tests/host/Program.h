@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/libraries/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 using Words = std::vector<std::string>;
 

@@ -128,10 +128,10 @@ TEST(SwappedDisk, IsNotWrittenTo) {
 }
 
 TEST(Devices, WhatIsNoBlockDeviceIsNotOpened) {
-  SRigOf<CHookedDoor> rig(MIRROR);
+  SRigOf<CHookedMachine> rig(MIRROR);
   for (const char* const path : {"/dev/sdc", "/dev/md_d0", "/dev/md_d1"}) rig.m_Machine.SetFile(path, "");
   std::string opened;
-  rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedDoor::TAnswer {
+  rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
     if (call.starts_with("open /dev/") && call != "open /dev/urandom") opened += call + ", ";
     return {};
   };

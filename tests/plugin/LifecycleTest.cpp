@@ -67,8 +67,8 @@ TEST(PollInterval, IsSetWithinTheLimitsThatComeWithIt) {
   EXPECT_EQ(set(9, 20, 8, 1U), "0: 8 s, counted 1, woken 1") << "raised first, then lowered";
   EXPECT_EQ(rig.m_Config.Read(), "Other=kept\nPollInterval=8\n");
   EXPECT_EQ(set("5"), "20010: 8 s, counted 0, woken 0");
-  boost::filesystem::remove(rig.m_Config.File());
-  boost::filesystem::create_directory(rig.m_Config.File());  // no file can take its place
+  std::filesystem::remove(rig.m_Config.File());
+  std::filesystem::create_directory(rig.m_Config.File());  // no file can take its place
   EXPECT_EQ(set(77, 2, 255, 1U), "20003: 77 s, counted 1, woken 1") << "in force all the same";
 }
 
@@ -100,10 +100,10 @@ TEST(Initialize, TellsWhereItsAdapterIs) {
 TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
   for (const int readings : {0, 1, 4, 30, 60}) {
     SCOPED_TRACE(readings);
-    SBareRig<CHookedDoor> rig;
+    SBareRig<CHookedMachine> rig;
     CTestInstance& plugin = rig.m_Plugin;
     std::vector<PI::CAdapterID> adapterIDs;
-    rig.m_Own.m_Hook = [left = readings](const std::string& call) mutable -> CHookedDoor::TAnswer {
+    rig.m_Own.m_Hook = [left = readings](const std::string& call) mutable -> CHookedMachine::TAnswer {
       if (call == "read" && left-- == 0) throw std::bad_alloc();
       return {};
     };
@@ -183,9 +183,9 @@ TEST(DeInitialize, AThreadThatHangsIsCancelledAfterTheBoundWhateverTheClockDoes)
     KVT::Threading::CEvent hangs;
     std::atomic<int> pauses{0};
     std::atomic<std::uint64_t> now{std::uint64_t{1} << 40};
-    SRigOf<CHookedDoor> rig;  // at its end nothing may be open or held
+    SRigOf<CHookedMachine> rig;  // at its end nothing may be open or held
     rig.m_Own.m_Hook = [&, call = hanging, step = static_cast<std::uint64_t>(jump)](
-                           const std::string& made) -> CHookedDoor::TAnswer {
+                           const std::string& made) -> CHookedMachine::TAnswer {
       if (made == call) HangUntilCancelled(hangs);
       if (made == "now") return now += step;
       if (made == "sleep 500") ++pauses;

@@ -68,10 +68,10 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
 
 TEST(SmartBlocks, MayMoveWhileADiskIsAsked) {
   gSmartData.clear();
-  SRigOf<CHookedDoor> rig;
+  SRigOf<CHookedMachine> rig;
   rig.m_Own.m_Hook = [](const std::string& call) {
     if (call == "ioctl") gSmartData.resize(100);  // as another instance's readings do
-    return CHookedDoor::TAnswer();
+    return CHookedMachine::TAnswer();
   };
   PI::_IDE_SMART_DATA data{};
   EXPECT_EQ(rig.m_Plugin.GetSmartData("/dev/sdh", data), PI::OK);

@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 
-#include <locale>
 #include <mutex>
 #include <thread>
 
@@ -21,9 +20,9 @@ namespace {
 const std::string MACHINE = DisksOf({65536, 65536, 65536, 65536}, MirrorOfTwo("md0"));
 
 /// What the poller does with its file, and select as it is told.
-struct EventPollTest : public testing::Test, public SRigOf<CHookedDoor> {
+struct EventPollTest : public testing::Test, public SRigOf<CHookedMachine> {
   EventPollTest() : SRigOf(MACHINE) {
-    m_Own.m_Hook = [this](const std::string& call) -> CHookedDoor::TAnswer {
+    m_Own.m_Hook = [this](const std::string& call) -> CHookedMachine::TAnswer {
       m_Steps += call == "close" && Take(m_Plugin.m_ForceWorker) ? "close too late, " : call + ", ";
       errno = EBADF;  // what a close may leave behind
       if (!call.starts_with("wait")) return {};
@@ -225,15 +224,15 @@ TEST(Threads, ARepeatedCommandAndThePassesDoNotMeetInTheDescription) {
 TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
   const CConfigFolder config;
   CSimulatedMachine machine(MACHINE, CSimulatedMachine::EClock::Real);
-  CHookedDoor door(machine);
+  CHookedMachine door(machine);
   std::atomic<bool> sticks{false};
   std::atomic<bool> stuck{false};
-  door.m_Hook = [&](const std::string& call) -> CHookedDoor::TAnswer {
+  door.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
     while (call == "ioctl" && sticks) {
       stuck = true;
       std::this_thread::yield();  // unlike a sleep no cancellation point
     }
-    return call.starts_with("sleep") ? CHookedDoor::TAnswer(0) : std::nullopt;
+    return call.starts_with("sleep") ? CHookedMachine::TAnswer(0) : std::nullopt;
   };
   UseMachine(&door);
   IPLUGINAPI* plugin = nullptr;
@@ -258,14 +257,15 @@ TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
 }
 
 TEST(Udevadm, ThatHangsIsAskedOncePerPassAndAgainByTheNext) {
-  SRigOf<CHookedDoor> rig(MACHINE);
+  SRigOf<CHookedMachine> rig(MACHINE);
   const CTraceCapture log(0);
   std::size_t runs = 0;
-  const auto answers = std::exchange(rig.m_Own.m_Hook, [&](const std::string& call) -> CHookedDoor::TAnswer {
-    if (call != "run udevadm") return {};
-    ++runs;
-    return 130;  // out of time
-  });
+  const auto answers =
+      std::exchange(rig.m_Own.m_Hook, [&](const std::string& call) -> CHookedMachine::TAnswer {
+        if (call != "run udevadm") return {};
+        ++runs;
+        return 130;  // out of time
+      });
   for (std::size_t pass = 1; pass <= 2; ++pass) {
     rig.Pass();
     EXPECT_EQ(runs, pass);
@@ -288,18 +288,6 @@ TEST(Events, NobodyFetchesTakeBoundedMemoryAndTheOldestGo) {
   ASSERT_EQ(events.size(), 100'000U);
   EXPECT_EQ(events[events.size() - 3].m_Code, PI::EVT_RESCAN_REQUESTED);
   EXPECT_EQ(log.Count("100000 events wait to be fetched: the oldest are dropped from now on"), 1U);
-}
-
-struct CGrouping : public std::numpunct<char> {
-  char do_thousands_sep() const override { return ','; }
-  std::string do_grouping() const override { return "\3"; }
-};
-
-TEST(Texts, DoNotFollowTheServersLocale) {
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new CGrouping));
-  const std::string key = DeviceKey("SoftRAID0", 9, 16320);
-  std::locale::global(before);
-  EXPECT_EQ(key, "SoftRAID0&BLKDEV:Major=9&Minor=16320");
 }
 
 TEST(Partitions, AreReadInLinearTime) {

@@ -13,7 +13,6 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +20,7 @@
 #include "Src/piRVXAdapterSuperBlock.h"
 #include "system/Descriptor.h"
 #include "system/OperatingSystem.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -96,8 +96,6 @@ class CContract : public testing::Test {
   std::pair<int, int> Member(int number);
   /// Writes superblocks to the first disks and starts them; the result is that of the first step that fails.
   int Create(const SArrayPlan& plan, std::size_t disks = 2);
-  /// Polls until the condition holds; false when a generous time has passed.
-  static bool Eventually(const std::function<bool()>& condition);
 
  private:
   void CloseArray();

@@ -1,10 +1,8 @@
 #include <linux/raid/md_p.h>
 
 #include <boost/algorithm/string/replace.hpp>
-#include <chrono>
 #include <cstring>
 #include <sstream>
-#include <thread>
 
 #include "tests/support/Contract.h"
 
@@ -191,15 +189,6 @@ int CContract::Create(const SArrayPlan& plan, std::size_t disks) {
     error = AddDisk(i, true);
   }
   return error != 0 ? error : Request(RUN_ARRAY);
-}
-
-bool CContract::Eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -1,22 +1,19 @@
 #include <boost/algorithm/string/join.hpp>
-#include <cstdlib>
 
 #include "KVTX/System.h"
 #include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {
 
-std::string GoldenText(const std::string& file) { return FileText(RVX_GOLDEN_FOLDER + file); }
+std::string GoldenText(const std::string& file) { return ReadFile(RVX_GOLDEN_FOLDER + file); }
 
 void ExpectGolden(const std::string& file, const std::string& text) {
-  if (std::getenv("RVX_RENEW_GOLDEN") != nullptr)
-    boost::filesystem::save_string_file(RVX_GOLDEN_FOLDER + file, text);
+  if (std::getenv("RVX_RENEW_GOLDEN") != nullptr) std::ofstream(RVX_GOLDEN_FOLDER + file) << text;
   if (text == GoldenText(file)) return;
-  const auto is = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("rvx-%%%%%%%%");
-  boost::filesystem::save_string_file(is, text);
+  const CTemporaryFolder folder;
   std::vector<std::string> lines;
-  KVTX::CSystem::ExecuteCommand("/usr/bin/diff", RVX_GOLDEN_FOLDER + file + " " + is.string(), lines);
-  boost::filesystem::remove(is);
+  KVTX::CSystem::ExecuteCommand("/usr/bin/diff", RVX_GOLDEN_FOLDER + file + " " + folder.Write("is", text),
+                                lines);
   ADD_FAILURE()
       << file << " differs:\n"
       << boost::join(lines, "\n")

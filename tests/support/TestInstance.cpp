@@ -14,25 +14,6 @@ void UseMachine(COperatingSystem* machine) { s_Machine = machine; }
 
 COperatingSystem& TheMachine() { return *s_Machine; }
 
-CConfigFolder::CConfigFolder()
-    : m_Folder(boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("rvx-%%%%%%%%")) {
-  boost::filesystem::create_directory(m_Folder);
-  ::setenv("ZQ_CONFIG_DIR", m_Folder.c_str(), 1);
-}
-
-CConfigFolder::~CConfigFolder() {
-  ::unsetenv("ZQ_CONFIG_DIR");
-  boost::filesystem::remove_all(m_Folder);
-}
-
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds time) {
-  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return condition();
-}
-
 bool CTestInstance::IsFree(KVT::Threading::Native_OS::CFastMutex& lock) {
   bool free = false;
   std::thread([&] {

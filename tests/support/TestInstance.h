@@ -5,15 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
 #include "simulator/FaultyMachine.h"
-#include "simulator/ForwardingMachine.h"
+#include "simulator/HookedMachine.h"
 #include "simulator/SimulatedMachine.h"
 #include "tests/support/TraceCapture.h"
 
@@ -23,16 +21,13 @@ namespace NAMESPACE_piRVX {
 void UseMachine(COperatingSystem* machine);
 
 /// A configuration folder of its own for as long as it lives; ZQ_CONFIG_DIR names it.
-class CConfigFolder {
- public:
-  CConfigFolder();
-  ~CConfigFolder();
-  boost::filesystem::path File() const { return m_Folder / "piRVX.ini"; }
-  void Write(const std::string& text) const { boost::filesystem::save_string_file(File(), text); }
-  std::string Read() const { return FileText(File()); }
+struct CConfigFolder {
+  std::string File() const { return m_Folder.Path("piRVX.ini"); }
+  void Write(const std::string& text) const { m_Folder.Write("piRVX.ini", text); }
+  std::string Read() const { return m_Folder.Read("piRVX.ini"); }
 
- private:
-  boost::filesystem::path m_Folder;
+  const CTemporaryFolder m_Folder;
+  const CEnvironmentVariable m_Place{"ZQ_CONFIG_DIR", m_Folder.Path()};
 };
 
 /// The drive or array with this kernel name; the test fails hard when there is none.
@@ -42,9 +37,6 @@ TObject& Named(std::vector<TObject>& list, const std::string& name) {
     if (object.m_KernelName == name) return object;
   throw std::out_of_range("no " + name);
 }
-
-bool Eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds time = std::chrono::seconds(30));
 
 /// The instance with its inside out. Tests of one thread need no lock.
 class CTestInstance : public IPLUGINAPI_IMPL {
@@ -111,50 +103,6 @@ struct SScanned {
   std::vector<CRVXPhysicalDrive> m_Drives;
   std::vector<CRVXLogicalDrive> m_Arrays;
   unsigned int m_Status;
-};
-
-/// Asks the test before a call: "open /dev/sda", "close", "read", "ioctl", "wait 3000", "run udevadm", "now",
-/// "sleep 500". What the test answers is the result; where it answers nothing, the call goes through.
-class CHookedDoor : public CForwardingMachine {
- public:
-  using CForwardingMachine::CForwardingMachine;
-  using TAnswer = std::optional<std::int64_t>;
-  std::function<TAnswer(const std::string&)> m_Hook = [](const std::string&) { return TAnswer(); };
-
-  int Open(const std::string& path, int flags) override {
-    return Ask<int>("open " + path, [&] { return CForwardingMachine::Open(path, flags); });
-  }
-  int Close(int descriptor) override {
-    return Ask<int>("close", [&] { return CForwardingMachine::Close(descriptor); });
-  }
-  ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
-    return Ask<ssize_t>("read", [&] { return CForwardingMachine::Read(descriptor, buffer, size); });
-  }
-  int Ioctl(int descriptor, unsigned long request, void* argument) override {
-    return Ask<int>("ioctl", [&] { return CForwardingMachine::Ioctl(descriptor, request, argument); });
-  }
-  int WaitExceptional(int descriptor, std::uint64_t time) override {
-    return Ask<int>(Text("wait %d", time),
-                    [&] { return CForwardingMachine::WaitExceptional(descriptor, time); });
-  }
-  int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
-                     std::vector<std::string>& lines) override {
-    return Ask<int>("run " + program.filename().string(),
-                    [&] { return CForwardingMachine::ExecuteCommand(program, arguments, lines); });
-  }
-  std::uint64_t Now() override {
-    return Ask<std::uint64_t>("now", [&] { return CForwardingMachine::Now(); });
-  }
-  void Sleep(std::uint64_t time) override {
-    if (!m_Hook(Text("sleep %d", time))) CForwardingMachine::Sleep(time);
-  }
-
- private:
-  template <class TResult>
-  TResult Ask(const std::string& call, const std::function<TResult()>& goThrough) {
-    const TAnswer answer = m_Hook(call);
-    return answer ? static_cast<TResult>(*answer) : goThrough();
-  }
 };
 
 /// Counts a plug-in's notifications that come while its model is free for requests: a framework may wait in

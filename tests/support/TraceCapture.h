@@ -1,34 +1,26 @@
 #pragma once
 
-#include <boost/filesystem.hpp>
-#include <boost/filesystem/string_file.hpp>
 #include <sstream>
 #include <string>
 
 #include "Src/piRVXTrace.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace NAMESPACE_piRVX {
-
-inline std::string FileText(const boost::filesystem::path& file) {
-  std::string text;
-  boost::filesystem::load_string_file(file, text);
-  return text;
-}
 
 /// Collects trace lines of the chosen classes in a file while it lives.
 class CTraceCapture {
  public:
   explicit CTraceCapture(unsigned int classes) {
-    KVT::Trace::SetOutput(KVT::Trace::EOutput::File, m_File.string());
+    KVT::Trace::SetOutput(KVT::Trace::EOutput::File, m_File);
     KVT_MODULE_INFO_piRVX.SetTraceClasses(classes);
   }
   ~CTraceCapture() {
     KVT_MODULE_INFO_piRVX.SetTraceClasses(0);
     KVT::Trace::SetOutput(KVT::Trace::EOutput::StandardError);
-    boost::filesystem::remove(m_File);
   }
 
-  std::string Text() const { return FileText(m_File); }
+  std::string Text() const { return ReadFile(m_File); }
   std::size_t Count(const std::string& part) const {
     return Lines([&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
@@ -46,8 +38,8 @@ class CTraceCapture {
     for (std::string line; std::getline(lines, line);) count += which(line);
     return count;
   }
-  boost::filesystem::path m_File{boost::filesystem::temp_directory_path() /
-                                 boost::filesystem::unique_path("rvx-trace-%%%%%%%%")};
+  const CTemporaryFolder m_Folder;
+  const std::string m_File = m_Folder.Path("trace");
 };
 
 }  // namespace NAMESPACE_piRVX

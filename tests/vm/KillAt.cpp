@@ -6,7 +6,6 @@
 /// of each such call, a line each, the deadly one included.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <linux/major.h>
 #include <linux/raid/md_u.h>
 #include <signal.h>
@@ -17,6 +16,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -27,9 +27,7 @@ constexpr struct SChange {
 } CHANGES[] = {{SET_ARRAY_INFO, "SET_ARRAY_INFO"},
                {ADD_NEW_DISK, "ADD_NEW_DISK"},
                {RUN_ARRAY, "RUN_ARRAY"},
-               {STOP_ARRAY, "STOP_ARRAY"},
-               {HOT_REMOVE_DISK, "HOT_REMOVE_DISK"},
-               {SET_DISK_FAULTY, "SET_DISK_FAULTY"}};
+               {STOP_ARRAY, "STOP_ARRAY"}};
 
 using Write = ssize_t(int, const void*, size_t);
 using Ioctl = int(int, unsigned long, ...);
@@ -40,19 +38,9 @@ TFunction* Next(const char* name) {
   return reinterpret_cast<TFunction*>(::dlsym(RTLD_NEXT, name));
 }
 
-Write* NextWrite() {
-  static Write* const next = Next<Write>("write");
-  return next;
-}
-
 void Count(const std::string& name) {
   static std::atomic<int> count{0};
-  if (const char* const log = std::getenv("RVX_KILL_LOG")) {
-    if (const int file = ::open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644); file >= 0) {
-      (void)!NextWrite()(file, (name + "\n").c_str(), name.size() + 1);
-      ::close(file);
-    }
-  }
+  if (const char* const log = std::getenv("RVX_KILL_LOG")) std::ofstream(log, std::ios::app) << name << '\n';
   const char* const at = std::getenv("RVX_KILL_AT");
   if (++count == (at == nullptr ? 0 : std::atoi(at))) ::kill(::getpid(), SIGKILL);
 }
@@ -60,9 +48,10 @@ void Count(const std::string& name) {
 }  // namespace
 
 extern "C" [[gnu::visibility("default")]] ssize_t write(int descriptor, const void* data, size_t size) {
+  static Write* const next = Next<Write>("write");
   struct stat status {};
   if (::fstat(descriptor, &status) == 0 && S_ISBLK(status.st_mode)) Count("write");
-  return NextWrite()(descriptor, data, size);
+  return next(descriptor, data, size);
 }
 
 extern "C" [[gnu::visibility("default")]] int ioctl(int descriptor, unsigned long request, ...) noexcept {

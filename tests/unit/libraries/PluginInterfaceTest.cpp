@@ -6,7 +6,7 @@
 
 #include "PI/Helpers.h"
 #include "PI/LogicalDrive.h"
-#include "TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "KVT/Threading.h"
-#include "TemporaryFolder.h"
 #include "libraries/zqKVTX/CommandRunner.h"
 #include "libraries/zqKVTX/Partitions.h"
 #include "tests/support/FailingCalls.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -21,12 +21,6 @@ using std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr auto DEADLINE = 10s;
-
-bool Soon(const std::function<bool()>& holds) {
-  const auto end = steady_clock::now() + DEADLINE;
-  while (!holds() && steady_clock::now() < end) std::this_thread::sleep_for(5ms);
-  return holds();
-}
 
 /// Runs shell scripts, as programs with known behaviour.
 class Command : public testing::Test {
@@ -111,7 +105,7 @@ TEST_F(Command, LimitsEndAProgramWithItsChildren) {
     const SCommandResult result = Run("sleep 1000 & echo $!" + m_ToFile + script, limits);
     EXPECT_EQ(result.m_Result, expected) << script;
     EXPECT_THAT(result.m_Lines, testing::Contains("partly")) << script;
-    ASSERT_TRUE(Soon([&] { return IsGone(); })) << script;
+    ASSERT_TRUE(Eventually([&] { return IsGone(); })) << script;
     EXPECT_TRUE(NoChildIsLeft()) << script;
   }
 }
@@ -128,7 +122,7 @@ TEST_F(Command, ThatDoesNotDieIsLeftButNotForgotten) {
   EXPECT_THAT(log, testing::HasSubstr(told));
   EXPECT_EQ(log.find("no other is started"), log.rfind("no other is started"));
   kill(ID(), SIGKILL);
-  EXPECT_TRUE(Soon([&] { return Run("echo out", LITTLE).m_Result == 1; }));
+  EXPECT_TRUE(Eventually([&] { return Run("echo out", LITTLE).m_Result == 1; }));
   EXPECT_TRUE(NoChildIsLeft());
 }
 
@@ -148,7 +142,7 @@ TEST_F(Command, CancellationKillsAndReaps) {
   };
   pthread_t thread{};
   ASSERT_EQ(pthread_create(&thread, nullptr, run, &script), 0);
-  EXPECT_TRUE(Soon([&] { return m_Folder.Read("id").ends_with('\n'); }));
+  EXPECT_TRUE(Eventually([&] { return m_Folder.Read("id").ends_with('\n'); }));
   pthread_cancel(thread);
   void* result = nullptr;
   ASSERT_EQ(pthread_join(thread, &result), 0);

@@ -10,8 +10,9 @@
 #include "KVT/Markup.h"
 #include "KVT/Misc.h"
 #include "KVT/Regex.h"
-#include "TemporaryFolder.h"
+#include "Src/piRVXObjects.h"
 #include "libraries/zqKVTX/Partitions.h"
+#include "tests/support/TemporaryFolder.h"
 #include "tests/support/TraceCapture.h"
 
 namespace {
@@ -97,7 +98,9 @@ TEST(Texts, AreTheSameUnderAnyGlobalLocale) {
   EXPECT_FALSE(KVT::Trace::SetOutput(KVT::Trace::EOutput::File, folder.Path("p"))) << "a folder";
   KVT::Trace::Write(NAMESPACE_piRVX::KVT_MODULE_INFO_piRVX, 2, "Src/piRVX", 1234, "ENTER {} %d");
   const auto partitions = KVTX::Internal::ReadPartitions(folder.Path());
+  const std::string key = NAMESPACE_piRVX::DeviceKey("SoftRAID0", 9, 16320);
   std::locale::global(before);
+  EXPECT_EQ(key, "SoftRAID0&BLKDEV:Major=9&Minor=16320");
   EXPECT_THAT(trace.Text(), testing::EndsWith(" piRVX Src/piRVX:1234 ENTER {} %d\n"));
   EXPECT_EQ(partitions.at(0).m_Number, makedev(259, 16320));
 }

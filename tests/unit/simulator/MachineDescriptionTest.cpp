@@ -4,7 +4,7 @@
 #include "simulator/DescriptionFile.h"
 #include "simulator/SimulatedMachine.h"
 #include "system/Descriptor.h"
-#include "tests/unit/libraries/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 using namespace NAMESPACE_piRVX;
 

@@ -2,15 +2,28 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
+#include <thread>
 
 inline std::string ReadFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// Polls until the condition holds; false when the time is up.
+inline bool Eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds time = std::chrono::seconds(30)) {
+  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return condition();
 }
 
 /// A folder for the files of one test; removed with all that is in it.
