@@ -176,19 +176,17 @@ TEST(Stress, EveryChangeIsReportedOnceAndInOrder) {
 /// While it lives, no thread can be made: its stack would not fit into any address space.
 class CNoThreads {
  public:
-  CNoThreads() { SetStack(std::size_t{1} << 47); }
-  ~CNoThreads() { SetStack(m_Before); }
+  CNoThreads() {
+    pthread_getattr_default_np(&m_Before);
+    pthread_attr_t none;
+    pthread_getattr_default_np(&none);
+    pthread_attr_setstacksize(&none, std::size_t{1} << 47);
+    EXPECT_EQ(pthread_setattr_default_np(&none), 0);
+  }
+  ~CNoThreads() { pthread_setattr_default_np(&m_Before); }
 
  private:
-  void SetStack(std::size_t size) {
-    pthread_attr_t attributes;
-    pthread_getattr_default_np(&attributes);
-    if (m_Before == 0) pthread_attr_getstacksize(&attributes, &m_Before);
-    pthread_attr_setstacksize(&attributes, size);
-    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
-    pthread_attr_destroy(&attributes);
-  }
-  std::size_t m_Before{0};
+  pthread_attr_t m_Before;
 };
 
 TEST(Threads, ThatCannotBeHadAreToldOfAndStartedByTheNextCommand) {

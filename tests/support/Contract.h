@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Src/piRVXAdapterSuperBlock.h"
+#include "Src/piRVXText.h"
 #include "system/Descriptor.h"
 #include "system/OperatingSystem.h"
 #include "tests/support/TemporaryFolder.h"
@@ -64,9 +65,8 @@ class CContract : public testing::Test {
   bool IsFree(std::size_t disk) { return OpenError(DiskPath(disk), O_RDONLY | O_EXCL) == 0; }
   std::string Text(const std::string& path) { return ReadText(Os(), path).value_or("(cannot be read)"); }
   static std::vector<std::string> Lines(const std::string& text);
-  /// A field of a line of /proc/partitions.
   std::uint64_t BlocksOf(const std::string& name);
-  unsigned int MdpMajor();
+  unsigned int MdpMajor() { return static_cast<unsigned int>(ParseMdMajor(Text("/proc/devices"))); }
 
   /// A disk's superblock for an array, sealed by its checksum.
   md_superblock1 Superblock(std::size_t disk, const SArrayPlan& plan);

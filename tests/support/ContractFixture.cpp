@@ -4,6 +4,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "Src/piRVXText.h"
 #include "tests/support/Contract.h"
 
 namespace NAMESPACE_piRVX {
@@ -35,21 +36,9 @@ std::vector<std::string> CContract::Lines(const std::string& text) {
 }
 
 std::uint64_t CContract::BlocksOf(const std::string& name) {
-  for (const std::string& line : Lines(Text("/proc/partitions"))) {
-    std::istringstream fields(line);
-    std::uint64_t majorNumber = 0, minorNumber = 0, blocks = 0;
-    std::string found;
-    if (fields >> majorNumber >> minorNumber >> blocks >> found && found == name) return blocks;
-  }
+  for (const SPartition& entry : ParsePartitions(Text("/proc/partitions")))
+    if (entry.m_Name == name) return entry.m_Blocks;
   return 0;
-}
-
-unsigned int CContract::MdpMajor() {
-  const std::string devices = Text("/proc/devices");
-  const std::size_t name = devices.find(" mdp\n", devices.find("Block devices:"));
-  EXPECT_NE(name, std::string::npos) << devices;
-  return name < 3 || name == std::string::npos ? 0
-                                               : static_cast<unsigned>(std::stoul(devices.substr(name - 3)));
 }
 
 md_superblock1 CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {

@@ -19,34 +19,28 @@ SContractMachine MakeContractMachine() {
 
 /// Linux is not asked: what it does with some of them costs it a lot of memory.
 TEST_F(CContract, SuperblocksThatMakeNoArrayAreRefused) {
-  struct SCase {
-    std::size_t m_Offset;
-    std::uint32_t m_Value;
-    int m_Add, m_Run;
-    std::string m_Line;
-  };
-  const std::string half = "inactive 1[1](S) 0[0](S)", whole = "active raid1 1[1] 0[0]";
-  const SCase cases[] = {{92, 0, 0, EINVAL, half},                            // disks
-                         {92, 1921, 0, EINVAL, half},                         //
-                         {92, ~0U, 0, EINVAL, half},                          //
-                         {72, 77, EINVAL, 0, "active raid1 0[0]"},            // level
-                         {80, 30000, 0, EINVAL, "inactive 1[1] 0[0]"},        // size, larger than the disk
-                         {258, 0xffff0000, 0, EINVAL, "inactive 1[1] 0[0]"},  // slot 0 a second time
-                         {220, 0, 0, 0, whole},                               // room for no roles
-                         {160, ~0U, 0, 0, whole},                             // the member's number
-                         {160, 1920, EBUSY, 0, "active raid1 0[0]"}};
-  for (const SCase& one : cases) {
-    SCOPED_TRACE(std::to_string(one.m_Offset) + ": " + std::to_string(one.m_Value));
+  const char* const half = "inactive 1[1](S) 0[0](S)";
+  // What of the second record is what, the answers to adding and running it, and what md shows.
+  const std::tuple<std::size_t, std::uint32_t, int, int, const char*> cases[] = {
+      {92, 0, 0, EINVAL, half},                            // disks
+      {92, 1921, 0, EINVAL, half},                         //
+      {72, 77, EINVAL, 0, "active raid1 0[0]"},            // level
+      {80, 30000, 0, EINVAL, "inactive 1[1] 0[0]"},        // size, larger than the disk
+      {258, 0xffff0000, 0, EINVAL, "inactive 1[1] 0[0]"},  // slot 0 a second time
+      {220, 0, 0, 0, "active raid1 1[1] 0[0]"},            // room for no roles
+      {160, 1920, EBUSY, 0, "active raid1 0[0]"}};         // the member's number
+  for (const auto& [offset, value, adding, running, line] : cases) {
+    SCOPED_TRACE(std::to_string(offset) + ": " + std::to_string(value));
     OpenArray();
     ASSERT_EQ(SetArrayInfo(), 0);
     WriteSuper(0, Superblock(0, {.m_Size = 2048}));
     ASSERT_EQ(AddDisk(0), 0);
-    md_superblock1 record = Changed(1, {.m_Size = 2048, .m_Events = 2}, one.m_Offset, one.m_Value);
-    if (one.m_Offset == 220) std::memset(record.dev_roles, 0, sizeof(record.dev_roles));
+    md_superblock1 record = Changed(1, {.m_Size = 2048, .m_Events = 2}, offset, value);
+    if (offset == 220) std::memset(record.dev_roles, 0, sizeof(record.dev_roles));
     WriteSuper(1, record);
-    EXPECT_EQ(AddDisk(1), one.m_Add);
-    EXPECT_EQ(Request(RUN_ARRAY), one.m_Run);
-    EXPECT_EQ(MdStat().substr(0, MdStat().find('|')), one.m_Line);
+    EXPECT_EQ(AddDisk(1), adding);
+    EXPECT_EQ(Request(RUN_ARRAY), running);
+    EXPECT_EQ(MdStat().substr(0, MdStat().find('|')), line);
     EXPECT_NO_THROW(CSimulatedMachine(dynamic_cast<CSimulatedMachine&>(Os()).Describe()));
   }
 }
