@@ -1,6 +1,7 @@
 /// @file
 /// The adapter's properties and operations.
 
+#include "Src/piRVXLevels.h"
 #include "Src/piRVXLock.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
@@ -116,18 +117,6 @@ unsigned int ConfirmationOf(unsigned int reason) {
     default:
       return reason;
   }
-}
-
-PI::CLevel Level(std::uint32_t level, unsigned int maximumDrives, std::vector<unsigned int> stripeSizes,
-                 unsigned int defaultStripeSize) {
-  PI::CLevel record;
-  record.m_Level = level;
-  record.m_MinimumDrives = 2;
-  record.m_MaximumDrives = maximumDrives;
-  record.m_StripeSizes = std::move(stripeSizes);
-  record.m_DefaultStripeSize = defaultStripeSize;
-  record.m_Unit = PI::UNIT_DRIVES;
-  return record;
 }
 
 }  // namespace
@@ -260,13 +249,18 @@ unsigned int IPLUGINAPI_IMPL::DeleteAllLogicalDrives() {
 
 unsigned int IPLUGINAPI_IMPL::GetRaidLevelInformation(CRVXAdapter&, PI::COperation& operation) {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER GetRaidLevelInformation()");
-  operation.m_Levels = {
-      Level(PI::LEVEL_RAID0, 384,
-            {PI::STRIPE_4K, PI::STRIPE_8K, PI::STRIPE_16K, PI::STRIPE_32K, PI::STRIPE_64K, PI::STRIPE_128K},
-            PI::STRIPE_64K),
-      Level(PI::LEVEL_RAID1, 2, {}, 0),
-      Level(PI::LEVEL_CONCATENATION, 384, {PI::STRIPE_4K}, PI::STRIPE_4K),
-  };
+  operation.m_Levels.clear();
+  for (const SRaidLevel& level : RAID_LEVELS) {
+    if (level.m_MostDisks == 0) continue;
+    PI::CLevel& record = operation.m_Levels.emplace_back();
+    record.m_Level = level.m_Choice;
+    record.m_MinimumDrives = 2;
+    record.m_MaximumDrives = level.m_MostDisks;
+    for (std::size_t size = 0; size < level.m_StripeSizes; ++size)
+      record.m_StripeSizes.push_back(STRIPE_SIZES[size].m_Choice);
+    record.m_DefaultStripeSize = level.m_DefaultStripe;
+    record.m_Unit = PI::UNIT_DRIVES;
+  }
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE GetRaidLevelInformation()");
   return PI::OK;
 }

@@ -1,8 +1,6 @@
 /// @file
 /// Creation of arrays: names and device nodes, validation, the members' superblocks and md's ioctls.
 
-#include "Src/piRVXAdapterCreate.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -10,7 +8,8 @@
 #include <new>
 #include <utility>
 
-#include "Src/piRVXMd.h"
+#include "Src/md/Array.h"
+#include "Src/piRVXLevels.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
@@ -58,38 +57,14 @@ long MinorOfKey(const std::string& key) {
   return minor;
 }
 
-/// What a level asks of a request and what md is given for it.
-struct SLevelRule {
-  std::uint32_t m_Level;
-  int m_MdLevel;
-};
-constexpr SLevelRule LEVEL_RULES[] = {
-    {PI::LEVEL_RAID0, 0}, {PI::LEVEL_RAID1, 1}, {PI::LEVEL_CONCATENATION, -1}};
-
-}  // namespace
-
-int ChunkOf(std::uint32_t level, std::uint32_t stripeSize) {
-  switch (stripeSize) {
-    case PI::STRIPE_4K:
-      return 4;
-    case PI::STRIPE_8K:
-      return 8;
-    case PI::STRIPE_16K:
-      return 16;
-    case PI::STRIPE_32K:
-      return 32;
-    case PI::STRIPE_128K:
-      return 128;
-    // 64 KiB is nothing but the striped levels' default: a concatenation asked for it gets its own default.
-    default:
-      return level == PI::LEVEL_CONCATENATION ? 4 : 64;
-  }
-}
-
+/// KiB that a mirror uses of each member: the smallest member's size in whole chunks of `chunk` KiB. Not for
+/// no sizes.
 std::uint64_t MirrorSize(const std::vector<std::uint64_t>& sizes, int chunk) {
   const std::uint64_t smallest = *std::min_element(sizes.begin(), sizes.end());
   return smallest - smallest % static_cast<std::uint64_t>(chunk);
 }
+
+}  // namespace
 
 int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
   const std::uint32_t number = LowestFreeNumber(m_LogicalDrives);
@@ -130,10 +105,8 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
   const std::vector<PI::CDrive>& wanted = request.m_Containers.front().m_Drives;
   const bool mirror = request.m_RaidLevel == PI::LEVEL_RAID1;
   if (mirror && wanted.size() != 2) return refuse("excactly 2 drives have to be specified");
-  const auto rule =
-      std::find_if(std::begin(LEVEL_RULES), std::end(LEVEL_RULES),
-                   [&](const SLevelRule& level) { return level.m_Level == request.m_RaidLevel; });
-  if (rule == std::end(LEVEL_RULES)) return refuse("unsupported RAID level");
+  const SRaidLevel* const level = FindRaidLevel(request.m_RaidLevel);
+  if (level == nullptr || level->m_MostDisks == 0) return refuse("unsupported RAID level");
   if (wanted.size() < 2) return refuse("at least 2 drive has to be specified");
   const int chunk = ChunkOf(request.m_RaidLevel, request.m_StripeSize);
 
@@ -153,7 +126,7 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
 
   mdu_array_info_s info{};
   info.major_version = 1;
-  info.level = rule->m_MdLevel;
+  info.level = level->m_MdLevel;
   if (mirror) {
     // The usable size: md refuses a mirror that reaches into its superblocks.
     std::vector<std::uint64_t> sizes;
@@ -168,8 +141,7 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
             members[0]->m_MinorNumber, members[1]->m_MajorNumber, members[1]->m_MinorNumber);
 
   status = PI::ERR_OPEN_FAILED;
-  if (const CBlockDevice device(m_OS, path, O_RDONLY); device.IsOpen())
-    status = AssembleArray(device.Get(), name, info, members);
+  if (CMdArray device(m_OS, path); device.IsOpen()) status = AssembleArray(device, name, info, members);
   if (status != PI::OK) CloseToOthers(m_OS, path);
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", status);
   return status;
@@ -203,7 +175,7 @@ unsigned int IPLUGINAPI_IMPL::CollectMembers(const std::vector<PI::CDrive>& want
 }
 
 /// Hands an array to md. Nothing is undone on failure: what is half-made stays until it is stopped.
-unsigned int IPLUGINAPI_IMPL::AssembleArray(int descriptor, const char* name, mdu_array_info_s info,
+unsigned int IPLUGINAPI_IMPL::AssembleArray(CMdArray& device, const char* name, mdu_array_info_s info,
                                             const std::vector<CRVXPhysicalDrive*>& members) {
   const std::unique_ptr<md_superblock1> superBlock(new (std::nothrow) md_superblock1{});
   if (!superBlock) {
@@ -214,7 +186,7 @@ unsigned int IPLUGINAPI_IMPL::AssembleArray(int descriptor, const char* name, md
   // With no disks and version 1 md only notes the version, and takes the geometry from the members'
   // superblocks.
   info.raid_disks = 0;
-  if (m_OS.Ioctl(descriptor, SET_ARRAY_INFO, &info) < 0) return PI::ERR_DEVICE_IO;
+  if (!device.SetInfo(info)) return PI::ERR_DEVICE_IO;
   RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() array created -> %d", 0);
 
   for (int number = 0; number < static_cast<int>(members.size()); ++number) {
@@ -233,14 +205,12 @@ unsigned int IPLUGINAPI_IMPL::AssembleArray(int descriptor, const char* name, md
     // superblock.
     disk.state = number < info.raid_disks ? DISK_ACTIVE | DISK_SYNC : DISK_ACTIVE;
     RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive()  major=%d minor=%d", disk.major, disk.minor);
-    if (m_OS.Ioctl(descriptor, ADD_NEW_DISK, &disk) < 0) {
+    if (!device.Add(disk)) {
       RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't add disk %d, %s", number, SystemError());
       return PI::ERR_DEVICE_IO;
     }
   }
-  const int refused = m_OS.Ioctl(descriptor, RUN_ARRAY, nullptr);
-  if (refused > 0) errno = EINVAL;  // md's concatenation answers 1 where it does not start
-  if (refused != 0) {
+  if (!device.Run()) {
     RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't start array, %s", SystemError());
     return PI::ERR_DEVICE_IO;
   }

@@ -5,9 +5,9 @@
 #include <memory>
 #include <new>
 
-#include "Src/piRVXMd.h"
+#include "Src/md/Array.h"
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXText.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
@@ -75,8 +75,8 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array,
 unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   const std::string path = array.DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() dev=%s", path);
-  CBlockDevice device(m_OS, path, O_RDONLY);
-  if (!device.IsOpen() || m_OS.Ioctl(device.Get(), STOP_ARRAY, nullptr) < 0) return PI::ERR_DEVICE_IO;
+  CMdArray device(m_OS, path);
+  if (!device.IsOpen() || !device.Stop()) return PI::ERR_DEVICE_IO;
   const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
   if (!blank) return PI::ERR_DEVICE_IO;
 

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 
-#include "Src/piRVXMd.h"
+#include "Src/md/Array.h"
+#include "Src/piRVXLevels.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
 #include "Src/piRVXTrace.h"
@@ -86,19 +87,14 @@ constexpr Row PROPERTIES[] = {
      .m_AttributeWord = HIDDEN},
     {.m_ID = PI::PROP_RAID_LEVEL,
      .m_LabelTextID = 23244,
-     .m_Fill =
-         [](SArrayView& v, PI::CProperty& p) {
-           return PutChoice(p, v.m_Array.m_RaidLevel,
-                            {PI::LEVEL_RAID0, PI::LEVEL_RAID1, PI::LEVEL_RAID10, PI::LEVEL_RAID4,
-                             PI::LEVEL_RAID5, PI::LEVEL_RAID6, PI::LEVEL_CONCATENATION});
-         },
+     .m_Fill = [](SArrayView& v,
+                  PI::CProperty& p) { return PutChoice(p, v.m_Array.m_RaidLevel, ChoicesOf(RAID_LEVELS)); },
      .m_DisplayKind = 35044},
     {PI::PROP_STRIPE_SIZE, 23243,
      [](SArrayView& v, PI::CProperty& p) {
-       return (v.m_Array.m_RaidLevel == PI::LEVEL_RAID0 || v.m_Array.m_RaidLevel == PI::LEVEL_RAID10) &&
-              PutChoice(p, v.m_Array.m_StripeSize,
-                        {PI::STRIPE_4K, PI::STRIPE_8K, PI::STRIPE_16K, PI::STRIPE_32K, PI::STRIPE_64K,
-                         PI::STRIPE_128K});
+       const SRaidLevel* const level = FindRaidLevel(v.m_Array.m_RaidLevel);
+       return level != nullptr && level->m_Striped &&
+              PutChoice(p, v.m_Array.m_StripeSize, ChoicesOf(STRIPE_SIZES));
      }},
     {PI::PROP_ARRAY_CAPACITY, 23230,
      [](SArrayView& v, PI::CProperty& p) { return Put(p, v.m_Array.m_PhysicalSize >> 10); }, PI::UNIT_MIB},
@@ -160,30 +156,29 @@ unsigned int IPLUGINAPI_IMPL::SetLogicalDriveProperty(CRVXLogicalDrive&, PI::CPr
 unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& array,
                                                            PI::CLogicalDrive& description,
                                                            std::vector<CRVXPhysicalDrive>& drives) {
-  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
+  const CMdArray device(m_OS, array.DevicePath());
   if (!device.IsOpen()) return PI::ERR_OPEN_FAILED;
-  mdu_array_info_s info{};
-  if (!GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
+  const auto info = device.Info();
+  if (!info) return PI::ERR_DEVICE_IO;
   RVX_TRACE(TRACE_THREADS,
             "ctime\t\t= %d\nlevel\t\t= %d\nsize\t\t= %d\nnr_disks\t= %d\nraid_disks\t= %d\nmd_minor\t= %d\n"
             "not_persistent\t= %d\nutime\t\t= %d\nstate\t\t= %d\nactive_disks\t= %d\nworking_disks\t= %d\n"
             "failed_disks\t= %d\nspare_disks\t= %d\nlayout\t\t= %d\nchunk_size\t= %d",
-            info.ctime, info.level, info.size, info.nr_disks, info.raid_disks, info.md_minor,
-            info.not_persistent, info.utime, info.state, info.active_disks, info.working_disks,
-            info.failed_disks, info.spare_disks, info.layout, info.chunk_size);
+            info->ctime, info->level, info->size, info->nr_disks, info->raid_disks, info->md_minor,
+            info->not_persistent, info->utime, info->state, info->active_disks, info->working_disks,
+            info->failed_disks, info->spare_disks, info->layout, info->chunk_size);
   array.m_LogicalSize = 0;
-  array.m_RaidLevel = RaidLevelOf(info.level);
+  array.m_RaidLevel = RaidLevelOf(info->level);
   // The level, not the chunk size, so every real array reads 64 KiB here; front ends were built against that.
-  array.m_StripeSize = StripeOf(info.level);
+  array.m_StripeSize = StripeOf(info->level);
 
   PI::CContainer container;
   const int bound = static_cast<int>(std::min<std::size_t>(drives.size(), MAX_MEMBERS));
-  for (int number = 0; number < bound; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(device.Get(), number, disk)) continue;
+  for (const TMdDisk disk : device.Disks(bound)) {
+    if (!disk) continue;
     RVX_TRACE(TRACE_THREADS, "number\t = %d\nmajor\t = %d\nminor\t = %d\nraid_disk = %d\nstate\t = %d\n",
-              disk.number, disk.major, disk.minor, disk.raid_disk, disk.state);
-    CRVXPhysicalDrive* const drive = FindMemberDrive(drives, disk);
+              disk->number, disk->major, disk->minor, disk->raid_disk, disk->state);
+    CRVXPhysicalDrive* const drive = FindMemberDrive(drives, *disk);
     if (drive == nullptr) {
       RVX_TRACE(TRACE_THREADS, "disk not found for array");
       continue;
@@ -191,7 +186,8 @@ unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& arr
     drive->m_IsMemberOf = static_cast<std::int32_t>(array.m_ArrayNumber);
     array.m_LogicalSize += drive->m_Size;
     // What the drive is to the model decides, not md's state of it.
-    if (drive->m_Status == PI::STATUS_SPARE || (drive->m_Status == PI::STATUS_FAILED && disk.raid_disk == -1))
+    if (drive->m_Status == PI::STATUS_SPARE ||
+        (drive->m_Status == PI::STATUS_FAILED && disk->raid_disk == -1))
       description.m_DedicatedHotSpares.push_back(drive->m_ID);
     else
       container.m_Drives.emplace_back(drive->m_ID);

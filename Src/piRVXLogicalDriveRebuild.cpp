@@ -1,7 +1,8 @@
 /// @file
 /// Operations of logical drives: rebuild, deletion, configuration.
 
-#include "Src/piRVXMd.h"
+#include "Src/md/Array.h"
+#include "Src/piRVXLevels.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
 #include "Src/piRVXTrace.h"
@@ -22,9 +23,6 @@ constexpr PI::COperation::Row OPERATIONS[] = {
     {PI::OP_GET_CONFIGURATION, 3, 1, 1, 1, 0, 0, 1, 1},
 };
 
-/// None of these: the member is being rebuilt. The faulty bit is not among them.
-constexpr int NOT_REBUILDING = DISK_ACTIVE | DISK_SYNC | DISK_REMOVED;
-
 }  // namespace
 
 unsigned int IPLUGINAPI_IMPL::GetLogicalDriveOperations(CRVXLogicalDrive&, std::vector<PI::COperation>& out) {
@@ -37,7 +35,8 @@ unsigned int IPLUGINAPI_IMPL::CheckLogicalDriveOperation(CRVXLogicalDrive& array
             operation.m_Code);
   switch (operation.m_Code) {
     case PI::OP_START_REBUILD:
-      if (array.m_RaidLevel == PI::LEVEL_RAID0 || array.m_RaidLevel == PI::LEVEL_CONCATENATION)
+      if (const SRaidLevel* const level = FindRaidLevel(array.m_RaidLevel);
+          level != nullptr && !level->m_Redundant)
         return PI::ERR_NO_REDUNDANCY;
       if (array.m_Activity != PI::ACTIVITY_NONE) return PI::ERR_BUSY;
       if (array.m_Status != PI::STATUS_DEGRADED && array.m_Status != PI::STATUS_FAILED)
@@ -81,54 +80,40 @@ unsigned int IPLUGINAPI_IMPL::ExecuteLogicalDriveOperation(CRVXLogicalDrive& arr
 }
 
 unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
-  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
-  mdu_array_info_s info{};
-  if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
-  mdu_disk_info_s faulty{};
-  bool found = false;
-  int members = 0;
-  for (int number = 0; !found && members < info.raid_disks && number < MAX_MEMBERS; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(device.Get(), number, disk)) continue;
-    if ((disk.major == 0 && disk.minor == 0) || (disk.state & DISK_REMOVED) != 0) continue;
+  CMdArray device(m_OS, array.DevicePath());
+  const auto info = device.Info();
+  if (!info) return PI::ERR_DEVICE_IO;
+  TMdDisk faulty = FindFaultyMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
     RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: disk.state=%x, disk.raid_disk=%d, array.raid_disks=%d",
-              disk.state, disk.raid_disk, info.raid_disks);
-    ++members;
-    if ((disk.state & DISK_FAULTY) == 0) continue;
-    faulty = disk;
-    found = true;
-  }
-  if (!found) return PI::ERR_DEVICE_IO;
+              disk.state, disk.raid_disk, info->raid_disks);
+  });
+  if (!faulty) return PI::ERR_DEVICE_IO;
   // The number of the array's own node goes to md, not the member's: front ends and logs know the refusal
   // that current kernels answer it with.
   const auto node = ArrayNodeNumber(array);
   if (!node) return PI::ERR_GENERAL;
-  RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: found %d, remove", faulty.number);
-  if (m_OS.Ioctl(device.Get(), HOT_REMOVE_DISK, DeviceArgument(*node)) < 0) return PI::ERR_DEVICE_IO;
-  faulty.state = DISK_ACTIVE;
+  RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: found %d, remove", faulty->number);
+  if (!device.Remove(*node)) return PI::ERR_DEVICE_IO;
+  faulty->state = DISK_ACTIVE;
   RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: and hot add");
-  return m_OS.Ioctl(device.Get(), ADD_NEW_DISK, &faulty) < 0 ? PI::ERR_DEVICE_IO : PI::OK;
+  return device.Add(*faulty) ? PI::OK : PI::ERR_DEVICE_IO;
 }
 
 unsigned int IPLUGINAPI_IMPL::CancelRebuild(const CRVXLogicalDrive& array) {
-  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
-  mdu_array_info_s info{};
-  if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return PI::ERR_DEVICE_IO;
-  std::optional<int> rebuilding;
-  int members = 0;
-  for (int number = 0; !rebuilding && members < info.raid_disks && number < MAX_MEMBERS; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(device.Get(), number, disk) || disk.raid_disk == -1) continue;
-    RVX_TRACE(TRACE_INFORMATION, "OP_CANCEL_REBUILD: disk.state=%x, disk.raid_disk=%d, array.raid_disks=%d",
-              disk.state, disk.raid_disk, info.raid_disks);
-    ++members;
-    if ((disk.state & NOT_REBUILDING) == 0) rebuilding = disk.number;
-  }
+  CMdArray device(m_OS, array.DevicePath());
+  const auto info = device.Info();
+  if (!info) return PI::ERR_DEVICE_IO;
+  const TMdDisk rebuilding =
+      FindRebuildingMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
+        RVX_TRACE(TRACE_INFORMATION,
+                  "OP_CANCEL_REBUILD: disk.state=%x, disk.raid_disk=%d, array.raid_disks=%d", disk.state,
+                  disk.raid_disk, info->raid_disks);
+      });
   if (!rebuilding) return PI::ERR_DEVICE_IO;
   const auto node = ArrayNodeNumber(array);  // as for the start
   if (!node) return PI::ERR_GENERAL;
-  RVX_TRACE(TRACE_INFORMATION, "OP_CANCEL_REBUILD: found %d, set faulty", *rebuilding);
-  return m_OS.Ioctl(device.Get(), SET_DISK_FAULTY, DeviceArgument(*node)) < 0 ? PI::ERR_DEVICE_IO : PI::OK;
+  RVX_TRACE(TRACE_INFORMATION, "OP_CANCEL_REBUILD: found %d, set faulty", rebuilding->number);
+  return device.Fail(*node) ? PI::OK : PI::ERR_DEVICE_IO;
 }
 
 std::optional<dev_t> IPLUGINAPI_IMPL::ArrayNodeNumber(const CRVXLogicalDrive& array) {
@@ -142,15 +127,13 @@ std::optional<dev_t> IPLUGINAPI_IMPL::ArrayNodeNumber(const CRVXLogicalDrive& ar
 unsigned int IPLUGINAPI_IMPL::FindRebuildingPhysicalDrive(int arrayNumber, int& diskID) {
   return FindMember("FindRebuildingPhysicalDrive()", arrayNumber, diskID,
                     [](const mdu_disk_info_s& disk, const mdu_array_info_s& info) {
-                      return (disk.state & NOT_REBUILDING) == 0 && disk.raid_disk >= 0 &&
-                             disk.raid_disk < info.raid_disks;
+                      return IsBeingRebuilt(disk) && disk.raid_disk >= 0 && disk.raid_disk < info.raid_disks;
                     });
 }
 
 unsigned int IPLUGINAPI_IMPL::FindPhysicalDriveForRebuild(int arrayNumber, int& diskID) {
-  return FindMember(
-      "FindPhysicalDriveForRebuild()", arrayNumber, diskID,
-      [](const mdu_disk_info_s& disk, const mdu_array_info_s&) { return (disk.state & DISK_FAULTY) != 0; });
+  return FindMember("FindPhysicalDriveForRebuild()", arrayNumber, diskID,
+                    [](const mdu_disk_info_s& disk, const mdu_array_info_s&) { return IsFaulty(disk); });
 }
 
 unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, int& diskID,
@@ -161,13 +144,12 @@ unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, 
   };
   const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
   if (array == nullptr) return fail();
-  const CBlockDevice device(m_OS, array->DevicePath(), O_RDONLY);
-  mdu_array_info_s info{};
-  if (!device.IsOpen() || !GetArrayInfo(device.Get(), info)) return fail();
-  for (int number = 0; number < info.raid_disks; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(device.Get(), number, disk) || !wanted(disk, info)) continue;
-    diskID = (disk.major << 8) | disk.minor;
+  const CMdArray device(m_OS, array->DevicePath());
+  const auto info = device.Info();
+  if (!info) return fail();
+  for (const TMdDisk disk : device.Disks(info->raid_disks)) {
+    if (!disk || !wanted(*disk, *info)) continue;
+    diskID = (disk->major << 8) | disk->minor;
     RVX_TRACE(TRACE_LIFECYCLE, "LEAVE %s diskID = %d", function, diskID);
     return PI::OK;
   }

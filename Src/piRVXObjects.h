@@ -10,6 +10,7 @@
 
 #include "KVT/Markup.h"
 #include "PI/Object.h"
+#include "Src/md/Members.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -109,15 +110,24 @@ auto FindCounterpart(TArrays& arrays, std::uint32_t number, const std::string& n
   return found;
 }
 
+/// The first drive that a member lies on: a partition counts as its whole disk, 16 minors each. Null when
+/// none does.
+inline CRVXPhysicalDrive* FindMemberDrive(std::vector<CRVXPhysicalDrive>& drives,
+                                          const mdu_disk_info_s& disk) {
+  // An empty slot, as most are in a walk over all disk numbers: no drive needs to be looked at.
+  if (disk.major == 0 && disk.minor == 0) return nullptr;
+  const auto major = static_cast<std::uint32_t>(disk.major);
+  const auto minor = static_cast<std::uint32_t>(disk.minor / 16 * 16);
+  for (CRVXPhysicalDrive& drive : drives)
+    if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
+  return nullptr;
+}
+
 /// A block device as sysfs shows it. The discovery reads sysfs anew on every scan and keeps none.
 struct CSysFSEntry {
   std::string m_KernelName;
   std::string m_Path;
 };
-
-/// KiB that md may use of a drive of `size` KiB: what lies in front of the superblock, which stands 8 KiB
-/// before the end on a 4 KiB boundary, less a reserve of 128 KiB. Sizes below 136 wrap.
-constexpr std::uint64_t UsableSize(std::uint64_t size) { return ((size - 8) & ~std::uint64_t{3}) - 128; }
 
 /// Key by which front ends know a drive or array across reboots of the server.
 std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor);

@@ -4,7 +4,7 @@
 #include <memory>
 #include <new>
 
-#include "Src/piRVXMd.h"
+#include "Src/md/Array.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
 #include "Src/piRVXTrace.h"
@@ -121,17 +121,17 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't get memory for superblock", function);
     return PI::ERR_OUT_OF_MEMORY;
   }
-  const CBlockDevice device(m_OS, path, O_RDONLY);
+  CMdArray device(m_OS, path);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't open %s, %s", function, path, SystemError());
     return PI::ERR_OPEN_FAILED;
   }
-  mdu_array_info_s info{};
-  if (!GetArrayInfo(device.Get(), info)) {
+  const auto info = device.Info();
+  if (!info) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't get info of %s, %s", function, path, SystemError());
     return PI::ERR_DEVICE_IO;
   }
-  const auto working = FindWorkingMember(device.Get(), info.raid_disks);
+  const TMdDisk working = FindWorkingMember(device.Disks(), info->raid_disks);
   if (!working) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't find disk with superblock", function);
     return PI::ERR_GENERAL;
@@ -143,7 +143,7 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't read superblock, %s", function, SystemError());
     return status;
   }
-  if (const unsigned int status = PlaceSpare(function, device.Get(), drive, *superBlock); status != PI::OK)
+  if (const unsigned int status = PlaceSpare(function, device, drive, *superBlock); status != PI::OK)
     return status;
 
   ++drive.m_UpdateCounter;
@@ -157,54 +157,30 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
 }
 
 /// Writes the spare's superblock and hands it to md.
-unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, int descriptor, CRVXPhysicalDrive& drive,
+unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, CMdArray& device, CRVXPhysicalDrive& drive,
                                          md_superblock1& superBlock) {
-  const int slot = FindFreeSlot(descriptor);
-  if (slot == MAX_MEMBERS) {
+  const auto slot = FindFreeNumber(device.Disks());
+  if (!slot) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s no free slot found", function);
     return PI::ERR_NO_FREE_SLOT;
   }
   mdu_disk_info_s disk{};
-  disk.number = slot;
+  disk.number = *slot;
   disk.major = static_cast<int>(drive.m_MajorNumber);
   disk.minor = static_cast<int>(drive.m_MinorNumber);
   disk.raid_disk = -1;
-  superBlock.dev_number = static_cast<std::uint32_t>(slot);
-  superBlock.dev_roles[slot] = md_superblock1::ROLE_SPARE;
+  superBlock.dev_number = static_cast<std::uint32_t>(*slot);
+  superBlock.dev_roles[*slot] = md_superblock1::ROLE_SPARE;
   if (const unsigned int status = WriteSuperBlock1(drive, &superBlock); status != PI::OK) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't write superblock, %s", function, SystemError());
     return status;
   }
-  RVX_TRACE(TRACE_INFORMATION, "%s add spare disk to slot %d", function, slot);
-  if (m_OS.Ioctl(descriptor, ADD_NEW_DISK, &disk) >= 0) return PI::OK;
+  RVX_TRACE(TRACE_INFORMATION, "%s add spare disk to slot %d", function, *slot);
+  if (device.Add(disk)) return PI::OK;
   RVX_TRACE(TRACE_LIFECYCLE, "%s can't add spare disk, %s", function, SystemError());
   superBlock = md_superblock1{};
   WriteSuperBlock1(drive, &superBlock);
   return PI::ERR_DEVICE_IO;
-}
-
-std::optional<mdu_disk_info_s> IPLUGINAPI_IMPL::FindWorkingMember(int descriptor, int raidDisks) {
-  mdu_disk_info_s disk{};
-  disk.raid_disk = -1;
-  int number = 0;
-  for (int members = 0; members < raidDisks && number < MAX_MEMBERS; ++number) {
-    if (!GetDiskInfo(descriptor, number, disk)) continue;
-    if (disk.raid_disk >= 0) ++members;
-    if ((disk.major != 0 || disk.minor != 0) && disk.state == (DISK_ACTIVE | DISK_SYNC)) break;
-  }
-  // A walk that ended by its count on a member that is not in sync goes on with that member.
-  if (number == MAX_MEMBERS || disk.raid_disk < 0) return std::nullopt;
-  return disk;
-}
-
-int IPLUGINAPI_IMPL::FindFreeSlot(int descriptor) {
-  int slot = 0;
-  for (; slot < MAX_MEMBERS; ++slot) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(descriptor, slot, disk)) break;
-    if ((disk.major == 0 && disk.minor == 0) || (disk.state & DISK_REMOVED) != 0) break;
-  }
-  return slot;
 }
 
 unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) {
@@ -217,17 +193,17 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't get memory for superblock");
     return PI::ERR_OUT_OF_MEMORY;
   }
-  const CBlockDevice device(m_OS, path, O_RDONLY);
+  CMdArray device(m_OS, path);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't open %s, %s", path, SystemError());
     return PI::ERR_OPEN_FAILED;
   }
-  mdu_array_info_s info{};
-  if (!GetArrayInfo(device.Get(), info)) {
+  if (!device.Info()) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't get info of %s, %s", path, SystemError());
     return PI::ERR_DEVICE_IO;
   }
-  if (!IsSpareOf(device.Get(), drive)) {
+  // What md says counts, not the model: an active member is no spare.
+  if (!IsWithoutSlot(device.Disks(), drive.m_MajorNumber, drive.m_MinorNumber)) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() disk %s not spare of %s", drive.m_KernelName, path);
     return PI::ERR_GENERAL;
   }
@@ -238,7 +214,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
     return PI::ERR_GENERAL;
   }
   // The release goes on: a disk that md has lost already must become free too.
-  if (m_OS.Ioctl(device.Get(), HOT_REMOVE_DISK, DeviceArgument(*number)) < 0)
+  if (!device.Remove(*number))
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't remove spare disk, %s", SystemError());
   WriteSuperBlock1(drive, blank.get());
 
@@ -251,18 +227,6 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
   ++array->m_UpdateCounter;
   LockObjects(0, static_cast<int>(drive.m_MajorNumber), static_cast<int>(drive.m_MinorNumber), arrayNumber);
   return PI::OK;
-}
-
-/// What md says counts, not the model: an active member is no spare.
-bool IPLUGINAPI_IMPL::IsSpareOf(int descriptor, const CRVXPhysicalDrive& drive) {
-  for (int number = 0; number < MAX_MEMBERS; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(descriptor, number, disk) || (disk.state & DISK_REMOVED) != 0) continue;
-    if (static_cast<std::uint32_t>(disk.major) == drive.m_MajorNumber &&
-        static_cast<std::uint32_t>(disk.minor) == drive.m_MinorNumber)
-      return disk.raid_disk < 0;
-  }
-  return false;
 }
 
 std::optional<dev_t> IPLUGINAPI_IMPL::DeviceNumber(const std::string& path) {

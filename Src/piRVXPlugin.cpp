@@ -220,14 +220,6 @@ CRVXPhysicalDrive* IPLUGINAPI_IMPL::FindPhysicalDrive(std::uint32_t major, std::
   return nullptr;
 }
 
-bool IPLUGINAPI_IMPL::GetDiskInfo(int descriptor, int number, mdu_disk_info_s& disk) {
-  mdu_disk_info_s answer{};
-  answer.number = number;
-  if (m_OS.Ioctl(descriptor, GET_DISK_INFO, &answer) < 0) return false;
-  disk = answer;
-  return true;
-}
-
 std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor) {
   return Text("%s&BLKDEV:Major=%d&Minor=%d", prefix, major, minor);
 }

@@ -16,9 +16,9 @@
 #include "PI/Helpers.h"
 #include "PI/Object.h"
 #include "PI/PluginApi.h"
-#include "Src/piRVXAdapterSuperBlock.h"
+#include "Src/md/Array.h"
+#include "Src/md/Superblock.h"
 #include "Src/piRVXETR.h"
-#include "Src/piRVXMd.h"
 #include "Src/piRVXObjects.h"
 #include "system/OperatingSystem.h"
 
@@ -279,7 +279,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   void ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) ZQ_REQUIRES(m_DataLock);
   bool ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) ZQ_REQUIRES(m_DataLock);
   void ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) ZQ_REQUIRES(m_DataLock);
-  void ScanMembers(const SScan& scan, CRVXLogicalDrive& array, int descriptor) ZQ_REQUIRES(m_DataLock);
+  void ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const CMdArray& device)
+      ZQ_REQUIRES(m_DataLock);
   void ScanProgress(const SScan& scan, const SArrayHistory& history, CRVXLogicalDrive& array,
                     const mdu_array_info_s& info) ZQ_REQUIRES(m_DataLock);
   void QueueRunEnd(const SArrayHistory& history, const CRVXLogicalDrive& array, const mdu_array_info_s& info)
@@ -305,16 +306,11 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// Makes the drive a spare of the array; `function` names the caller in traces.
   unsigned int AddSpare(const char* function, CRVXPhysicalDrive& drive, int arrayNumber)
       ZQ_REQUIRES(m_DataLock);
-  unsigned int PlaceSpare(const char* function, int descriptor, CRVXPhysicalDrive& drive,
+  unsigned int PlaceSpare(const char* function, CMdArray& device, CRVXPhysicalDrive& drive,
                           md_superblock1& superBlock) ZQ_REQUIRES(m_DataLock);
-  /// A member that md calls active and in sync; none when there is none.
-  std::optional<mdu_disk_info_s> FindWorkingMember(int descriptor, int raidDisks);
-  /// The first disk number that md has no use for; MAX_MEMBERS when there is none.
-  int FindFreeSlot(int descriptor);
-  bool IsSpareOf(int descriptor, const CRVXPhysicalDrive& drive);
   unsigned int CollectMembers(const std::vector<PI::CDrive>& wanted, std::vector<CRVXPhysicalDrive*>& members)
       ZQ_REQUIRES(m_DataLock);
-  unsigned int AssembleArray(int descriptor, const char* name, mdu_array_info_s info,
+  unsigned int AssembleArray(CMdArray& device, const char* name, mdu_array_info_s info,
                              const std::vector<CRVXPhysicalDrive*>& members) ZQ_REQUIRES(m_DataLock);
   unsigned int DeleteAllLogicalDrives() ZQ_REQUIRES(m_DataLock);
   unsigned int DeleteLastLogicalDrive() ZQ_REQUIRES(m_DataLock);
@@ -329,12 +325,6 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   unsigned int FindMember(const char* function, int arrayNumber, int& diskID,
                           bool (*wanted)(const mdu_disk_info_s&, const mdu_array_info_s&))
       ZQ_REQUIRES(m_DataLock);
-  /// Reads the array's record; traces nothing.
-  bool GetArrayInfo(int descriptor, mdu_array_info_s& info) {
-    return m_OS.Ioctl(descriptor, GET_ARRAY_INFO, &info) >= 0;
-  }
-  /// Reads the record of one disk number; false leaves `disk` as it was.
-  bool GetDiskInfo(int descriptor, int number, mdu_disk_info_s& disk);
 };
 
 /// The instance that createIf made last and releaseIf has not cleared.

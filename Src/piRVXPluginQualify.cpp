@@ -5,8 +5,8 @@
 #include <array>
 #include <string_view>
 
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXText.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 

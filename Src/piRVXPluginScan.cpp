@@ -3,9 +3,9 @@
 
 #include <new>
 
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXLock.h"
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXText.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {

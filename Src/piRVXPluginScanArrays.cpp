@@ -3,10 +3,11 @@
 
 #include <algorithm>
 
+#include "Src/md/Array.h"
+#include "Src/md/ProcTexts.h"
+#include "Src/piRVXLevels.h"
 #include "Src/piRVXLock.h"
-#include "Src/piRVXMd.h"
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXText.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {
@@ -19,7 +20,7 @@ constexpr std::uint64_t CLEAN_WAIT = 500;  ///< ms
 
 /// A member's status by md's record of it; none: md says nothing that would change it.
 std::optional<std::uint32_t> MemberStatus(const mdu_disk_info_s& disk) {
-  if ((disk.state & DISK_FAULTY) != 0) return PI::STATUS_FAILED;
+  if (IsFaulty(disk)) return PI::STATUS_FAILED;
   // By bits: a write-mostly member carries others beside these.
   if ((disk.state & DISK_ACTIVE) != 0)
     return (disk.state & DISK_SYNC) != 0 ? PI::STATUS_OK : PI::STATUS_REBUILDING;
@@ -29,16 +30,14 @@ std::optional<std::uint32_t> MemberStatus(const mdu_disk_info_s& disk) {
 
 /// The array's record. md is given time to become clean; the last reading decides. Once the end is asked for,
 /// there is no waiting any more: several arrays at work would hold it up for longer than a server waits.
-std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, int descriptor,
+std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, const CMdArray& device,
                                               KVT::Threading::CEvent& stop) {
-  mdu_array_info_s info{};
-  bool read = false;
+  std::optional<mdu_array_info_s> info;
   for (int attempt = 0; attempt < CLEAN_ATTEMPTS; ++attempt) {
-    read = os.Ioctl(descriptor, GET_ARRAY_INFO, &info) >= 0;
-    if ((read && (info.state & ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
+    info = device.Info();
+    if ((info && (info->state & ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
     os.Sleep(CLEAN_WAIT);
   }
-  if (!read) return std::nullopt;
   return info;
 }
 
@@ -86,31 +85,30 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
 
 /// What md tells of an array; an array that it does not tell of keeps its defaults.
 void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) {
-  const CBlockDevice device(m_OS, array.DevicePath(), O_RDONLY);
+  const CMdArray device(m_OS, array.DevicePath());
   if (!device.IsOpen()) return;
-  const auto info = ReadArrayInfo(m_OS, device.Get(), m_StopRequest);
+  const auto info = ReadArrayInfo(m_OS, device, m_StopRequest);
   if (!info || IsStopping())
     return;  // a stop cuts the wait for a clean state short: that reading tells nothing
   array.m_RaidLevel = RaidLevelOf(info->level);
   array.m_StripeSize = StripeOf(info->chunk_size);
-  ScanMembers(scan, array, device.Get());
+  ScanMembers(scan, array, device);
   ScanProgress(scan, history, array, *info);
   SettleArrayStatus(history, array, *info);
 }
 
-void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, int descriptor) {
+void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const CMdArray& device) {
   // The number of scanned disks bounds the walk, not the array's own count, on purpose: front ends know the
   // members of an array whose slot numbers grew beyond that as it is.
   const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), MAX_MEMBERS));
-  for (int number = 0; number < bound; ++number) {
-    mdu_disk_info_s disk{};
-    if (!GetDiskInfo(descriptor, number, disk)) continue;
-    CRVXPhysicalDrive* const drive = FindMemberDrive(scan.m_PhysicalDrives, disk);
+  for (const TMdDisk disk : device.Disks(bound)) {
+    if (!disk) continue;
+    CRVXPhysicalDrive* const drive = FindMemberDrive(scan.m_PhysicalDrives, *disk);
     // Empty slots and disks on other controllers get no record of their own: the array lists the members it
     // found.
     if (drive == nullptr) continue;
     drive->m_IsMemberOf = static_cast<std::int32_t>(array.m_ArrayNumber);
-    drive->m_Status = MemberStatus(disk).value_or(drive->m_Status);
+    drive->m_Status = MemberStatus(*disk).value_or(drive->m_Status);
     drive->m_Activity =
         drive->m_Status == PI::STATUS_REBUILDING ? PI::ACTIVITY_REBUILDING : PI::ACTIVITY_NONE;
     array.m_Children.push_back(drive->m_ID);

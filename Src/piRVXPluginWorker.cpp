@@ -6,9 +6,9 @@
 #include <functional>
 
 #include "KVT/Exception.h"
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXLock.h"
 #include "Src/piRVXPlugin.h"
-#include "Src/piRVXText.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {

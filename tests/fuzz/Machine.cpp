@@ -8,7 +8,7 @@
 #include <cstring>
 #include <map>
 
-#include "Src/piRVXAdapterSuperBlock.h"
+#include "Src/md/Superblock.h"
 #include "simulator/SimulatedMachine.h"
 #include "system/Descriptor.h"
 #include "tests/fuzz/Fuzz.h"

@@ -6,7 +6,7 @@
 #include "KVT/Language.h"
 #include "PI/Helpers.h"
 #include "PI/LogicalDrive.h"
-#include "Src/piRVXText.h"
+#include "Src/md/ProcTexts.h"
 #include "tests/fuzz/Fuzz.h"
 
 using namespace NAMESPACE_piRVX;

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-#include "Src/piRVXText.h"
+#include "Src/md/ProcTexts.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;

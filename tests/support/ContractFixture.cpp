@@ -4,7 +4,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "Src/piRVXText.h"
+#include "Src/md/ProcTexts.h"
 #include "tests/support/Contract.h"
 
 namespace NAMESPACE_piRVX {

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "Src/piRVXText.h"
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXTrace.h"
 
 using namespace NAMESPACE_piRVX;

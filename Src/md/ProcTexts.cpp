@@ -1,4 +1,4 @@
-#include "Src/piRVXText.h"
+#include "Src/md/ProcTexts.h"
 
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
@@ -6,8 +6,6 @@
 #include <charconv>
 #include <cstdio>
 #include <limits>
-
-#include "KVT/Regex.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -109,20 +107,21 @@ std::string HostPathOfRecord(const std::vector<std::string>& lines) {
 }
 
 bool IsDiskName(const std::string& name) {
-  static const KVT::Regex pattern("^[sh]d[a-z]{1,2}$");
-  return pattern.Match(name).has_value();
+  const auto isLetter = [](char one) { return one >= 'a' && one <= 'z'; };
+  return (name.size() == 3 || name.size() == 4) && (name.starts_with("sd") || name.starts_with("hd")) &&
+         std::all_of(name.begin(), name.end(), isLetter);
 }
 
 std::optional<std::uint32_t> ArrayNumber(const std::string& name) {
-  static const KVT::Regex patterns[] = {KVT::Regex("^md([:digit:]+)$"), KVT::Regex("^md_d([:digit:]+)$")};
-  for (const KVT::Regex& pattern : patterns) {
-    const auto groups = pattern.Match(name);
-    if (!groups) continue;
+  for (const std::string_view prefix : {"md", "md_d"}) {
+    if (!name.starts_with(prefix)) continue;
     // Signed: a greater number would read as "no array" in the drives, and deleting it would wipe the free
     // ones.
     std::int32_t number = 0;
-    const std::string& digits = groups->front();
-    if (std::from_chars(digits.data(), digits.data() + digits.size(), number).ec == std::errc{})
+    const char* const end = name.data() + name.size();
+    const char* const digits = name.data() + prefix.size();
+    if (digits == end || *digits == '-') continue;
+    if (const auto read = std::from_chars(digits, end, number); read.ec == std::errc{} && read.ptr == end)
       return static_cast<std::uint32_t>(number);
   }
   return std::nullopt;

@@ -74,6 +74,9 @@ static_assert(offsetof(md_superblock1, super_offset) == 144 && offsetof(md_super
 constexpr std::uint64_t SuperOffset(std::uint64_t size) { return (2 * size - 16) & ~std::uint64_t{7}; }
 /// The same place as the reader seeks it, in bytes.
 constexpr std::uint64_t SuperPosition(std::uint64_t size) { return (size - 8) / 4 * 4096; }
+/// KiB that md may use of a drive of `size` KiB: what lies in front of the superblock, which stands 8 KiB
+/// before the end on a 4 KiB boundary, less a reserve of 128 KiB. Sizes below 136 wrap.
+constexpr std::uint64_t UsableSize(std::uint64_t size) { return ((size - 8) & ~std::uint64_t{3}) - 128; }
 /// Sectors for data in front of a superblock: 128 KiB stay free, whole chunks of `chunk` sectors; 0 for chunk
 /// 0.
 constexpr std::uint64_t DataSize(std::uint64_t superOffset, std::uint32_t chunk) {
