@@ -33,11 +33,9 @@ void DropDeviceFolder(char* buffer) {
 /// The lowest number that no array has; above MAX_ARRAY_NUMBER when all are taken.
 std::uint32_t LowestFreeNumber(const std::vector<CRVXLogicalDrive>& arrays) {
   std::uint32_t number = 0;
-  for (std::uint32_t before = ~number; before != number && number <= MAX_ARRAY_NUMBER;) {
-    before = number;
-    for (const CRVXLogicalDrive& array : arrays)
-      if (array.m_ArrayNumber == number) ++number;
-  }
+  while (number <= MAX_ARRAY_NUMBER &&
+         std::ranges::count(arrays, number, &CRVXLogicalDrive::m_ArrayNumber) != 0)
+    ++number;
   return number;
 }
 

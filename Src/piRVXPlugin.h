@@ -237,7 +237,6 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   bool m_EventsDropped ZQ_GUARDED_BY(m_EventsLock){false};  ///< since the last fetch
   /// All ones: no long operation is pending. Nothing sets it yet; deletions already heed it.
   std::uint32_t m_PendingOperation ZQ_GUARDED_BY(m_DataLock){NO_PENDING_OPERATION};
-  std::int32_t m_MdstatDescriptor{-1};  ///< of the poller's thread, -1: closed
   std::atomic<std::uint32_t> m_PollInterval{
       DEFAULT_POLL_INTERVAL};               ///< seconds; the worker reads it unlocked
   std::atomic<bool> m_UdevadmHangs{false};  ///< in this scan: no further disk is asked about
@@ -301,7 +300,6 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   unsigned int RefreshModel() ZQ_REQUIRES(m_DataLock);
   bool FollowProgress() ZQ_REQUIRES(m_DataLock);
   void CheckSmart(SWorkerState& state) ZQ_REQUIRES(m_DataLock, m_EventsLock);
-  void CloseMdstat();
 
   /// Makes the drive a spare of the array; `function` names the caller in traces.
   unsigned int AddSpare(const char* function, CRVXPhysicalDrive& drive, int arrayNumber)

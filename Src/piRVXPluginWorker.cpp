@@ -218,7 +218,7 @@ unsigned long IPLUGINAPI_IMPL::NextInterval() const {
 
 void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER EventPoll()");
-  RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", m_MdstatDescriptor);
+  RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", -1);  // each round opens its own
   const auto round = [this] {
     try {
       return EventPollRound();
@@ -226,18 +226,11 @@ void IPLUGINAPI_IMPL::EventPoll() {
       throw;
     } catch (const std::exception& exception) {  // want of memory passes
       RVX_ERROR("EventPoll() round failed: %s", exception.what());
-      if (m_MdstatDescriptor >= 0) CloseMdstat();
       m_OS.Sleep(MDSTAT_WAIT);
       return true;
     }
   };
   try {
-    const struct SCloseAtEnd {
-      IPLUGINAPI_IMPL& m_Instance;
-      ~SCloseAtEnd() {
-        if (m_Instance.m_MdstatDescriptor >= 0) m_Instance.CloseMdstat();
-      }
-    } closeAtEnd{*this};  // a cancelled thread closes its file too
     while (round()) {
     }
   } catch (const KVT::CSystemException& exception) {
@@ -249,27 +242,22 @@ void IPLUGINAPI_IMPL::EventPoll() {
 
 bool IPLUGINAPI_IMPL::EventPollRound() {
   if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
-  // Opened afresh each round: the kernel reports changes since the opening.
-  m_MdstatDescriptor = m_OS.Open("/proc/mdstat", O_RDONLY);
-  if (m_MdstatDescriptor < 0) {
+  // Opened afresh each round: the kernel reports changes since the opening. A cancelled thread closes it too.
+  CDescriptor mdstat(m_OS, "/proc/mdstat", O_RDONLY);
+  if (!mdstat.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
     m_OS.Sleep(MDSTAT_WAIT);
     return true;
   }
-  RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", m_MdstatDescriptor);
-  const int result = m_OS.WaitExceptional(m_MdstatDescriptor, MDSTAT_WAIT);
+  RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", mdstat.Get());
+  const int result = m_OS.WaitExceptional(mdstat.Get(), MDSTAT_WAIT);
   const int error = errno;  // before the closing touches it
   RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
-  CloseMdstat();
+  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", mdstat.Get());
+  mdstat.Close();
   if (result < 0) throw KVT::CSystemException(error, "select");
   if (result > 0) m_ForceWorker.Set();
   return true;
-}
-
-void IPLUGINAPI_IMPL::CloseMdstat() {
-  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", m_MdstatDescriptor);
-  m_OS.Close(m_MdstatDescriptor);
-  m_MdstatDescriptor = -1;
 }
 
 }  // namespace NAMESPACE_piRVX
