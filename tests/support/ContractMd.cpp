@@ -135,7 +135,6 @@ TEST_F(CContract, MembersThatDoNotFitAreRefused) {
                {"a wrong checksum", 64, 1, false},
                {"another array", 16, 7},
                {"another level", 72, 0},
-               {"another chunk size", 88, 8},
                {"a number that is taken", 160, 0, true, EBUSY}};
   OpenArray();
   ASSERT_EQ(SetArrayInfo(), 0);

@@ -49,6 +49,7 @@ TEST(UdevRecord, TheHostPathEndsInFrontOfThePort) {
       // The last port that stands before the first host.
       {{"P: /devices/ata1/ata2/host0/ata3/host1/block/sda"}, "/sys/devices/ata1"},
       {{"P: /devices/x/ata1/block/sda", "P: /devices/second"}, "/sys/devices/x/ata1/block/sda"},
+      {{std::string("P: /devices/0000:03:00.0\0/host2", 32)}, "/sys/devices/0000:03:00.0"},
       {{" P: /devices/blank", "E: DEVPATH=/devices/pci0000:00"}, ""}};
   for (const auto& [lines, path] : cases) EXPECT_EQ(HostPathOfRecord(lines), path);
 }
