@@ -28,8 +28,8 @@
 #include <thread>
 
 #include "Src/piRVXPlugin.h"
-#include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
+#include "system/ForwardingMachine.h"
 #include "system/Linux.h"
 
 using namespace NAMESPACE_piRVX;

@@ -9,10 +9,10 @@
 #include "KVT/Trace.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
-#include "simulator/FaultyMachine.h"
-#include "simulator/ForwardingMachine.h"
 #include "simulator/SimulatedMachine.h"
+#include "system/ForwardingMachine.h"
 #include "tests/fuzz/Fuzz.h"
+#include "tests/support/FaultyMachine.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -141,10 +141,9 @@ class CFuzzedInstance : public IPLUGINAPI_IMPL {
  private:
   void Step() {
     const int step = m_Data.ConsumeIntegralInRange(0, 9);
-    const std::uint64_t calls = m_Door.Count(CFaultyMachine::ECall::Any);
+    const std::uint64_t calls = m_Door.Count(CFaultyMachine::ANY);
     if (step == 0) m_Simulated.Advance(3600000);
-    if (step == 1)
-      m_Door.FailAt(CFaultyMachine::ECall::Any, calls + m_Data.ConsumeIntegralInRange(1U, 100U), EIO);
+    if (step == 1) m_Door.FailAt(CFaultyMachine::ANY, calls + m_Data.ConsumeIntegralInRange(1U, 100U), EIO);
     if (step == 2 || step == 3) m_Machine.Upset(m_Data);
     if (step == 4 || step == 5) WorkerPass(m_Worker);
     if (step > 5) Request();

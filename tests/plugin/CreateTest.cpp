@@ -4,7 +4,6 @@
 
 using namespace NAMESPACE_piRVX;
 using testing::IsEmpty;
-using ECall = CFaultyMachine::ECall;
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include "tests/support/FailingCalls.h"
 
 using namespace NAMESPACE_piRVX;
-using ECall = CFaultyMachine::ECall;
 
 namespace {
 
@@ -131,7 +130,7 @@ std::set<unsigned int> Walk(const SOperation& operation, ECall call, std::size_t
     });
     statuses.insert(status);
   }
-  EXPECT_GT(n, call != ECall::Any ? 0U : operation.m_Reads ? 80U : 8U) << "it did not get far";
+  EXPECT_GT(n, call != CFaultyMachine::ANY ? 0U : operation.m_Reads ? 80U : 8U) << "it did not get far";
   return statuses;
 }
 
@@ -139,7 +138,8 @@ TEST(FaultWalk, EveryFailureHasItsStatusAndTheNextPassShowsTheTruth) {
   for (const SOperation& operation : OPERATIONS) {
     SCOPED_TRACE(operation.m_Name);
     std::string statuses = " ";
-    for (const unsigned int status : Walk(operation, ECall::Any, FAIL)) statuses += Text("%d ", status);
+    for (const unsigned int status : Walk(operation, CFaultyMachine::ANY, FAIL))
+      statuses += Text("%d ", status);
     EXPECT_EQ(statuses, operation.m_Statuses);
     for (const auto& [call, size] : {std::pair{ECall::Close, FAIL},
                                      {ECall::Read, std::size_t{0}},
@@ -149,8 +149,8 @@ TEST(FaultWalk, EveryFailureHasItsStatusAndTheNextPassShowsTheTruth) {
                                      {ECall::Write, 1023}})
       for (const unsigned int status : Walk(operation, call, size))
         EXPECT_THAT(statuses, testing::HasSubstr(Text(" %d ", status)));
-    for (const ECall call : {ECall::Any, ECall::Open, ECall::Close, ECall::Read, ECall::Ioctl, ECall::Status,
-                             ECall::ReadLink, ECall::GetCommandPath, ECall::ExecuteCommand}) {
+    for (const ECall call : {CFaultyMachine::ANY, ECall::Open, ECall::Close, ECall::Read, ECall::Ioctl,
+                             ECall::Status, ECall::ReadLink, ECall::GetCommandPath, ECall::ExecuteCommand}) {
       SCOPED_TRACE(static_cast<int>(call));
       const auto result =
           Outcome(operation, [&](CFaultyMachine& door) { door.FailAt(call, 1, EIO, 100000); });

@@ -5,7 +5,6 @@
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
-using ECall = CFaultyMachine::ECall;
 
 namespace {
 

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "Src/md/Superblock.h"
 #include "Src/md/ProcTexts.h"
+#include "Src/md/Superblock.h"
 #include "system/Descriptor.h"
 #include "system/OperatingSystem.h"
 #include "tests/support/TemporaryFolder.h"

@@ -10,9 +10,8 @@
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
-#include "simulator/FaultyMachine.h"
-#include "simulator/HookedMachine.h"
 #include "simulator/SimulatedMachine.h"
+#include "tests/support/FaultyMachine.h"
 #include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
