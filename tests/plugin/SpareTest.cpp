@@ -119,6 +119,7 @@ TEST(Members, AsMdTellsOfThemDecideWhatOperationsDo) {
       {"a faulty member", 2, {{0, 8, 0, 0, 6}, {1, 8, 16, 1, 1}}},
       {"a faulty spare", 2, {{0, 8, 0, 0, 6}, {1, 8, 16, -1, 1}}},
       {"a removed one", 2, {{0, 8, 0, 0, 6}, {1, 8, 16, -1, 8}}},
+      {"a removed one with a slot", 2, {{0, 8, 0, 0, 8}, {1, 8, 16, 1, 6}}},
       {"a member without a slot", 2, {{0, 8, 0, -1, 6}}},
       {"every number in use", 2, full},
       {"the disk is a spare", 2, {{0, 8, 0, 0, 6}, {2, 8, 32, -1, 0}}},
