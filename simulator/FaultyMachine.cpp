@@ -49,11 +49,6 @@ std::vector<std::string> CFaultyMachine::OpenedForWriting() const {
   return m_OpenedForWriting;
 }
 
-std::vector<std::string> CFaultyMachine::NodesMade() const {
-  const std::lock_guard lock(m_Lock);
-  return m_NodesMade;
-}
-
 int CFaultyMachine::Strike(ECall kind, std::size_t* size) {
   const std::lock_guard lock(m_Lock);
   int error = 0;
@@ -125,10 +120,6 @@ int CFaultyMachine::WaitExceptional(int descriptor, std::uint64_t milliseconds) 
 }
 
 int CFaultyMachine::MakeNode(const std::string& path, mode_t mode, dev_t device) {
-  {
-    const std::lock_guard lock(m_Lock);
-    m_NodesMade.push_back(path);
-  }
   return Fails(ECall::MakeNode) ? -1 : m_Machine.MakeNode(path, mode, device);
 }
 

@@ -47,9 +47,8 @@ class CFaultyMachine final : public COperatingSystem {
   /// Failures that have struck since construction: a walk over all failure points ends when this stays the
   /// same.
   std::uint64_t Struck() const;
-  /// Every path that was opened for writing or made as a node, in order, whether it succeeded or not.
+  /// Every path that was opened for writing, in order, whether it succeeded or not.
   std::vector<std::string> OpenedForWriting() const;
-  std::vector<std::string> NodesMade() const;
 
   int Open(const std::string& path, int flags) override;
   int Close(int descriptor) override;
@@ -90,7 +89,6 @@ class CFaultyMachine final : public COperatingSystem {
   std::array<SPlan, static_cast<std::size_t>(ECall::Any) + 1> m_Plans{};
   std::uint64_t m_Struck{0};
   std::vector<std::string> m_OpenedForWriting;
-  std::vector<std::string> m_NodesMade;
 };
 
 }  // namespace NAMESPACE_piRVX
