@@ -40,9 +40,10 @@ std::uint32_t LowestFreeNumber(const std::vector<CRVXLogicalDrive>& arrays) {
 }
 
 /// Who reads the node of a half-built array reads its disks. It stays, for the array to be stopped by it.
+/// What else may stand in its place is left alone.
 void CloseToOthers(COperatingSystem& os, const std::string& path) {
   struct stat status {};
-  if (os.Status(path, status) == 0 && (status.st_mode & S_IRWXO) != 0)
+  if (os.Status(path, status) == 0 && S_ISBLK(status.st_mode) && (status.st_mode & S_IRWXO) != 0)
     os.ChangeMode(path, status.st_mode & (S_IRWXU | S_IRWXG));
 }
 

@@ -124,8 +124,9 @@ CLeftChildren& LeftChildren() {
 /// Kills a child when the scope ends before the child does.
 class CChildGuard {
  public:
-  CChildGuard(CChild child, milliseconds killTime, std::string command)
-      : m_Child(std::move(child)), m_KillTime(killTime), m_Command(std::move(command)) {}
+  /// `command` must outlive it: a copy could fail, and the child runs already.
+  CChildGuard(CChild child, milliseconds killTime, const std::string& command)
+      : m_Child(std::move(child)), m_KillTime(killTime), m_Command(command) {}
   CChildGuard(const CChildGuard&) = delete;
   CChildGuard& operator=(const CChildGuard&) = delete;
   ~CChildGuard() {
@@ -143,7 +144,7 @@ class CChildGuard {
  private:
   CChild m_Child;
   milliseconds m_KillTime;
-  std::string m_Command;
+  const std::string& m_Command;
   bool m_Reaped{false};
 };
 

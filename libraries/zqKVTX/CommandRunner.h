@@ -16,8 +16,7 @@ struct SCommandLimits {
   std::size_t m_OutputBytes{1 << 20};
   std::chrono::milliseconds m_KillTime{1000};  ///< wait for the end of a killed program
   /// Programs of earlier calls that were killed and still have not ended, each with a descriptor of the
-  /// server's. With so many no further one is started, and one
-  /// that is left never a second time.
+  /// server's. With so many no further one is started, and one that is left never a second time.
   std::size_t m_LeftChildren{8};
 };
 
