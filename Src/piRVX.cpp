@@ -6,7 +6,7 @@
 #include "KVT/Language.h"
 #include "Src/piRVXLock.h"
 #include "Src/piRVXPlugin.h"
-#include "system/TheMachine.h"
+#include "system/TheSystem.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -193,7 +193,7 @@ extern "C" {
 
 ZQ_API unsigned int createIf(IPLUGINAPI** out) {
   using NAMESPACE_piRVX::IPLUGINAPI_IMPL;
-  auto* const instance = new (std::nothrow) IPLUGINAPI_IMPL(NAMESPACE_piRVX::TheMachine());
+  auto* const instance = new (std::nothrow) IPLUGINAPI_IMPL(OS::TheSystem());
   *out = instance;
   if (instance == nullptr) return PI::ERR_OUT_OF_MEMORY;
   instance->m_ModuleNumber = NAMESPACE_piRVX::KVT_MODULE_INFO_piRVX.GetNumber();

@@ -41,7 +41,7 @@ std::uint32_t LowestFreeNumber(const std::vector<CRVXLogicalDrive>& arrays) {
 
 /// Who reads the node of a half-built array reads its disks. It stays, for the array to be stopped by it.
 /// What else may stand in its place is left alone.
-void CloseToOthers(COperatingSystem& os, const std::string& path) {
+void CloseToOthers(OS::COperatingSystem& os, const std::string& path) {
   struct stat status {};
   if (os.Status(path, status) == 0 && S_ISBLK(status.st_mode) && (status.st_mode & S_IRWXO) != 0)
     os.ChangeMode(path, status.st_mode & (S_IRWXU | S_IRWXG));
@@ -69,7 +69,7 @@ int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) {
   const std::uint32_t number = LowestFreeNumber(m_LogicalDrives);
   if (number > MAX_ARRAY_NUMBER) return -1;
   if (std::snprintf(buffer, NAME_BUFFER, "/dev/md_d%u", number) < 1) return -1;
-  if (CBlockDevice(m_OS, buffer, O_RDONLY).IsOpen()) {
+  if (OS::CBlockDevice(m_OS, buffer, O_RDONLY).IsOpen()) {
     DropDeviceFolder(buffer);
     RVX_TRACE(TRACE_LIFECYCLE, "GetUnusedArrayName() reuse already existing device %s", buffer);
     return 0;
@@ -140,7 +140,7 @@ unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive
             members[0]->m_MinorNumber, members[1]->m_MajorNumber, members[1]->m_MinorNumber);
 
   status = PI::ERR_OPEN_FAILED;
-  if (CMdArray device(m_OS, path); device.IsOpen()) status = AssembleArray(device, name, info, members);
+  if (Md::CArray device(m_OS, path); device.IsOpen()) status = AssembleArray(device, name, info, members);
   if (status != PI::OK) CloseToOthers(m_OS, path);
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CreateLogicalDrive() -> %d", status);
   return status;
@@ -174,9 +174,9 @@ unsigned int IPLUGINAPI_IMPL::CollectMembers(const std::vector<PI::CDrive>& want
 }
 
 /// Hands an array to md. Nothing is undone on failure: what is half-made stays until it is stopped.
-unsigned int IPLUGINAPI_IMPL::AssembleArray(CMdArray& device, const char* name, mdu_array_info_s info,
+unsigned int IPLUGINAPI_IMPL::AssembleArray(Md::CArray& device, const char* name, mdu_array_info_s info,
                                             const std::vector<CRVXPhysicalDrive*>& members) {
-  const std::unique_ptr<md_superblock1> superBlock(new (std::nothrow) md_superblock1{});
+  const std::unique_ptr<Md::md_superblock1> superBlock(new (std::nothrow) Md::md_superblock1{});
   if (!superBlock) {
     RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't get memory for superblock");
     return PI::ERR_OUT_OF_MEMORY;
@@ -202,7 +202,7 @@ unsigned int IPLUGINAPI_IMPL::AssembleArray(CMdArray& device, const char* name, 
     disk.minor = static_cast<int>(member.m_MinorNumber);
     // The record has no disks by now, so every member goes in active but not in sync; md decides by the
     // superblock.
-    disk.state = number < info.raid_disks ? DISK_ACTIVE | DISK_SYNC : DISK_ACTIVE;
+    disk.state = number < info.raid_disks ? Md::DISK_ACTIVE | Md::DISK_SYNC : Md::DISK_ACTIVE;
     RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive()  major=%d minor=%d", disk.major, disk.minor);
     if (!device.Add(disk)) {
       RVX_TRACE(TRACE_INFORMATION, "CreateLogicalDrive() can't add disk %d, %s", number, SystemError());

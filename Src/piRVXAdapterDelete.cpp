@@ -20,16 +20,16 @@ constexpr char TRACE_SOURCE[] = "Src/piRVXAdapter";
 /// Whether every block of /proc/mdstat whose first line contains the name (of another array too, when the
 /// name begins like this one) is of metadata version 1.0.
 bool IsVersion10(std::string_view mdstat, const std::string& name) {
-  CLineReader lines(mdstat, MDSTAT_READ);
+  Md::CLineReader lines(mdstat, Md::MDSTAT_READ);
   while (const auto line = lines.Next()) {
-    if (!ContainsText(*line, name)) continue;
+    if (!Md::ContainsText(*line, name)) continue;
     const auto details = lines.Next();
     if (!details) {
       RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() could not read expected line");
       return false;
     }
-    RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() line = %s", WithoutLast(*details));
-    if (!ContainsText(WithoutLast(*details), "super 1.0")) {
+    RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() line = %s", Md::WithoutLast(*details));
+    if (!Md::ContainsText(Md::WithoutLast(*details), "super 1.0")) {
       RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() super 1.0 not found");
       return false;
     }
@@ -44,7 +44,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array,
   if (m_PendingOperation != NO_PENDING_OPERATION || array.m_Activity == PI::ACTIVITY_REBUILDING)
     return PI::ERR_BUSY;
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDriveAllowed() check /proc/mdstat");
-  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  const auto mdstat = OS::ReadText(m_OS, "/proc/mdstat");
   if (!mdstat) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteLogicalDriveAllowed() open failed");
     return PI::ERR_DEVICE_IO;
@@ -75,9 +75,9 @@ unsigned int IPLUGINAPI_IMPL::DeleteLogicalDriveAllowed(CRVXLogicalDrive& array,
 unsigned int IPLUGINAPI_IMPL::DeleteLogicalDrive(CRVXLogicalDrive& array) {
   const std::string path = array.DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "DeleteLogicalDrive() dev=%s", path);
-  CMdArray device(m_OS, path);
+  Md::CArray device(m_OS, path);
   if (!device.IsOpen() || !device.Stop()) return PI::ERR_DEVICE_IO;
-  const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
+  const std::unique_ptr<Md::md_superblock1> blank(new (std::nothrow) Md::md_superblock1{});
   if (!blank) return PI::ERR_DEVICE_IO;
 
   // The last write's status counts; an array none of whose members is known is stopped and still reported.

@@ -19,7 +19,7 @@ namespace {
 constexpr char TRACE_SOURCE[] = "Src/piRVXAdapter";
 
 /// Whether an open device is the disk that the scan saw: another one may have come under its name since.
-bool IsScannedDisk(COperatingSystem& os, int descriptor, const CRVXPhysicalDrive& drive) {
+bool IsScannedDisk(OS::COperatingSystem& os, int descriptor, const CRVXPhysicalDrive& drive) {
   struct stat status {};
   std::uint64_t bytes = 0;
   if (os.Status(descriptor, status) != 0 || os.Ioctl(descriptor, BLKGETSIZE64, &bytes) < 0) return false;
@@ -41,7 +41,7 @@ std::string UuidText(const unsigned char* uuid) {
 }  // namespace
 
 unsigned int IPLUGINAPI_IMPL::GetUUID(unsigned char* uuid) {
-  const CDescriptor source(m_OS, "/dev/urandom", O_RDONLY);
+  const OS::CDescriptor source(m_OS, "/dev/urandom", O_RDONLY);
   if (!source.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "GetUUID() can't open /dev/urandom, %s", SystemError());
     return PI::ERR_OPEN_FAILED;
@@ -55,11 +55,11 @@ unsigned int IPLUGINAPI_IMPL::GetUUID(unsigned char* uuid) {
 void IPLUGINAPI_IMPL::UUID2String(const unsigned char* uuid, std::string& text) { text += UuidText(uuid); }
 
 unsigned int IPLUGINAPI_IMPL::CreateSuperBlock1(const mdu_array_info_s* info, unsigned int*, const char* name,
-                                                md_superblock1* superBlock) {
+                                                Md::md_superblock1* superBlock) {
   std::array<unsigned char, 16> uuid{};
   const unsigned int status = GetUUID(uuid.data());
   if (status == PI::OK) {
-    *superBlock = NewSuperBlock(*info, name, uuid, m_OS.Now() / 1000);
+    *superBlock = Md::NewSuperBlock(*info, name, uuid, m_OS.Now() / 1000);
     RVX_TRACE(TRACE_INFORMATION, "CreateSuperBlock1 UUID= %s", UuidText(superBlock->set_uuid));
   }
   // The record stays as it was without a UUID, and the kernel refuses it later: nothing is reported here on
@@ -78,7 +78,7 @@ void IPLUGINAPI_IMPL::WakeDrive(const std::string& devicePath) {
   std::vector<std::string> lines;
   m_OS.ExecuteCommand(tool, Text("--all %s 2>&1", devicePath), lines);
   if (std::none_of(lines.begin(), lines.end(),
-                   [](const std::string& line) { return ContainsText(line, "device not ready"); }))
+                   [](const std::string& line) { return Md::ContainsText(line, "device not ready"); }))
     return;
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() device not ready, trying to start %s", devicePath);
   lines.clear();
@@ -87,22 +87,22 @@ void IPLUGINAPI_IMPL::WakeDrive(const std::string& devicePath) {
   m_OS.Sleep(3000);
 }
 
-unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, md_superblock1* superBlock) {
+unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, Md::md_superblock1* superBlock) {
   const std::string path = drive.DevicePath();
-  superBlock->super_offset = SuperOffset(drive.m_Size);
-  superBlock->data_size = DataSize(superBlock->super_offset, superBlock->chunksize);
+  superBlock->super_offset = Md::SuperOffset(drive.m_Size);
+  superBlock->data_size = Md::DataSize(superBlock->super_offset, superBlock->chunksize);
   GetUUID(superBlock->device_uuid);  // a member without a fresh UUID still works
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() %s superblock at %d", path,
             superBlock->super_offset.value() / 2);
   RVX_TRACE(TRACE_INFORMATION, "array size = %d, data size = %d, chunksize = %d", superBlock->size.value(),
             superBlock->data_size.value(), superBlock->chunksize.value());
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1 UUID= %s", UuidText(superBlock->device_uuid));
-  superBlock->sb_csum = SuperBlockChecksum(*superBlock);
+  superBlock->sb_csum = Md::SuperBlockChecksum(*superBlock);
   WakeDrive(path);
 
   const auto write = [&]() -> unsigned int {
     // Exclusive: a disk that somebody holds is not written to.
-    const CBlockDevice device(m_OS, path, O_RDWR | O_EXCL);
+    const OS::CBlockDevice device(m_OS, path, O_RDWR | O_EXCL);
     if (!device.IsOpen() || !IsScannedDisk(m_OS, device.Get(), drive)) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't open %s, %s", path, SystemError());
       return PI::ERR_DEVICE_IO;
@@ -111,8 +111,8 @@ unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, md_supe
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't seek to superblock position, %s", SystemError());
       return PI::ERR_DEVICE_IO;
     }
-    if (m_OS.Write(device.Get(), superBlock, md_superblock1::SIZE) <
-            static_cast<ssize_t>(md_superblock1::SIZE) ||
+    if (m_OS.Write(device.Get(), superBlock, Md::md_superblock1::SIZE) <
+            static_cast<ssize_t>(Md::md_superblock1::SIZE) ||
         m_OS.Sync(device.Get()) != 0) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't write superblock, %s", SystemError());
       return PI::ERR_WRITE_FAILED;
@@ -124,24 +124,24 @@ unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, md_supe
   return status;
 }
 
-unsigned int IPLUGINAPI_IMPL::GetSuperBlock1(int major, int minor, md_superblock1* superBlock) {
+unsigned int IPLUGINAPI_IMPL::GetSuperBlock1(int major, int minor, Md::md_superblock1* superBlock) {
   const CRVXPhysicalDrive* const drive =
       FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
   if (drive == nullptr) return PI::ERR_DRIVE_NOT_FOUND;
   const std::string path = drive->DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1() superblock at %d", (drive->m_Size - 8) & ~std::uint64_t{3});
-  const CBlockDevice device(m_OS, path, O_RDONLY);
+  const OS::CBlockDevice device(m_OS, path, O_RDONLY);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't open %s, %s", path, SystemError());
     return PI::ERR_DEVICE_IO;
   }
   // From here on the status says nothing about the record: callers look at its magic.
-  if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(SuperPosition(drive->m_Size))) < 0)
+  if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(Md::SuperPosition(drive->m_Size))) < 0)
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't seek to superblock position, %s", SystemError());
-  else if (m_OS.Read(device.Get(), superBlock, md_superblock1::SIZE) <
-           static_cast<ssize_t>(md_superblock1::SIZE))
+  else if (m_OS.Read(device.Get(), superBlock, Md::md_superblock1::SIZE) <
+           static_cast<ssize_t>(Md::md_superblock1::SIZE))
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't read superblock, %s", SystemError());
-  else if (superBlock->magic != md_superblock1::MAGIC)
+  else if (superBlock->magic != Md::md_superblock1::MAGIC)
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() no superblock found on %s", path);
   RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1 UUID= %s", UuidText(superBlock->device_uuid));
   return PI::OK;

@@ -156,7 +156,7 @@ unsigned int IPLUGINAPI_IMPL::SetLogicalDriveProperty(CRVXLogicalDrive&, PI::CPr
 unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& array,
                                                            PI::CLogicalDrive& description,
                                                            std::vector<CRVXPhysicalDrive>& drives) {
-  const CMdArray device(m_OS, array.DevicePath());
+  const Md::CArray device(m_OS, array.DevicePath());
   if (!device.IsOpen()) return PI::ERR_OPEN_FAILED;
   const auto info = device.Info();
   if (!info) return PI::ERR_DEVICE_IO;
@@ -173,8 +173,8 @@ unsigned int IPLUGINAPI_IMPL::GetLogicalDriveConfiguration(CRVXLogicalDrive& arr
   array.m_StripeSize = StripeOf(info->level);
 
   PI::CContainer container;
-  const int bound = static_cast<int>(std::min<std::size_t>(drives.size(), MAX_MEMBERS));
-  for (const TMdDisk disk : device.Disks(bound)) {
+  const int bound = static_cast<int>(std::min<std::size_t>(drives.size(), Md::MAX_MEMBERS));
+  for (const Md::TDisk disk : device.Disks(bound)) {
     if (!disk) continue;
     RVX_TRACE(TRACE_THREADS, "number\t = %d\nmajor\t = %d\nminor\t = %d\nraid_disk = %d\nstate\t = %d\n",
               disk->number, disk->major, disk->minor, disk->raid_disk, disk->state);

@@ -80,10 +80,10 @@ unsigned int IPLUGINAPI_IMPL::ExecuteLogicalDriveOperation(CRVXLogicalDrive& arr
 }
 
 unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
-  CMdArray device(m_OS, array.DevicePath());
+  Md::CArray device(m_OS, array.DevicePath());
   const auto info = device.Info();
   if (!info) return PI::ERR_DEVICE_IO;
-  TMdDisk faulty = FindFaultyMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
+  Md::TDisk faulty = Md::FindFaultyMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
     RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: disk.state=%x, disk.raid_disk=%d, array.raid_disks=%d",
               disk.state, disk.raid_disk, info->raid_disks);
   });
@@ -94,17 +94,17 @@ unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
   if (!node) return PI::ERR_GENERAL;
   RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: found %d, remove", faulty->number);
   if (!device.Remove(*node)) return PI::ERR_DEVICE_IO;
-  faulty->state = DISK_ACTIVE;
+  faulty->state = Md::DISK_ACTIVE;
   RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: and hot add");
   return device.Add(*faulty) ? PI::OK : PI::ERR_DEVICE_IO;
 }
 
 unsigned int IPLUGINAPI_IMPL::CancelRebuild(const CRVXLogicalDrive& array) {
-  CMdArray device(m_OS, array.DevicePath());
+  Md::CArray device(m_OS, array.DevicePath());
   const auto info = device.Info();
   if (!info) return PI::ERR_DEVICE_IO;
-  const TMdDisk rebuilding =
-      FindRebuildingMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
+  const Md::TDisk rebuilding =
+      Md::FindRebuildingMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
         RVX_TRACE(TRACE_INFORMATION,
                   "OP_CANCEL_REBUILD: disk.state=%x, disk.raid_disk=%d, array.raid_disks=%d", disk.state,
                   disk.raid_disk, info->raid_disks);
@@ -127,13 +127,14 @@ std::optional<dev_t> IPLUGINAPI_IMPL::ArrayNodeNumber(const CRVXLogicalDrive& ar
 unsigned int IPLUGINAPI_IMPL::FindRebuildingPhysicalDrive(int arrayNumber, int& diskID) {
   return FindMember("FindRebuildingPhysicalDrive()", arrayNumber, diskID,
                     [](const mdu_disk_info_s& disk, const mdu_array_info_s& info) {
-                      return IsBeingRebuilt(disk) && disk.raid_disk >= 0 && disk.raid_disk < info.raid_disks;
+                      return Md::IsBeingRebuilt(disk) && disk.raid_disk >= 0 &&
+                             disk.raid_disk < info.raid_disks;
                     });
 }
 
 unsigned int IPLUGINAPI_IMPL::FindPhysicalDriveForRebuild(int arrayNumber, int& diskID) {
   return FindMember("FindPhysicalDriveForRebuild()", arrayNumber, diskID,
-                    [](const mdu_disk_info_s& disk, const mdu_array_info_s&) { return IsFaulty(disk); });
+                    [](const mdu_disk_info_s& disk, const mdu_array_info_s&) { return Md::IsFaulty(disk); });
 }
 
 unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, int& diskID,
@@ -144,10 +145,10 @@ unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, 
   };
   const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
   if (array == nullptr) return fail();
-  const CMdArray device(m_OS, array->DevicePath());
+  const Md::CArray device(m_OS, array->DevicePath());
   const auto info = device.Info();
   if (!info) return fail();
-  for (const TMdDisk disk : device.Disks(info->raid_disks)) {
+  for (const Md::TDisk disk : device.Disks(info->raid_disks)) {
     if (!disk || !wanted(*disk, *info)) continue;
     diskID = (disk->major << 8) | disk->minor;
     RVX_TRACE(TRACE_LIFECYCLE, "LEAVE %s diskID = %d", function, diskID);

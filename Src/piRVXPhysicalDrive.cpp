@@ -110,7 +110,7 @@ constexpr Row PROPERTIES[] = {
     // From the size, not from the usable size: that one is 0 for a spare.
     {PI::PROP_USABLE_CAPACITY, 23270,
      [](SDriveView& v, PI::CProperty& p) {
-       return Put(p, v.m_Drive.m_Size == 0 ? 0UL : UsableSize(v.m_Drive.m_Size) >> 10);
+       return Put(p, v.m_Drive.m_Size == 0 ? 0UL : Md::UsableSize(v.m_Drive.m_Size) >> 10);
      },
      PI::UNIT_MIB},
     {PI::PROP_ACTIVITY, 23264,
@@ -234,7 +234,7 @@ unsigned int IPLUGINAPI_IMPL::GetSmartData(const std::string& devicePath, PI::_I
       if (m_OS.Now() - entry->m_Time <= SMART_MAX_AGE) return PI::OK;
     }
   }
-  const CBlockDevice device(m_OS, devicePath, O_RDONLY);
+  const OS::CBlockDevice device(m_OS, devicePath, O_RDONLY);
   if (!device.IsOpen()) return PI::ERR_GENERAL;
   // ATA: command SMART, sector number 0, feature READ DATA, one sector; the answer follows the four bytes.
   constexpr std::size_t HEADER = 4;

@@ -116,12 +116,12 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
   }
   const std::string path = array->DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "%s %s for %s", function, drive.m_KernelName, path);
-  const std::unique_ptr<md_superblock1> superBlock(new (std::nothrow) md_superblock1{});
+  const std::unique_ptr<Md::md_superblock1> superBlock(new (std::nothrow) Md::md_superblock1{});
   if (!superBlock) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't get memory for superblock", function);
     return PI::ERR_OUT_OF_MEMORY;
   }
-  CMdArray device(m_OS, path);
+  Md::CArray device(m_OS, path);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't open %s, %s", function, path, SystemError());
     return PI::ERR_OPEN_FAILED;
@@ -131,7 +131,7 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't get info of %s, %s", function, path, SystemError());
     return PI::ERR_DEVICE_IO;
   }
-  const TMdDisk working = FindWorkingMember(device.Disks(), info->raid_disks);
+  const Md::TDisk working = Md::FindWorkingMember(device.Disks(), info->raid_disks);
   if (!working) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't find disk with superblock", function);
     return PI::ERR_GENERAL;
@@ -157,9 +157,9 @@ unsigned int IPLUGINAPI_IMPL::AddSpare(const char* function, CRVXPhysicalDrive& 
 }
 
 /// Writes the spare's superblock and hands it to md.
-unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, CMdArray& device, CRVXPhysicalDrive& drive,
-                                         md_superblock1& superBlock) {
-  const auto slot = FindFreeNumber(device.Disks());
+unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, Md::CArray& device, CRVXPhysicalDrive& drive,
+                                         Md::md_superblock1& superBlock) {
+  const auto slot = Md::FindFreeNumber(device.Disks());
   if (!slot) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s no free slot found", function);
     return PI::ERR_NO_FREE_SLOT;
@@ -170,7 +170,7 @@ unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, CMdArray& device,
   disk.minor = static_cast<int>(drive.m_MinorNumber);
   disk.raid_disk = -1;
   superBlock.dev_number = static_cast<std::uint32_t>(*slot);
-  superBlock.dev_roles[*slot] = md_superblock1::ROLE_SPARE;
+  superBlock.dev_roles[*slot] = Md::md_superblock1::ROLE_SPARE;
   if (const unsigned int status = WriteSuperBlock1(drive, &superBlock); status != PI::OK) {
     RVX_TRACE(TRACE_LIFECYCLE, "%s can't write superblock, %s", function, SystemError());
     return status;
@@ -178,7 +178,7 @@ unsigned int IPLUGINAPI_IMPL::PlaceSpare(const char* function, CMdArray& device,
   RVX_TRACE(TRACE_INFORMATION, "%s add spare disk to slot %d", function, *slot);
   if (device.Add(disk)) return PI::OK;
   RVX_TRACE(TRACE_LIFECYCLE, "%s can't add spare disk, %s", function, SystemError());
-  superBlock = md_superblock1{};
+  superBlock = Md::md_superblock1{};
   WriteSuperBlock1(drive, &superBlock);
   return PI::ERR_DEVICE_IO;
 }
@@ -188,12 +188,12 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
   if (array == nullptr) return PI::ERR_NOT_AVAILABLE;
   const std::string path = array->DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "DeleteDedicatedHotSpare() %s from %s", drive.m_KernelName, path);
-  const std::unique_ptr<md_superblock1> blank(new (std::nothrow) md_superblock1{});
+  const std::unique_ptr<Md::md_superblock1> blank(new (std::nothrow) Md::md_superblock1{});
   if (!blank) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't get memory for superblock");
     return PI::ERR_OUT_OF_MEMORY;
   }
-  CMdArray device(m_OS, path);
+  Md::CArray device(m_OS, path);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() can't open %s, %s", path, SystemError());
     return PI::ERR_OPEN_FAILED;
@@ -203,7 +203,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
     return PI::ERR_DEVICE_IO;
   }
   // What md says counts, not the model: an active member is no spare.
-  if (!IsWithoutSlot(device.Disks(), drive.m_MajorNumber, drive.m_MinorNumber)) {
+  if (!Md::IsWithoutSlot(device.Disks(), drive.m_MajorNumber, drive.m_MinorNumber)) {
     RVX_TRACE(TRACE_LIFECYCLE, "DeleteDedicatedHotSpare() disk %s not spare of %s", drive.m_KernelName, path);
     return PI::ERR_GENERAL;
   }
@@ -223,7 +223,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
   drive.m_Status = PI::STATUS_READY;
   drive.m_SpareState = PI::SPARE_STATE_FREE;
   drive.m_IsMemberOf = CRVXPhysicalDrive::NO_ARRAY;
-  drive.m_UsableSize = UsableSize(drive.m_Size);
+  drive.m_UsableSize = Md::UsableSize(drive.m_Size);
   ++array->m_UpdateCounter;
   LockObjects(0, static_cast<int>(drive.m_MajorNumber), static_cast<int>(drive.m_MinorNumber), arrayNumber);
   return PI::OK;
@@ -231,7 +231,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteDedicatedHotSpare(CRVXPhysicalDrive& drive) 
 
 std::optional<dev_t> IPLUGINAPI_IMPL::DeviceNumber(const std::string& path) {
   struct stat status {};
-  const CBlockDevice node(m_OS, path, O_RDONLY);
+  const OS::CBlockDevice node(m_OS, path, O_RDONLY);
   if ((node.IsOpen() ? m_OS.Status(node.Get(), status) : m_OS.Status(path, status)) != 0) return std::nullopt;
   return status.st_rdev;
 }

@@ -28,7 +28,7 @@ bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread, unsigned long 
 
 }  // namespace
 
-IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(COperatingSystem& os) : m_OS(os) {
+IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(OS::COperatingSystem& os) : m_OS(os) {
   m_ConfigFile.SetFileName("piRVX.ini");
   std::string text;
   if (m_ConfigFile.ReadKeyValue(POLL_INTERVAL_KEY, text, -1, -1) != PI::OK) return;

@@ -46,7 +46,7 @@ struct SWorkerState {
 class IPLUGINAPI_IMPL : public IPLUGINAPI {
  public:
   /// Reads the poll interval from piRVX.ini. The machine must outlive the instance.
-  explicit IPLUGINAPI_IMPL(COperatingSystem& os);
+  explicit IPLUGINAPI_IMPL(OS::COperatingSystem& os);
   /// Does not stop the threads: DeInitialize does.
   ~IPLUGINAPI_IMPL() override;
 
@@ -179,11 +179,12 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   static void UUID2String(const unsigned char* uuid, std::string& text);
   /// Fills the array-wide fields; always PI::OK. The second argument is ignored.
   unsigned int CreateSuperBlock1(const mdu_array_info_s* info, unsigned int* unused, const char* name,
-                                 md_superblock1* superBlock);
+                                 Md::md_superblock1* superBlock);
   /// Completes the record for this member, in place, and writes it to the member's end.
-  unsigned int WriteSuperBlock1(CRVXPhysicalDrive& drive, md_superblock1* superBlock) ZQ_REQUIRES(m_DataLock);
+  unsigned int WriteSuperBlock1(CRVXPhysicalDrive& drive, Md::md_superblock1* superBlock)
+      ZQ_REQUIRES(m_DataLock);
   /// Reads what stands where the drive's superblock would; PI::OK says nothing about its contents.
-  unsigned int GetSuperBlock1(int major, int minor, md_superblock1* superBlock) ZQ_REQUIRES(m_DataLock);
+  unsigned int GetSuperBlock1(int major, int minor, Md::md_superblock1* superBlock) ZQ_REQUIRES(m_DataLock);
   /// @}
 
   /// @name Physical drives
@@ -245,7 +246,7 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   std::unique_ptr<KVT::Threading::CThread> m_WorkerThread;
   std::unique_ptr<KVT::Threading::CThread> m_EventPollThread;
   PI::CConfigFile m_ConfigFile;
-  COperatingSystem& m_OS;
+  OS::COperatingSystem& m_OS;
 
   static constexpr std::uint32_t NO_PENDING_OPERATION = 0xFFFFFFFFU;
   static constexpr std::uint32_t DEFAULT_POLL_INTERVAL = 10;
@@ -278,7 +279,7 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   void ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) ZQ_REQUIRES(m_DataLock);
   bool ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) ZQ_REQUIRES(m_DataLock);
   void ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) ZQ_REQUIRES(m_DataLock);
-  void ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const CMdArray& device)
+  void ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const Md::CArray& device)
       ZQ_REQUIRES(m_DataLock);
   void ScanProgress(const SScan& scan, const SArrayHistory& history, CRVXLogicalDrive& array,
                     const mdu_array_info_s& info) ZQ_REQUIRES(m_DataLock);
@@ -304,11 +305,11 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI {
   /// Makes the drive a spare of the array; `function` names the caller in traces.
   unsigned int AddSpare(const char* function, CRVXPhysicalDrive& drive, int arrayNumber)
       ZQ_REQUIRES(m_DataLock);
-  unsigned int PlaceSpare(const char* function, CMdArray& device, CRVXPhysicalDrive& drive,
-                          md_superblock1& superBlock) ZQ_REQUIRES(m_DataLock);
+  unsigned int PlaceSpare(const char* function, Md::CArray& device, CRVXPhysicalDrive& drive,
+                          Md::md_superblock1& superBlock) ZQ_REQUIRES(m_DataLock);
   unsigned int CollectMembers(const std::vector<PI::CDrive>& wanted, std::vector<CRVXPhysicalDrive*>& members)
       ZQ_REQUIRES(m_DataLock);
-  unsigned int AssembleArray(CMdArray& device, const char* name, mdu_array_info_s info,
+  unsigned int AssembleArray(Md::CArray& device, const char* name, mdu_array_info_s info,
                              const std::vector<CRVXPhysicalDrive*>& members) ZQ_REQUIRES(m_DataLock);
   unsigned int DeleteAllLogicalDrives() ZQ_REQUIRES(m_DataLock);
   unsigned int DeleteLastLogicalDrive() ZQ_REQUIRES(m_DataLock);

@@ -28,13 +28,13 @@ bool Contains(const std::array<std::string_view, COUNT>& list, const std::string
 std::string BaseName(const std::string& path) { return boost::filesystem::path(path).stem().string(); }
 
 /// Where a link points to, or the path itself when it is none.
-std::string Resolve(COperatingSystem& os, const std::string& path) {
+std::string Resolve(OS::COperatingSystem& os, const std::string& path) {
   return os.ReadLink(path).value_or(path);
 }
 
 /// The PCI vendor id as the file has it.
-std::string ReadVendor(COperatingSystem& os, const std::string& path) {
-  std::string line{FirstLine(ReadText(os, Resolve(os, path)).value_or(""), 255)};
+std::string ReadVendor(OS::COperatingSystem& os, const std::string& path) {
+  std::string line{Md::FirstLine(OS::ReadText(os, Resolve(os, path)).value_or(""), 255)};
   // The last character goes whatever it is: the kernel always ends the line.
   if (!line.empty()) line.pop_back();
   return line;
@@ -57,7 +57,7 @@ std::string IPLUGINAPI_IMPL::GetHostPath(const std::string& deviceName) {
     }
     return {};
   }
-  return HostPathOfRecord(lines);
+  return Md::HostPathOfRecord(lines);
 }
 
 bool IPLUGINAPI_IMPL::checkpd(const std::string& devicePath, const char* deviceName) {
@@ -66,7 +66,7 @@ bool IPLUGINAPI_IMPL::checkpd(const std::string& devicePath, const char* deviceN
     RVX_TRACE(TRACE_THREADS, "LEAVE checkpd(%d)", supported ? 1 : 0);
     return supported;
   };
-  if (!CDescriptor(m_OS, devicePath, O_RDONLY).IsOpen()) return leave(false);
+  if (!OS::CDescriptor(m_OS, devicePath, O_RDONLY).IsOpen()) return leave(false);
 
   const auto link = m_OS.ReadLink(devicePath);
   if (link)

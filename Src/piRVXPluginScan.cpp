@@ -32,22 +32,23 @@ constexpr struct SDiskEvent {
 };
 
 /// The first line of a disk's sysfs file without surrounding white space; none when it cannot be opened.
-std::optional<std::string> ReadAttribute(COperatingSystem& os, const std::string& disk, const char* file) {
-  const auto text = ReadText(os, Text("/sys/block/%s/%s", disk, file));
+std::optional<std::string> ReadAttribute(OS::COperatingSystem& os, const std::string& disk,
+                                         const char* file) {
+  const auto text = OS::ReadText(os, Text("/sys/block/%s/%s", disk, file));
   if (!text) return std::nullopt;
-  return Trimmed(FirstLine(*text, SYSFS_LINE));
+  return Md::Trimmed(Md::FirstLine(*text, SYSFS_LINE));
 }
 
 /// Reads who made the disk and how it is attached.
-void Identify(COperatingSystem& os, CRVXPhysicalDrive& drive) {
+void Identify(OS::COperatingSystem& os, CRVXPhysicalDrive& drive) {
   drive.m_Vendor = ReadAttribute(os, drive.m_KernelName, "device/vendor").value_or(drive.m_Vendor);
   drive.m_Model = ReadAttribute(os, drive.m_KernelName, "device/model").value_or(drive.m_Model);
   if (drive.m_Vendor != "ATA") return;
   std::string vendor;
   std::string product;
   PI::CPluginHelper::SplitSATAModelName(drive.m_Model, vendor, product);
-  drive.m_Vendor = Trimmed(vendor);
-  drive.m_Model = Trimmed(product);
+  drive.m_Vendor = Md::Trimmed(vendor);
+  drive.m_Model = Md::Trimmed(product);
   drive.m_Attachment = PI::ATTACHMENT_ATA;
 }
 
@@ -78,7 +79,7 @@ unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXP
     adapter.m_Status = PI::ADAPTER_OK;
     adapter.m_Attribute = 9;
     m_UdevadmHangs = false;
-    m_MdMajor = ParseMdMajor(ReadText(m_OS, "/proc/devices").value_or(""));
+    m_MdMajor = Md::ParseMdMajor(OS::ReadText(m_OS, "/proc/devices").value_or(""));
 
     const SScan scan{adapter, physicalDrives, newIDs};
     if (!ScanDisks(scan) || !ScanArrays(scan, logicalDrives))
@@ -94,8 +95,9 @@ unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXP
 
 bool IPLUGINAPI_IMPL::ScanDisks(const SScan& scan) {
   std::uint32_t driveNumber = 0;
-  for (const SPartition& entry : ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""))) {
-    if (!IsDiskName(entry.m_Name)) continue;
+  for (const Md::SPartition& entry :
+       Md::ParsePartitions(OS::ReadText(m_OS, "/proc/partitions").value_or(""))) {
+    if (!Md::IsDiskName(entry.m_Name)) continue;
     if (IsStopping()) return false;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new physical disk %s", entry.m_Name);
     CRVXPhysicalDrive drive;
@@ -105,7 +107,7 @@ bool IPLUGINAPI_IMPL::ScanDisks(const SScan& scan) {
     drive.m_MajorNumber = entry.m_Major;
     drive.m_MinorNumber = entry.m_Minor;
     drive.m_Size = entry.m_Blocks;
-    drive.m_UsableSize = UsableSize(entry.m_Blocks);
+    drive.m_UsableSize = Md::UsableSize(entry.m_Blocks);
     drive.m_DeviceKey = DeviceKey(scan.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
     Identify(m_OS, drive);
     // A volume that a hardware RAID controller presents is the controller's business.
@@ -142,7 +144,7 @@ void IPLUGINAPI_IMPL::ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) {
 
   if (!state || !state->starts_with("running")) {
     drive.m_Status = PI::STATUS_FAILED;
-  } else if (!CBlockDevice(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
+  } else if (!OS::CBlockDevice(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
     RVX_TRACE(TRACE_THREADS, "ScanSystem() can't open %s exclusive", drive.DevicePath());
     drive.m_Status = PI::STATUS_OK;
     drive.m_SpareState = PI::SPARE_STATE_IN_USE;

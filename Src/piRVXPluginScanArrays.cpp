@@ -20,22 +20,22 @@ constexpr std::uint64_t CLEAN_WAIT = 500;  ///< ms
 
 /// A member's status by md's record of it; none: md says nothing that would change it.
 std::optional<std::uint32_t> MemberStatus(const mdu_disk_info_s& disk) {
-  if (IsFaulty(disk)) return PI::STATUS_FAILED;
+  if (Md::IsFaulty(disk)) return PI::STATUS_FAILED;
   // By bits: a write-mostly member carries others beside these.
-  if ((disk.state & DISK_ACTIVE) != 0)
-    return (disk.state & DISK_SYNC) != 0 ? PI::STATUS_OK : PI::STATUS_REBUILDING;
+  if ((disk.state & Md::DISK_ACTIVE) != 0)
+    return (disk.state & Md::DISK_SYNC) != 0 ? PI::STATUS_OK : PI::STATUS_REBUILDING;
   if (disk.state == 0) return disk.raid_disk != -1 ? PI::STATUS_REBUILDING : PI::STATUS_SPARE;
   return std::nullopt;
 }
 
 /// The array's record. md is given time to become clean; the last reading decides. Once the end is asked for,
 /// there is no waiting any more: several arrays at work would hold it up for longer than a server waits.
-std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, const CMdArray& device,
+std::optional<mdu_array_info_s> ReadArrayInfo(OS::COperatingSystem& os, const Md::CArray& device,
                                               KVT::Threading::CEvent& stop) {
   std::optional<mdu_array_info_s> info;
   for (int attempt = 0; attempt < CLEAN_ATTEMPTS; ++attempt) {
     info = device.Info();
-    if ((info && (info->state & ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
+    if ((info && (info->state & Md::ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
     os.Sleep(CLEAN_WAIT);
   }
   return info;
@@ -44,13 +44,13 @@ std::optional<mdu_array_info_s> ReadArrayInfo(COperatingSystem& os, const CMdArr
 }  // namespace
 
 bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) {
-  const auto entries = ParsePartitions(ReadText(m_OS, "/proc/partitions").value_or(""));
+  const auto entries = Md::ParsePartitions(OS::ReadText(m_OS, "/proc/partitions").value_or(""));
   const auto isListed = [&](const std::string& name) {
     return std::any_of(entries.begin(), entries.end(),
-                       [&](const SPartition& entry) { return entry.m_Name == name; });
+                       [&](const Md::SPartition& entry) { return entry.m_Name == name; });
   };
-  for (const SPartition& entry : entries) {
-    const auto number = ArrayNumber(entry.m_Name);
+  for (const Md::SPartition& entry : entries) {
+    const auto number = Md::ArrayNumber(entry.m_Name);
     if (!number) continue;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new logical drive %s", entry.m_Name);
     CRVXLogicalDrive array;
@@ -85,7 +85,7 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
 
 /// What md tells of an array; an array that it does not tell of keeps its defaults.
 void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) {
-  const CMdArray device(m_OS, array.DevicePath());
+  const Md::CArray device(m_OS, array.DevicePath());
   if (!device.IsOpen()) return;
   const auto info = ReadArrayInfo(m_OS, device, m_StopRequest);
   if (!info || IsStopping())
@@ -97,11 +97,11 @@ void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLo
   SettleArrayStatus(history, array, *info);
 }
 
-void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const CMdArray& device) {
+void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const Md::CArray& device) {
   // The number of scanned disks bounds the walk, not the array's own count, on purpose: front ends know the
   // members of an array whose slot numbers grew beyond that as it is.
-  const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), MAX_MEMBERS));
-  for (const TMdDisk disk : device.Disks(bound)) {
+  const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), Md::MAX_MEMBERS));
+  for (const Md::TDisk disk : device.Disks(bound)) {
     if (!disk) continue;
     CRVXPhysicalDrive* const drive = FindMemberDrive(scan.m_PhysicalDrives, *disk);
     // Empty slots and disks on other controllers get no record of their own: the array lists the members it
@@ -134,10 +134,10 @@ void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& histo
   }
   array.m_Activity = PI::ACTIVITY_NONE;
   array.m_Progress = 0;
-  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  const auto mdstat = OS::ReadText(m_OS, "/proc/mdstat");
   if (!mdstat) return;
-  for (const std::string_view line : ProgressLines(*mdstat, array.m_KernelName)) {
-    const auto progress = ParseProgress(line);
+  for (const std::string_view line : Md::ProgressLines(*mdstat, array.m_KernelName)) {
+    const auto progress = Md::ParseProgress(line);
     if (!progress) continue;
     start(progress->m_Resync ? PI::ACTIVITY_RESYNCING : PI::ACTIVITY_REBUILDING);
     array.m_Progress = progress->m_Percent;
@@ -150,7 +150,7 @@ void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& histo
 void IPLUGINAPI_IMPL::QueueRunEnd(const SArrayHistory& history, const CRVXLogicalDrive& array,
                                   const mdu_array_info_s& info) {
   const bool stoppedDirty =
-      info.state != 0 && (info.state & ARRAY_CLEAN) == 0 && history.m_Status != PI::STATUS_FAILED;
+      info.state != 0 && (info.state & Md::ARRAY_CLEAN) == 0 && history.m_Status != PI::STATUS_FAILED;
   const bool completed =
       !stoppedDirty && (info.active_disks == info.raid_disks || history.m_Status == PI::STATUS_DEGRADED);
   const bool resync = history.m_Activity == PI::ACTIVITY_RESYNCING;
@@ -170,7 +170,7 @@ void IPLUGINAPI_IMPL::SettleArrayStatus(const SArrayHistory& history, CRVXLogica
                             if (status != history.m_Status)
                               QueueNameEvent(code, severity, array, array.m_KernelName);
                           };
-  if ((info.state & ARRAY_CLEAN) == 0 && info.failed_disks != 0)
+  if ((info.state & Md::ARRAY_CLEAN) == 0 && info.failed_disks != 0)
     settle(PI::STATUS_FAILED, PI::EVT_LOGICALDRIVE_FAILED, PI::SEV_ERROR);
   else if (info.active_disks == info.raid_disks)
     settle(PI::STATUS_OK, PI::EVT_LOGICALDRIVE_OK, PI::SEV_DEFAULT);

@@ -153,18 +153,18 @@ bool IPLUGINAPI_IMPL::FollowProgress() {
   if (!m_Adapter.m_ProgressWatch) return false;
   m_Adapter.m_ProgressWatch = false;
   RVX_TRACE(TRACE_THREADS, "Worker() get progress data");
-  const auto mdstat = ReadText(m_OS, "/proc/mdstat");
+  const auto mdstat = OS::ReadText(m_OS, "/proc/mdstat");
   if (!mdstat) return false;
   bool changed = false;
-  CLineReader lines(*mdstat, MDSTAT_READ);
+  Md::CLineReader lines(*mdstat, Md::MDSTAT_READ);
   while (const auto line = lines.Next()) {
     for (CRVXLogicalDrive& array : m_LogicalDrives) {
-      if (!ContainsText(*line, array.m_KernelName)) continue;
+      if (!Md::ContainsText(*line, array.m_KernelName)) continue;
       // Every array whose name the line contains takes the next two lines, also when one did so before it.
       lines.Next();
       const auto block = lines.Next();
       if (!block) return changed;
-      const auto progress = ParseProgress(WithoutLast(*block));
+      const auto progress = Md::ParseProgress(Md::WithoutLast(*block));
       if (!progress) continue;
       m_Adapter.m_ProgressWatch = true;
       if (progress->m_Percent == array.m_Progress) continue;
@@ -243,7 +243,7 @@ void IPLUGINAPI_IMPL::EventPoll() {
 bool IPLUGINAPI_IMPL::EventPollRound() {
   if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
   // Opened afresh each round: the kernel reports changes since the opening. A cancelled thread closes it too.
-  CDescriptor mdstat(m_OS, "/proc/mdstat", O_RDONLY);
+  OS::CDescriptor mdstat(m_OS, "/proc/mdstat", O_RDONLY);
   if (!mdstat.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
     m_OS.Sleep(MDSTAT_WAIT);

@@ -16,13 +16,13 @@
 #include <stdexcept>
 
 #include "Src/piRVXPlugin.h"
-#include "bench/TimedMachine.h"
-#include "simulator/SimulatedMachine.h"
-#include "system/TheMachine.h"
+#include "bench/TimedSystem.h"
+#include "simulator/SimulatedSystem.h"
+#include "system/TheSystem.h"
+
+OS::COperatingSystem& OS::TheSystem() { throw std::logic_error("no benchmark goes through createIf"); }
 
 namespace NAMESPACE_piRVX {
-
-COperatingSystem& TheMachine() { throw std::logic_error("no benchmark goes through createIf"); }
 
 namespace {
 
@@ -71,11 +71,11 @@ struct SBench {
     double machine = 0.0;
     for ([[maybe_unused]] auto turn : state) {
       auto prepared = prepare();
-      m_Door.TakeSeconds();
+      m_System.TakeSeconds();
       const auto begin = Clock::now();
       step(*prepared);
       const double all = std::chrono::duration<double>(Clock::now() - begin).count();
-      const double below = m_Door.TakeSeconds();
+      const double below = m_System.TakeSeconds();
       state.SetIterationTime(all - below);
       own = std::min(own, all - below);
       machine += below;
@@ -86,14 +86,14 @@ struct SBench {
     double& best = s_PerDisk[name].try_emplace(state.range(0), own / disks).first->second;
     best = std::min(best, own / disks);
   }
-  std::unique_ptr<IPLUGINAPI_IMPL> NewInstance() { return std::make_unique<IPLUGINAPI_IMPL>(m_Door); }
+  std::unique_ptr<IPLUGINAPI_IMPL> NewInstance() { return std::make_unique<IPLUGINAPI_IMPL>(m_System); }
   static void Initialize(IPLUGINAPI_IMPL& plugin) {
     std::vector<PI::CAdapterID> adapterIDs;
     if (plugin.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK) throw std::runtime_error("no start");
   }
 
-  CSimulatedMachine m_Machine;
-  CTimedMachine m_Door{m_Machine};
+  Simulation::CSimulatedSystem m_Machine;
+  CTimedSystem m_System{m_Machine};
 };
 
 void FirstScan(benchmark::State& state) {

@@ -10,7 +10,7 @@
 #include "simulator/MdDriver.h"
 #include "simulator/Superblock.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::uint64_t MOST_KIB = std::uint64_t{1} << 40;
@@ -271,4 +271,4 @@ void AddArrayFrom(SMachine& machine, const CJsonReader& reader) {
   ++machine.m_MdEvents;
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -1,8 +1,8 @@
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace Simulation {
 
-std::string CSimulatedMachine::DemoDescription() {
+std::string CSimulatedSystem::DemoDescription() {
   return R"({
   "controllers": [
     {"name": "sata", "pci": "0000:00:1f.2", "vendor": "0x8086", "driver": "ahci"},
@@ -35,4 +35,4 @@ std::string CSimulatedMachine::DemoDescription() {
 )";
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Simulation

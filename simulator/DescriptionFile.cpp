@@ -9,9 +9,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::size_t LARGEST = 64UL * 1024 * 1024;
@@ -81,4 +81,4 @@ void ReplaceDescription(const std::string& file, const std::string& text) {
   beside.m_Temporary.clear();
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 /// The text of a regular file of at most 64 MiB. Throws CMachineError that names the file.
 std::string ReadDescription(const std::string& file);
@@ -13,4 +13,4 @@ std::string ReadDescription(const std::string& file);
 /// that names the file.
 void ReplaceDescription(const std::string& file, const std::string& text);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -3,7 +3,7 @@
 #include "simulator/MachineDescription.h"
 #include "simulator/MdDriver.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 TJson PartitionsJson(const std::vector<SPartition>& partitions) {
@@ -144,4 +144,4 @@ std::string WriteMachine(const SMachine& original) {
   return json.dump(2, ' ', false, TJson::error_handler_t::replace) + "\n";
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

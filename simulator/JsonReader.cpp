@@ -5,9 +5,9 @@
 #include <sstream>
 #include <string_view>
 
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr int MOST_DEPTH = 64;
@@ -173,4 +173,4 @@ std::string ToBase64(const std::string& bytes) {
   return text;
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 using TJson = nlohmann::ordered_json;
 
@@ -57,4 +57,4 @@ class CJsonReader {
 
 std::string ToBase64(const std::string& bytes);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

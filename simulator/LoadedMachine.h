@@ -2,13 +2,13 @@
 /// @file
 /// The machine of the simulated build.
 
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace Simulation {
 
 /// The machine that was loaded; null before.
-CSimulatedMachine* LoadedMachine();
+CSimulatedSystem* LoadedMachine();
 /// Loads a machine with a real clock. Throws CMachineError, also when the one before is in use.
 void LoadMachine(const std::string& description);
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Simulation

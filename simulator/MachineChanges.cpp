@@ -7,9 +7,9 @@
 
 #include "simulator/MachineDescription.h"
 #include "simulator/MdDriver.h"
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::uint64_t MOST_SPEED = std::uint64_t{1} << 40;
@@ -236,4 +236,4 @@ void AdvanceTo(SMachine& machine, std::uint64_t time, bool strict) {
   machine.m_Time = std::max(machine.m_Time, time);
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

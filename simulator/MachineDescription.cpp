@@ -7,9 +7,9 @@
 #include <cctype>
 #include <numeric>
 
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::uint64_t MOST_SIZE = std::uint64_t{1} << 40;  // KiB; far beyond what a disk holds
@@ -257,4 +257,4 @@ SMachine ReadMachine(const std::string& text) {
   return machine;
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

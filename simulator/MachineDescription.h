@@ -5,7 +5,7 @@
 #include "simulator/JsonReader.h"
 #include "simulator/MachineState.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 /// Throws CMachineError that names the line or the key.
 SMachine ReadMachine(const std::string& text);
@@ -37,4 +37,4 @@ std::string MetadataText(const SArray& array);
 /// The kernel's number for a disk of that name; 0 when it has none by itself.
 dev_t UsualDevice(const std::string& name);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

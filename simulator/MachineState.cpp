@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::uint64_t KIB = 1024;
@@ -229,4 +229,4 @@ void Attach(SMachine& machine, SDisk disk) {
   machine.m_Disks.push_back(std::move(disk));
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 inline constexpr std::uint64_t SECTOR = 512;
 inline constexpr std::uint64_t EVERYTHING = ~std::uint64_t{0};  ///< resync_offset of an array that is in sync
@@ -202,4 +202,4 @@ std::uint64_t NextRandom(SMachine& machine);
 /// Gives a new disk its instance, and its SCSI address unless it has one.
 void Attach(SMachine& machine, SDisk disk);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

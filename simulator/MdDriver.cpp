@@ -14,7 +14,7 @@
 
 #include "simulator/Superblock.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::uint16_t FIRST_SPECIAL_ROLE = MD_DISK_ROLE_MAX;
@@ -445,4 +445,4 @@ void DropEmptyArrays(SMachine& machine) {
                          machine.m_Arrays.end());
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -4,7 +4,7 @@
 
 #include "simulator/MachineState.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 inline constexpr int MOST_MEMBERS = (4096 - 256) / 2;  ///< roles that a superblock has room for
 
@@ -59,4 +59,4 @@ void ComputeArraySize(SArray& array);
 
 std::string MdStat(const SMachine& machine);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -3,7 +3,7 @@
 
 #include "simulator/MdDriver.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 /// "[2/1] [U_]": slots, slots in sync, and one letter for each.
@@ -97,4 +97,4 @@ std::string MdStat(const SMachine& machine) {
   return text + "unused devices: <none>\n";
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -6,7 +6,7 @@
 #include "simulator/MdDriver.h"
 #include "simulator/Superblock.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::array PERSONALITIES = {SPersonality{-1, "linear", false}, SPersonality{0, "raid0", false},
@@ -218,4 +218,4 @@ void UpdateSuperblocks(SMachine& machine, SArray& array) {
   for (const dev_t device : failed) FailDisk(machine, array, device);
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

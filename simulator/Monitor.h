@@ -9,7 +9,7 @@
 
 #include "KVT/Api.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 class ZQ_CAPABILITY("mutex") CMonitor {
  public:
@@ -42,4 +42,4 @@ class ZQ_CAPABILITY("mutex") CMonitor {
   pthread_cond_t m_Condition{};
 };
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

@@ -8,7 +8,7 @@
 
 #include "simulator/MdDriver.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr const char* UDEVADM = "/usr/bin/udevadm";
@@ -227,4 +227,4 @@ SProgramResult RunProgram(SMachine& machine, const std::string& program, const s
   return {0, {}};
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

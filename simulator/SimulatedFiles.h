@@ -4,7 +4,7 @@
 
 #include "simulator/MachineState.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 /// What is at a path. Text files are made when they are asked for.
 struct SEntry {
@@ -30,4 +30,4 @@ struct SProgramResult {
 /// Runs one of the machine's programs; 0 for one that is not there.
 SProgramResult RunProgram(SMachine& machine, const std::string& program, const std::string& arguments);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

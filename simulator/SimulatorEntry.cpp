@@ -4,7 +4,7 @@
 #include "simulator/LoadedMachine.h"
 #include "simulator/SimulatorApi.h"
 
-namespace NAMESPACE_piRVX {
+namespace Simulation {
 namespace {
 
 /// Runs a call of the C interface; the message is kept for the caller.
@@ -20,14 +20,14 @@ const char* Answer(const std::function<void()>& call) {
 }
 
 }  // namespace
-}  // namespace NAMESPACE_piRVX
+}  // namespace Simulation
 
-using namespace NAMESPACE_piRVX;
+using namespace Simulation;
 
 const char* rvxLoadMachine(const char* file) {
   return Answer([file] {
-    if (file == nullptr) return LoadMachine(CSimulatedMachine::DemoDescription());
-    const std::string description = Simulation::ReadDescription(file);
+    if (file == nullptr) return LoadMachine(CSimulatedSystem::DemoDescription());
+    const std::string description = ReadDescription(file);
     try {
       LoadMachine(description);
     } catch (const CMachineError& error) {
@@ -39,6 +39,6 @@ const char* rvxLoadMachine(const char* file) {
 const char* rvxSaveMachine(const char* file) {
   return Answer([file] {
     if (LoadedMachine() == nullptr) throw CMachineError("no machine is loaded");
-    Simulation::ReplaceDescription(file, LoadedMachine()->Describe());
+    ReplaceDescription(file, LoadedMachine()->Describe());
   });
 }

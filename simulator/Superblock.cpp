@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 namespace {
 
 constexpr std::size_t PAGE = 4096;
@@ -138,4 +138,4 @@ SSuperblock ComposeSuperblock(const SArray& array, const SMember& member, const 
   return superblock;
 }
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

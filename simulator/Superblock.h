@@ -4,7 +4,7 @@
 
 #include "simulator/MachineState.h"
 
-namespace NAMESPACE_piRVX::Simulation {
+namespace Simulation {
 
 /// The fixed part of `mdp_superblock_1`; the kernel's own record ends in an array without a size and cannot
 /// be a member.
@@ -53,4 +53,4 @@ SSuperblock ComposeSuperblock(const SArray& array, const SMember& member, const 
 /// Writes the superblock with its checksum. 0 or the medium's error.
 int StoreSuperblock(const SBlock& block, const SSuperblock& superblock);
 
-}  // namespace NAMESPACE_piRVX::Simulation
+}  // namespace Simulation

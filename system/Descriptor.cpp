@@ -6,7 +6,7 @@
 #include <array>
 #include <cerrno>
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 int CBlockDevice::OpenBlockDevice(COperatingSystem& os, const std::string& path, int flags) {
   struct stat status {};
@@ -31,4 +31,4 @@ std::optional<std::string> ReadText(COperatingSystem& os, const std::string& pat
   return text;
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

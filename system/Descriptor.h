@@ -6,7 +6,7 @@
 
 #include "system/OperatingSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 /// An open file that is closed on every way out. errno of the failed call survives the closing.
 class CDescriptor {
@@ -46,4 +46,4 @@ class CBlockDevice : public CDescriptor {
 /// The text of a file, at most 1 MiB; none when it cannot be opened or read.
 std::optional<std::string> ReadText(COperatingSystem& os, const std::string& path);
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

@@ -14,7 +14,7 @@
 #include "KVT/Misc.h"
 #include "KVTX/System.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 namespace {
 
 /// Repeats a call for as long as a signal interrupts it.
@@ -121,4 +121,4 @@ std::uint64_t CLinux::Now() { return KVTX::CSystemTime_Lx::Now(); }
 
 void CLinux::Sleep(std::uint64_t milliseconds) { KVT::Misc::msleep(milliseconds); }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

@@ -4,7 +4,7 @@
 
 #include "system/OperatingSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 /// Hands every call to Linux or to the toolkit, and retries what a signal interrupted. No state of its own.
 class CLinux final : public COperatingSystem {
@@ -30,4 +30,4 @@ class CLinux final : public COperatingSystem {
   void Sleep(std::uint64_t milliseconds) override;
 };
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

@@ -15,7 +15,7 @@
 
 #include "KVTX/System.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 /// Everything that the plug-in asks of the machine, in Linux's own terms. Where nothing else is said, -1
 /// means failure with the reason in errno. All operations may be called from several threads at once.
@@ -66,4 +66,4 @@ class COperatingSystem {
   virtual void Sleep(std::uint64_t milliseconds) = 0;
 };
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

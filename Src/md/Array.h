@@ -12,19 +12,19 @@
 #include "Src/md/Members.h"
 #include "system/Descriptor.h"
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 /// An array's device, open for as long as this lives. Requests that fail say why in errno. Not for several
 /// threads at once.
-class CMdArray {
+class CArray {
  public:
-  CMdArray(COperatingSystem& os, const std::string& path) : m_OS(os), m_Device(os, path, O_RDONLY) {}
+  CArray(OS::COperatingSystem& os, const std::string& path) : m_OS(os), m_Device(os, path, O_RDONLY) {}
 
   bool IsOpen() const { return m_Device.IsOpen(); }
   void Close() { m_Device.Close(); }
   /// md's record of the array; none for one that is not set up.
   std::optional<mdu_array_info_s> Info() const;
-  TMdDisk Disk(int number) const;
+  TDisk Disk(int number) const;
   /// The records of the numbers below `bound`. md is asked for each when it is looked at.
   auto Disks(int bound = MAX_MEMBERS) const {
     return std::views::iota(0, bound) | std::views::transform([this](int number) { return Disk(number); });
@@ -46,8 +46,8 @@ class CMdArray {
     return IsOpen() && m_OS.Ioctl(m_Device.Get(), request, argument) >= 0;
   }
 
-  COperatingSystem& m_OS;
-  CBlockDevice m_Device;
+  OS::COperatingSystem& m_OS;
+  OS::CBlockDevice m_Device;
 };
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <optional>
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 /// Bits of mdu_disk_info_s::state.
 inline constexpr int DISK_FAULTY = 1 << MD_DISK_FAULTY;
@@ -23,7 +23,7 @@ inline constexpr int MAX_MEMBERS = 384;
 
 /// md's record of one disk number; none where md refuses it. The walks below go over a range of them, from
 /// number 0 on, and look at none that they do not need.
-using TMdDisk = std::optional<mdu_disk_info_s>;
+using TDisk = std::optional<mdu_disk_info_s>;
 
 inline bool HasDevice(const mdu_disk_info_s& disk) { return disk.major != 0 || disk.minor != 0; }
 inline bool IsFaulty(const mdu_disk_info_s& disk) { return (disk.state & DISK_FAULTY) != 0; }
@@ -35,10 +35,10 @@ inline bool IsBeingRebuilt(const mdu_disk_info_s& disk) {
 
 /// The first wanted one among the first `most` members; `look` sees each member.
 template <class TDisks, class TIsMember, class TIsWanted, class TLook>
-TMdDisk FindAmongMembers(const TDisks& disks, int most, TIsMember isMember, TIsWanted isWanted, TLook look) {
+TDisk FindAmongMembers(const TDisks& disks, int most, TIsMember isMember, TIsWanted isWanted, TLook look) {
   int members = 0;
   for (auto at = std::begin(disks); members < most && at != std::end(disks); ++at) {
-    const TMdDisk disk = *at;
+    const TDisk disk = *at;
     if (!disk || !isMember(*disk)) continue;
     ++members;
     look(*disk);
@@ -49,14 +49,14 @@ TMdDisk FindAmongMembers(const TDisks& disks, int most, TIsMember isMember, TIsW
 
 /// The member that a rebuild begins with: the first faulty one. Empty and removed numbers are no members.
 template <class TDisks, class TLook>
-TMdDisk FindFaultyMember(const TDisks& disks, int raidDisks, TLook look) {
+TDisk FindFaultyMember(const TDisks& disks, int raidDisks, TLook look) {
   const auto isThere = [](const mdu_disk_info_s& disk) { return HasDevice(disk) && !IsRemoved(disk); };
   return FindAmongMembers(disks, raidDisks, isThere, IsFaulty, look);
 }
 
 /// The member whose rebuild can be cancelled. Whoever has a slot is a member.
 template <class TDisks, class TLook>
-TMdDisk FindRebuildingMember(const TDisks& disks, int raidDisks, TLook look) {
+TDisk FindRebuildingMember(const TDisks& disks, int raidDisks, TLook look) {
   const auto hasSlot = [](const mdu_disk_info_s& disk) { return disk.raid_disk != -1; };
   return FindAmongMembers(disks, raidDisks, hasSlot, IsBeingRebuilt, look);
 }
@@ -64,12 +64,12 @@ TMdDisk FindRebuildingMember(const TDisks& disks, int raidDisks, TLook look) {
 /// A member whose superblock a spare can be given: one that is active and in sync, and nothing else. A walk
 /// that ends by its count on a member that is not takes that one.
 template <class TDisks>
-TMdDisk FindWorkingMember(const TDisks& disks, int raidDisks) {
+TDisk FindWorkingMember(const TDisks& disks, int raidDisks) {
   mdu_disk_info_s last{};
   last.raid_disk = -1;
   auto at = std::begin(disks);
   for (int members = 0; members < raidDisks && at != std::end(disks); ++at) {
-    const TMdDisk disk = *at;
+    const TDisk disk = *at;
     if (!disk) continue;
     last = *disk;
     if (last.raid_disk >= 0) ++members;
@@ -84,7 +84,7 @@ template <class TDisks>
 std::optional<int> FindFreeNumber(const TDisks& disks) {
   int number = 0;
   for (auto at = std::begin(disks); at != std::end(disks); ++at, ++number) {
-    const TMdDisk disk = *at;
+    const TDisk disk = *at;
     if (!disk || !HasDevice(*disk) || IsRemoved(*disk)) return number;
   }
   return std::nullopt;
@@ -95,7 +95,7 @@ std::optional<int> FindFreeNumber(const TDisks& disks) {
 template <class TDisks>
 bool IsWithoutSlot(const TDisks& disks, unsigned int major, unsigned int minor) {
   for (auto at = std::begin(disks); at != std::end(disks); ++at) {
-    const TMdDisk disk = *at;
+    const TDisk disk = *at;
     if (!disk || IsRemoved(*disk)) continue;
     if (static_cast<unsigned int>(disk->major) == major && static_cast<unsigned int>(disk->minor) == minor)
       return disk->raid_disk < 0;
@@ -103,4 +103,4 @@ bool IsWithoutSlot(const TDisks& disks, unsigned int major, unsigned int minor) 
   return false;
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

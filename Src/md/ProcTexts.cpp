@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <limits>
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 std::string_view FirstLine(std::string_view text, std::size_t limit) {
   return CLineReader(text, limit).Next().value_or(std::string_view{});
@@ -97,7 +97,7 @@ std::string HostPathOfRecord(const std::vector<std::string>& lines) {
   const auto record = std::find_if(lines.begin(), lines.end(),
                                    [&](const std::string& line) { return line.starts_with(RECORD); });
   if (record == lines.end()) return {};
-  std::string path = record->c_str();  // up to a NUL, where the name of a file ends too
+  std::string path = record->substr(0, record->find('\0'));  // where the name of a file ends too
   if (const std::size_t host = path.find("/host"); host != std::string::npos) {
     path.resize(host);
     // Only behind a SCSI host: an "/ata" elsewhere is no port.
@@ -156,4 +156,4 @@ std::vector<std::string_view> ProgressLines(std::string_view mdstat, std::string
   return found;
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

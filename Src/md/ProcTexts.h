@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 /// Bytes that one read of a line of /proc/mdstat takes at most; a longer line comes in pieces.
 inline constexpr std::size_t MDSTAT_READ = 127;
@@ -66,4 +66,4 @@ std::optional<SRunProgress> ParseProgress(std::string_view line);
 /// md10 too.
 std::vector<std::string_view> ProgressLines(std::string_view mdstat, std::string_view name);
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

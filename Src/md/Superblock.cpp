@@ -7,7 +7,7 @@
 
 #include "Src/md/Members.h"
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 static_assert(offsetof(md_superblock1, set_name) == offsetof(mdp_superblock_1, set_name));
 static_assert(offsetof(md_superblock1, super_offset) == offsetof(mdp_superblock_1, super_offset));
@@ -52,4 +52,4 @@ md_superblock1 NewSuperBlock(const mdu_array_info_s& info, std::string_view name
   return record;
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace NAMESPACE_piRVX {
+namespace Md {
 
 /// The record as it lies on the disk; see the kernel's struct mdp_superblock_1. Counts are 512-byte sectors
 /// where nothing else is said.
@@ -89,4 +89,4 @@ std::uint32_t SuperBlockChecksum(const md_superblock1& superBlock);
 md_superblock1 NewSuperBlock(const mdu_array_info_s& info, std::string_view name,
                              const std::array<unsigned char, 16>& uuid, std::uint64_t seconds);
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Md

@@ -28,8 +28,8 @@
 #include <thread>
 
 #include "Src/piRVXPlugin.h"
-#include "simulator/SimulatedMachine.h"
-#include "system/ForwardingMachine.h"
+#include "simulator/SimulatedSystem.h"
+#include "system/ForwardingSystem.h"
 #include "system/Linux.h"
 
 using namespace NAMESPACE_piRVX;
@@ -40,9 +40,9 @@ namespace {
 double Milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
 /// Notes when a pass goes through its stages, by the files that it opens.
-class CTimingDoor : public CForwardingMachine {
+class CTimingSystem : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
 
   struct SPass {
     Clock::time_point m_Begin;      ///< the worker is at work
@@ -71,10 +71,10 @@ class CTimingDoor : public CForwardingMachine {
         m_Pass.m_Closes.push_back(m_LastClose);
       }
     }
-    return CForwardingMachine::Open(path, flags);
+    return OS::CForwardingSystem::Open(path, flags);
   }
   int Close(int descriptor) override {
-    const int result = CForwardingMachine::Close(descriptor);
+    const int result = OS::CForwardingSystem::Close(descriptor);
     const std::lock_guard lock(m_Lock);
     m_LastClose = Clock::now();
     return result;
@@ -82,7 +82,7 @@ class CTimingDoor : public CForwardingMachine {
   int ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                      std::vector<std::string>& lines) override {
     const auto begin = Clock::now();
-    const int result = CForwardingMachine::ExecuteCommand(program, arguments, lines);
+    const int result = OS::CForwardingSystem::ExecuteCommand(program, arguments, lines);
     const std::lock_guard lock(m_Lock);
     m_Pass.m_Programs += Clock::now() - begin;
     return result;
@@ -107,7 +107,7 @@ class CTimingDoor : public CForwardingMachine {
 /// The server's part: commands and the notification.
 class CServer : public INotificationTarget {
  public:
-  explicit CServer(COperatingSystem& machine) : m_Plugin(machine) {
+  explicit CServer(OS::COperatingSystem& machine) : m_Plugin(machine) {
     m_Plugin.m_pNotificationTarget = this;
     m_Plugin.m_pNotification = static_cast<IPLUGINAPI::Notification>(&CServer::Notify);
     std::vector<PI::CAdapterID> adapterIDs;
@@ -148,9 +148,9 @@ class CServer : public INotificationTarget {
   unsigned long m_PluginID{0};
 };
 
-std::map<std::string, std::vector<double>> Measure(COperatingSystem& machine, int rounds,
+std::map<std::string, std::vector<double>> Measure(OS::COperatingSystem& machine, int rounds,
                                                    const std::vector<std::function<void()>>& changes) {
-  CTimingDoor door(machine);
+  CTimingSystem door(machine);
   CServer server(door);
   server.Settle();
   std::map<std::string, std::vector<double>> shares;
@@ -159,7 +159,7 @@ std::map<std::string, std::vector<double>> Measure(COperatingSystem& machine, in
       const auto begin = Clock::now();
       change();
       const auto end = server.AwaitEvent();
-      const CTimingDoor::SPass pass = door.LastPass();
+      const CTimingSystem::SPass pass = door.LastPass();
       shares["1 wake-up"].push_back(Milliseconds(pass.m_Begin - begin));
       shares["2 disk pass"].push_back(Milliseconds(pass.m_Arrays - pass.m_Disks));
       shares["3   of it external programs"].push_back(Milliseconds(pass.m_Programs));
@@ -190,7 +190,7 @@ std::map<std::string, std::vector<double>> MeasureLinux(int rounds, const std::s
   spare.number = spare.raid_disk = 1;
   spare.major = static_cast<int>(major(status.st_rdev));
   spare.minor = static_cast<int>(minor(status.st_rdev));
-  CLinux linux_;
+  OS::CLinux linux_;
   // Each change is settled before the next: right after a removal the kernel still has the member's sysfs
   // entry and answers EEXIST when it is added again.
   return Measure(
@@ -200,7 +200,8 @@ std::map<std::string, std::vector<double>> MeasureLinux(int rounds, const std::s
 }
 
 std::map<std::string, std::vector<double>> MeasureSimulation(int rounds) {
-  CSimulatedMachine machine(CSimulatedMachine::DemoDescription(), CSimulatedMachine::EClock::Real);
+  Simulation::CSimulatedSystem machine(Simulation::CSimulatedSystem::DemoDescription(),
+                                       Simulation::CSimulatedSystem::EClock::Real);
   machine.Apply(R"({"stop_array": "md_d1"})");  // its resync would keep every pass waiting
   return Measure(
       machine, rounds,

@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <string>
 
-#include "system/TheMachine.h"
+#include "system/TheSystem.h"
 
 /// createIf, which asks for it, is not called: instances are made without it.
-NAMESPACE_piRVX::COperatingSystem& NAMESPACE_piRVX::TheMachine() { std::abort(); }
+OS::COperatingSystem& OS::TheSystem() { std::abort(); }
 
 /// Ends the program with what is wrong, so that the input is kept.
 inline void Require(bool holds, const std::string& what) {

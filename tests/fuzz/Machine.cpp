@@ -9,7 +9,7 @@
 #include <map>
 
 #include "Src/md/Superblock.h"
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 #include "system/Descriptor.h"
 #include "tests/fuzz/Fuzz.h"
 
@@ -37,16 +37,17 @@ constexpr unsigned long REQUESTS[] = {SET_ARRAY_INFO, ADD_NEW_DISK,    ADD_NEW_D
 constexpr std::uint64_t NUMBERS[] = {
     0, 1, 2, 3, 384, 1919, 1920, 0xffff, 0xfffe, 0xffffffff, ~std::uint64_t{0}};
 
-void WriteSuperBlock(CSimulatedMachine& machine, const std::string& disk, FuzzedDataProvider& data) {
+void WriteSuperBlock(Simulation::CSimulatedSystem& machine, const std::string& disk,
+                     FuzzedDataProvider& data) {
   mdu_array_info_t info{};
   info.level = data.PickValueInArray({-1, 0, 1, 4, 5, 6, 10});
   info.raid_disks = data.ConsumeIntegralInRange(1, 5);
   info.size = 2000;
   info.chunk_size = data.PickValueInArray({0, 4096, 65536});
   info.state = data.ConsumeBool();
-  md_superblock1 record = NewSuperBlock(info, "name", {1}, 1700000000);
-  record.super_offset = SuperOffset(data.PickValueInArray({10240U, 4096U, 12288U}));
-  record.data_size = DataSize(record.super_offset, 8);
+  Md::md_superblock1 record = Md::NewSuperBlock(info, "name", {1}, 1700000000);
+  record.super_offset = Md::SuperOffset(data.PickValueInArray({10240U, 4096U, 12288U}));
+  record.data_size = Md::DataSize(record.super_offset, 8);
   record.dev_number = data.ConsumeIntegralInRange(0U, 4U);
   record.events = data.ConsumeIntegralInRange(1U, 3U);
   for (int changes = data.ConsumeIntegralInRange(0, 3); changes > 0; --changes) {
@@ -55,13 +56,14 @@ void WriteSuperBlock(CSimulatedMachine& machine, const std::string& disk, Fuzzed
     std::memcpy(reinterpret_cast<char*>(&record) + data.ConsumeIntegralInRange(0, 270), &value,
                 data.PickValueInArray({2U, 4U, 8U}));
   }
-  if (data.ConsumeIntegralInRange(0, 9) != 9) record.sb_csum = SuperBlockChecksum(record);
-  const CDescriptor file(machine, disk, O_RDWR);
+  if (data.ConsumeIntegralInRange(0, 9) != 9) record.sb_csum = Md::SuperBlockChecksum(record);
+  const OS::CDescriptor file(machine, disk, O_RDWR);
   machine.Seek(file.Get(), static_cast<std::int64_t>(record.super_offset * 512));
   machine.Write(file.Get(), &record, sizeof(record));
 }
 
-void Request(CSimulatedMachine& machine, const std::string& disk, int array, FuzzedDataProvider& data) {
+void Request(Simulation::CSimulatedSystem& machine, const std::string& disk, int array,
+             FuzzedDataProvider& data) {
   const unsigned long request = data.PickValueInArray(REQUESTS);
   struct stat status {};
   machine.Status(disk, status);
@@ -74,7 +76,7 @@ void Request(CSimulatedMachine& machine, const std::string& disk, int array, Fuz
   machine.Ioctl(array, request, takesNumber ? reinterpret_cast<void*>(status.st_rdev) : record.data());
 }
 
-void UseMd(CSimulatedMachine& machine, FuzzedDataProvider& data) {
+void UseMd(Simulation::CSimulatedSystem& machine, FuzzedDataProvider& data) {
   std::map<std::string, int> arrays;
   while (data.remaining_bytes() != 0) {
     const std::string disk =
@@ -90,28 +92,28 @@ void UseMd(CSimulatedMachine& machine, FuzzedDataProvider& data) {
     if (step > 5) Request(machine, disk, arrays[array], data);
     try {
       if (step == 5) machine.Apply(data.PickValueInArray(CHANGES));
-    } catch (const CMachineError&) {  // it does not go now
+    } catch (const Simulation::CMachineError&) {  // it does not go now
     }
   }
-  Require(ReadText(machine, "/proc/mdstat")->size() < 100000, "mdstat is of sane length");
+  Require(OS::ReadText(machine, "/proc/mdstat")->size() < 100000, "mdstat is of sane length");
 }
 
-void RequireKept(CSimulatedMachine& machine) {
+void RequireKept(Simulation::CSimulatedSystem& machine) {
   const std::string saved = machine.Describe();
-  CSimulatedMachine again(saved);
+  Simulation::CSimulatedSystem again(saved);
   Require(again.Describe() == saved, "it is the same machine:\n" + saved + again.Describe());
   for (const char* file : {"/proc/partitions", "/proc/mdstat"})
-    Require(ReadText(machine, file) == ReadText(again, file), "it shows the same:\n" + saved);
+    Require(OS::ReadText(machine, file) == OS::ReadText(again, file), "it shows the same:\n" + saved);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   const std::string text(bytes, bytes + size);
-  std::unique_ptr<CSimulatedMachine> machine;
+  std::unique_ptr<Simulation::CSimulatedSystem> machine;
   try {
-    machine = std::make_unique<CSimulatedMachine>(text.starts_with('{') ? text : MACHINE);
-  } catch (const CMachineError&) {
+    machine = std::make_unique<Simulation::CSimulatedSystem>(text.starts_with('{') ? text : MACHINE);
+  } catch (const Simulation::CMachineError&) {
     return 0;
   }
   FuzzedDataProvider data(bytes, size);

@@ -19,20 +19,21 @@ const std::filesystem::path FOLDER = "/dev/shm/rvx-fuzz-" + std::to_string(getpi
 void LinuxTexts(FuzzedDataProvider& data) {
   const std::string name = data.ConsumeRandomLengthString(8);
   const std::string text = data.ConsumeRemainingBytesAsString();
-  for (const SPartition& entry : ParsePartitions(text)) Require(entry.m_Name.size() < 32, "a name's length");
-  ParseMdMajor(text);
-  IsDiskName(name);
-  ArrayNumber(name);
+  for (const Md::SPartition& entry : Md::ParsePartitions(text))
+    Require(entry.m_Name.size() < 32, "a name's length");
+  Md::ParseMdMajor(text);
+  Md::IsDiskName(name);
+  Md::ArrayNumber(name);
   std::vector<std::string> lines;
   std::string all;
-  CLineReader reader(text, MDSTAT_READ);
+  Md::CLineReader reader(text, Md::MDSTAT_READ);
   while (const auto line = reader.Next()) {
     all += lines.emplace_back(*line);
-    if (const auto progress = ParseProgress(*line)) Require(progress->m_Percent <= 100, "a percentage");
+    if (const auto progress = Md::ParseProgress(*line)) Require(progress->m_Percent <= 100, "a percentage");
   }
   Require(all == text, "all of a text is read");
-  HostPathOfRecord(lines);
-  ProgressLines(text, name);
+  Md::HostPathOfRecord(lines);
+  Md::ProgressLines(text, name);
 }
 
 void Smart(FuzzedDataProvider& data) {

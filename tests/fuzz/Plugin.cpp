@@ -9,10 +9,10 @@
 #include "KVT/Trace.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
-#include "simulator/SimulatedMachine.h"
-#include "system/ForwardingMachine.h"
+#include "simulator/SimulatedSystem.h"
+#include "system/ForwardingSystem.h"
 #include "tests/fuzz/Fuzz.h"
-#include "tests/support/FaultyMachine.h"
+#include "tests/support/FaultySystem.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -30,9 +30,9 @@ void RequireLike(const std::string& text, const char* pattern) {
 }
 
 /// Overwrites a piece of every answer of some kinds.
-class CHostileMachine final : public CForwardingMachine {
+class CHostileSystem final : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
 
   void Upset(FuzzedDataProvider& data) {
     auto& [place, piece] = m_Pieces[data.PickValueInArray(
@@ -45,12 +45,12 @@ class CHostileMachine final : public CForwardingMachine {
   int Open(const std::string& path, int flags) override {
     if (m_Links.count(path) == 0) RequireLike(path, PATHS);
     Require((flags & O_ACCMODE) == O_RDONLY || m_Named.count(path) != 0, "writes to " + path);
-    const int descriptor = CForwardingMachine::Open(Existing(path), flags);
+    const int descriptor = OS::CForwardingSystem::Open(Existing(path), flags);
     m_Kinds[descriptor] = path.substr(path.rfind('/') + 1);
     return descriptor;
   }
   ssize_t Read(int descriptor, void* buffer, std::size_t size) override {
-    const ssize_t count = CForwardingMachine::Read(descriptor, buffer, size);
+    const ssize_t count = OS::CForwardingSystem::Read(descriptor, buffer, size);
     if (count <= 0) return count;
     return Spoil(m_Kinds[descriptor], static_cast<char*>(buffer), static_cast<std::size_t>(count), size);
   }
@@ -58,7 +58,7 @@ class CHostileMachine final : public CForwardingMachine {
     const bool asks = request == GET_ARRAY_INFO || request == GET_DISK_INFO;
     Require(asks || m_Changes || _IOC_TYPE(request) != MD_MAJOR, "changes an array unasked");
     const int number = request == GET_DISK_INFO ? static_cast<mdu_disk_info_t*>(argument)->number : 0;
-    const int result = CForwardingMachine::Ioctl(descriptor, request, argument);
+    const int result = OS::CForwardingSystem::Ioctl(descriptor, request, argument);
     auto* record = static_cast<char*>(argument);
     constexpr std::size_t ARRAY = sizeof(mdu_array_info_t), MEMBER = sizeof(mdu_disk_info_t), BLOCK = 512;
     if (request == GET_ARRAY_INFO) Spoil("array", record, ARRAY, ARRAY);
@@ -67,10 +67,10 @@ class CHostileMachine final : public CForwardingMachine {
     return result;
   }
   int Status(const std::string& path, struct stat& status) override {
-    return CForwardingMachine::Status(Existing(path), status);
+    return OS::CForwardingSystem::Status(Existing(path), status);
   }
   std::optional<std::string> ReadLink(const std::string& path) override {
-    auto target = CForwardingMachine::ReadLink(Existing(path));
+    auto target = OS::CForwardingSystem::ReadLink(Existing(path));
     if (path == "/proc/self/exe" || !target) return target;
     Spoil("driver", *target);
     return *m_Links.insert(*target).first;
@@ -80,14 +80,14 @@ class CHostileMachine final : public CForwardingMachine {
     RequireLike(program.string() + " " + arguments, COMMANDS);
     const std::size_t disk = arguments.find("/dev/");
     const std::string path = arguments.substr(disk, arguments.find(' ', disk) - disk);
-    const int result = CForwardingMachine::ExecuteCommand(
+    const int result = OS::CForwardingSystem::ExecuteCommand(
         program, arguments.substr(0, disk) + Existing(path) + arguments.substr(disk + path.size()), lines);
     if (!lines.empty()) Spoil(program.filename().string(), lines.front());
     return result;
   }
   int MakeNode(const std::string& path, mode_t mode, dev_t device) override {
     RequireLike(m_Changes ? path : "unasked", "/dev/md_d+([0-9])");
-    return CForwardingMachine::MakeNode(path, mode, device);
+    return OS::CForwardingSystem::MakeNode(path, mode, device);
   }
   bool m_Changes{false};          ///< whether the request may change an array
   std::set<std::string> m_Named;  ///< the disks that it may write to
@@ -107,7 +107,7 @@ class CHostileMachine final : public CForwardingMachine {
   std::string Existing(const std::string& path) {
     struct stat status {};
     const std::size_t name = path.starts_with("/sys/block/") ? 11 : 5;
-    if (CForwardingMachine::Status(path, status) == 0 || (name == 5 && !path.starts_with("/dev/")))
+    if (OS::CForwardingSystem::Status(path, status) == 0 || (name == 5 && !path.starts_with("/dev/")))
       return path;
     const std::size_t end = std::min(path.find('/', name), path.size());
     return path.substr(0, name) + (path[name] == 'm' ? "md_d1" : "sdf") + path.substr(end);
@@ -121,7 +121,7 @@ class CHostileMachine final : public CForwardingMachine {
 class CFuzzedInstance : public IPLUGINAPI_IMPL {
  public:
   CFuzzedInstance(const std::uint8_t* bytes, std::size_t size)
-      : IPLUGINAPI_IMPL(m_Door), m_Data(bytes, size) {}
+      : IPLUGINAPI_IMPL(m_System), m_Data(bytes, size) {}
 
   void Run() ZQ_NO_THREAD_SAFETY_ANALYSIS {
     KVT_MODULE_INFO_piRVX.SetTraceClasses(m_Data.ConsumeBool() ? 30 : 0);
@@ -141,9 +141,9 @@ class CFuzzedInstance : public IPLUGINAPI_IMPL {
  private:
   void Step() {
     const int step = m_Data.ConsumeIntegralInRange(0, 9);
-    const std::uint64_t calls = m_Door.Count(CFaultyMachine::ANY);
+    const std::uint64_t calls = m_System.Count(CFaultySystem::ANY);
     if (step == 0) m_Simulated.Advance(3600000);
-    if (step == 1) m_Door.FailAt(CFaultyMachine::ANY, calls + m_Data.ConsumeIntegralInRange(1U, 100U), EIO);
+    if (step == 1) m_System.FailAt(CFaultySystem::ANY, calls + m_Data.ConsumeIntegralInRange(1U, 100U), EIO);
     if (step == 2 || step == 3) m_Machine.Upset(m_Data);
     if (step == 4 || step == 5) WorkerPass(m_Worker);
     if (step > 5) Request();
@@ -204,9 +204,10 @@ class CFuzzedInstance : public IPLUGINAPI_IMPL {
     return !creates && drive.m_ID == id;
   }
 
-  CSimulatedMachine m_Simulated{"{\"sdparm\": true, " + CSimulatedMachine::DemoDescription().substr(1)};
-  CHostileMachine m_Machine{m_Simulated};
-  CFaultyMachine m_Door{m_Machine};
+  Simulation::CSimulatedSystem m_Simulated{"{\"sdparm\": true, " +
+                                           Simulation::CSimulatedSystem::DemoDescription().substr(1)};
+  CHostileSystem m_Machine{m_Simulated};
+  CFaultySystem m_System{m_Machine};
   FuzzedDataProvider m_Data;
   SWorkerState m_Worker;
 };

@@ -42,15 +42,15 @@ TEST(Create, EveryLevelAndStripeAsMdRunsIt) {
         const CRVXPhysicalDrive& drive = rig.m_Plugin.Drive(disks[at]);
         changes.push_back(Text("add %d 8 %d %d 2", at, drive.m_MinorNumber, at));
         paths.push_back(drive.DevicePath());
-        const md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
+        const Md::md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
         EXPECT_STREQ(record.set_name, "md_d0");
         EXPECT_EQ(record.dev_number, at);
-        EXPECT_EQ(record.data_size, DataSize(record.super_offset, static_cast<std::uint32_t>(chunk * 2)));
+        EXPECT_EQ(record.data_size, Md::DataSize(record.super_offset, static_cast<std::uint32_t>(chunk * 2)));
         for (const std::uint8_t* uuid : {record.set_uuid, record.device_uuid}) uuids.emplace(uuid, uuid + 16);
       }
       changes.emplace_back("run 0");
       EXPECT_EQ(rig.m_Own.m_Changes, changes);
-      EXPECT_EQ(rig.m_Door.OpenedForWriting(), paths);
+      EXPECT_EQ(rig.m_System.OpenedForWriting(), paths);
       EXPECT_EQ(uuids.size(), 1 + disks.size()) << "one of the array, one of each member";
 
       const auto info = ArrayInfo(rig.m_Machine, "md_d0");
@@ -87,7 +87,7 @@ TEST(Create, RefusesBeforeAnythingIsWritten) {
     EXPECT_EQ(Create(rig.m_Plugin, level, 0, disks, containers),
               disks[1 % disks.size()] == "?" ? 20008U : 20006U);
     EXPECT_TRUE(trace.Shows("Src/piRVXAdapter", std::string("LEAVE CreateLogicalDrive") + text));
-    EXPECT_THAT(rig.m_Door.OpenedForWriting(), IsEmpty());
+    EXPECT_THAT(rig.m_System.OpenedForWriting(), IsEmpty());
     EXPECT_FALSE(rig.m_Plugin.m_Adapter.m_Busy || Take(rig.m_Plugin.m_PrivateEvent));
   }
   SRig rig(THREE);
@@ -151,7 +151,7 @@ TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
     array.m_KernelName = "md_d0";
     array.m_DeviceKey = key;
     rig.m_Plugin.m_MdMajor = mdMajor;
-    if (text.ends_with("permitted")) rig.m_Door.FailAt(ECall::MakeNode, 1, EPERM);
+    if (text.ends_with("permitted")) rig.m_System.FailAt(OS::ECall::MakeNode, 1, EPERM);
     const CTraceCapture trace(TRACE_LIFECYCLE);
     char name[30] = "";
     EXPECT_EQ(rig.m_Plugin.GetUnusedArrayName(name), result);
@@ -163,9 +163,9 @@ TEST(ArrayName, MakesTheNodeWhereThereIsNone) {
 TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
   for (const std::uint64_t size : {203ULL, 976773ULL, 8589934599ULL}) {
     SRig rig(DisksOf({size}));
-    md_superblock1 written{};
-    md_superblock1 read{};
-    written.magic = md_superblock1::MAGIC;
+    Md::md_superblock1 written{};
+    Md::md_superblock1 read{};
+    written.magic = Md::md_superblock1::MAGIC;
     EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
     EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 0, &read), PI::OK);
     EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0) << "the caller's record stands on the disk";
@@ -175,30 +175,30 @@ TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
 
 TEST(SuperBlockDoor, FailuresHaveTheirStatusAndReadingSaysNothingOfTheRecord) {
   // What fails first when writing is the member's UUID, which does not count.
-  using TCase = std::tuple<ECall, unsigned int, unsigned int>;
+  using TCase = std::tuple<OS::ECall, unsigned int, unsigned int>;
   for (const auto& [call, writing, reading] :
-       {TCase(ECall::Open, 0, 20003), TCase(ECall::Read, 0, 0), TCase(ECall::Seek, 20003, 0),
-        TCase(ECall::Write, 20018, 0), TCase(ECall::Sync, 20018, 0)}) {
+       {TCase(OS::ECall::Open, 0, 20003), TCase(OS::ECall::Read, 0, 0), TCase(OS::ECall::Seek, 20003, 0),
+        TCase(OS::ECall::Write, 20018, 0), TCase(OS::ECall::Sync, 20018, 0)}) {
     SCOPED_TRACE(static_cast<int>(call));
     SRig rig(THREE);
-    md_superblock1 record{};
-    rig.m_Door.FailAt(call, 1, EIO);
+    Md::md_superblock1 record{};
+    rig.m_System.FailAt(call, 1, EIO);
     EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), writing);
-    rig.m_Door.FailAt(call, 1, EIO);
+    rig.m_System.FailAt(call, 1, EIO);
     EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 16, &record), reading) << "of a disk without a superblock";
   }
   SRig rig(THREE);
-  md_superblock1 record{};
+  Md::md_superblock1 record{};
   rig.m_Machine.Apply(R"({"hold_disk": "sda"})");
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), PI::ERR_DEVICE_IO);
-  rig.m_Door.ShortenAt(ECall::Write, 1, 1023);
+  rig.m_System.ShortenAt(OS::ECall::Write, 1, 1023);
   EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sdb"), &record), PI::ERR_WRITE_FAILED);
   EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(9, 0, &record), PI::ERR_DRIVE_NOT_FOUND);
 }
 
 TEST(SuperBlockDoor, WithoutAUuidMdRefusesTheArray) {
   SRig rig(THREE);
-  rig.m_Door.ShortenAt(ECall::Read, 1, 15);
+  rig.m_System.ShortenAt(OS::ECall::Read, 1, 15);
   EXPECT_EQ(Create(rig.m_Plugin, PI::LEVEL_RAID0, 0, {"sda", "sdb"}), PI::ERR_DEVICE_IO);
 }
 
@@ -214,7 +214,7 @@ TEST(SuperBlockDoor, ASleepingDiskIsStartedWhereTheServerHasTheTool) {
                       "disks": [{"name": "sda", "controller": "c", "size": 300000, %s})",
                   machine));
     const std::uint64_t start = rig.m_Machine.Now();
-    md_superblock1 record{};
+    Md::md_superblock1 record{};
     EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), status);
     EXPECT_EQ(rig.m_Machine.CommandCount("sdparm"), runs);
     EXPECT_EQ(rig.m_Machine.Now() - start, slept);

@@ -98,7 +98,7 @@ TEST(EqualNumbers, DeletingOneTouchesTheOthersDisksNeitherAtOnceNorWhenItIsRepea
   }
 }
 
-void Swap(CSimulatedMachine& machine, const char* disk, const char* more) {
+void Swap(Simulation::CSimulatedSystem& machine, const char* disk, const char* more) {
   machine.Apply(Text(R"({"remove_disk": "%s"})", disk));
   machine.Apply(Text(R"({"add_disk": {"name": "%s", "controller": "sas", %s}})", disk, more));
 }
@@ -128,10 +128,10 @@ TEST(SwappedDisk, IsNotWrittenTo) {
 }
 
 TEST(Devices, WhatIsNoBlockDeviceIsNotOpened) {
-  SRigOf<CHookedMachine> rig(MIRROR);
+  SRigOf<CHookedSystem> rig(MIRROR);
   for (const char* const path : {"/dev/sdc", "/dev/md_d0", "/dev/md_d1"}) rig.m_Machine.SetFile(path, "");
   std::string opened;
-  rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+  rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
     if (call.starts_with("open /dev/") && call != "open /dev/urandom") opened += call + ", ";
     return {};
   };
@@ -153,7 +153,7 @@ std::string Everything(CTestInstance& plugin) {
   return text + Text("\nevents %d, estimates %d", plugin.m_EventQueue.size(), plugin.m_Estimators.size());
 }
 
-void ChangeMachine(CSimulatedMachine& machine) {
+void ChangeMachine(Simulation::CSimulatedSystem& machine) {
   for (const char* const change :
        {R"({"stop_array": "md1"})", R"({"remove_disk": "sdd"})", R"({"remove_disk": "sdc"})",
         R"({"fail_member": {"array": "md_d0", "disk": "sdb"}})",
@@ -220,7 +220,8 @@ TEST(Pass, AConfigurationDocumentThatChangesCounts) {
   SMdRig rig(MIRROR);
   const auto changes = [&](int slot) {  // of the failed member
     const unsigned long counter = rig.m_Plugin.Array("md_d0").m_UpdateCounter;
-    rig.m_Own.m_Disks = {{0, {0, 8, 0, 0, DISK_ACTIVE | DISK_SYNC}}, {1, {1, 8, 16, slot, DISK_FAULTY}}};
+    rig.m_Own.m_Disks = {{0, {0, 8, 0, 0, Md::DISK_ACTIVE | Md::DISK_SYNC}},
+                         {1, {1, 8, 16, slot, Md::DISK_FAULTY}}};
     rig.Pass();
     return rig.m_Plugin.Array("md_d0").m_UpdateCounter - counter;
   };

@@ -11,16 +11,16 @@ constexpr unsigned int ALL = PI::OP_DELETE_ALL_LOGICAL_DRIVES;
 constexpr unsigned int LAST = PI::OP_DELETE_LAST_LOGICAL_DRIVE;
 constexpr unsigned int SECOND = PI::OP_DELETE_LOGICAL_DRIVE;  ///< of md_d1
 
-class CPartitionDoor : public CForwardingMachine {
+class CPartitionSystem : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
   std::vector<KVTX::CPartition> GetPartitions(const std::string& device) override {
     return m_Partitions[device];
   }
   std::map<std::string, std::vector<KVTX::CPartition>> m_Partitions;
 };
 
-struct SDeletionRig : public SRigOf<CPartitionDoor> {
+struct SDeletionRig : public SRigOf<CPartitionSystem> {
   SDeletionRig()
       : SRigOf(DisksOf({300000, 300000, 300000, 300000, 300000, 300000, 300000},
                        R"("arrays": [{"name": "md_d0", "level": "raid1", "members": ["sda", "sdb"]},
@@ -103,7 +103,7 @@ TEST(Deletion, StopsTheArraysAndWipesTheirMembersAndNothingElse) {
     for (const std::size_t at : rebuilding) arrays[at].m_Activity = PI::ACTIVITY_REBUILDING;
     EXPECT_EQ(rig.Run(code), status);
     std::string wiped;
-    for (const std::string& path : rig.m_Door.OpenedForWriting()) wiped += path.back();
+    for (const std::string& path : rig.m_System.OpenedForWriting()) wiped += path.back();
     EXPECT_EQ(wiped, members);
     for (const CRVXPhysicalDrive& drive : rig.m_Plugin.m_PhysicalDrives) {
       const bool stays =
@@ -132,7 +132,7 @@ TEST(Deletion, TheLastWriteCounts) {
     for (const unsigned int code : {LAST, SECOND}) {
       SCOPED_TRACE(what);
       SRig rig(DisksOf({300000, 300000, 300000}, MirrorOfTwo("md_d1")));
-      if (what.ends_with("write fails")) rig.m_Door.FailAt(ECall::Write, status == 0 ? 1 : 2, EIO);
+      if (what.ends_with("write fails")) rig.m_System.FailAt(OS::ECall::Write, status == 0 ? 1 : 2, EIO);
       if (what == "no member is known")
         for (auto& drive : rig.m_Plugin.m_PhysicalDrives) drive.m_IsMemberOf = CRVXPhysicalDrive::NO_ARRAY;
       const bool mounted = what == "md refuses";
@@ -142,7 +142,7 @@ TEST(Deletion, TheLastWriteCounts) {
       EXPECT_EQ(Take(rig.m_Plugin.m_PrivateEvent), code == LAST) << "after every attempt";
       EXPECT_EQ(Take(rig.m_Plugin.m_ForceWorker), status == 0);
       EXPECT_EQ(rig.m_Plugin.m_Adapter.m_Busy, code == LAST && status == 0);
-      EXPECT_EQ(rig.m_Door.OpenedForWriting().empty(), status == 20003);
+      EXPECT_EQ(rig.m_System.OpenedForWriting().empty(), status == 20003);
       rig.Pass();
       EXPECT_EQ(rig.m_Plugin.m_LogicalDrives.size(), mounted ? 1U : 0U);
     }

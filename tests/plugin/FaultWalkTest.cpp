@@ -8,7 +8,7 @@ using namespace NAMESPACE_piRVX;
 namespace {
 
 /// The next pass shows the machine as a new instance sees it; identifiers and progress are each one's own.
-void ExpectTruth(CTestInstance& plugin, CSimulatedMachine& machine) {
+void ExpectTruth(CTestInstance& plugin, Simulation::CSimulatedSystem& machine) {
   CTestInstance fresh(machine);
   ASSERT_EQ(fresh.Begin(), PI::OK);
   for (CTestInstance* const instance : {&plugin, &fresh}) {
@@ -39,7 +39,7 @@ const std::string MACHINE =
                  {"name": "md_d2", "level": "raid1", "chunk": 64, "raid_disks": 2, "members": ["sdf"],
                   "faulty": ["sdg"]}])");
 
-using SWalkRig = SBareRig<CMdDoor>;
+using SWalkRig = SBareRig<CMdSystem>;
 using TAct = std::function<unsigned int(SWalkRig&)>;
 
 struct SOperation {
@@ -98,17 +98,17 @@ const SOperation OPERATIONS[] = {
 
 /// Its status on a machine whose door is armed, and whether a call failed.
 std::pair<unsigned int, bool> Outcome(const SOperation& operation,
-                                      const std::function<void(CFaultyMachine&)>& arm) {
+                                      const std::function<void(CFaultySystem&)>& arm) {
   gSmartData.clear();  // the cache outlives instances
-  SWalkRig rig(operation.m_Reads ? CSimulatedMachine::DemoDescription() : MACHINE);
+  SWalkRig rig(operation.m_Reads ? Simulation::CSimulatedSystem::DemoDescription() : MACHINE);
   if (!operation.m_Reads) {
     EXPECT_EQ(rig.m_Plugin.Begin(), PI::OK);
   }
-  arm(rig.m_Door);
+  arm(rig.m_System);
   const unsigned int status = operation.m_Act(rig);
-  const bool struck = rig.m_Door.Struck() != 0;
-  rig.m_Door.Clear();
-  for (const std::string& path : rig.m_Door.OpenedForWriting())
+  const bool struck = rig.m_System.Struck() != 0;
+  rig.m_System.Clear();
+  for (const std::string& path : rig.m_System.OpenedForWriting())
     EXPECT_NE(operation.m_MayWrite.find(path.substr(std::string("/dev/sd").size())), std::string::npos)
         << path;
   rig.m_Own.m_Answers.clear();
@@ -119,18 +119,18 @@ std::pair<unsigned int, bool> Outcome(const SOperation& operation,
 constexpr std::size_t FAIL = ~std::size_t{0};
 
 /// All statuses with the n-th call of a kind failing, or moving `size` bytes at most, for every n.
-std::set<unsigned int> Walk(const SOperation& operation, ECall call, std::size_t size) {
+std::set<unsigned int> Walk(const SOperation& operation, OS::ECall call, std::size_t size) {
   std::set<unsigned int> statuses;
   std::uint64_t n = 0;
   for (bool struck = true; struck && !testing::Test::HasFailure();) {
     SCOPED_TRACE(Text("call %d of kind %d", ++n, static_cast<int>(call)));
     unsigned int status = 0;
-    std::tie(status, struck) = Outcome(operation, [&](CFaultyMachine& door) {
+    std::tie(status, struck) = Outcome(operation, [&](CFaultySystem& door) {
       size == FAIL ? door.FailAt(call, n, EIO) : door.ShortenAt(call, n, size);
     });
     statuses.insert(status);
   }
-  EXPECT_GT(n, call != CFaultyMachine::ANY ? 0U : operation.m_Reads ? 80U : 8U) << "it did not get far";
+  EXPECT_GT(n, call != CFaultySystem::ANY ? 0U : operation.m_Reads ? 80U : 8U) << "it did not get far";
   return statuses;
 }
 
@@ -138,22 +138,22 @@ TEST(FaultWalk, EveryFailureHasItsStatusAndTheNextPassShowsTheTruth) {
   for (const SOperation& operation : OPERATIONS) {
     SCOPED_TRACE(operation.m_Name);
     std::string statuses = " ";
-    for (const unsigned int status : Walk(operation, CFaultyMachine::ANY, FAIL))
+    for (const unsigned int status : Walk(operation, CFaultySystem::ANY, FAIL))
       statuses += Text("%d ", status);
     EXPECT_EQ(statuses, operation.m_Statuses);
-    for (const auto& [call, size] : {std::pair{ECall::Close, FAIL},
-                                     {ECall::Read, std::size_t{0}},
-                                     {ECall::Read, 3},
-                                     {ECall::Read, 1023},
-                                     {ECall::Write, 0},
-                                     {ECall::Write, 1023}})
+    for (const auto& [call, size] : {std::pair{OS::ECall::Close, FAIL},
+                                     {OS::ECall::Read, std::size_t{0}},
+                                     {OS::ECall::Read, 3},
+                                     {OS::ECall::Read, 1023},
+                                     {OS::ECall::Write, 0},
+                                     {OS::ECall::Write, 1023}})
       for (const unsigned int status : Walk(operation, call, size))
         EXPECT_THAT(statuses, testing::HasSubstr(Text(" %d ", status)));
-    for (const ECall call : {CFaultyMachine::ANY, ECall::Open, ECall::Close, ECall::Read, ECall::Ioctl,
-                             ECall::Status, ECall::ReadLink, ECall::GetCommandPath, ECall::ExecuteCommand}) {
+    for (const OS::ECall call :
+         {CFaultySystem::ANY, OS::ECall::Open, OS::ECall::Close, OS::ECall::Read, OS::ECall::Ioctl,
+          OS::ECall::Status, OS::ECall::ReadLink, OS::ECall::GetCommandPath, OS::ECall::ExecuteCommand}) {
       SCOPED_TRACE(static_cast<int>(call));
-      const auto result =
-          Outcome(operation, [&](CFaultyMachine& door) { door.FailAt(call, 1, EIO, 100000); });
+      const auto result = Outcome(operation, [&](CFaultySystem& door) { door.FailAt(call, 1, EIO, 100000); });
       EXPECT_TRUE(result.second || !operation.m_Reads) << "every call of a kind fails";
     }
     std::string refused;

@@ -208,7 +208,7 @@ void ActOnEverything() {
   act(rig.m_Plugin.Drive("sda"), Operation(PI::OP_CREATE_DEDICATED_HOTSPARE, 7));
   Create(rig.m_Plugin, PI::LEVEL_RAID0, PI::STRIPE_64K, {"sdc", "sdd"});
   rig.Pass();
-  rig.m_Door.FailAt(CFaultyMachine::ANY, 1, EIO, 99);
+  rig.m_System.FailAt(CFaultySystem::ANY, 1, EIO, 99);
   act(rig.m_Plugin.m_Adapter, Operation(PI::OP_DELETE_ALL_LOGICAL_DRIVES));
 }
 

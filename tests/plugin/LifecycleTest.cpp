@@ -17,7 +17,7 @@ namespace {
 
 TEST(Entries, MakeAndReleaseTheOneInstance) {
   const CConfigFolder config;
-  CSimulatedMachine machine("{}");
+  Simulation::CSimulatedSystem machine("{}");
   UseMachine(&machine);
   IPLUGINAPI* plugin = nullptr;
   ASSERT_EQ(createIf(&plugin), PI::OK);
@@ -41,7 +41,7 @@ TEST(PollInterval, IsReadAsANumberAndKeptInItsLimits) {
   const std::pair<const char*, unsigned int> cases[] = {
       {"PollInterval=30\n", 30}, {"PollInterval=300\n", 255},        {"PollInterval=0\n", 2},
       {"PollInterval=-5\n", 2},  {"PollInterval=99999999999\n", 10}, {"PollInterval=7s\n", 10}};
-  CSimulatedMachine machine("{}");
+  Simulation::CSimulatedSystem machine("{}");
   const CConfigFolder config;
   EXPECT_EQ(CTestInstance(machine).m_PollInterval, 10U) << "no file";
   for (const auto& [text, seconds] : cases) {
@@ -100,10 +100,10 @@ TEST(Initialize, TellsWhereItsAdapterIs) {
 TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
   for (const int readings : {0, 1, 4, 30, 60}) {
     SCOPED_TRACE(readings);
-    SBareRig<CHookedMachine> rig;
+    SBareRig<CHookedSystem> rig;
     CTestInstance& plugin = rig.m_Plugin;
     std::vector<PI::CAdapterID> adapterIDs;
-    rig.m_Own.m_Hook = [left = readings](const std::string& call) mutable -> CHookedMachine::TAnswer {
+    rig.m_Own.m_Hook = [left = readings](const std::string& call) mutable -> CHookedSystem::TAnswer {
       if (call == "read" && left-- == 0) throw std::bad_alloc();
       return {};
     };
@@ -183,9 +183,9 @@ TEST(DeInitialize, AThreadThatHangsIsCancelledAfterTheBoundWhateverTheClockDoes)
     KVT::Threading::CEvent hangs;
     std::atomic<int> pauses{0};
     std::atomic<std::uint64_t> now{std::uint64_t{1} << 40};
-    SRigOf<CHookedMachine> rig;  // at its end nothing may be open or held
+    SRigOf<CHookedSystem> rig;  // at its end nothing may be open or held
     rig.m_Own.m_Hook = [&, call = hanging, step = static_cast<std::uint64_t>(jump)](
-                           const std::string& made) -> CHookedMachine::TAnswer {
+                           const std::string& made) -> CHookedSystem::TAnswer {
       if (made == call) HangUntilCancelled(hangs);
       if (made == "now") return now += step;
       if (made == "sleep 500") ++pauses;

@@ -55,8 +55,8 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
   EXPECT_NE(second, first);
   EXPECT_EQ(read(300000), PI::OK) << "five minutes from the second reading";
   EXPECT_EQ(SmartCommands(), 2U);
-  for (const ECall failing : {ECall::Open, ECall::Ioctl}) {
-    m_Door.FailAt(failing, 1, EIO);
+  for (const OS::ECall failing : {OS::ECall::Open, OS::ECall::Ioctl}) {
+    m_System.FailAt(failing, 1, EIO);
     data = {};
     EXPECT_EQ(read(1), PI::ERR_GENERAL);
     EXPECT_EQ(data.m_Bytes, second) << "the caller gets the old block and the failure";
@@ -67,10 +67,10 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
 
 TEST(SmartBlocks, MayMoveWhileADiskIsAsked) {
   gSmartData.clear();
-  SRigOf<CHookedMachine> rig;
+  SRigOf<CHookedSystem> rig;
   rig.m_Own.m_Hook = [](const std::string& call) {
     if (call == "ioctl") gSmartData.resize(100);  // as another instance's readings do
-    return CHookedMachine::TAnswer();
+    return CHookedSystem::TAnswer();
   };
   PI::_IDE_SMART_DATA data{};
   EXPECT_EQ(rig.m_Plugin.GetSmartData("/dev/sdh", data), PI::OK);
@@ -116,7 +116,7 @@ TEST_F(PropertiesTest, ConfigurationIsHandedOutAsItsDocumentSays) {
   EXPECT_EQ(operation.m_LogicalDrives[0].ToDocument().GetDoc(), m_Mirror.m_Configuration.GetDoc());
   const std::uint64_t size = m_Mirror.m_LogicalSize;
   PI::CLogicalDrive description;
-  m_Door.FailAt(ECall::Ioctl, 1, EIO);
+  m_System.FailAt(OS::ECall::Ioctl, 1, EIO);
   EXPECT_EQ(m_Plugin.GetLogicalDriveConfiguration(m_Mirror, description, m_Plugin.m_PhysicalDrives), 20003U);
   EXPECT_EQ(m_Mirror.m_LogicalSize, size) << "nothing changes before md answers";
 }

@@ -42,7 +42,7 @@ TEST(Qualification, TakesTwoVendorsAndFiveDriversAndNothingElse) {
 TEST(Qualification, NeedsAFolderInSysfsAndADriverThatIsLinked) {
   SBench bench;
   EXPECT_FALSE(bench.Qualifies("/sys/block/sdb/device")) << "the folder is not there";
-  bench.m_Door.FailAt(ECall::ReadLink, 1, EIO);
+  bench.m_System.FailAt(OS::ECall::ReadLink, 1, EIO);
   EXPECT_TRUE(bench.Qualifies()) << "the device's own link serves the trace alone";
   bench.m_Machine.SetFile(FOLDER + "/driver", "ahci");
   EXPECT_FALSE(bench.Qualifies());
@@ -196,7 +196,7 @@ TEST_F(ScanArrays, MdGetsFiveChancesToBecomeClean) {
   for (const auto& [failing, failures, dirty, slept, details] : cases) {
     const std::uint64_t start = m_Machine.Now();
     left = dirty;
-    m_Door.FailAt(ECall::Ioctl, failing, EIO, failures - 1);
+    m_System.FailAt(OS::ECall::Ioctl, failing, EIO, failures - 1);
     SScanned scan(m_Plugin);
     EXPECT_EQ(m_Machine.Now() - start, slept);
     EXPECT_EQ(scan.Array("md0").m_RaidLevel, details ? PI::LEVEL_RAID1 : PI::LEVEL_CONCATENATION);

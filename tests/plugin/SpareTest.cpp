@@ -35,7 +35,7 @@ TEST(Spare, IsMadeAndReleased) {
               missing);
     EXPECT_EQ(Model(rig.m_Plugin, drive), "1: 40098 40263 0 of 3, busy 1; 1: busy 0");
     EXPECT_EQ(Take(rig.m_Plugin.m_PrivateEvent), !missing) << "set by the operation";
-    EXPECT_THAT(rig.m_Door.OpenedForWriting(), ElementsAre("/dev/sdc"));
+    EXPECT_THAT(rig.m_System.OpenedForWriting(), ElementsAre("/dev/sdc"));
     EXPECT_EQ(SuperBlockOf(rig.m_Machine, drive).dev_number, 2U);
     EXPECT_EQ(ArrayInfo(rig.m_Machine, "md_d3").spare_disks, 1);
 
@@ -59,8 +59,8 @@ TEST(Spare, WhatMdRefusesIsWipedAndTheModelStays) {
     EXPECT_EQ(Make(rig.m_Plugin, disk), PI::ERR_DEVICE_IO);
     EXPECT_EQ(Model(rig.m_Plugin, drive), before);
     EXPECT_FALSE(Take(rig.m_Plugin.m_PrivateEvent));
-    EXPECT_THAT(rig.m_Door.OpenedForWriting(), ElementsAre(drive.DevicePath(), drive.DevicePath()));
-    const md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
+    EXPECT_THAT(rig.m_System.OpenedForWriting(), ElementsAre(drive.DevicePath(), drive.DevicePath()));
+    const Md::md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
     EXPECT_EQ(record.magic, 0U);
     EXPECT_EQ(record.max_dev, 0U);
   }
@@ -80,7 +80,7 @@ TEST(Spare, TakesOneArrayNumber) {
   for (const unsigned long unknown : {4UL, 0xFFFFFFFFUL})
     EXPECT_EQ(Make(rig.m_Plugin, "sdc", unknown), PI::ERR_NOT_AVAILABLE) << unknown;
   EXPECT_EQ(Release(rig.m_Plugin, "sdd"), PI::ERR_NOT_AVAILABLE) << "a free disk is no spare";
-  EXPECT_THAT(rig.m_Door.OpenedForWriting(), IsEmpty());
+  EXPECT_THAT(rig.m_System.OpenedForWriting(), IsEmpty());
   EXPECT_EQ(Make(rig.m_Plugin, "sdc", 0x100000003), PI::OK) << "read as 64 bits, used as 32";
 }
 
@@ -95,7 +95,7 @@ std::string Outcome(unsigned int code, const std::vector<mdu_disk_info_t>& disks
     EXPECT_EQ(Make(rig.m_Plugin, "sdc"), PI::OK);
     rig.m_Machine.Apply(R"({"remove_member": {"array": "md_d3", "disk": "sdc"}})");
   }
-  const std::size_t writes = rig.m_Door.OpenedForWriting().size();
+  const std::size_t writes = rig.m_System.OpenedForWriting().size();
   rig.m_Own.m_Changes.clear();
   for (const mdu_disk_info_t& disk : disks) rig.m_Own.m_Disks[disk.number] = disk;
   rig.m_Own.m_Array = [count](mdu_array_info_t& info) { info.raid_disks = count; };
@@ -104,9 +104,9 @@ std::string Outcome(unsigned int code, const std::vector<mdu_disk_info_t>& disks
   std::string text = Text("%d", Execute(rig.m_Plugin, id, Operation(code, 3)));
   for (const std::string& change : rig.m_Own.m_Changes) text += ", " + change;
   if (!spare) return text + "\n";
-  const md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
+  const Md::md_superblock1 record = SuperBlockOf(rig.m_Machine, drive);
   return text + Text("; written %d times; sdc is %d, %s superblock, number %d, role %d\n",
-                     rig.m_Door.OpenedForWriting().size() - writes, drive.m_Status,
+                     rig.m_System.OpenedForWriting().size() - writes, drive.m_Status,
                      IsSuperBlock(record) ? "a" : "no", record.dev_number,
                      record.dev_roles[record.dev_number]);
 }

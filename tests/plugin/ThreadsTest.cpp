@@ -20,9 +20,9 @@ namespace {
 const std::string MACHINE = DisksOf({65536, 65536, 65536, 65536}, MirrorOfTwo("md0"));
 
 /// What the poller does with its file, and select as it is told.
-struct EventPollTest : public testing::Test, public SRigOf<CHookedMachine> {
+struct EventPollTest : public testing::Test, public SRigOf<CHookedSystem> {
   EventPollTest() : SRigOf(MACHINE) {
-    m_Own.m_Hook = [this](const std::string& call) -> CHookedMachine::TAnswer {
+    m_Own.m_Hook = [this](const std::string& call) -> CHookedSystem::TAnswer {
       m_Steps += call == "close" && Take(m_Plugin.m_ForceWorker) ? "close too late, " : call + ", ";
       errno = EBADF;  // what a close may leave behind
       if (!call.starts_with("wait")) return {};
@@ -190,7 +190,7 @@ class CNoThreads {
 };
 
 TEST(Threads, ThatCannotBeHadAreToldOfAndStartedByTheNextCommand) {
-  SRigOf<> rig(MACHINE, CSimulatedMachine::EClock::Real);
+  SRigOf<> rig(MACHINE, Simulation::CSimulatedSystem::EClock::Real);
   const CTraceCapture log(0);
   {
     const CNoThreads none;
@@ -221,16 +221,16 @@ TEST(Threads, ARepeatedCommandAndThePassesDoNotMeetInTheDescription) {
 
 TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
   const CConfigFolder config;
-  CSimulatedMachine machine(MACHINE, CSimulatedMachine::EClock::Real);
-  CHookedMachine door(machine);
+  Simulation::CSimulatedSystem machine(MACHINE, Simulation::CSimulatedSystem::EClock::Real);
+  CHookedSystem door(machine);
   std::atomic<bool> sticks{false};
   std::atomic<bool> stuck{false};
-  door.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+  door.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
     while (call == "ioctl" && sticks) {
       stuck = true;
       std::this_thread::yield();  // unlike a sleep no cancellation point
     }
-    return call.starts_with("sleep") ? CHookedMachine::TAnswer(0) : std::nullopt;
+    return call.starts_with("sleep") ? CHookedSystem::TAnswer(0) : std::nullopt;
   };
   UseMachine(&door);
   IPLUGINAPI* plugin = nullptr;
@@ -255,11 +255,11 @@ TEST(Release, LeavesAnInstanceInPlaceThatAThreadStillUses) {
 }
 
 TEST(Udevadm, ThatHangsIsAskedOncePerPassAndAgainByTheNext) {
-  SRigOf<CHookedMachine> rig(MACHINE);
+  SRigOf<CHookedSystem> rig(MACHINE);
   const CTraceCapture log(0);
   std::size_t runs = 0;
   const auto answers =
-      std::exchange(rig.m_Own.m_Hook, [&](const std::string& call) -> CHookedMachine::TAnswer {
+      std::exchange(rig.m_Own.m_Hook, [&](const std::string& call) -> CHookedSystem::TAnswer {
         if (call != "run udevadm") return {};
         ++runs;
         return 130;  // out of time
@@ -293,7 +293,7 @@ TEST(Partitions, AreReadInLinearTime) {
   constexpr int ENTRIES = 200'000;
   for (int entry = 0; entry < ENTRIES; ++entry) text += " 8 " + std::to_string(entry) + " 1048576 sda\n";
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(ParsePartitions(text).size(), static_cast<std::size_t>(ENTRIES));
+  EXPECT_EQ(Md::ParsePartitions(text).size(), static_cast<std::size_t>(ENTRIES));
   // A fraction of a second; half a minute when each entry measures the rest of the text.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 15s);
 }

@@ -24,13 +24,13 @@ void WhileHeld(KVT::Threading::Native_OS::CFastMutex& lock, const std::function<
 const std::string QUIET = DisksOf({1048576, 1048576, 1048576, 1048576}, MirrorOfTwo("md0"));
 
 /// At its end nothing may be held.
-struct Worker : public testing::Test, public SRigOf<CHookedMachine> {
+struct Worker : public testing::Test, public SRigOf<CHookedSystem> {
   Worker() : SRigOf(QUIET) {}
 };
 
 TEST_F(Worker, AnUnchangingMachineAndAFailedScanLeaveTheModelAndBusyMarks) {
   bool starved = false;
-  m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+  m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
     if (starved && call == "open /proc/partitions") throw std::bad_alloc();
     return {};
   };
@@ -110,7 +110,7 @@ TEST_F(Worker, ABusyLockSkipsThePassAndTheFetchAndLeavesNothingHeld) {
 
 TEST_F(Worker, AStopIsSeenBetweenTwoDisks) {
   int asked = 0;
-  m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+  m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
     if (call == "run udevadm" && ++asked == 1) m_Plugin.m_StopRequest.Set();
     return {};
   };
@@ -123,7 +123,7 @@ TEST_F(Worker, AStopIsSeenBetweenTwoDisks) {
 TEST_F(Worker, ATurnThatFailsIsLostAndTheNextOneComes) {
   const unsigned long passes = m_Plugin.m_Plugin.m_UpdateCounter;
   bool failed = false;
-  m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+  m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
     if (call != "now") return {};
     (failed ? m_Plugin.m_StopRequest : m_Plugin.m_ForceWorker).Set();
     if (!std::exchange(failed, true)) throw std::runtime_error("no clock");
@@ -156,11 +156,11 @@ TEST_F(Worker, ProgressMovesOnWhileAPassRunsAndDocumentsOutliveAFailedQuery) {
       {"\tresync=DELAYED", 12, false, false}};
   for (const auto& [bar, progress, changed, watched] : cases) {
     SCOPED_TRACE(bar);
-    SRigOf<CHookedMachine> rig(QUIET);
+    SRigOf<CHookedSystem> rig(QUIET);
     const char* const before = "[==>..................]  recovery = 12.6% (1/2)";
     const char* again = before;
     int readings = 0;
-    rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedMachine::TAnswer {
+    rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
       if (call == "open /proc/mdstat")
         rig.m_Machine.SetFile("/proc/mdstat",
                               Text("md0 : active raid1 sdb[1] sda[0]\n  1 blocks super 1.0\n  %s\n\n",

@@ -58,20 +58,21 @@ unsigned int Create(CTestInstance& plugin, std::uint32_t level, std::uint32_t st
   return Execute(plugin, plugin.m_Adapter.m_ID, operation);
 }
 
-md_superblock1 SuperBlockOf(const CSimulatedMachine& machine, const CRVXPhysicalDrive& drive) {
+Md::md_superblock1 SuperBlockOf(const Simulation::CSimulatedSystem& machine, const CRVXPhysicalDrive& drive) {
   const std::string bytes =
-      machine.DiskBytes(drive.m_KernelName, SuperPosition(drive.m_Size), md_superblock1::SIZE);
-  md_superblock1 record;
+      machine.DiskBytes(drive.m_KernelName, Md::SuperPosition(drive.m_Size), Md::md_superblock1::SIZE);
+  Md::md_superblock1 record;
   std::memcpy(&record, bytes.data(), bytes.size());
   return record;
 }
 
-bool IsSuperBlock(const md_superblock1& superBlock) {
-  return superBlock.magic == md_superblock1::MAGIC && superBlock.sb_csum == SuperBlockChecksum(superBlock);
+bool IsSuperBlock(const Md::md_superblock1& superBlock) {
+  return superBlock.magic == Md::md_superblock1::MAGIC &&
+         superBlock.sb_csum == Md::SuperBlockChecksum(superBlock);
 }
 
-mdu_array_info_t ArrayInfo(COperatingSystem& machine, const std::string& name) {
-  const CDescriptor device(machine, "/dev/" + name, O_RDONLY);
+mdu_array_info_t ArrayInfo(OS::COperatingSystem& machine, const std::string& name) {
+  const OS::CDescriptor device(machine, "/dev/" + name, O_RDONLY);
   mdu_array_info_t info{};
   if (machine.Ioctl(device.Get(), GET_ARRAY_INFO, &info) < 0) throw std::out_of_range("no array " + name);
   return info;
@@ -83,7 +84,7 @@ bool Take(KVT::Threading::CEvent& event) {
   return set;
 }
 
-int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
+int CMdSystem::Ioctl(int descriptor, unsigned long request, void* argument) {
   static const std::map<unsigned long, const char*> changes = {
       {SET_ARRAY_INFO, "set"}, {ADD_NEW_DISK, "add"},       {RUN_ARRAY, "run"},
       {STOP_ARRAY, "stop"},    {HOT_REMOVE_DISK, "remove"}, {SET_DISK_FAULTY, "fail"}};
@@ -108,14 +109,14 @@ int CMdDoor::Ioctl(int descriptor, unsigned long request, void* argument) {
     disk = known->second;
     return 0;
   }
-  const int result = CForwardingMachine::Ioctl(descriptor, request, argument);
+  const int result = OS::CForwardingSystem::Ioctl(descriptor, request, argument);
   if (request == GET_ARRAY_INFO && result == 0 && m_Array) m_Array(*static_cast<mdu_array_info_t*>(argument));
   return result;
 }
 
-int CMdDoor::MakeNode(const std::string& path, mode_t mode, dev_t device) {
+int CMdSystem::MakeNode(const std::string& path, mode_t mode, dev_t device) {
   m_Changes.push_back(Text("node %s %o %d:%d", path, mode, major(device), minor(device)));
-  return CForwardingMachine::MakeNode(path, mode, device);
+  return OS::CForwardingSystem::MakeNode(path, mode, device);
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -25,17 +25,17 @@ unsigned int Check(CTestInstance& plugin, unsigned long id, PI::COperation opera
 unsigned int Create(CTestInstance& plugin, std::uint32_t level, std::uint32_t stripeSize,
                     const std::vector<std::string>& disks, std::size_t containers = 1);
 
-md_superblock1 SuperBlockOf(const CSimulatedMachine& machine, const CRVXPhysicalDrive& drive);
-bool IsSuperBlock(const md_superblock1& superBlock);
+Md::md_superblock1 SuperBlockOf(const Simulation::CSimulatedSystem& machine, const CRVXPhysicalDrive& drive);
+bool IsSuperBlock(const Md::md_superblock1& superBlock);
 /// md's own record of a running array.
-mdu_array_info_t ArrayInfo(COperatingSystem& machine, const std::string& name);
+mdu_array_info_t ArrayInfo(OS::COperatingSystem& machine, const std::string& name);
 
 bool Take(KVT::Threading::CEvent& event);
 
 /// Records what changes an array or makes a node, and answers some of md's requests in its place.
-class CMdDoor : public CForwardingMachine {
+class CMdSystem : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
 
   int Ioctl(int descriptor, unsigned long request, void* argument) override;
   int MakeNode(const std::string& path, mode_t mode, dev_t device) override;
@@ -51,6 +51,6 @@ class CMdDoor : public CForwardingMachine {
   std::uint64_t m_DiskQueries{0};
 };
 
-using SMdRig = SRigOf<CMdDoor>;
+using SMdRig = SRigOf<CMdSystem>;
 
 }  // namespace NAMESPACE_piRVX

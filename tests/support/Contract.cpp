@@ -16,7 +16,7 @@ using testing::MatchesRegex;
 
 TEST_F(CContract, BlockDevicesAreOpenedByTheirRules) {
   EXPECT_EQ(OpenError("/dev/no_such_disk", O_RDONLY), ENOENT);
-  const CDescriptor first(Os(), DiskPath(0), O_RDONLY | O_EXCL);
+  const OS::CDescriptor first(Os(), DiskPath(0), O_RDONLY | O_EXCL);
   EXPECT_EQ(OpenError(DiskPath(0), O_RDWR | O_EXCL), EBUSY);
   EXPECT_EQ(OpenError(DiskPath(0), O_RDONLY), 0) << "who asks for no exclusive access gets it";
 
@@ -30,7 +30,7 @@ TEST_F(CContract, BlockDevicesAreOpenedByTheirRules) {
 }
 
 TEST_F(CContract, DisksAreReadAndWritten) {
-  const CDescriptor file(Os(), DiskPath(0), O_RDWR);
+  const OS::CDescriptor file(Os(), DiskPath(0), O_RDWR);
   const std::string text = "here and there";
   const auto size = static_cast<ssize_t>(text.size());
   std::string read(text.size(), '\0');
@@ -42,20 +42,20 @@ TEST_F(CContract, DisksAreReadAndWritten) {
   EXPECT_EQ(read, text);
 
   EXPECT_EQ(ErrorOf(Os().Seek(file.Get(), -1)), EINVAL);
-  const CDescriptor readOnly(Os(), DiskPath(1), O_RDONLY);
+  const OS::CDescriptor readOnly(Os(), DiskPath(1), O_RDONLY);
   EXPECT_EQ(ErrorOf(Os().Write(readOnly.Get(), text.data(), text.size())), EBADF);
 }
 
 TEST_F(CContract, SmartDataIsReadFromAtaDisksAndRequestsThatDoNotBelongAreRefused) {
   std::array<unsigned char, 516> command{WIN_SMART, 0, 0xD0, 1};
-  const CDescriptor disk(Os(), DiskPath(0), O_RDONLY);
+  const OS::CDescriptor disk(Os(), DiskPath(0), O_RDONLY);
   ASSERT_EQ(Os().Ioctl(disk.Get(), HDIO_DRIVE_CMD, command.data()), 0) << std::strerror(errno);
   EXPECT_EQ(std::accumulate(command.begin() + 4, command.end(), 0U) % 256, 0U) << "the block's checksum";
   EXPECT_NE(command[6], 0) << "the first attribute";
 
   mdu_array_info_t info{};
   EXPECT_EQ(ErrorOf(Os().Ioctl(disk.Get(), GET_ARRAY_INFO, &info)), ENOTTY);
-  const CDescriptor text(Os(), "/proc/mdstat", O_RDONLY);
+  const OS::CDescriptor text(Os(), "/proc/mdstat", O_RDONLY);
   EXPECT_EQ(ErrorOf(Os().Ioctl(text.Get(), STOP_ARRAY, nullptr)), ENOTTY);
   OpenArray();
   EXPECT_EQ(Request(HDIO_DRIVE_CMD, command.data()), ENOTTY);
@@ -97,7 +97,7 @@ TEST_F(CContract, SysfsDescribesADisk) {
   EXPECT_THAT(Os().ReadLink(folder + "/device").value_or(""),
               MatchesRegex("\\.\\./\\.\\./\\.\\./[0-9]+:[0-9]+:[0-9]+:[0-9]+"));
 
-  const CDescriptor directory(Os(), folder + "/device", O_RDONLY);
+  const OS::CDescriptor directory(Os(), folder + "/device", O_RDONLY);
   ASSERT_TRUE(directory.IsOpen()) << "a folder can be opened, which is how its existence is tested";
   char byte = 0;
   EXPECT_EQ(ErrorOf(Os().Read(directory.Get(), &byte, 1)), EISDIR);

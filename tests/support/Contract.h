@@ -1,6 +1,6 @@
 #pragma once
 /// @file
-/// What the plug-in relies on from the system below it, as tests that run on any COperatingSystem: on the
+/// What the plug-in relies on from the system below it, as tests that run on any OS::COperatingSystem: on the
 /// simulated machine everywhere, and on Linux with three scratch disks (rvx_contract in the virtual machine).
 /// Passing on both is what keeps the simulation true to the kernel.
 
@@ -27,7 +27,7 @@ namespace NAMESPACE_piRVX {
 
 /// A machine to test.
 struct SContractMachine {
-  std::unique_ptr<COperatingSystem> m_Os;
+  std::unique_ptr<OS::COperatingSystem> m_Os;
   /// Three disks that nothing uses and that are overwritten, by kernel name; the first on an AHCI controller.
   std::vector<std::string> m_Disks;
 };
@@ -49,13 +49,13 @@ class CContract : public testing::Test {
  protected:
   void TearDown() override;
 
-  COperatingSystem& Os() { return *m_Machine.m_Os; }
+  OS::COperatingSystem& Os() { return *m_Machine.m_Os; }
   const std::string& Disk(std::size_t index) const { return m_Machine.m_Disks.at(index); }
   std::string DiskPath(std::size_t index) const { return "/dev/" + Disk(index); }
   dev_t DiskDevice(std::size_t index);
   /// Sectors of the disk, and of a superblock's place on it.
   std::uint64_t Sectors(std::size_t index) { return 2 * BlocksOf(Disk(index)); }
-  std::uint64_t SuperSector(std::size_t index) { return SuperOffset(BlocksOf(Disk(index))); }
+  std::uint64_t SuperSector(std::size_t index) { return Md::SuperOffset(BlocksOf(Disk(index))); }
 
   /// What a call that answers -1 left in errno; 0 for other answers.
   static int ErrorOf(std::int64_t answer) { return answer == -1 ? errno : 0; }
@@ -63,19 +63,21 @@ class CContract : public testing::Test {
   int OpenError(const std::string& path, int flags);
   /// True when the disk can be opened exclusively.
   bool IsFree(std::size_t disk) { return OpenError(DiskPath(disk), O_RDONLY | O_EXCL) == 0; }
-  std::string Text(const std::string& path) { return ReadText(Os(), path).value_or("(cannot be read)"); }
+  std::string Text(const std::string& path) { return OS::ReadText(Os(), path).value_or("(cannot be read)"); }
   static std::vector<std::string> Lines(const std::string& text);
   std::uint64_t BlocksOf(const std::string& name);
-  unsigned int MdpMajor() { return static_cast<unsigned int>(ParseMdMajor(Text("/proc/devices"))); }
+  unsigned int MdpMajor() { return static_cast<unsigned int>(Md::ParseMdMajor(Text("/proc/devices"))); }
 
   /// A disk's superblock for an array, sealed by its checksum.
-  md_superblock1 Superblock(std::size_t disk, const SArrayPlan& plan);
-  static void Seal(md_superblock1& superblock) { superblock.sb_csum = SuperBlockChecksum(superblock); }
+  Md::md_superblock1 Superblock(std::size_t disk, const SArrayPlan& plan);
+  static void Seal(Md::md_superblock1& superblock) {
+    superblock.sb_csum = Md::SuperBlockChecksum(superblock);
+  }
   /// The same with four of its bytes changed.
-  md_superblock1 Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset, std::uint32_t value,
-                         bool sealed = true);
+  Md::md_superblock1 Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset,
+                             std::uint32_t value, bool sealed = true);
   /// Writes it to its place.
-  void WriteSuper(std::size_t disk, const md_superblock1& superblock);
+  void WriteSuper(std::size_t disk, const Md::md_superblock1& superblock);
   /// A fresh array device, opened. The one before is stopped and closed, as at the test's end.
   void OpenArray();
   const std::string& Name() const { return m_Name; }

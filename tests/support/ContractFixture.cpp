@@ -24,7 +24,7 @@ dev_t CContract::DiskDevice(std::size_t index) {
 }
 
 int CContract::OpenError(const std::string& path, int flags) {
-  const CDescriptor file(Os(), path, flags);
+  const OS::CDescriptor file(Os(), path, flags);
   return file.IsOpen() ? 0 : errno;
 }
 
@@ -36,19 +36,19 @@ std::vector<std::string> CContract::Lines(const std::string& text) {
 }
 
 std::uint64_t CContract::BlocksOf(const std::string& name) {
-  for (const SPartition& entry : ParsePartitions(Text("/proc/partitions")))
+  for (const Md::SPartition& entry : Md::ParsePartitions(Text("/proc/partitions")))
     if (entry.m_Name == name) return entry.m_Blocks;
   return 0;
 }
 
-md_superblock1 CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {
+Md::md_superblock1 CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {
   mdu_array_info_t info{};
   info.level = plan.m_Level;
   info.size = static_cast<int>(plan.m_Size / 2);
   info.chunk_size = static_cast<int>(plan.m_Chunk * 512);
   info.raid_disks = static_cast<int>(plan.m_RaidDisks);
   info.state = plan.m_Clean ? 1 << MD_SB_CLEAN : 0;
-  md_superblock1 record = NewSuperBlock(info, "contract", {1}, 1700000000);
+  Md::md_superblock1 record = Md::NewSuperBlock(info, "contract", {1}, 1700000000);
   const std::uint64_t usable = SuperSector(disk) - 256;
   record.data_size = plan.m_DataSize != 0 ? plan.m_DataSize
                      : plan.m_Chunk == 0  ? usable
@@ -61,16 +61,16 @@ md_superblock1 CContract::Superblock(std::size_t disk, const SArrayPlan& plan) {
   return record;
 }
 
-md_superblock1 CContract::Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset,
-                                  std::uint32_t value, bool sealed) {
-  md_superblock1 record = Superblock(disk, plan);
+Md::md_superblock1 CContract::Changed(std::size_t disk, const SArrayPlan& plan, std::size_t offset,
+                                      std::uint32_t value, bool sealed) {
+  Md::md_superblock1 record = Superblock(disk, plan);
   std::memcpy(reinterpret_cast<char*>(&record) + offset, &value, sizeof(value));
   if (sealed) Seal(record);
   return record;
 }
 
-void CContract::WriteSuper(std::size_t disk, const md_superblock1& superblock) {
-  const CDescriptor file(Os(), DiskPath(disk), O_RDWR | O_EXCL);
+void CContract::WriteSuper(std::size_t disk, const Md::md_superblock1& superblock) {
+  const OS::CDescriptor file(Os(), DiskPath(disk), O_RDWR | O_EXCL);
   const auto position = static_cast<std::int64_t>(SuperSector(disk) * 512);
   ASSERT_TRUE(file.IsOpen()) << DiskPath(disk) << ": " << std::strerror(errno);
   ASSERT_EQ(Os().Seek(file.Get(), position), position);

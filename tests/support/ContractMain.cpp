@@ -13,7 +13,7 @@ std::vector<std::string> s_Disks;
 }  // namespace
 
 NAMESPACE_piRVX::SContractMachine NAMESPACE_piRVX::MakeContractMachine() {
-  return {std::make_unique<CLinux>(), s_Disks};
+  return {std::make_unique<OS::CLinux>(), s_Disks};
 }
 
 int main(int argc, char** argv) {

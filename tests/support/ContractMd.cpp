@@ -148,7 +148,7 @@ TEST_F(CContract, MembersThatDoNotFitAreRefused) {
   mdu_disk_info_t nowhere{};
   nowhere.major = 240;
   EXPECT_EQ(Request(ADD_NEW_DISK, &nowhere), ENXIO);
-  const CDescriptor held(Os(), DiskPath(1), O_RDONLY | O_EXCL);
+  const OS::CDescriptor held(Os(), DiskPath(1), O_RDONLY | O_EXCL);
   EXPECT_EQ(AddDisk(1), EBUSY);
 }
 
@@ -216,7 +216,7 @@ TEST_F(CContract, AFailedMemberCanBeTakenBackAndTheLastOneDoesNotFail) {
 TEST_F(CContract, WhatIsStoppedInOrderIsAssembledFromItsSuperblocks) {
   ASSERT_EQ(Create({.m_Size = 4096}), 0);
   {
-    const CDescriptor other(Os(), "/dev/" + Name(), O_RDONLY);
+    const OS::CDescriptor other(Os(), "/dev/" + Name(), O_RDONLY);
     ASSERT_TRUE(other.IsOpen());
     EXPECT_EQ(Request(STOP_ARRAY), EBUSY) << "somebody has it open";
     EXPECT_FALSE(IsFree(0));
@@ -246,18 +246,18 @@ TEST_F(CContract, AMemberThatMissedSomethingIsLeftOut) {
 
 TEST_F(CContract, WaitingOnMdstatEndsWithTheNextChange) {
   for (const char* quiet : {"/proc/mdstat", "/proc/partitions"})
-    EXPECT_EQ(Os().WaitExceptional(CDescriptor(Os(), quiet, O_RDONLY).Get(), 100), 0)
+    EXPECT_EQ(Os().WaitExceptional(OS::CDescriptor(Os(), quiet, O_RDONLY).Get(), 100), 0)
         << "what was before the opening does not count";
   EXPECT_EQ(ErrorOf(Os().WaitExceptional(-1, 50)), EBADF);
 
-  const CDescriptor before(Os(), "/proc/mdstat", O_RDONLY);
+  const OS::CDescriptor before(Os(), "/proc/mdstat", O_RDONLY);
   ASSERT_EQ(Create({.m_Size = SuperSector(0) - 256, .m_Clean = false}), 0);
   EXPECT_EQ(Os().WaitExceptional(before.Get(), 60000), 1);
   EXPECT_EQ(Os().WaitExceptional(before.Get(), 60000), 1) << "it stays until the file is read";
   // The resync that runs now ends by itself, which wakes a thread that waits already.
   bool woken = false;
   ASSERT_TRUE(Eventually([&] {
-    const CDescriptor file(Os(), "/proc/mdstat", O_RDONLY);
+    const OS::CDescriptor file(Os(), "/proc/mdstat", O_RDONLY);
     if (MdStat().find("resync") == std::string::npos) return true;
     woken = Os().WaitExceptional(file.Get(), 60000) == 1 || woken;
     return false;
@@ -265,7 +265,7 @@ TEST_F(CContract, WaitingOnMdstatEndsWithTheNextChange) {
   EXPECT_TRUE(woken);
   for (const unsigned long request :
        {static_cast<unsigned long>(SET_DISK_FAULTY), static_cast<unsigned long>(STOP_ARRAY)}) {
-    const CDescriptor file(Os(), "/proc/mdstat", O_RDONLY);
+    const OS::CDescriptor file(Os(), "/proc/mdstat", O_RDONLY);
     ASSERT_EQ(request == STOP_ARRAY ? Request(STOP_ARRAY) : Device(SET_DISK_FAULTY, DiskDevice(1)), 0);
     EXPECT_EQ(Os().WaitExceptional(file.Get(), 60000), 1);
     ASSERT_TRUE(request == STOP_ARRAY || Eventually([&] { return Member(1).first == -1; }));

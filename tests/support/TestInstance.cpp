@@ -2,17 +2,17 @@
 
 #include <thread>
 
-#include "system/TheMachine.h"
+#include "system/TheSystem.h"
+
+namespace {
+OS::COperatingSystem* s_Machine = nullptr;
+}
+
+OS::COperatingSystem& OS::TheSystem() { return *s_Machine; }
 
 namespace NAMESPACE_piRVX {
 
-namespace {
-COperatingSystem* s_Machine = nullptr;
-}
-
-void UseMachine(COperatingSystem* machine) { s_Machine = machine; }
-
-COperatingSystem& TheMachine() { return *s_Machine; }
+void UseMachine(OS::COperatingSystem* machine) { s_Machine = machine; }
 
 bool CTestInstance::IsFree(KVT::Threading::Native_OS::CFastMutex& lock) {
   bool free = false;

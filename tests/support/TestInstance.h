@@ -10,14 +10,14 @@
 #include <vector>
 
 #include "Src/piRVXPlugin.h"
-#include "simulator/SimulatedMachine.h"
-#include "tests/support/FaultyMachine.h"
+#include "simulator/SimulatedSystem.h"
+#include "tests/support/FaultySystem.h"
 #include "tests/support/TraceCapture.h"
 
 namespace NAMESPACE_piRVX {
 
 /// The machine that createIf uses in the tests.
-void UseMachine(COperatingSystem* machine);
+void UseMachine(OS::COperatingSystem* machine);
 
 /// A configuration folder of its own for as long as it lives; ZQ_CONFIG_DIR names it.
 struct CConfigFolder {
@@ -124,10 +124,10 @@ class CNotificationCounter : public INotificationTarget {
 
 /// A simulated machine, a door of the test's own in front of it, a door that fails calls, and an instance
 /// before command 1. Whatever a test does, nothing may be open or held at its end.
-template <class TDoor = CForwardingMachine>
+template <class TDoor = OS::CForwardingSystem>
 struct SBareRig {
-  explicit SBareRig(const std::string& description = CSimulatedMachine::DemoDescription(),
-                    CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
+  explicit SBareRig(const std::string& description = Simulation::CSimulatedSystem::DemoDescription(),
+                    Simulation::CSimulatedSystem::EClock clock = Simulation::CSimulatedSystem::EClock::Manual)
       : m_Machine(description, clock) {}
   ~SBareRig() {
     EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
@@ -136,18 +136,18 @@ struct SBareRig {
   }
 
   CConfigFolder m_Config;
-  CSimulatedMachine m_Machine;
+  Simulation::CSimulatedSystem m_Machine;
   TDoor m_Own{m_Machine};
-  CFaultyMachine m_Door{m_Own};
-  CTestInstance m_Plugin{m_Door};
+  CFaultySystem m_System{m_Own};
+  CTestInstance m_Plugin{m_System};
   CNotificationCounter m_Notifications{m_Plugin};
 };
 
 /// The same after command 1.
-template <class TDoor = CForwardingMachine>
+template <class TDoor = OS::CForwardingSystem>
 struct SRigOf : public SBareRig<TDoor> {
-  explicit SRigOf(const std::string& description = CSimulatedMachine::DemoDescription(),
-                  CSimulatedMachine::EClock clock = CSimulatedMachine::EClock::Manual)
+  explicit SRigOf(const std::string& description = Simulation::CSimulatedSystem::DemoDescription(),
+                  Simulation::CSimulatedSystem::EClock clock = Simulation::CSimulatedSystem::EClock::Manual)
       : SBareRig<TDoor>(description, clock) {
     if (this->m_Plugin.Begin() != PI::OK) throw std::runtime_error("the plug-in does not initialise");
   }
@@ -160,7 +160,8 @@ using SRig = SRigOf<>;
 
 /// Both threads on a machine that follows the wall clock.
 struct SLiveRig : public SRigOf<> {
-  explicit SLiveRig(const std::string& description) : SRigOf(description, CSimulatedMachine::EClock::Real) {
+  explicit SLiveRig(const std::string& description)
+      : SRigOf(description, Simulation::CSimulatedSystem::EClock::Real) {
     m_Plugin.StartThreads();
   }
   ~SLiveRig() { m_Plugin.Execute(PI::CMD_DEINITIALIZE, 0, nullptr); }

@@ -11,7 +11,7 @@ namespace {
 
 TEST(Members, AsMdTellsOfThemDecideWhatWalksFind) {
   std::vector<mdu_disk_info_s> full;
-  for (int number = 0; number < MAX_MEMBERS; ++number) full.push_back({number, 8, 16, 1, 6});
+  for (int number = 0; number < Md::MAX_MEMBERS; ++number) full.push_back({number, 8, 16, 1, 6});
   // How many md counts, what it tells of each (number, major, minor, slot, state), and what that is: numbers
   // of the faulty and the rebuilding member, minor of a working one, the free number, and whether 8:32 has no
   // slot.
@@ -44,19 +44,21 @@ TEST(Members, AsMdTellsOfThemDecideWhatWalksFind) {
       {2, {{383, 8, 0, 0, 6}}, "faulty -, rebuilding -, working 0, free 0, 0"},
       {2, {{383, 8, 32, 0, 1}}, "faulty 383, rebuilding 383, working -, free 0, 0"}};
   for (const auto& [count, told, found] : cases) {
-    std::vector<TMdDisk> disks(MAX_MEMBERS);
+    std::vector<Md::TDisk> disks(Md::MAX_MEMBERS);
     for (const mdu_disk_info_s& disk : told) disks[static_cast<std::size_t>(disk.number)] = disk;
     std::string seen;
     const auto look = [&](const mdu_disk_info_s& disk) { seen += Text("%d ", disk.number); };
     const auto name = [](const char* what, const std::optional<int>& number) {
       return number ? Text("%s %d, ", what, *number) : Text("%s -, ", what);
     };
-    const auto number = [](const TMdDisk& disk) { return disk ? std::optional(disk->number) : std::nullopt; };
-    const TMdDisk working = FindWorkingMember(disks, count);
-    EXPECT_EQ(name("faulty", number(FindFaultyMember(disks, count, look))) +
-                  name("rebuilding", number(FindRebuildingMember(disks, count, look))) +
+    const auto number = [](const Md::TDisk& disk) {
+      return disk ? std::optional(disk->number) : std::nullopt;
+    };
+    const Md::TDisk working = Md::FindWorkingMember(disks, count);
+    EXPECT_EQ(name("faulty", number(Md::FindFaultyMember(disks, count, look))) +
+                  name("rebuilding", number(Md::FindRebuildingMember(disks, count, look))) +
                   name("working", working ? std::optional(working->minor) : std::nullopt) +
-                  name("free", FindFreeNumber(disks)) + Text("%d", IsWithoutSlot(disks, 8, 32)),
+                  name("free", Md::FindFreeNumber(disks)) + Text("%d", Md::IsWithoutSlot(disks, 8, 32)),
               found);
     EXPECT_FALSE(seen.empty());
   }

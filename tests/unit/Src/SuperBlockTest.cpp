@@ -26,7 +26,7 @@ TEST(SuperBlock, LiesOnTheDiskWordByWord) {
   info.chunk_size = 131072;
   info.raid_disks = 3;
   info.state = 2;
-  md_superblock1 record = NewSuperBlock(info, "md_d0", UUID, 0x0000000512345678);
+  Md::md_superblock1 record = Md::NewSuperBlock(info, "md_d0", UUID, 0x0000000512345678);
   record.data_size = 0x2132435465768798;
   // Little-endian; fields of four bytes come in pairs. Of the rest, the head is 0 and the roles are spare.
   std::string words;
@@ -40,7 +40,7 @@ TEST(SuperBlock, LiesOnTheDiskWordByWord) {
             "72: 1020304ffffffff, 80: 1dcf00, 88: 300000100, 136: 2132435465768798, 192: 512345678, 200: 1, "
             "216: 18000000000, 256: ffff000200010000, ");
   info.state = 1;
-  EXPECT_EQ(NewSuperBlock(info, "", UUID, 0).resync_offset, ~std::uint64_t{0}) << "clean: in sync";
+  EXPECT_EQ(Md::NewSuperBlock(info, "", UUID, 0).resync_offset, ~std::uint64_t{0}) << "clean: in sync";
   std::string text = "UUID ";
   CTestInstance::UUID2String(UUID.data(), text);
   EXPECT_EQ(text, "UUID 0a1b2c3d:4e5f6071:8293a4b5:c6d7e8f9");
@@ -49,7 +49,7 @@ TEST(SuperBlock, LiesOnTheDiskWordByWord) {
 TEST(SuperBlock, DoublesTheSizeIn32BitsAndKeepsThirtyOneCharactersOfTheName) {
   mdu_array_info_s info{};
   info.size = 0x40000000;
-  const md_superblock1 record = NewSuperBlock(info, std::string(40, 'n'), UUID, 0);
+  const Md::md_superblock1 record = Md::NewSuperBlock(info, std::string(40, 'n'), UUID, 0);
   EXPECT_EQ(record.size, 0xFFFFFFFF80000000) << "1 TiB and above come out wrong";
   EXPECT_EQ(std::string(record.set_name), std::string(31, 'n'));
   EXPECT_EQ(record.ctime, 0U) << "the name runs over";
@@ -61,11 +61,11 @@ TEST(SuperBlock, WriterAndReaderAgreeOnThePlaceForEverySize) {
       const std::uint64_t size = (std::uint64_t{1} << bit) + more;
       // 8 to 12 KiB before the end on a 4 KiB boundary, and the room for data in front of it.
       const std::uint64_t position = (size * 1024 - 8192) / 4096 * 4096;
-      ASSERT_TRUE(SuperOffset(size) * 512 == position && SuperPosition(size) == position) << size;
-      ASSERT_EQ(UsableSize(size), position / 1024 - 128) << size;
+      ASSERT_TRUE(Md::SuperOffset(size) * 512 == position && Md::SuperPosition(size) == position) << size;
+      ASSERT_EQ(Md::UsableSize(size), position / 1024 - 128) << size;
     }
-  EXPECT_EQ(DataSize(1999984, 128), 1999616U) << "whole chunks";
-  EXPECT_EQ(DataSize((std::uint64_t{1} << 33) + 264, 128), std::uint64_t{1} << 33) << "beyond 2 TiB";
+  EXPECT_EQ(Md::DataSize(1999984, 128), 1999616U) << "whole chunks";
+  EXPECT_EQ(Md::DataSize((std::uint64_t{1} << 33) + 264, 128), std::uint64_t{1} << 33) << "beyond 2 TiB";
 }
 
 TEST(SuperBlock, ChecksumFollowsTheNumberOfRolesWithinTheRecord) {
@@ -73,9 +73,9 @@ TEST(SuperBlock, ChecksumFollowsTheNumberOfRolesWithinTheRecord) {
   TBytes bytes;
   for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(random());
   for (const auto& [roles, length] : {std::pair{1U, 258U}, {2U, 260U}, {384U, 1024U}, {385U, 1024U}}) {
-    auto record = std::bit_cast<md_superblock1>(bytes);
+    auto record = std::bit_cast<Md::md_superblock1>(bytes);
     record.max_dev = roles;
-    const std::uint32_t checksum = SuperBlockChecksum(record);
+    const std::uint32_t checksum = Md::SuperBlockChecksum(record);
     record.sb_csum = 0;
     // The rule in other words: little-endian words, carries folded in once.
     std::uint64_t sum = 0;

@@ -16,7 +16,7 @@ const std::string HEADING = "major minor  #blocks  name\n\n";
 /// "8:0 1024 sda; 8:1 ..." for what was understood of /proc/partitions.
 std::string Understood(const std::string& text) {
   std::string result;
-  for (const SPartition& entry : ParsePartitions(text))
+  for (const Md::SPartition& entry : Md::ParsePartitions(text))
     result += Text("%d:%d %d %s; ", entry.m_Major, entry.m_Minor, entry.m_Blocks, entry.m_Name);
   return result;
 }
@@ -37,8 +37,9 @@ TEST(PartitionsTable, IsReadUpToTheFirstLineThatIsNone) {
 }
 
 TEST(Devices, OnlyTheBlockSectionTellsTheMajorOfPartitionableArrays) {
-  EXPECT_EQ(ParseMdMajor("Character devices:\n 77 mdp\n\nBlock devices:\n  9 md\n253 mdp\n254 vd\n"), 253);
-  EXPECT_EQ(ParseMdMajor("Block devices:\n253 mdpx\n252 xmdp\n0x253 mdp\n mdp\n"), -1);
+  EXPECT_EQ(Md::ParseMdMajor("Character devices:\n 77 mdp\n\nBlock devices:\n  9 md\n253 mdp\n254 vd\n"),
+            253);
+  EXPECT_EQ(Md::ParseMdMajor("Block devices:\n253 mdpx\n252 xmdp\n0x253 mdp\n mdp\n"), -1);
 }
 
 TEST(UdevRecord, TheHostPathEndsInFrontOfThePort) {
@@ -51,18 +52,18 @@ TEST(UdevRecord, TheHostPathEndsInFrontOfThePort) {
       {{"P: /devices/x/ata1/block/sda", "P: /devices/second"}, "/sys/devices/x/ata1/block/sda"},
       {{std::string("P: /devices/0000:03:00.0\0/host2", 32)}, "/sys/devices/0000:03:00.0"},
       {{" P: /devices/blank", "E: DEVPATH=/devices/pci0000:00"}, ""}};
-  for (const auto& [lines, path] : cases) EXPECT_EQ(HostPathOfRecord(lines), path);
+  for (const auto& [lines, path] : cases) EXPECT_EQ(Md::HostPathOfRecord(lines), path);
 }
 
 TEST(Names, TellDisksAndArraysFromAllElse) {
-  for (const char* name : {"sda", "hdc", "sdzz"}) EXPECT_TRUE(IsDiskName(name)) << name;
+  for (const char* name : {"sda", "hdc", "sdzz"}) EXPECT_TRUE(Md::IsDiskName(name)) << name;
   for (const char* name : {"", "sd", "sdaaa", "sda1", "sdA", "vda", "xsda", "nvme0n1", "sda\n"})
-    EXPECT_FALSE(IsDiskName(name)) << name;
+    EXPECT_FALSE(Md::IsDiskName(name)) << name;
   for (const auto& [name, number] :
        {std::pair{"md0", 0U}, {"md_d63", 63U}, {"md007", 7U}, {"md2147483647", 2147483647U}})
-    EXPECT_EQ(ArrayNumber(name), number) << name;
+    EXPECT_EQ(Md::ArrayNumber(name), number) << name;
   for (const char* name : {"md", "md_d", "md0p1", "md_d0p1", "mdt", "md_0", "xmd0", "md-1", "md2147483648"})
-    EXPECT_EQ(ArrayNumber(name), std::nullopt) << name;
+    EXPECT_EQ(Md::ArrayNumber(name), std::nullopt) << name;
 }
 
 TEST(Progress, IsBelievedOnlyBehindABar) {
@@ -76,7 +77,7 @@ TEST(Progress, IsBelievedOnlyBehindABar) {
       {"[==>..................]  check = 12.6%\n", "none"},
       {"      \tresync=DELAYED\n", "none"}};
   for (const auto& [line, expected] : cases) {
-    const auto progress = ParseProgress(line);
+    const auto progress = Md::ParseProgress(line);
     EXPECT_EQ(
         progress ? Text("%s %d", progress->m_Resync ? "resync" : "rebuild", progress->m_Percent) : "none",
         expected);
@@ -87,14 +88,14 @@ TEST(Progress, LinesAreFoundByAnyTextThatContainsTheName) {
   const std::string mdstat =
       "md10 : active raid1 sdb[1] sda[0]\nblocks of 10\nbar of 10\n\n"
       "md1 : active raid1 sdd[1] sdc[0]\nblocks of 1\nbar of 1\n\n";
-  EXPECT_THAT(ProgressLines(mdstat, "md1"), ElementsAre("bar of 10\n", "bar of 1\n"));
-  EXPECT_THAT(ProgressLines("md1 : active\nblocks", "md1"), IsEmpty());
+  EXPECT_THAT(Md::ProgressLines(mdstat, "md1"), ElementsAre("bar of 10\n", "bar of 1\n"));
+  EXPECT_THAT(Md::ProgressLines("md1 : active\nblocks", "md1"), IsEmpty());
   // A line that is longer than one read comes in pieces, and each piece counts as a line.
-  const std::string wide = "md1 : active raid1 " + std::string(MDSTAT_READ, '#') + "\nblocks\nbar\n";
-  EXPECT_THAT(ProgressLines(wide, "md1"), ElementsAre("blocks\n"));
-  EXPECT_EQ(FirstLine("0x8086\nmore", 255), "0x8086\n");
-  EXPECT_EQ(FirstLine("0x8086", 3), "0x8");
-  EXPECT_EQ(WithoutLast(""), "");
+  const std::string wide = "md1 : active raid1 " + std::string(Md::MDSTAT_READ, '#') + "\nblocks\nbar\n";
+  EXPECT_THAT(Md::ProgressLines(wide, "md1"), ElementsAre("blocks\n"));
+  EXPECT_EQ(Md::FirstLine("0x8086\nmore", 255), "0x8086\n");
+  EXPECT_EQ(Md::FirstLine("0x8086", 3), "0x8");
+  EXPECT_EQ(Md::WithoutLast(""), "");
 }
 
 }  // namespace

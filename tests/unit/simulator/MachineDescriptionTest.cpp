@@ -2,11 +2,9 @@
 #include <gmock/gmock.h>
 
 #include "simulator/DescriptionFile.h"
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 #include "system/Descriptor.h"
 #include "tests/support/TemporaryFolder.h"
-
-using namespace NAMESPACE_piRVX;
 
 namespace {
 
@@ -21,7 +19,9 @@ std::string Array(const std::string& keys) { return Machine("", ", \"arrays\": [
 std::string Script(const std::string& entries) { return Machine("", ", \"script\": [" + entries + "]"); }
 
 /// A call that ends with the error whose message has this text.
-auto Complains(const char* text) { return testing::ThrowsMessage<CMachineError>(testing::HasSubstr(text)); }
+auto Complains(const char* text) {
+  return testing::ThrowsMessage<Simulation::CMachineError>(testing::HasSubstr(text));
+}
 
 TEST(MachineDescription, ComplaintsNameThePlace) {
   const std::pair<std::string, const char*> cases[] = {
@@ -42,19 +42,19 @@ TEST(MachineDescription, ComplaintsNameThePlace) {
       {Script(R"({"at": 2, "hold_disk": "sdb", "remove_disk": "sdb"})"), "one entry makes one change"},
   };
   for (const auto& [description, complaint] : cases)
-    EXPECT_THAT([text = description] { CSimulatedMachine machine(text); }, Complains(complaint));
+    EXPECT_THAT([text = description] { Simulation::CSimulatedSystem machine(text); }, Complains(complaint));
 }
 
 TEST(MachineDescription, AnEqualMachineComesBack) {
   const std::string everyKey =
       Simulation::ReadDescription(RVX_SOURCE_DIR "/tests/fuzz/corpus/Machine/every_key.json");
-  for (const std::string& description : {CSimulatedMachine::DemoDescription(), everyKey}) {
-    CSimulatedMachine first(description);
+  for (const std::string& description : {Simulation::CSimulatedSystem::DemoDescription(), everyKey}) {
+    Simulation::CSimulatedSystem first(description);
     first.Apply(R"({"remove_disk": "sdb"})");  // what is scripted for it is impossible from now on
     first.Advance(3);
-    CSimulatedMachine second(first.Describe());
+    Simulation::CSimulatedSystem second(first.Describe());
     for (const char* file : {"/proc/mdstat", "/proc/partitions"})
-      EXPECT_EQ(*ReadText(first, file), *ReadText(second, file));
+      EXPECT_EQ(*OS::ReadText(first, file), *OS::ReadText(second, file));
     first.Advance(1000000);
     second.Advance(1000000);
     EXPECT_EQ(first.Describe(), second.Describe()) << "and goes on as the first one does";

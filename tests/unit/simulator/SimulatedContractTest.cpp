@@ -1,6 +1,6 @@
 #include <cstring>
 
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 #include "tests/support/Contract.h"
 
 namespace NAMESPACE_piRVX {
@@ -13,7 +13,7 @@ SContractMachine MakeContractMachine() {
       {"name": "sda", "controller": "sata", "size": 10240, "smart": {"attributes": [{"id": 9, "raw": 77}]}},
       {"name": "sdb", "controller": "sata", "size": 10240},
       {"name": "sdc", "controller": "sata", "size": 12288}]})";
-  return {std::make_unique<CSimulatedMachine>(MACHINE, CSimulatedMachine::EClock::Real),
+  return {std::make_unique<Simulation::CSimulatedSystem>(MACHINE, Simulation::CSimulatedSystem::EClock::Real),
           {"sda", "sdb", "sdc"}};
 }
 
@@ -35,13 +35,14 @@ TEST_F(CContract, SuperblocksThatMakeNoArrayAreRefused) {
     ASSERT_EQ(SetArrayInfo(), 0);
     WriteSuper(0, Superblock(0, {.m_Size = 2048}));
     ASSERT_EQ(AddDisk(0), 0);
-    md_superblock1 record = Changed(1, {.m_Size = 2048, .m_Events = 2}, offset, value);
+    Md::md_superblock1 record = Changed(1, {.m_Size = 2048, .m_Events = 2}, offset, value);
     if (offset == 220) std::memset(record.dev_roles, 0, sizeof(record.dev_roles));
     WriteSuper(1, record);
     EXPECT_EQ(AddDisk(1), adding);
     EXPECT_EQ(Request(RUN_ARRAY), running);
     EXPECT_EQ(MdStat().substr(0, MdStat().find('|')), line);
-    EXPECT_NO_THROW(CSimulatedMachine(dynamic_cast<CSimulatedMachine&>(Os()).Describe()));
+    EXPECT_NO_THROW(
+        Simulation::CSimulatedSystem(dynamic_cast<Simulation::CSimulatedSystem&>(Os()).Describe()));
   }
 }
 

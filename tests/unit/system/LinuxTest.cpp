@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "KVT/Threading.h"
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 #include "system/Descriptor.h"
 #include "system/Linux.h"
 #include "tests/support/TraceCapture.h"
@@ -18,12 +18,12 @@ using namespace NAMESPACE_piRVX;
 namespace {
 
 TEST(Linux, WaitingTakesDescriptorsThatNoSetHolds) {
-  CLinux os;
+  OS::CLinux os;
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
   limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, FD_SETSIZE + 100);
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0) << "the hard limit is below what select() itself takes";
-  const CDescriptor file(os, "/proc/self/stat", O_RDONLY);
+  const OS::CDescriptor file(os, "/proc/self/stat", O_RDONLY);
   EXPECT_NE(::fcntl(file.Get(), F_GETFD) & FD_CLOEXEC, 0);
   const int high = ::fcntl(file.Get(), F_DUPFD_CLOEXEC, FD_SETSIZE + 50);
   EXPECT_EQ(os.WaitExceptional(high, 1), 0);
@@ -46,7 +46,7 @@ TEST(Linux, ASignalDoesNotEndAReading) {
   ::sigaction(SIGALRM, &action, &previous);
   ::ualarm(1000, 1000);
   char byte = 0;
-  EXPECT_EQ(CLinux().Read(s_Ends[0], &byte, 1), 1);
+  EXPECT_EQ(OS::CLinux().Read(s_Ends[0], &byte, 1), 1);
   ::ualarm(0, 0);
   ::sigaction(SIGALRM, &previous, nullptr);
   for (const int end : s_Ends) ::close(end);
@@ -58,10 +58,10 @@ TEST(Linux, ClosingAndTracingAreNoCancellationPoints) {
   std::string passed;
   const auto body = [&passed] {
     pthread_cancel(pthread_self());
-    CLinux().Close(::dup(STDERR_FILENO));
+    OS::CLinux().Close(::dup(STDERR_FILENO));
     KVT::Trace::Write(KVT_MODULE_INFO_piRVX, TRACE_INFORMATION, "", 1, "");
     passed = "both";
-    CLinux().Sleep(0);
+    OS::CLinux().Sleep(0);
     passed = "Sleep too";
   };
   ASSERT_EQ(KVT::Threading::CThread::Create(body, 0)->Wait(20000), KVT::Threading::WAIT_OK);
@@ -69,8 +69,8 @@ TEST(Linux, ClosingAndTracingAreNoCancellationPoints) {
 }
 
 TEST(ReadText, StopsAtAMebibyteAndClosesTheFile) {
-  CSimulatedMachine machine(CSimulatedMachine::DemoDescription());
-  EXPECT_EQ(ReadText(machine, "/dev/sdf")->size(), 1024U * 1024);
+  Simulation::CSimulatedSystem machine(Simulation::CSimulatedSystem::DemoDescription());
+  EXPECT_EQ(OS::ReadText(machine, "/dev/sdf")->size(), 1024U * 1024);
   EXPECT_EQ(machine.OpenDescriptors(), 0U);
 }
 

@@ -5,27 +5,27 @@
 #include <array>
 #include <mutex>
 
-#include "system/ForwardingMachine.h"
+#include "system/ForwardingSystem.h"
 
 namespace NAMESPACE_piRVX {
 
 /// Counts the calls by kind, and fails those that a test chose, so that one test can walk every failure point
 /// of an operation. Now() and Sleep() are neither counted nor failed. A Close that fails closes all the same.
-class CFaultyMachine final : public CForwardingMachine {
+class CFaultySystem final : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
 
   /// All kinds but Close, counted together.
-  static constexpr ECall ANY = static_cast<ECall>(static_cast<int>(ECall::Sleep) + 1);
+  static constexpr OS::ECall ANY = static_cast<OS::ECall>(static_cast<int>(OS::ECall::Sleep) + 1);
   /// From now on, the n-th call of the kind (counted from 1) fails with `error` in errno, and so do the
   /// `more` calls of that kind after it. The call does not reach the other machine.
-  void FailAt(ECall kind, std::uint64_t n, int error, std::uint64_t more = 0);
+  void FailAt(OS::ECall kind, std::uint64_t n, int error, std::uint64_t more = 0);
   /// From now on, the n-th Read or Write moves at most `size` bytes.
-  void ShortenAt(ECall kind, std::uint64_t n, std::size_t size);
+  void ShortenAt(OS::ECall kind, std::uint64_t n, std::size_t size);
   /// Forgets all chosen failures.
   void Clear();
   /// Calls of the kind since construction, failed ones included.
-  std::uint64_t Count(ECall kind) const;
+  std::uint64_t Count(OS::ECall kind) const;
   /// Failures that have struck since construction: a walk over all failure points ends when this stays the
   /// same.
   std::uint64_t Struck() const;
@@ -42,10 +42,10 @@ class CFaultyMachine final : public CForwardingMachine {
     std::size_t m_ShortSize{0};
   };
 
-  std::optional<std::int64_t> Around(const SCall& call, const std::function<void()>& go) override;
+  std::optional<std::int64_t> Around(const OS::SCall& call, const std::function<void()>& go) override;
   /// Counts a call. The error it fails with, 0 when it goes through.
-  int Strike(const SCall& call);
-  SPlan& Plan(ECall kind) { return m_Plans[static_cast<std::size_t>(kind)]; }
+  int Strike(const OS::SCall& call);
+  SPlan& Plan(OS::ECall kind) { return m_Plans[static_cast<std::size_t>(kind)]; }
 
   mutable std::mutex m_Lock;
   std::array<SPlan, static_cast<std::size_t>(ANY) + 1> m_Plans{};
@@ -55,14 +55,14 @@ class CFaultyMachine final : public CForwardingMachine {
 
 /// Asks the test before a call: "open /dev/sda", "close", "read", "ioctl", "wait 3000", "run udevadm", "now",
 /// "sleep 500". What the test answers is the result; where it answers nothing, the call goes through.
-class CHookedMachine final : public CForwardingMachine {
+class CHookedSystem final : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
   using TAnswer = std::optional<std::int64_t>;
   std::function<TAnswer(const std::string&)> m_Hook = [](const std::string&) { return TAnswer(); };
 
  private:
-  TAnswer Around(const SCall& call, const std::function<void()>& go) override;
+  TAnswer Around(const OS::SCall& call, const std::function<void()>& go) override;
 };
 
 }  // namespace NAMESPACE_piRVX

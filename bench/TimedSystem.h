@@ -5,20 +5,20 @@
 #include <chrono>
 #include <utility>
 
-#include "system/ForwardingMachine.h"
+#include "system/ForwardingSystem.h"
 
 namespace NAMESPACE_piRVX {
 
 /// Adds up the time that the other machine takes. For one thread.
-class CTimedMachine final : public CForwardingMachine {
+class CTimedSystem final : public OS::CForwardingSystem {
  public:
-  using CForwardingMachine::CForwardingMachine;
+  using OS::CForwardingSystem::CForwardingSystem;
 
   /// Seconds since the last asking.
   double TakeSeconds() { return std::exchange(m_Seconds, 0.0); }
 
  private:
-  std::optional<std::int64_t> Around(const SCall&, const std::function<void()>& go) override {
+  std::optional<std::int64_t> Around(const OS::SCall&, const std::function<void()>& go) override {
     const struct SStopwatch {
       double& m_Seconds;
       std::chrono::steady_clock::time_point m_Begin{std::chrono::steady_clock::now()};

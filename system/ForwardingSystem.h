@@ -7,7 +7,7 @@
 
 #include "system/OperatingSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 /// Which operation a call is of.
 enum class ECall {
@@ -38,10 +38,10 @@ struct SCall {
 };
 
 /// Passes on what a derived class does not override, through its one hook.
-class CForwardingMachine : public COperatingSystem {
+class CForwardingSystem : public COperatingSystem {
  public:
   /// `machine` must outlive this one.
-  explicit CForwardingMachine(COperatingSystem& machine) : m_Machine(machine) {}
+  explicit CForwardingSystem(COperatingSystem& machine) : m_Machine(machine) {}
 
   int Open(const std::string& path, int flags) override {
     return Pass<int>({ECall::Open, path, nullptr, flags}, [&] { return m_Machine.Open(path, flags); });
@@ -130,4 +130,4 @@ class CForwardingMachine : public COperatingSystem {
   COperatingSystem& m_Machine;
 };
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

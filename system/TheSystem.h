@@ -4,10 +4,10 @@
 
 #include "system/OperatingSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace OS {
 
 /// The machine that `createIf` gives to the plug-in: Linux in the shipped library, a simulated machine in the
 /// simulated build. Exactly one definition is linked in. Lives as long as the library.
-COperatingSystem& TheMachine();
+COperatingSystem& TheSystem();
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace OS

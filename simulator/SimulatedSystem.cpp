@@ -1,4 +1,4 @@
-#include "simulator/SimulatedMachine.h"
+#include "simulator/SimulatedSystem.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -17,9 +17,8 @@
 #include "simulator/Monitor.h"
 #include "simulator/SimulatedFiles.h"
 
-namespace NAMESPACE_piRVX {
+namespace Simulation {
 
-using namespace Simulation;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -87,7 +86,7 @@ void FillStatus(struct stat& status, const SEntry& entry) {
 
 }  // namespace
 
-class CSimulatedMachine::CInside {
+class CSimulatedSystem::CInside {
  public:
   CInside(const std::string& description, EClock clock)
       : m_Machine(ReadMachine(description)), m_Clock(clock) {
@@ -220,23 +219,23 @@ class ZQ_SCOPED_CAPABILITY CTurn {
 
 }  // namespace
 
-CSimulatedMachine::CSimulatedMachine(const std::string& description, EClock clock)
+CSimulatedSystem::CSimulatedSystem(const std::string& description, EClock clock)
     : m_Inside(std::make_unique<CInside>(description, clock)) {}
 
-CSimulatedMachine::~CSimulatedMachine() = default;
+CSimulatedSystem::~CSimulatedSystem() = default;
 
-std::string CSimulatedMachine::Describe() const {
+std::string CSimulatedSystem::Describe() const {
   const CTurn turn(*m_Inside);
   return WriteMachine(m_Inside->m_Machine);
 }
 
-void CSimulatedMachine::Advance(std::uint64_t time) {
+void CSimulatedSystem::Advance(std::uint64_t time) {
   const CTurn turn(*m_Inside);
   m_Inside->m_Skipped += time;
   AdvanceTo(m_Inside->m_Machine, m_Inside->m_Machine.m_Time + time);
 }
 
-void CSimulatedMachine::Apply(const std::string& change) {
+void CSimulatedSystem::Apply(const std::string& change) {
   const TJson json = ParseJson(change);
   const CTurn turn(*m_Inside);
   SMachine changed = m_Inside->m_Machine;
@@ -244,18 +243,18 @@ void CSimulatedMachine::Apply(const std::string& change) {
   m_Inside->m_Machine = std::move(changed);
 }
 
-void CSimulatedMachine::SetFile(const std::string& path, std::optional<std::string> text) {
+void CSimulatedSystem::SetFile(const std::string& path, std::optional<std::string> text) {
   const CTurn turn(*m_Inside);
   m_Inside->m_Replaced[path] = std::move(text);
 }
 
-void CSimulatedMachine::SetOutput(const std::string& commandLine, std::optional<std::string> text) {
+void CSimulatedSystem::SetOutput(const std::string& commandLine, std::optional<std::string> text) {
   const CTurn turn(*m_Inside);
   m_Inside->m_Outputs[commandLine] = std::move(text);
 }
 
-std::string CSimulatedMachine::DiskBytes(const std::string& disk, std::uint64_t offset,
-                                         std::size_t size) const {
+std::string CSimulatedSystem::DiskBytes(const std::string& disk, std::uint64_t offset,
+                                        std::size_t size) const {
   const CTurn turn(*m_Inside);
   const auto block = FindBlock(m_Inside->m_Machine, disk);
   if (!block || block->m_Disk == nullptr)
@@ -263,24 +262,24 @@ std::string CSimulatedMachine::DiskBytes(const std::string& disk, std::uint64_t 
   return block->m_Disk->m_Bytes.Read(block->m_Start * KIB + offset, size);
 }
 
-std::size_t CSimulatedMachine::OpenDescriptors() const {
+std::size_t CSimulatedSystem::OpenDescriptors() const {
   const CTurn turn(*m_Inside);
   return m_Inside->m_Machine.m_Files.size();
 }
 
-std::uint64_t CSimulatedMachine::IoctlCount(unsigned long request) const {
+std::uint64_t CSimulatedSystem::IoctlCount(unsigned long request) const {
   const CTurn turn(*m_Inside);
   const auto found = m_Inside->m_Ioctls.find(request);
   return found == m_Inside->m_Ioctls.end() ? 0 : found->second;
 }
 
-std::uint64_t CSimulatedMachine::CommandCount(const std::string& program) const {
+std::uint64_t CSimulatedSystem::CommandCount(const std::string& program) const {
   const CTurn turn(*m_Inside);
   const auto found = m_Inside->m_Commands.find(program);
   return found == m_Inside->m_Commands.end() ? 0 : found->second;
 }
 
-int CSimulatedMachine::Open(const std::string& path, int flags) {
+int CSimulatedSystem::Open(const std::string& path, int flags) {
   const CTurn turn(*m_Inside);
   const auto entry = m_Inside->Entry(path);
   if (!entry) return Failed(ENOENT);
@@ -308,14 +307,14 @@ int CSimulatedMachine::Open(const std::string& path, int flags) {
   return m_Inside->Register(std::move(file));
 }
 
-int CSimulatedMachine::Close(int descriptor) {
+int CSimulatedSystem::Close(int descriptor) {
   const CTurn turn(*m_Inside);
   if (m_Inside->m_Machine.m_Files.erase(descriptor) == 0) return Failed(EBADF);
   DropEmptyArrays(m_Inside->m_Machine);
   return 0;
 }
 
-ssize_t CSimulatedMachine::Read(int descriptor, void* buffer, std::size_t size) {
+ssize_t CSimulatedSystem::Read(int descriptor, void* buffer, std::size_t size) {
   const CTurn turn(*m_Inside);
   SOpenFile* file = m_Inside->File(descriptor);
   if (file == nullptr || (file->m_Flags & O_ACCMODE) == O_WRONLY) return Failed(EBADF);
@@ -328,7 +327,7 @@ ssize_t CSimulatedMachine::Read(int descriptor, void* buffer, std::size_t size) 
   return static_cast<ssize_t>(size);
 }
 
-ssize_t CSimulatedMachine::Write(int descriptor, const void* buffer, std::size_t size) {
+ssize_t CSimulatedSystem::Write(int descriptor, const void* buffer, std::size_t size) {
   const CTurn turn(*m_Inside);
   SOpenFile* file = m_Inside->File(descriptor);
   if (file == nullptr || (file->m_Flags & O_ACCMODE) == O_RDONLY) return Failed(EBADF);
@@ -336,7 +335,7 @@ ssize_t CSimulatedMachine::Write(int descriptor, const void* buffer, std::size_t
   return static_cast<ssize_t>(size);
 }
 
-std::int64_t CSimulatedMachine::Seek(int descriptor, std::int64_t position) {
+std::int64_t CSimulatedSystem::Seek(int descriptor, std::int64_t position) {
   const CTurn turn(*m_Inside);
   SOpenFile* file = m_Inside->File(descriptor);
   if (file == nullptr) return Failed(EBADF);
@@ -348,7 +347,7 @@ std::int64_t CSimulatedMachine::Seek(int descriptor, std::int64_t position) {
   return position;
 }
 
-int CSimulatedMachine::Sync(int descriptor) {
+int CSimulatedSystem::Sync(int descriptor) {
   const CTurn turn(*m_Inside);
   const SOpenFile* file = m_Inside->File(descriptor);
   if (file == nullptr) return Failed(EBADF);
@@ -356,7 +355,7 @@ int CSimulatedMachine::Sync(int descriptor) {
   return Failed(m_Inside->Device(*file) ? 0 : EIO);
 }
 
-int CSimulatedMachine::Ioctl(int descriptor, unsigned long request, void* argument) {
+int CSimulatedSystem::Ioctl(int descriptor, unsigned long request, void* argument) {
   const CTurn turn(*m_Inside);
   ++m_Inside->m_Ioctls[request];
   const SOpenFile* file = m_Inside->File(descriptor);
@@ -371,7 +370,7 @@ int CSimulatedMachine::Ioctl(int descriptor, unsigned long request, void* argume
   return error < 0 ? -error : Failed(error);
 }
 
-int CSimulatedMachine::WaitExceptional(int descriptor, std::uint64_t time) {
+int CSimulatedSystem::WaitExceptional(int descriptor, std::uint64_t time) {
   const auto end = steady_clock::now() + milliseconds(time);
   const CTurn turn(*m_Inside);
   for (;;) {
@@ -384,7 +383,7 @@ int CSimulatedMachine::WaitExceptional(int descriptor, std::uint64_t time) {
   }
 }
 
-int CSimulatedMachine::MakeNode(const std::string& path, mode_t mode, dev_t device) {
+int CSimulatedSystem::MakeNode(const std::string& path, mode_t mode, dev_t device) {
   const CTurn turn(*m_Inside);
   if (m_Inside->Entry(path)) return Failed(EEXIST);
   if (!path.starts_with("/dev/") || path.find('/', 5) != std::string::npos) return Failed(ENOENT);
@@ -394,7 +393,7 @@ int CSimulatedMachine::MakeNode(const std::string& path, mode_t mode, dev_t devi
   return 0;
 }
 
-int CSimulatedMachine::ChangeMode(const std::string& path, mode_t mode) {
+int CSimulatedSystem::ChangeMode(const std::string& path, mode_t mode) {
   const CTurn turn(*m_Inside);
   for (auto& node : m_Inside->m_Machine.m_Nodes) {
     if (node.m_Path != path) continue;
@@ -404,7 +403,7 @@ int CSimulatedMachine::ChangeMode(const std::string& path, mode_t mode) {
   return Failed(ENOENT);
 }
 
-int CSimulatedMachine::Status(const std::string& path, struct stat& status) {
+int CSimulatedSystem::Status(const std::string& path, struct stat& status) {
   const CTurn turn(*m_Inside);
   const auto entry = m_Inside->Entry(path);
   if (!entry) return Failed(ENOENT);
@@ -412,7 +411,7 @@ int CSimulatedMachine::Status(const std::string& path, struct stat& status) {
   return 0;
 }
 
-int CSimulatedMachine::Status(int descriptor, struct stat& status) {
+int CSimulatedSystem::Status(int descriptor, struct stat& status) {
   const CTurn turn(*m_Inside);
   const SOpenFile* file = m_Inside->File(descriptor);
   if (file == nullptr) return Failed(EBADF);
@@ -426,7 +425,7 @@ int CSimulatedMachine::Status(int descriptor, struct stat& status) {
   return 0;
 }
 
-std::optional<std::string> CSimulatedMachine::ReadLink(const std::string& path) {
+std::optional<std::string> CSimulatedSystem::ReadLink(const std::string& path) {
   const CTurn turn(*m_Inside);
   const bool replaced = m_Inside->m_Replaced.count(path) != 0;
   const auto entry = replaced ? m_Inside->Entry(path) : FindEntry(m_Inside->m_Machine, path);
@@ -435,7 +434,7 @@ std::optional<std::string> CSimulatedMachine::ReadLink(const std::string& path) 
   return std::nullopt;
 }
 
-int CSimulatedMachine::GetCommandPath(const std::string& name, boost::filesystem::path& path) {
+int CSimulatedSystem::GetCommandPath(const std::string& name, boost::filesystem::path& path) {
   const CTurn turn(*m_Inside);
   for (const char* folder : {"/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/"}) {
     if (!m_Inside->Entry(folder + name)) continue;
@@ -445,8 +444,8 @@ int CSimulatedMachine::GetCommandPath(const std::string& name, boost::filesystem
   return 0;
 }
 
-int CSimulatedMachine::ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
-                                      std::vector<std::string>& lines) {
+int CSimulatedSystem::ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
+                                     std::vector<std::string>& lines) {
   const CTurn turn(*m_Inside);
   lines.clear();
   const std::string name = program.filename().string();
@@ -464,7 +463,7 @@ int CSimulatedMachine::ExecuteCommand(const boost::filesystem::path& program, co
   return result.m_Result;
 }
 
-std::vector<KVTX::CPartition> CSimulatedMachine::GetPartitions(const std::string& device) {
+std::vector<KVTX::CPartition> CSimulatedSystem::GetPartitions(const std::string& device) {
   const CTurn turn(*m_Inside);
   const auto entry = m_Inside->Entry(device);
   const auto whole = entry ? FindBlock(m_Inside->m_Machine, entry->m_Device) : std::nullopt;
@@ -479,12 +478,12 @@ std::vector<KVTX::CPartition> CSimulatedMachine::GetPartitions(const std::string
   return partitions;
 }
 
-std::uint64_t CSimulatedMachine::Now() {
+std::uint64_t CSimulatedSystem::Now() {
   const CTurn turn(*m_Inside);
   return m_Inside->m_Machine.m_ClockStart + m_Inside->m_Machine.m_Time;
 }
 
-void CSimulatedMachine::Sleep(std::uint64_t time) {
+void CSimulatedSystem::Sleep(std::uint64_t time) {
   if (m_Inside->m_Clock == EClock::Real) {
     std::this_thread::sleep_for(milliseconds(time));
   } else {
@@ -492,4 +491,4 @@ void CSimulatedMachine::Sleep(std::uint64_t time) {
   }
 }
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Simulation

@@ -7,7 +7,7 @@
 
 #include "system/OperatingSystem.h"
 
-namespace NAMESPACE_piRVX {
+namespace Simulation {
 
 /// A machine description, or a change, that cannot be used; what() names the line or the key and says what is
 /// wrong.
@@ -20,15 +20,15 @@ class CMachineError : public std::runtime_error {
 /// object). It behaves as Linux 6.1 does below the plug-in and knows nothing of the plug-in. What it leaves
 /// out: the data of arrays (they read as zeros and refuse to be written) and bitmaps. All operations are safe
 /// for several threads.
-class CSimulatedMachine final : public COperatingSystem {
+class CSimulatedSystem final : public OS::COperatingSystem {
  public:
   /// Manual: time stands still but for Advance() and Sleep(), which moves it at once. Real: time follows the
   /// clock on the wall, and Sleep() sleeps. WaitExceptional() waits in real time under both.
   enum class EClock { Manual, Real };
 
   /// Builds the machine that `description` (JSON text) tells of. Throws CMachineError.
-  explicit CSimulatedMachine(const std::string& description, EClock clock = EClock::Manual);
-  ~CSimulatedMachine() override;
+  explicit CSimulatedSystem(const std::string& description, EClock clock = EClock::Manual);
+  ~CSimulatedSystem() override;
 
   /// Eight disks on two controllers: a RAID 0, a resyncing RAID 1, its spare, free disks, one of them
   /// solid-state.
@@ -82,4 +82,4 @@ class CSimulatedMachine final : public COperatingSystem {
   std::unique_ptr<CInside> m_Inside;
 };
 
-}  // namespace NAMESPACE_piRVX
+}  // namespace Simulation
