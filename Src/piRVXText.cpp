@@ -99,7 +99,7 @@ std::string HostPathOfRecord(const std::vector<std::string>& lines) {
   const auto record = std::find_if(lines.begin(), lines.end(),
                                    [&](const std::string& line) { return line.starts_with(RECORD); });
   if (record == lines.end()) return {};
-  std::string path = record->c_str();  // up to a NUL, where the name of a file ends too
+  std::string path = record->substr(0, record->find('\0'));  // where the name of a file ends too
   if (const std::size_t host = path.find("/host"); host != std::string::npos) {
     path.resize(host);
     // Only behind a SCSI host: an "/ata" elsewhere is no port.
