@@ -1,10 +1,10 @@
-#include "tests/support/Contract.h"
-
 #include <linux/hdreg.h>
 
 #include <array>
 #include <cstring>
 #include <numeric>
+
+#include "tests/contract/Contract.h"
 
 namespace NAMESPACE_piRVX {
 

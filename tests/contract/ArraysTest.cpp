@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "tests/support/Contract.h"
+#include "tests/contract/Contract.h"
 
 namespace NAMESPACE_piRVX {
 

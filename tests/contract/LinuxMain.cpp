@@ -6,7 +6,7 @@
 #include <iostream>
 
 #include "system/Linux.h"
-#include "tests/support/Contract.h"
+#include "tests/contract/Contract.h"
 
 namespace {
 std::vector<std::string> s_Disks;

@@ -1,7 +1,7 @@
 #include <cstring>
 
 #include "simulator/SimulatedSystem.h"
-#include "tests/support/Contract.h"
+#include "tests/contract/Contract.h"
 
 namespace NAMESPACE_piRVX {
 

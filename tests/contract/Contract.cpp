@@ -1,3 +1,5 @@
+#include "tests/contract/Contract.h"
+
 #include <linux/raid/md_p.h>
 
 #include <boost/algorithm/string/replace.hpp>
@@ -5,7 +7,6 @@
 #include <sstream>
 
 #include "Src/md/ProcTexts.h"
-#include "tests/support/Contract.h"
 
 namespace NAMESPACE_piRVX {
 
