@@ -1,8 +1,8 @@
 #include <functional>
 
-#include "simulator/DescriptionFile.h"
 #include "simulator/LoadedMachine.h"
 #include "simulator/SimulatorApi.h"
+#include "simulator/description/DescriptionFile.h"
 
 namespace Simulation {
 namespace {
