@@ -1,26 +1,58 @@
-#include "simulator/LoadedMachine.h"
+#include <functional>
+#include <memory>
+
+#include "simulator/SimulatedSystem.h"
+#include "simulator/SimulatorApi.h"
+#include "simulator/description/DescriptionFile.h"
 #include "system/TheSystem.h"
 
-namespace Simulation {
+using namespace Simulation;
+
 namespace {
 
 std::unique_ptr<CSimulatedSystem> s_Machine;
 bool s_InUse = false;
 
-}  // namespace
-
-CSimulatedSystem* LoadedMachine() { return s_Machine.get(); }
-
-void LoadMachine(const std::string& description) {
+void Load(const std::string& description) {
   if (s_InUse) throw CMachineError("the machine is in use already");
   s_Machine = std::make_unique<CSimulatedSystem>(description, CSimulatedSystem::EClock::Real);
 }
 
-}  // namespace Simulation
+/// Runs a call of the C interface; the message is kept for the caller.
+const char* Answer(const std::function<void()>& call) {
+  static std::string message;
+  try {
+    call();
+    return nullptr;
+  } catch (const std::exception& error) {
+    message = error.what();
+    return message.c_str();
+  }
+}
+
+}  // namespace
 
 OS::COperatingSystem& OS::TheSystem() {
-  using namespace Simulation;
-  if (LoadedMachine() == nullptr) LoadMachine(CSimulatedSystem::DemoDescription());
+  if (s_Machine == nullptr) Load(CSimulatedSystem::DemoDescription());
   s_InUse = true;
-  return *LoadedMachine();
+  return *s_Machine;
+}
+
+const char* rvxLoadMachine(const char* file) {
+  return Answer([file] {
+    if (file == nullptr) return Load(CSimulatedSystem::DemoDescription());
+    const std::string description = ReadDescription(file);
+    try {
+      Load(description);
+    } catch (const CMachineError& error) {
+      throw CMachineError(std::string(file) + ": " + error.what());
+    }
+  });
+}
+
+const char* rvxSaveMachine(const char* file) {
+  return Answer([file] {
+    if (s_Machine == nullptr) throw CMachineError("no machine is loaded");
+    ReplaceDescription(file, s_Machine->Describe());
+  });
 }
