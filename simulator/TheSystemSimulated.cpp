@@ -1,6 +1,10 @@
+#include <unistd.h>
+
+#include <boost/filesystem/operations.hpp>
 #include <functional>
 #include <memory>
 
+#include "libraries/common/Environment.h"
 #include "simulator/SimulatedSystem.h"
 #include "simulator/SimulatorApi.h"
 #include "simulator/description/DescriptionFile.h"
@@ -12,6 +16,34 @@ namespace {
 
 std::unique_ptr<CSimulatedSystem> s_Machine;
 bool s_InUse = false;
+
+/// Takes the place of this machine's folder of settings, whoever the host is: what is set on a simulated
+/// machine must not rule the real one. A private folder that goes with the process; none where somebody chose
+/// one, or where none can be made: then no setting is kept.
+class CSettingsFolder {
+ public:
+  CSettingsFolder() {
+    using KVT::Internal::FindVariable;
+    if (FindVariable("ZQ_CONFIG_DIR") == nullptr) {
+      const char* const parent = FindVariable("TMPDIR");
+      std::string path = (parent == nullptr ? std::string("/tmp") : parent) + "/piRVXsim-XXXXXX";
+      if (::mkdtemp(path.data()) != nullptr) m_Path = path;
+    }
+    KVT::Internal::SetConfigDirectory(m_Path.empty() ? "/dev/null" : m_Path);
+  }
+  ~CSettingsFolder() {
+    // A child that was forked off ends earlier, and the folder is not its own.
+    if (m_Path.empty() || ::getpid() != m_Owner) return;
+    boost::system::error_code ignored;
+    boost::filesystem::remove_all(m_Path, ignored);
+  }
+  CSettingsFolder(const CSettingsFolder&) = delete;
+  CSettingsFolder& operator=(const CSettingsFolder&) = delete;
+
+ private:
+  std::string m_Path;
+  const pid_t m_Owner{::getpid()};
+};
 
 void Load(const std::string& description) {
   if (s_InUse) throw CMachineError("the machine is in use already");
@@ -33,6 +65,7 @@ const char* Answer(const std::function<void()>& call) {
 }  // namespace
 
 OS::COperatingSystem& OS::TheSystem() {
+  static const CSettingsFolder settings;
   if (s_Machine == nullptr) Load(CSimulatedSystem::DemoDescription());
   s_InUse = true;
   return *s_Machine;
