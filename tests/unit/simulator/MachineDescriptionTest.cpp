@@ -1,8 +1,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "simulator/description/DescriptionFile.h"
 #include "simulator/SimulatedSystem.h"
+#include "simulator/description/DescriptionFile.h"
 #include "system/Descriptor.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -26,19 +26,19 @@ auto Complains(const char* text) {
 TEST(MachineDescription, ComplaintsNameThePlace) {
   const std::pair<std::string, const char*> cases[] = {
       {"{\n\"disks\": [\n1,\n}", "line 4, column 1"},
-      {Script("{\"at\": 1, \"mount\":\n" + std::string(100000, '[')), "line 3, more than 64"},
-      {R"({"disk": []})", "disk: this key is unknown"},
-      {R"({"mdp_major": 4096})", "mdp_major: is not from 10 to 4095"},
-      {Machine(R"(, "partitions": [{"size": 65536}])"), "disks[1].partitions[0]: ends behind the device"},
-      {Machine(R"(, "device": "8:0")"), "disks[1]: the number of sdb is that of sda"},
-      {Array(R"("name": "md01")"), "arrays[0].name: is neither \"md0\""},
+      {Script("{\"at\": 1, \"mount\":\n" + std::string(100000, '[')), "line 3: more than 64"},
+      {R"({"disk": []})", "(/disk) this key is unknown"},
+      {R"({"mdp_major": 4096})", "(/mdp_major) is no whole number from 10 to 4095"},
+      {Machine(R"(, "partitions": [{"size": 65536}])"), "(/disks/1/partitions/0) ends behind the device"},
+      {Machine(R"(, "device": "8:0")"), "(/disks/1) the number of sdb is that of sda"},
+      {Array(R"("name": "md01")"), "(/arrays/0/name) is neither \"md0\""},
       {Array(R"("name": "md0", "level": "raid1")"),
-       "the key \"raid_disks\" is missing, and its default 0 is not from 1"},
+       "(/arrays/0) an array that runs needs \"members\" or \"raid_disks\""},
       {Array(R"("name": "md0", "level": "raid1", "members": ["sda", "sda"])"),
-       "arrays[0].members[1]: sda is in use"},
+       "(/arrays/0/members/1) sda is in use"},
       {Array(R"("name": "md0", "level": "raid1", "members": [null], "mount": "/mnt")"),
-       "mount: the array has no size"},
-      {Script(R"({"at": 2, "remove_disk": "sdz"})"), "script, at 2.remove_disk: there is no disk \"sdz\""},
+       "(/arrays/0/mount) the array has no size"},
+      {Script(R"({"at": 2, "remove_disk": "sdz"})"), "script, at 2: (/remove_disk) there is no disk \"sdz\""},
       {Script(R"({"at": 2, "hold_disk": "sdb", "remove_disk": "sdb"})"), "one entry makes one change"},
   };
   for (const auto& [description, complaint] : cases)
