@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <thread>
 
 #include "simulator/description/Changes.h"
@@ -95,6 +96,7 @@ class CSimulatedSystem::CInside {
   std::optional<SEntry> Entry(const std::string& path) ZQ_REQUIRES(m_Lock) {
     const auto replaced = m_Replaced.find(path);
     if (replaced == m_Replaced.end()) return ResolveEntry(m_Machine, path);
+    m_Unused.erase(path);
     if (!replaced->second) return std::nullopt;
     return SEntry{SEntry::EKind::Text, *replaced->second, 0, 0644};
   }
@@ -166,6 +168,7 @@ class CSimulatedSystem::CInside {
   const steady_clock::time_point m_Start{steady_clock::now()};
   std::uint64_t m_Skipped ZQ_GUARDED_BY(m_Lock){0};  ///< ms that Advance() added to a real clock
   std::map<std::string, std::optional<std::string>> m_Replaced ZQ_GUARDED_BY(m_Lock);
+  std::set<std::string> m_Unused ZQ_GUARDED_BY(m_Lock);  ///< of m_Replaced
   std::map<unsigned long, std::uint64_t> m_Ioctls ZQ_GUARDED_BY(m_Lock);
   std::map<std::string, std::uint64_t> m_Commands ZQ_GUARDED_BY(m_Lock);
 };
@@ -224,6 +227,12 @@ void CSimulatedSystem::Apply(const std::string& change) {
 void CSimulatedSystem::SetFile(const std::string& path, std::optional<std::string> text) {
   const CTurn turn(*m_Inside);
   m_Inside->m_Replaced[path] = std::move(text);
+  m_Inside->m_Unused.insert(path);
+}
+
+std::vector<std::string> CSimulatedSystem::UnusedFiles() const {
+  const CTurn turn(*m_Inside);
+  return {m_Inside->m_Unused.begin(), m_Inside->m_Unused.end()};
 }
 
 std::string CSimulatedSystem::DiskBytes(const std::string& disk, std::uint64_t offset,

@@ -37,6 +37,8 @@ class CSimulatedSystem final : public OS::COperatingSystem {
   void Apply(const std::string& change);
   /// Replaces what is at a path by a file with this text; none: nothing is there. For malformed input.
   void SetFile(const std::string& path, std::optional<std::string> text);
+  /// What was given to SetFile() and nobody looked at since: at a test's end a path with a typing error.
+  std::vector<std::string> UnusedFiles() const;
 
   /// What is on a disk or partition, in bytes. Throws CMachineError when there is no such disk.
   std::string DiskBytes(const std::string& disk, std::uint64_t offset, std::size_t size) const;

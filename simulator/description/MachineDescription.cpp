@@ -27,8 +27,8 @@ void AddController(SMachine& machine, const TJson& json) {
   ReadKeys(ControllerKeys(), machine, controller, json);
   const std::string& address = controller.m_Address;
   const std::string form = "hhhh:hh:hh.h";
-  const auto fits = [](unsigned char letter, char expected) {
-    return expected == 'h' ? std::isxdigit(letter) != 0 : letter == expected;
+  const auto fits = [](char letter, char expected) {
+    return expected == 'h' ? std::isxdigit(static_cast<unsigned char>(letter)) != 0 : letter == expected;
   };
   if (!std::equal(address.begin(), address.end(), form.begin(), form.end(), fits))
     Fail(json["pci"], "is no PCI address such as \"0000:00:1f.2\"");
