@@ -121,8 +121,8 @@ SImported Import(SMachine& machine, const SArray& array, dev_t device) {
   member.m_Name = block->m_Name;
   member.m_Device = device;
   member.m_Instance = block->Instance();
-  member.m_Number = static_cast<int>(loaded.m_Superblock.m_Head.dev_number);
-  member.m_Sectors = loaded.m_Superblock.m_Head.data_size;
+  member.m_Number = static_cast<int>(loaded.m_Superblock.Head().dev_number);
+  member.m_Sectors = loaded.m_Superblock.Head().data_size;
   return {loaded.m_Error, std::move(member), std::move(loaded.m_Superblock)};
 }
 
@@ -143,9 +143,9 @@ int Bind(SArray& array, SMember member) {
 }
 
 /// Do two superblocks belong to the same array?
-bool IsSameSet(const SSuperblockHead& one, const SSuperblockHead& other) {
-  return one.set_uuid == other.set_uuid && one.level == other.level && one.layout == other.layout &&
-         one.chunksize == other.chunksize;
+bool IsSameSet(const mdp_superblock_1& one, const mdp_superblock_1& other) {
+  return std::equal(std::begin(one.set_uuid), std::end(one.set_uuid), other.set_uuid) &&
+         one.level == other.level && one.layout == other.layout && one.chunksize == other.chunksize;
 }
 
 int AddToUnstarted(SMachine& machine, SArray& array, dev_t device) {
@@ -155,7 +155,7 @@ int AddToUnstarted(SMachine& machine, SArray& array, dev_t device) {
     const auto first = BlockOf(machine, array.m_Members.front());
     if (!first) return EINVAL;
     const SLoaded other = LoadSuperblock(*first);
-    if (other.m_Error != 0 || !IsSameSet(imported.m_Superblock.m_Head, other.m_Superblock.m_Head))
+    if (other.m_Error != 0 || !IsSameSet(imported.m_Superblock.Head(), other.m_Superblock.Head()))
       return EINVAL;
   }
   return Bind(array, imported.m_Member);
@@ -170,8 +170,8 @@ int AddToRunning(SMachine& machine, SArray& array, const mdu_disk_info_t& info) 
   if (imported.m_Error != 0) return imported.m_Error;
   SMember& member = imported.m_Member;
   const std::uint16_t role = imported.m_Superblock.Role(member.m_Number);
-  if (std::cmp_greater_equal(member.m_Number, imported.m_Superblock.m_Roles.size())) member.m_Number = -1;
-  const bool fresh = imported.m_Superblock.m_Head.events + 1 >= array.m_Events;
+  if (std::cmp_greater_equal(member.m_Number, imported.m_Superblock.Head().max_dev)) member.m_Number = -1;
+  const bool fresh = imported.m_Superblock.Head().events + 1 >= array.m_Events;
   if (fresh && role < FIRST_SPECIAL_ROLE) member.m_SavedSlot = role;
   if ((info.state & (1 << MD_DISK_SYNC)) != 0 && member.m_SavedSlot != info.raid_disk) return EINVAL;
   if (const int error = Bind(array, member)) return error;
@@ -201,10 +201,10 @@ int Analyse(SMachine& machine, SArray& array) {
     SLoaded loaded = block ? LoadSuperblock(*block) : SLoaded{ENXIO, {}};
     if (loaded.m_Error != 0) continue;
     const auto entry = superblocks.emplace(member.m_Device, std::move(loaded.m_Superblock)).first;
-    if (newest == nullptr || entry->second.m_Head.events > newest->m_Head.events) newest = &entry->second;
+    if (newest == nullptr || entry->second.Head().events > newest->Head().events) newest = &entry->second;
   }
   if (newest == nullptr) return EINVAL;
-  const SSuperblockHead& head = newest->m_Head;
+  const mdp_superblock_1& head = newest->Head();
   if (head.raid_disks < 1 || head.raid_disks > MOST_MEMBERS) return EINVAL;
   array.m_Level = static_cast<int>(head.level);
   // A striped array's superblock tells its layout only when it says so.
@@ -217,13 +217,13 @@ int Analyse(SMachine& machine, SArray& array) {
   array.m_Updated = head.utime;
   array.m_Events = head.events;
   array.m_SyncedSectors = head.resync_offset;
-  array.m_Uuid = head.set_uuid;
-  array.m_SetName.assign(head.set_name.data(), strnlen(head.set_name.data(), head.set_name.size()));
+  std::copy(std::begin(head.set_uuid), std::end(head.set_uuid), array.m_Uuid.begin());
+  array.m_SetName.assign(head.set_name, strnlen(head.set_name, sizeof(head.set_name)));
   const auto isStale = [&](const SMember& member) {
     const auto superblock = superblocks.find(member.m_Device);
     return superblock == superblocks.end() ||
            (superblock->second.Role(member.m_Number) < FIRST_SPECIAL_ROLE &&
-            superblock->second.m_Head.events + 1 < array.m_Events);
+            superblock->second.Head().events + 1 < array.m_Events);
   };
   array.m_Members.erase(std::remove_if(array.m_Members.begin(), array.m_Members.end(), isStale),
                         array.m_Members.end());
@@ -233,8 +233,8 @@ int Analyse(SMachine& machine, SArray& array) {
     member.m_Faulty = role == MD_DISK_ROLE_FAULTY;
     member.m_Slot = role < array.m_RaidDisks ? role : -1;
     member.m_SavedSlot = member.m_Slot;
-    member.m_InSync = member.m_Slot >= 0 && (superblock.m_Head.feature_map & MD_FEATURE_RECOVERY_OFFSET) == 0;
-    if (member.m_Slot >= 0 && !member.m_InSync) member.m_RecoveredSectors = superblock.m_Head.recovery_offset;
+    member.m_InSync = member.m_Slot >= 0 && (superblock.Head().feature_map & MD_FEATURE_RECOVERY_OFFSET) == 0;
+    if (member.m_Slot >= 0 && !member.m_InSync) member.m_RecoveredSectors = superblock.Head().recovery_offset;
   }
   return 0;
 }
