@@ -46,22 +46,14 @@ int SizeOf(const SBlock& block, void* argument) {
 }
 
 void FillStatus(struct stat& status, const SEntry& entry) {
+  const std::map<EFile, mode_t> types = {{EFile::Text, S_IFREG},
+                                         {EFile::Link, S_IFREG},
+                                         {EFile::Directory, S_IFDIR},
+                                         {EFile::Random, S_IFCHR},
+                                         {EFile::Block, S_IFBLK}};
   status = {};
-  switch (entry.m_Kind) {
-    case SEntry::EKind::Block:
-      status.st_mode = S_IFBLK | entry.m_Mode;
-      status.st_rdev = entry.m_Device;
-      break;
-    case SEntry::EKind::Random:
-      status.st_mode = S_IFCHR | entry.m_Mode;
-      status.st_rdev = makedev(1, 9);
-      break;
-    case SEntry::EKind::Directory:
-      status.st_mode = S_IFDIR | entry.m_Mode;
-      break;
-    default:
-      status.st_mode = S_IFREG | entry.m_Mode;
-  }
+  status.st_mode = types.at(entry.m_Kind) | entry.m_Mode;
+  status.st_rdev = entry.m_Device;
 }
 
 }  // namespace
@@ -98,7 +90,7 @@ class CSimulatedSystem::CInside {
     if (replaced == m_Replaced.end()) return ResolveEntry(m_Machine, path);
     m_Unused.erase(path);
     if (!replaced->second) return std::nullopt;
-    return SEntry{SEntry::EKind::Text, *replaced->second, 0, 0644};
+    return SEntry{EFile::Text, *replaced->second, 0, 0644};
   }
   SOpenFile* File(int descriptor) ZQ_REQUIRES(m_Lock) {
     const auto found = m_Machine.m_Files.find(descriptor);
@@ -140,26 +132,30 @@ class CSimulatedSystem::CInside {
     file.m_Position += count;
     return static_cast<ssize_t>(count);
   }
-  ssize_t ReadDevice(SOpenFile& file, void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
+  /// Moves bytes of a device that was opened; `move(device, count)` answers with the error.
+  template <typename TMove>
+  ssize_t Transfer(SOpenFile& file, std::size_t size, int errorAtEnd, TMove move) ZQ_REQUIRES(m_Lock) {
     const auto block = Device(file);
     if (!block) return Failed(EIO);
     const std::uint64_t left = block->m_Size * KIB - std::min(block->m_Size * KIB, file.m_Position);
-    std::string bytes;
+    if (left == 0 && size != 0) return Failed(errorAtEnd);
     const std::size_t count = std::min<std::uint64_t>(size, left);
-    if (const int error = ReadBlock(*block, file.m_Position, count, bytes)) return Failed(error);
-    std::memcpy(buffer, bytes.data(), count);
+    if (const int error = move(*block, count)) return Failed(error);
     file.m_Position += count;
     return static_cast<ssize_t>(count);
   }
+  ssize_t ReadDevice(SOpenFile& file, void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
+    return Transfer(file, size, 0, [&](const SBlock& block, std::size_t count) {
+      std::string bytes;
+      const int error = ReadBlock(block, file.m_Position, count, bytes);
+      std::copy(bytes.begin(), bytes.end(), static_cast<char*>(buffer));
+      return error;
+    });
+  }
   ssize_t WriteDevice(SOpenFile& file, const void* buffer, std::size_t size) ZQ_REQUIRES(m_Lock) {
-    const auto block = Device(file);
-    if (!block) return Failed(EIO);
-    const std::uint64_t left = block->m_Size * KIB - std::min(block->m_Size * KIB, file.m_Position);
-    if (left == 0 && size != 0) return Failed(ENOSPC);
-    const std::size_t count = std::min<std::uint64_t>(size, left);
-    if (const int error = WriteBlock(*block, file.m_Position, buffer, count)) return Failed(error);
-    file.m_Position += count;
-    return static_cast<ssize_t>(count);
+    return Transfer(file, size, ENOSPC, [&](const SBlock& block, std::size_t count) {
+      return WriteBlock(block, file.m_Position, buffer, count);
+    });
   }
 
   CMonitor m_Lock;
@@ -266,27 +262,11 @@ int CSimulatedSystem::Open(const std::string& path, int flags) {
   const auto entry = m_Inside->Entry(path);
   if (!entry) return Failed(ENOENT);
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-  SOpenFile file;
-  file.m_Path = path;
-  file.m_Flags = flags;
-  file.m_Device = entry->m_Device;
-  file.m_MdEvents = m_Inside->m_Machine.m_MdEvents;
-  switch (entry->m_Kind) {
-    case SEntry::EKind::Block:
-      file.m_Kind = EFile::Block;
-      return m_Inside->OpenBlock(std::move(file));
-    case SEntry::EKind::Directory:
-      if (writes) return Failed(EISDIR);
-      file.m_Kind = EFile::Directory;
-      break;
-    case SEntry::EKind::Random:
-      file.m_Kind = EFile::Random;
-      break;
-    default:
-      if (writes) return Failed(EACCES);
-      file.m_Kind = EFile::Text;
-  }
-  return m_Inside->Register(std::move(file));
+  if (writes && entry->m_Kind == EFile::Directory) return Failed(EISDIR);
+  if (writes && entry->m_Kind == EFile::Text) return Failed(EACCES);
+  SOpenFile file{entry->m_Kind, path, flags, 0, {}, entry->m_Device, 0, m_Inside->m_Machine.m_MdEvents};
+  return file.m_Kind == EFile::Block ? m_Inside->OpenBlock(std::move(file))
+                                     : m_Inside->Register(std::move(file));
 }
 
 int CSimulatedSystem::Close(int descriptor) {
@@ -399,11 +379,7 @@ int CSimulatedSystem::Status(int descriptor, struct stat& status) {
   if (file == nullptr) return Failed(EBADF);
   // A file that is open keeps what it is when its name goes.
   const auto entry = m_Inside->Entry(file->m_Path);
-  SEntry open{SEntry::EKind::Text, "", file->m_Device, entry ? entry->m_Mode : 0};
-  if (file->m_Kind == EFile::Directory) open.m_Kind = SEntry::EKind::Directory;
-  if (file->m_Kind == EFile::Random) open.m_Kind = SEntry::EKind::Random;
-  if (file->m_Kind == EFile::Block) open.m_Kind = SEntry::EKind::Block;
-  FillStatus(status, open);
+  FillStatus(status, {file->m_Kind, "", file->m_Device, entry ? entry->m_Mode : 0});
   return 0;
 }
 
@@ -411,7 +387,7 @@ std::optional<std::string> CSimulatedSystem::ReadLink(const std::string& path) {
   const CTurn turn(*m_Inside);
   const bool replaced = m_Inside->m_Replaced.count(path) != 0;
   const auto entry = replaced ? m_Inside->Entry(path) : FindEntry(m_Inside->m_Machine, path);
-  if (entry && entry->m_Kind == SEntry::EKind::Link) return entry->m_Text;
+  if (entry && entry->m_Kind == EFile::Link) return entry->m_Text;
   errno = entry ? EINVAL : ENOENT;
   return std::nullopt;
 }

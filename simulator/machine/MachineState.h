@@ -157,7 +157,7 @@ struct SScriptEntry {
   std::function<void(SMachine&)> m_Make;  ///< throws CMachineError when it cannot be made
 };
 
-enum class EFile { Text, Directory, Random, Block };
+enum class EFile { Text, Link, Directory, Random, Block };
 
 struct SOpenFile {
   EFile m_Kind{};

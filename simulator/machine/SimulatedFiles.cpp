@@ -13,9 +13,9 @@ namespace {
 
 constexpr const char* UDEVADM = "/usr/bin/udevadm";
 
-SEntry TextEntry(std::string text) { return {SEntry::EKind::Text, std::move(text), 0, 0444}; }
-SEntry LinkEntry(std::string target) { return {SEntry::EKind::Link, std::move(target), 0, 0777}; }
-SEntry DirectoryEntry() { return {SEntry::EKind::Directory, "", 0, 0755}; }
+SEntry TextEntry(std::string text) { return {EFile::Text, std::move(text), 0, 0444}; }
+SEntry LinkEntry(std::string target) { return {EFile::Link, std::move(target), 0, 0777}; }
+SEntry DirectoryEntry() { return {EFile::Directory, "", 0, 0755}; }
 
 std::string Folder(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
@@ -107,12 +107,12 @@ std::string DevicesText(const SMachine& machine) {
 /// Nodes below /dev: the kernel makes those of its devices, others were made with mknod.
 std::optional<SEntry> NodeEntry(SMachine& machine, const std::string& path) {
   for (const SNode& node : machine.m_Nodes) {
-    if (node.m_Path == path) return SEntry{SEntry::EKind::Block, "", node.m_Device, node.m_Mode & 07777U};
+    if (node.m_Path == path) return SEntry{EFile::Block, "", node.m_Device, node.m_Mode & 07777U};
   }
   if (!path.starts_with("/dev/")) return std::nullopt;
   const auto block = FindBlock(machine, path.substr(5));
   if (!block) return std::nullopt;
-  return SEntry{SEntry::EKind::Block, "", block->m_Device, 0660};
+  return SEntry{EFile::Block, "", block->m_Device, 0660};
 }
 
 SProgramResult RunUdevadm(SMachine& machine, const std::string& arguments) {
@@ -120,32 +120,17 @@ SProgramResult RunUdevadm(SMachine& machine, const std::string& arguments) {
   const std::string path = arguments.starts_with(prefix) ? arguments.substr(prefix.size()) : "";
   const auto entry = ResolveEntry(machine, path);
   const auto block =
-      entry && entry->m_Kind == SEntry::EKind::Block ? FindBlock(machine, entry->m_Device) : std::nullopt;
+      entry && entry->m_Kind == EFile::Block ? FindBlock(machine, entry->m_Device) : std::nullopt;
   if (!block) return {2, {}};
   std::string devicePath =
       "/devices/virtual/block/" + (block->m_Array != nullptr ? block->m_Array->m_Name : "");
   if (block->m_Disk != nullptr) devicePath = DevicePath(machine, *block->m_Disk);
   if (block->m_Partition != nullptr) devicePath += "/" + block->m_Name;
   const char* type = block->m_Partition != nullptr ? "partition" : "disk";
-  const unsigned int majorNumber = major(block->m_Device), minorNumber = minor(block->m_Device);
-  std::vector<std::string> lines = {"P: " + devicePath,
-                                    "M: " + block->m_Name,
-                                    "U: block",
-                                    std::string("T: ") + type,
-                                    str(boost::format("D: b %d:%d") % majorNumber % minorNumber),
-                                    "N: " + block->m_Name,
-                                    "L: 0",
-                                    "E: DEVPATH=" + devicePath,
-                                    "E: DEVNAME=/dev/" + block->m_Name,
-                                    std::string("E: DEVTYPE=") + type,
-                                    str(boost::format("E: MAJOR=%d") % majorNumber),
-                                    str(boost::format("E: MINOR=%d") % minorNumber),
+  std::vector<std::string> lines = {"P: " + devicePath, "N: " + block->m_Name,
+                                    "E: DEVNAME=/dev/" + block->m_Name, std::string("E: DEVTYPE=") + type,
                                     "E: SUBSYSTEM=block"};
-  if (block->m_Disk != nullptr) {
-    lines.push_back("E: ID_VENDOR=" + block->m_Disk->m_Vendor);
-    lines.push_back("E: ID_MODEL=" + block->m_Disk->m_Model);
-    lines.push_back("E: ID_SERIAL_SHORT=" + block->m_Disk->m_Serial);
-  }
+  if (block->m_Disk != nullptr) lines.push_back("E: ID_SERIAL_SHORT=" + block->m_Disk->m_Serial);
   lines.emplace_back();
   return {1, lines};
 }
@@ -191,9 +176,9 @@ std::optional<SEntry> FindEntry(SMachine& machine, const std::string& path) {
   if (path == "/proc/mdstat") return TextEntry(MdStat(machine));
   if (path == "/proc/devices") return TextEntry(DevicesText(machine));
   if (path == "/proc/self/exe") return LinkEntry(machine.m_Process);
-  if (path == "/dev/urandom") return SEntry{SEntry::EKind::Random, "", 0, 0666};
+  if (path == "/dev/urandom") return SEntry{EFile::Random, "", makedev(1, 9), 0666};
   if (path == UDEVADM || path == machine.m_Process || (machine.m_HasSdparm && path == SdparmPath(machine))) {
-    return SEntry{SEntry::EKind::Text, "", 0, 0755};
+    return SEntry{EFile::Text, "", 0, 0755};
   }
   for (const char* folder : {"/", "/proc", "/sys", "/sys/block", "/dev"}) {
     if (path == folder) return DirectoryEntry();
@@ -206,7 +191,7 @@ std::optional<SEntry> FindEntry(SMachine& machine, const std::string& path) {
 std::optional<SEntry> ResolveEntry(SMachine& machine, const std::string& path) {
   auto entry = FindEntry(machine, path);
   // The links of sysfs lead to folders; the process's own to its program.
-  if (entry && entry->m_Kind == SEntry::EKind::Link) {
+  if (entry && entry->m_Kind == EFile::Link) {
     return path == "/proc/self/exe" ? FindEntry(machine, machine.m_Process) : DirectoryEntry();
   }
   return entry;

@@ -8,8 +8,7 @@ namespace Simulation {
 
 /// What is at a path. Text files are made when they are asked for.
 struct SEntry {
-  enum class EKind { Text, Link, Directory, Random, Block };
-  EKind m_Kind{};
+  EFile m_Kind{};
   std::string m_Text;  ///< of a file; of a link, where it points to
   dev_t m_Device{};    ///< of a block device's node
   mode_t m_Mode{};     ///< permissions
