@@ -247,14 +247,12 @@ std::size_t CSimulatedSystem::OpenDescriptors() const {
 
 std::uint64_t CSimulatedSystem::IoctlCount(unsigned long request) const {
   const CTurn turn(*m_Inside);
-  const auto found = m_Inside->m_Ioctls.find(request);
-  return found == m_Inside->m_Ioctls.end() ? 0 : found->second;
+  return m_Inside->m_Ioctls[request];
 }
 
 std::uint64_t CSimulatedSystem::CommandCount(const std::string& program) const {
   const CTurn turn(*m_Inside);
-  const auto found = m_Inside->m_Commands.find(program);
-  return found == m_Inside->m_Commands.end() ? 0 : found->second;
+  return m_Inside->m_Commands[program];
 }
 
 int CSimulatedSystem::Open(const std::string& path, int flags) {

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/predicate.hpp>
@@ -7,7 +6,6 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/property_tree/ini_parser.hpp>
 #include <cerrno>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 
@@ -15,6 +13,7 @@
 #include "PI/Helpers.h"
 #include "libraries/common/CancellationGuard.h"
 #include "libraries/common/FileDescriptor.h"
+#include "libraries/common/ReplaceFile.h"
 
 namespace PI {
 namespace {
@@ -22,6 +21,9 @@ namespace {
 namespace fs = boost::filesystem;
 using KVT::Internal::CCancellationGuard;
 using KVT::Internal::CFileDescriptor;
+using KVT::Internal::ReplaceFile;
+
+constexpr mode_t NEW_FILE_MODE = 0644;  // all may read it
 
 /// The file itself, behind all symbolic links: those stay when the file is replaced.
 fs::path Locate(const std::string& name) {
@@ -87,42 +89,6 @@ std::string ReplaceKey(const std::string& text, const std::string& key, const st
   return done ? result : result + newLine;
 }
 
-bool WriteAll(int file, const std::string& text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const ssize_t written = write(file, text.data() + at, text.size() - at);
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) at += static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-/// Removes a file that is still there at the end of the scope.
-struct STemporaryFile {
-  std::string m_Path;
-  ~STemporaryFile() {
-    if (!m_Path.empty()) unlink(m_Path.c_str());
-  }
-};
-
-/// Puts a new file in the place of the old one, which stays whole whatever fails. A new file can be read by
-/// all.
-bool ReplaceFile(const fs::path& path, const std::string& text) {
-  constexpr mode_t NEW_FILE_MODE = 0644;
-  struct stat before {};
-  const bool existed = stat(path.c_str(), &before) == 0;
-  std::string name = path.string() + ".XXXXXX";
-  CFileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
-  if (!file.IsOpen()) return false;
-  STemporaryFile temporary{name};
-  if (existed && fchown(file.Get(), before.st_uid, before.st_gid) != 0) return false;
-  if (fchmod(file.Get(), existed ? before.st_mode & 07777U : NEW_FILE_MODE) != 0) return false;
-  if (!WriteAll(file.Get(), text) || fsync(file.Get()) != 0 || !file.Close()) return false;
-  if (rename(name.c_str(), path.c_str()) != 0) return false;
-  temporary.m_Path.clear();
-  const CFileDescriptor folder(open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder.IsOpen() && fsync(folder.Get()) == 0;
-}
-
 }  // namespace
 
 CConfigFile::CConfigFile() = default;
@@ -151,7 +117,7 @@ unsigned int CConfigFile::WriteKeyValue(const std::string& key, const std::strin
   // Reading it back refuses what a line cannot hold: a line break, a key with "=" or one that begins a
   // comment.
   if (FindKey(replaced, key) != value) return ERR_DEVICE_IO;
-  return ReplaceFile(path, replaced) ? OK : ERR_DEVICE_IO;
+  return ReplaceFile(path.string(), replaced, NEW_FILE_MODE) ? OK : ERR_DEVICE_IO;
 }
 
 unsigned int CConfigFile::WriteKeyValue(const std::string& key, int value, int section, int index) {

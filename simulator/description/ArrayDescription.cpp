@@ -38,13 +38,12 @@ std::string MetadataText(const SArray& array) {
   return str(boost::format("%d.%d") % array.m_MajorVersion % array.m_MinorVersion);
 }
 
+// A program may have chosen a version that md then runs no array with.
 void ReadMetadata(SMachine&, SArray& array, const TJson& json) {
   const auto text = json.get<std::string>();
-  const bool usual = text == "0.90" || text == "1.0" || text == "1.1" || text == "1.2";
-  // A program may have chosen a version that md then runs no array with.
   const int read = std::sscanf(text.c_str(), "%1d.%9d", &array.m_MajorVersion, &array.m_MinorVersion);
-  if (!usual && (array.m_Running || read != 2 || MetadataText(array) != text))
-    Fail(json, "is none of \"0.90\", \"1.0\", \"1.1\" and \"1.2\"");
+  if (read != 2 || MetadataText(array) != text)
+    Fail(json, "is no version such as \"0.90\", \"1.0\" or \"1.2\"");
 }
 
 /// The level, and what is usual for it.

@@ -41,18 +41,12 @@ std::string PartitionName(const std::string& whole, unsigned int number) {
   return whole + (digit ? "p" : "") + std::to_string(number);
 }
 
-template <typename TWhole>
-SBlock WholeBlock(TWhole& whole, std::uint64_t size) {
-  SBlock block;
-  block.m_Name = whole.m_Name;
-  block.m_Device = whole.m_Device;
-  block.m_Size = size;
-  if constexpr (std::is_same_v<TWhole, SDisk>) {
-    block.m_Disk = &whole;
-  } else {
-    block.m_Array = &whole;
-  }
-  return block;
+SBlock WholeBlock(SDisk& disk) {
+  return {disk.m_Name, disk.m_Device, &disk, nullptr, nullptr, 0, disk.m_Size};
+}
+
+SBlock WholeBlock(SArray& array) {
+  return {array.m_Name, array.m_Device, nullptr, &array, nullptr, 0, array.m_ArraySectors / 2};
 }
 
 SBlock PartitionBlock(SBlock whole, SPartition& partition) {
@@ -64,22 +58,34 @@ SBlock PartitionBlock(SBlock whole, SPartition& partition) {
   return whole;
 }
 
+/// Calls `visit(block)` for every device until it answers true, partitions behind their disk.
+template <typename TVisit>
+void ForEachBlock(SMachine& machine, TVisit visit) {
+  const auto visitAll = [&](const SBlock& whole) {
+    const auto isIt = [&](SPartition& partition) { return visit(PartitionBlock(whole, partition)); };
+    return visit(whole) || std::any_of(whole.Partitions().begin(), whole.Partitions().end(), isIt);
+  };
+  for (SDisk& disk : machine.m_Disks)
+    if (visitAll(WholeBlock(disk))) return;
+  for (SArray& array : machine.m_Arrays)
+    if (visitAll(WholeBlock(array))) return;
+}
+
 template <typename TMatch>
 std::optional<SBlock> FindBlockThat(SMachine& machine, TMatch matches) {
-  const auto search = [&](const SBlock& whole) -> std::optional<SBlock> {
-    if (matches(whole)) return whole;
-    for (SPartition& partition : whole.Partitions()) {
-      if (const SBlock block = PartitionBlock(whole, partition); matches(block)) return block;
-    }
-    return std::nullopt;
-  };
-  for (SDisk& disk : machine.m_Disks) {
-    if (auto found = search(WholeBlock(disk, disk.m_Size))) return found;
-  }
-  for (SArray& array : machine.m_Arrays) {
-    if (auto found = search(WholeBlock(array, array.m_ArraySectors / 2))) return found;
-  }
-  return std::nullopt;
+  std::optional<SBlock> found;
+  ForEachBlock(machine, [&](const SBlock& block) {
+    if (matches(block)) found = block;
+    return found.has_value();
+  });
+  return found;
+}
+
+template <typename TItem>
+TItem* FindNamed(std::vector<TItem>& list, const std::string& name) {
+  const auto found =
+      std::find_if(list.begin(), list.end(), [&](const auto& one) { return one.m_Name == name; });
+  return found == list.end() ? nullptr : &*found;
 }
 
 bool IsMember(const SMachine& machine, const SBlock& block) {
@@ -148,12 +154,10 @@ std::string& SBlock::Mount() const {
 
 std::vector<SBlock> AllBlocks(SMachine& machine) {
   std::vector<SBlock> blocks;
-  const auto append = [&](const SBlock& whole) {
-    blocks.push_back(whole);
-    for (SPartition& partition : whole.Partitions()) blocks.push_back(PartitionBlock(whole, partition));
-  };
-  for (SDisk& disk : machine.m_Disks) append(WholeBlock(disk, disk.m_Size));
-  for (SArray& array : machine.m_Arrays) append(WholeBlock(array, array.m_ArraySectors / 2));
+  ForEachBlock(machine, [&](const SBlock& block) {
+    blocks.push_back(block);
+    return false;
+  });
   return blocks;
 }
 
@@ -165,17 +169,9 @@ std::optional<SBlock> FindBlock(SMachine& machine, const std::string& name) {
   return FindBlockThat(machine, [&](const SBlock& block) { return block.m_Name == name; });
 }
 
-SDisk* FindDisk(SMachine& machine, const std::string& name) {
-  const auto found = std::find_if(machine.m_Disks.begin(), machine.m_Disks.end(),
-                                  [&](const SDisk& disk) { return disk.m_Name == name; });
-  return found == machine.m_Disks.end() ? nullptr : &*found;
-}
+SDisk* FindDisk(SMachine& machine, const std::string& name) { return FindNamed(machine.m_Disks, name); }
 
-SArray* FindArray(SMachine& machine, const std::string& name) {
-  const auto found = std::find_if(machine.m_Arrays.begin(), machine.m_Arrays.end(),
-                                  [&](const SArray& array) { return array.m_Name == name; });
-  return found == machine.m_Arrays.end() ? nullptr : &*found;
-}
+SArray* FindArray(SMachine& machine, const std::string& name) { return FindNamed(machine.m_Arrays, name); }
 
 SMember* FindMember(SArray& array, dev_t device) {
   const auto found = std::find_if(array.m_Members.begin(), array.m_Members.end(),
@@ -195,8 +191,7 @@ bool IsThere(const SMachine& machine, const SMember& member) {
 
 bool CanClaim(SMachine& machine, const SBlock& block) {
   if (IsClaimed(machine, block)) return false;
-  SBlock whole = block.m_Disk != nullptr ? WholeBlock(*block.m_Disk, block.m_Disk->m_Size)
-                                         : WholeBlock(*block.m_Array, block.m_Array->m_ArraySectors / 2);
+  const SBlock whole = block.m_Disk != nullptr ? WholeBlock(*block.m_Disk) : WholeBlock(*block.m_Array);
   if (block.m_Partition != nullptr) return !IsClaimed(machine, whole);
   return std::none_of(whole.Partitions().begin(), whole.Partitions().end(), [&](SPartition& partition) {
     return IsClaimed(machine, PartitionBlock(whole, partition));
