@@ -12,10 +12,11 @@
 #include <sstream>
 #include <thread>
 
-#include "simulator/MachineDescription.h"
-#include "simulator/MdDriver.h"
 #include "simulator/Monitor.h"
-#include "simulator/SimulatedFiles.h"
+#include "simulator/description/MachineDescription.h"
+#include "simulator/machine/MdDriver.h"
+#include "simulator/machine/MdSync.h"
+#include "simulator/machine/SimulatedFiles.h"
 
 namespace Simulation {
 

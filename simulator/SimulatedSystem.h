@@ -3,18 +3,11 @@
 /// A machine that exists in memory.
 
 #include <memory>
-#include <stdexcept>
 
+#include "simulator/machine/MachineError.h"
 #include "system/OperatingSystem.h"
 
 namespace Simulation {
-
-/// A machine description, or a change, that cannot be used; what() names the line or the key and says what is
-/// wrong.
-class CMachineError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 /// Controllers, disks, sysfs, udev, an md driver and a clock, made from a description (docs: JSON, one
 /// object). It behaves as Linux 6.1 does below the plug-in and knows nothing of the plug-in. What it leaves

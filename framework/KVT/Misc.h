@@ -64,7 +64,7 @@ class ZQ_API CKvtApplication {
   /// the server runs as root). Returns 1 and fills `path` when found.
   static int GetCommandPath(const std::string& name, boost::filesystem::path& path);
   /// Folder of the configuration files: ZQ_CONFIG_DIR unless it is unset or empty, or this program runs with
-  /// more rights than whoever started it; else /etc/zq.
+  /// more rights than whoever started it; else /etc/zq, or a temporary folder while the machine is simulated.
   static boost::filesystem::path GetConfigDirectory();
 };
 

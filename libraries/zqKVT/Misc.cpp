@@ -25,6 +25,17 @@ SRegistry& Registry() {
   return *registry;
 }
 
+struct SConfigDirectory {
+  std::mutex m_Lock;
+  std::string m_Path{"/etc/zq"};
+};
+
+/// Never destroyed either: the threads of a module may outlive main().
+SConfigDirectory& ConfigDirectory() {
+  static auto* const directory = new SConfigDirectory;
+  return *directory;
+}
+
 bool IsProgram(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
@@ -78,8 +89,14 @@ int CKvtApplication::GetCommandPath(const std::string& name, boost::filesystem::
 }
 
 boost::filesystem::path CKvtApplication::GetConfigDirectory() {
-  const char* directory = Internal::FindVariable("ZQ_CONFIG_DIR");
-  return directory != nullptr ? directory : "/etc/zq";
+  if (const char* const directory = Internal::FindVariable("ZQ_CONFIG_DIR")) return directory;
+  const std::lock_guard guard(ConfigDirectory().m_Lock);
+  return ConfigDirectory().m_Path;
 }
 
 }  // namespace KVT::Misc
+
+void KVT::Internal::SetConfigDirectory(const std::string& folder) {
+  const std::lock_guard guard(Misc::ConfigDirectory().m_Lock);
+  Misc::ConfigDirectory().m_Path = folder;
+}

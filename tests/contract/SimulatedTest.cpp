@@ -26,6 +26,7 @@ TEST_F(CContract, SuperblocksThatMakeNoArrayAreRefused) {
       {92, 1921, 0, EINVAL, half},                         //
       {72, 77, EINVAL, 0, "active raid1 0[0]"},            // level
       {80, 30000, 0, EINVAL, "inactive 1[1] 0[0]"},        // size, larger than the disk
+      {84, 0xffffffff, 0, EINVAL, "inactive 1[1] 0[0]"},   // and below zero, as mirrors above 1 TiB get it
       {258, 0xffff0000, 0, EINVAL, "inactive 1[1] 0[0]"},  // slot 0 a second time
       {220, 0, 0, 0, "active raid1 1[1] 0[0]"},            // room for no roles
       {160, 1920, EBUSY, 0, "active raid1 0[0]"}};         // the member's number

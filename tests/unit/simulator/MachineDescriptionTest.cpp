@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "simulator/DescriptionFile.h"
+#include "simulator/description/DescriptionFile.h"
 #include "simulator/SimulatedSystem.h"
 #include "system/Descriptor.h"
 #include "tests/support/TemporaryFolder.h"

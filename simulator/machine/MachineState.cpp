@@ -1,4 +1,4 @@
-#include "simulator/MachineState.h"
+#include "simulator/machine/MachineState.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -159,6 +159,12 @@ SArray* FindArray(SMachine& machine, const std::string& name) {
   const auto found = std::find_if(machine.m_Arrays.begin(), machine.m_Arrays.end(),
                                   [&](const SArray& array) { return array.m_Name == name; });
   return found == machine.m_Arrays.end() ? nullptr : &*found;
+}
+
+SMember* FindMember(SArray& array, dev_t device) {
+  const auto found = std::find_if(array.m_Members.begin(), array.m_Members.end(),
+                                  [device](const SMember& member) { return member.m_Device == device; });
+  return found == array.m_Members.end() ? nullptr : &*found;
 }
 
 bool CanClaim(SMachine& machine, const SBlock& block) {

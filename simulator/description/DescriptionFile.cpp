@@ -1,4 +1,4 @@
-#include "simulator/DescriptionFile.h"
+#include "simulator/description/DescriptionFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "simulator/SimulatedSystem.h"
+#include "simulator/machine/MachineError.h"
 
 namespace Simulation {
 namespace {

@@ -1,7 +1,8 @@
 #include <boost/format.hpp>
 
-#include "simulator/MachineDescription.h"
-#include "simulator/MdDriver.h"
+#include "simulator/description/MachineDescription.h"
+#include "simulator/machine/MdDriver.h"
+#include "simulator/machine/MdSync.h"
 
 namespace Simulation {
 namespace {

@@ -1,11 +1,11 @@
-#include "simulator/JsonReader.h"
+#include "simulator/description/JsonReader.h"
 
 #include <algorithm>
 #include <boost/format.hpp>
 #include <sstream>
 #include <string_view>
 
-#include "simulator/SimulatedSystem.h"
+#include "simulator/machine/MachineError.h"
 
 namespace Simulation {
 namespace {

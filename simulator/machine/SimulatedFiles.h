@@ -2,7 +2,7 @@
 /// @file
 /// The files, links and programs of a simulated machine.
 
-#include "simulator/MachineState.h"
+#include "simulator/machine/MachineState.h"
 
 namespace Simulation {
 

@@ -5,9 +5,10 @@
 #include <cstring>
 #include <utility>
 
-#include "simulator/MachineDescription.h"
-#include "simulator/MdDriver.h"
-#include "simulator/SimulatedSystem.h"
+#include "simulator/description/MachineDescription.h"
+#include "simulator/machine/MachineError.h"
+#include "simulator/machine/MdDriver.h"
+#include "simulator/machine/MdSync.h"
 
 namespace Simulation {
 namespace {

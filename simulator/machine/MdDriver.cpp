@@ -1,4 +1,4 @@
-#include "simulator/MdDriver.h"
+#include "simulator/machine/MdDriver.h"
 
 #include <linux/ioctl.h>
 #include <linux/major.h>
@@ -6,24 +6,18 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
-#include <boost/format.hpp>
 #include <cerrno>
 #include <cstring>
 #include <set>
 #include <utility>
 
-#include "simulator/Superblock.h"
+#include "simulator/machine/MdSync.h"
+#include "simulator/machine/Superblock.h"
 
 namespace Simulation {
 namespace {
 
 constexpr std::uint16_t FIRST_SPECIAL_ROLE = MD_DISK_ROLE_MAX;
-
-SMember* FindMember(SArray& array, dev_t device) {
-  const auto found = std::find_if(array.m_Members.begin(), array.m_Members.end(),
-                                  [device](const SMember& member) { return member.m_Device == device; });
-  return found == array.m_Members.end() ? nullptr : &*found;
-}
 
 SMember* FindMember(SArray& array, int number) {
   const auto found = std::find_if(array.m_Members.begin(), array.m_Members.end(),
@@ -336,42 +330,6 @@ int StopArray(SMachine& machine, SArray& array, std::size_t openersAllowed) {
   ++machine.m_MdEvents;
   EndSyncs(machine);
   return 0;
-}
-
-int FailDisk(SMachine& machine, SArray& array, dev_t device) {
-  SMember* member = array.m_Running ? FindMember(array, device) : nullptr;
-  if (member == nullptr) return ENODEV;
-  if (member->m_Faulty) return array.m_Broken ? EBUSY : 0;
-  if (!FindPersonality(array.m_Level)->m_Syncs) {
-    array.m_Broken = true;
-    ++machine.m_MdEvents;
-    return EBUSY;
-  }
-  const bool wasInSync = std::exchange(member->m_InSync, false);
-  const bool enough = IsEnough(array);
-  if (wasInSync && !enough) {
-    array.m_Broken = true;
-    ++machine.m_MdEvents;
-    // A mirror keeps its last member in whatever state; parity levels count it out.
-    member->m_InSync = array.m_Level == 1 || array.m_Level == 10;
-    if (member->m_InSync) return EBUSY;
-  }
-  member->m_Faulty = true;
-  if (array.m_Sync) {
-    const std::uint64_t position = SyncPosition(machine, array);
-    if (!array.m_Sync->m_Recovery) array.m_SyncedSectors = position;
-    for (SMember& other : array.m_Members) {
-      if (array.m_Sync->m_Recovery && other.m_Slot >= 0 && !other.m_InSync)
-        other.m_RecoveredSectors = position;
-    }
-    array.m_Sync.reset();
-    ++machine.m_MdEvents;
-  }
-  ++machine.m_MdEvents;
-  CheckRecovery(machine, array);
-  UpdateSuperblocks(machine, array);
-  EndSyncs(machine);
-  return enough ? 0 : EBUSY;
 }
 
 int RemoveDisk(SMachine& machine, SArray& array, dev_t device) {

@@ -1,7 +1,9 @@
+#include "simulator/machine/MdStat.h"
+
 #include <algorithm>
 #include <boost/format.hpp>
 
-#include "simulator/MdDriver.h"
+#include "simulator/machine/MdSync.h"
 
 namespace Simulation {
 namespace {

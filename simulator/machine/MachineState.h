@@ -188,6 +188,8 @@ std::optional<SBlock> FindBlock(SMachine& machine, dev_t device);
 std::optional<SBlock> FindBlock(SMachine& machine, const std::string& name);
 SDisk* FindDisk(SMachine& machine, const std::string& name);
 SArray* FindArray(SMachine& machine, const std::string& name);
+/// The member on a device; null when there is none.
+SMember* FindMember(SArray& array, dev_t device);
 /// True when nobody has claimed the device, its whole disk or one of its partitions: md, a mount or O_EXCL.
 bool CanClaim(SMachine& machine, const SBlock& block);
 /// How many hold the array open: descriptors and mounts, those of its partitions included.

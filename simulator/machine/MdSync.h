@@ -1,8 +1,8 @@
 #pragma once
 /// @file
-/// The md driver of a simulated machine: requests, background work, and /proc/mdstat.
+/// What the md driver of a simulated machine does by itself: superblocks, spares that take over, resyncs.
 
-#include "simulator/MachineState.h"
+#include "simulator/machine/MachineState.h"
 
 namespace Simulation {
 
@@ -19,23 +19,9 @@ const SPersonality* FindPersonality(int level);
 constexpr unsigned int LeastDisks(int level) { return level == 6 ? 4 : 1; }
 const SPersonality* FindPersonality(const std::string& name);
 
-/// Carries out a request on an array's device; 0, the error, or minus an answer above 0: a concatenation that
-/// does not start answers 1. `argument` as ioctl() takes it.
-int MdIoctl(SMachine& machine, SArray& array, unsigned long request, void* argument);
-/// Opening a number of one of md's majors makes the array's device when it is new. Other numbers are left
-/// alone.
-void OpenMdDevice(SMachine& machine, dev_t device);
-/// Drops the devices that are empty and that nobody has open.
-void DropEmptyArrays(SMachine& machine);
-
-/// Writes the array's superblock to a free device, and adds it as a spare.
-int AddSpare(SMachine& machine, SArray& array, const SBlock& block);
-/// What the requests do; 0 or the error.
-int RunArray(SMachine& machine, SArray& array);
-int StopArray(SMachine& machine, SArray& array, std::size_t openersAllowed);
+/// Takes a member out of service, as a request or an error does: 0, or the error that the request answers
+/// with.
 int FailDisk(SMachine& machine, SArray& array, dev_t device);
-int RemoveDisk(SMachine& machine, SArray& array, dev_t device);
-
 /// Writes the array's present state to the superblocks of its members. A member that cannot be written fails.
 void UpdateSuperblocks(SMachine& machine, SArray& array);
 /// Starts what is due on the array: removal of failed members, a recovery onto spares, a resync.
@@ -56,7 +42,5 @@ bool IsEnough(const SArray& array);
 int DegradedBy(const SArray& array);
 /// Sets the array's size from its level and members.
 void ComputeArraySize(SArray& array);
-
-std::string MdStat(const SMachine& machine);
 
 }  // namespace Simulation

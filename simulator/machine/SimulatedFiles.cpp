@@ -1,4 +1,4 @@
-#include "simulator/SimulatedFiles.h"
+#include "simulator/machine/SimulatedFiles.h"
 
 #include <sys/sysmacros.h>
 
@@ -6,7 +6,7 @@
 #include <array>
 #include <boost/format.hpp>
 
-#include "simulator/MdDriver.h"
+#include "simulator/machine/MdStat.h"
 
 namespace Simulation {
 namespace {

@@ -6,9 +6,9 @@
 #include <climits>
 #include <cstdio>
 
-#include "simulator/MachineDescription.h"
-#include "simulator/MdDriver.h"
-#include "simulator/Superblock.h"
+#include "simulator/description/MachineDescription.h"
+#include "simulator/machine/MdSync.h"
+#include "simulator/machine/Superblock.h"
 
 namespace Simulation {
 namespace {

@@ -1,4 +1,4 @@
-#include "simulator/Superblock.h"
+#include "simulator/machine/Superblock.h"
 
 #include <algorithm>
 #include <bit>

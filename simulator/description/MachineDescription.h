@@ -2,8 +2,8 @@
 /// @file
 /// Machines as JSON text. simulator/README.md tells what a description may say.
 
-#include "simulator/JsonReader.h"
-#include "simulator/MachineState.h"
+#include "simulator/description/JsonReader.h"
+#include "simulator/machine/MachineState.h"
 
 namespace Simulation {
 

@@ -2,7 +2,7 @@
 /// @file
 /// md superblocks of version 1.0 as the kernel reads and writes them.
 
-#include "simulator/MachineState.h"
+#include "simulator/machine/MachineState.h"
 
 namespace Simulation {
 

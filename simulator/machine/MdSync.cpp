@@ -1,10 +1,11 @@
+#include "simulator/machine/MdSync.h"
+
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
 
-#include "simulator/MdDriver.h"
-#include "simulator/Superblock.h"
+#include "simulator/machine/Superblock.h"
 
 namespace Simulation {
 namespace {
@@ -201,6 +202,42 @@ void CheckRecovery(SMachine& machine, SArray& array) {
       Start(machine, array, false, array.m_SyncedSectors);
     }
   }
+}
+
+int FailDisk(SMachine& machine, SArray& array, dev_t device) {
+  SMember* member = array.m_Running ? FindMember(array, device) : nullptr;
+  if (member == nullptr) return ENODEV;
+  if (member->m_Faulty) return array.m_Broken ? EBUSY : 0;
+  if (!FindPersonality(array.m_Level)->m_Syncs) {
+    array.m_Broken = true;
+    ++machine.m_MdEvents;
+    return EBUSY;
+  }
+  const bool wasInSync = std::exchange(member->m_InSync, false);
+  const bool enough = IsEnough(array);
+  if (wasInSync && !enough) {
+    array.m_Broken = true;
+    ++machine.m_MdEvents;
+    // A mirror keeps its last member in whatever state; parity levels count it out.
+    member->m_InSync = array.m_Level == 1 || array.m_Level == 10;
+    if (member->m_InSync) return EBUSY;
+  }
+  member->m_Faulty = true;
+  if (array.m_Sync) {
+    const std::uint64_t position = SyncPosition(machine, array);
+    if (!array.m_Sync->m_Recovery) array.m_SyncedSectors = position;
+    for (SMember& other : array.m_Members) {
+      if (array.m_Sync->m_Recovery && other.m_Slot >= 0 && !other.m_InSync)
+        other.m_RecoveredSectors = position;
+    }
+    array.m_Sync.reset();
+    ++machine.m_MdEvents;
+  }
+  ++machine.m_MdEvents;
+  CheckRecovery(machine, array);
+  UpdateSuperblocks(machine, array);
+  EndSyncs(machine);
+  return enough ? 0 : EBUSY;
 }
 
 void UpdateSuperblocks(SMachine& machine, SArray& array) {

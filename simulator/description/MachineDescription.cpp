@@ -1,5 +1,6 @@
-#include "simulator/MachineDescription.h"
+#include "simulator/description/MachineDescription.h"
 
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
@@ -7,7 +8,7 @@
 #include <cctype>
 #include <numeric>
 
-#include "simulator/SimulatedSystem.h"
+#include "simulator/machine/MachineError.h"
 
 namespace Simulation {
 namespace {
