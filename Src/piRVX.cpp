@@ -50,7 +50,8 @@ const KVT::Language_Support::CLanguageSupport::CLngFile LanguageFile(
 
 }  // namespace
 
-KVT::Misc::CModuleInfo KVT_MODULE_INFO_piRVX(295, "piRVX", "P:6.4.3 F:6.4.3", LanguageFile, ErrorMsgList);
+KVT::Misc::CModuleInfo KVT_MODULE_INFO_piRVX(295, "piRVX", "P:" RVX_VERSION " F:" RVX_VERSION, LanguageFile,
+                                             ErrorMsgList);
 
 IPLUGINAPI_IMPL* g_p_IPLUGINAPI_IMPL = nullptr;
 

@@ -26,7 +26,7 @@ constexpr SPropertyRow<SPluginView> PROPERTIES[] = {
        return Put(p, Text("Plugin:ID=%d", KVT_MODULE_INFO_piRVX.GetNumber()));
      }},
     {PI::PROP_NAME, 23320, [](SPluginView&, PI::CProperty& p) { return Put(p, "RVX-Plugin"); }},
-    {PI::PROP_VERSION, 23325, [](SPluginView&, PI::CProperty& p) { return Put(p, "6.4.3"); }},
+    {PI::PROP_VERSION, 23325, [](SPluginView&, PI::CProperty& p) { return Put(p, RVX_VERSION); }},
     {PI::PROP_VENDOR, 23324, [](SPluginView&, PI::CProperty& p) { return Put(p, "Linux"); }},
     {.m_ID = PI::PROP_POLL_INTERVAL,
      .m_LabelTextID = 23321,

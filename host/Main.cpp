@@ -16,7 +16,7 @@ namespace rvxctl {
 
 namespace {
 
-constexpr char VERSION[] = "rvxctl 6.4.3";
+constexpr char VERSION[] = "rvxctl " RVX_VERSION;
 
 constexpr char FOOTER[] =
     R"(Objects are named by kernel name (sda, md_d0), path, device key or identifier; "plugin" and "adapter" too.

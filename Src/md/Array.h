@@ -4,7 +4,6 @@
 
 #include <linux/ioctl.h>
 #include <linux/major.h>
-#include <sys/types.h>
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "simulator/description/DescriptionFile.h"
 #include "simulator/SimulatedSystem.h"
+#include "simulator/description/DescriptionFile.h"
 #include "system/Descriptor.h"
 #include "tests/support/TemporaryFolder.h"
 
