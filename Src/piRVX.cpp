@@ -133,8 +133,7 @@ unsigned int IPLUGINAPI_IMPL::GetProperties(unsigned long id, std::vector<PI::CP
       &IPLUGINAPI_IMPL::GetPluginProperties, &IPLUGINAPI_IMPL::GetAdapterProperties,
       &IPLUGINAPI_IMPL::GetPhysicalDriveProperties, &IPLUGINAPI_IMPL::GetLogicalDriveProperties,
       "GetProperties"};
-  // Only the reading of a single property counts as a change of the object; front ends rely on the
-  // difference.
+  // Only the reading of a single property counts as a change of the object (oddity 1).
   return Route(HANDLERS, id, 0, properties, PI::PROP_ALL);
 }
 

@@ -109,7 +109,7 @@ unsigned int IPLUGINAPI_IMPL::GetAdapterProperties(CRVXAdapter& adapter, std::ve
 }
 
 unsigned int IPLUGINAPI_IMPL::SetAdapterProperty(CRVXAdapter&, PI::CProperty&) {
-  return PI::OK;  // taken and forgotten, unlike the drives' properties: front ends set what they like here
+  return PI::OK;  // taken and forgotten, unlike the drives' properties (oddity 2)
 }
 
 }  // namespace NAMESPACE_piRVX

@@ -68,7 +68,7 @@ unsigned int CheckDeletion(CModel& model, const CRVXLogicalDrive& array, unsigne
       break;
     }
   }
-  // The name that this function had first; logs are searched for it.
+  // The name that this function had first (oddity 14).
   RVX_TRACE(TRACE_INFORMATION, "CheckLogicalDriveOperation() leave successfully for %s", array.m_KernelName);
   return PI::OK;
 }

@@ -103,7 +103,7 @@ unsigned int IPLUGINAPI_IMPL::ExecuteAdapterOperation(CRVXAdapter& adapter, PI::
   if (FindOperation(ADAPTER_OPERATIONS, operation.m_Code) == nullptr)
     RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OpCode(%d)", operation.m_Code);
   const unsigned int status = ExecuteByRow(ADAPTER_OPERATIONS, *this, adapter, operation);
-  // The name that this function had first; logs are searched for it.
+  // The name that this function had first (oddity 14).
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE AdapterExecuteOperation() -> %d", status);
   return status;
 }
@@ -151,7 +151,7 @@ unsigned int IPLUGINAPI_IMPL::DeleteAllLogicalDrives() {
   unsigned int status = PI::OK;
   bool deleted = false;
   for (CRVXLogicalDrive& array : m_LogicalDrives) {
-    // Each array overwrites the result: the last one's counts, earlier failures are lost on purpose.
+    // Each array overwrites the result: the last one's counts, earlier failures are lost (oddity 13).
     if (IsBusy(array)) {
       RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_ALL_LOGICAL_DRIVES array (%s) is busy",
                 array.m_KernelName);

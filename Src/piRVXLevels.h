@@ -35,7 +35,7 @@ struct SRaidLevel {
 };
 /// Of every array that the plug-in makes.
 inline constexpr std::size_t MIN_DISKS = 2;
-/// In the order in which front ends list them. Of the levels that are striped two show it: they know it so.
+/// In the order in which front ends list them. Of the levels that are striped two show it (oddity 3).
 inline constexpr SRaidLevel RAID_LEVELS[] = {
     {PI::LEVEL_RAID0, 0, false, true, 384, std::size(STRIPE_SIZES), PI::STRIPE_64K},
     {PI::LEVEL_RAID1, 1, true, false, 2, 0, 0, true},

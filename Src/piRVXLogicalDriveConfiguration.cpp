@@ -30,7 +30,7 @@ unsigned int ReadConfiguration(OS::COperatingSystem& os, CRVXLogicalDrive& array
             info->failed_disks, info->spare_disks, info->layout, info->chunk_size);
   array.m_LogicalSize = 0;
   array.m_RaidLevel = RaidLevelOf(info->level);
-  // The level, not the chunk size, so every real array reads 64 KiB here; front ends were built against that.
+  // The level, not the chunk size, so every real array reads 64 KiB here (oddity 4).
   array.m_StripeSize = StripeOf(info->level);
 
   PI::CContainer container;

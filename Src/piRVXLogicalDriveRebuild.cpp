@@ -33,8 +33,7 @@ unsigned int StartRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& arra
               disk.state, disk.raid_disk, info->raid_disks);
   });
   if (!faulty) return PI::ERR_DEVICE_IO;
-  // The number of the array's own node goes to md, not the member's: front ends and logs know the refusal
-  // that current kernels answer it with.
+  // The number of the array's own node goes to md, not the member's (oddity 12).
   const auto node = ArrayNodeNumber(os, array);
   if (!node) return PI::ERR_GENERAL;
   RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: found %d, remove", faulty->number);
@@ -55,7 +54,7 @@ unsigned int CancelRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& arr
                   disk.raid_disk, info->raid_disks);
       });
   if (!rebuilding) return PI::ERR_DEVICE_IO;
-  const auto node = ArrayNodeNumber(os, array);  // as for the start
+  const auto node = ArrayNodeNumber(os, array);  // oddity 12
   if (!node) return PI::ERR_GENERAL;
   RVX_TRACE(TRACE_INFORMATION, "OP_CANCEL_REBUILD: found %d, set faulty", rebuilding->number);
   return device.Fail(*node) ? PI::OK : PI::ERR_DEVICE_IO;

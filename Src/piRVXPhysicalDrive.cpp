@@ -177,8 +177,8 @@ constexpr PI::_PROPERTY_ID SMART_PROPERTIES[] = {
     PI::PROP_ALL,        PI::PROP_END_OF_LIFE,         PI::PROP_SMART_RESERVE,
     PI::PROP_SMART_WEAR, PI::PROP_SMART_BYTES_WRITTEN, PI::PROP_SMART_POWER_ON_HOURS};
 
-/// What a missing drive does not show: identity, size and path. Wider than the list above on purpose: callers
-/// add properties of their own.
+/// What a missing drive does not show: identity, size and path. Wider than the list above: callers
+/// add properties of their own (oddity 17).
 constexpr std::uint32_t HIDDEN_WHEN_MISSING[] = {30003, 30020, 30022, 30043, 30052, 30053, 30054, 30056,
                                                  30059, 30063, 30125, 30154, 30155, 30202, 30203, 30204,
                                                  30205, 30207, 30208, 30236, 30243, 30247, 30310};

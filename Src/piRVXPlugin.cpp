@@ -44,7 +44,7 @@ unsigned int IPLUGINAPI_IMPL::Initialize(std::vector<PI::CAdapterID>& adapterIDs
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER Initialize()");
   const std::pair<const char*, std::function<int()>> steps[] = {
       {"m_DataLock", [this] { return m_DataLock.Init(); }},
-      // The name that this lock had first; logs are searched for it.
+      // The name that this lock had first (oddity 14).
       {"m_PrivateEventsLock", [this] { return m_EventsLock.Init(); }},
       {"m_ForceWorker", [this] { return m_ForceWorker.Init(false, false); }},
       {"m_StopRequest", [this] { return m_StopRequest.Init(false, true); }},

@@ -119,7 +119,7 @@ bool Merge(CModel& model, const CRVXAdapter& adapter, std::vector<CRVXPhysicalDr
            std::vector<CRVXLogicalDrive>& logicalDrives) {
   SMerge merge{model.m_Adapter.m_Children};
   CRVXAdapter scanned = adapter;
-  // The scan knows no adapter number: a description that names one goes back to (0) here.
+  // The scan knows no adapter number: a description that names one goes back to (0) here (oddity 10).
   if (model.m_Adapter.ScannedFields() != scanned.ScannedFields()) {
     ++merge.m_AdapterChanges;
     merge.m_Changed = true;

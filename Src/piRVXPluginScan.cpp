@@ -136,7 +136,7 @@ void CScan::ScanDisk(CRVXPhysicalDrive& drive) {
                              drive.m_MajorNumber, drive.m_MinorNumber);
   const auto state = ReadAttribute(m_Model.m_OS, drive.m_KernelName, "device/state");
   // A disk without a state is on its way in or out: it counts as one that was not there before, but it stays
-  // the object that front ends know.
+  // the object that front ends know (oddity 8).
   const CRVXPhysicalDrive* const model = m_Model.FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
   const CRVXPhysicalDrive* const known = state ? model : nullptr;
   const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};

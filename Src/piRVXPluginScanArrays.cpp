@@ -100,8 +100,7 @@ void CScan::ScanArray(SArrayHistory history, CRVXLogicalDrive& array) {
 }
 
 void CScan::ScanMembers(CRVXLogicalDrive& array, const Md::CArray& device) {
-  // The number of scanned disks bounds the walk, not the array's own count, on purpose: front ends know the
-  // members of an array whose slot numbers grew beyond that as it is.
+  // The number of scanned disks bounds the walk, not the array's own count (oddity 5).
   const int bound = static_cast<int>(std::min<std::size_t>(m_Found.m_PhysicalDrives.size(), Md::MAX_MEMBERS));
   for (const Md::TDisk disk : device.Disks(bound)) {
     if (!disk) continue;
@@ -130,7 +129,7 @@ void CScan::ScanProgress(const SArrayHistory& history, CRVXLogicalDrive& array,
   };
   if (info.active_disks < info.raid_disks && info.raid_disks == info.working_disks) {
     // A spare is being built in and none is left. mdstat is not asked, so that nothing sets the watch for it:
-    // front ends see such a rebuild without progress.
+    // front ends see such a rebuild without progress (oddity 6).
     start(PI::ACTIVITY_REBUILDING);
     return;
   }
@@ -182,7 +181,7 @@ void CScan::SettleArrayStatus(const SArrayHistory& history, CRVXLogicalDrive& ar
   else
     settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
   // A second look at arrays of other levels. It compares with the same history: one that stays short of
-  // members is announced as OK above on every pass while it stays degraded. Front ends know it so.
+  // members is announced as OK above on every pass while it stays degraded (oddity 7).
   if (array.m_RaidLevel == PI::LEVEL_CONCATENATION && array.m_LogicalSize < array.m_PhysicalSize)
     settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
 }

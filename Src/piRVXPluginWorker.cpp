@@ -30,7 +30,7 @@ constexpr std::uint32_t RESERVE_LIMIT = 9;      ///< percent left
 constexpr unsigned long LIFETIME_LIMIT = 1440;  ///< hours: sixty days
 
 /// The check is due on the first pass, and when the hour has gone from 22 to 23 or from 10 to 11 since the
-/// last check. A check at another hour is therefore the last one; kept, front ends expect no more.
+/// last check. A check at another hour is therefore the last one (oddity 11).
 bool IsSmartCheckDue(std::uint64_t lastCheck, std::uint64_t now) {
   if (lastCheck == 0) return true;
   const std::int32_t last = KVTX::CSystemTime_Lx::GetDate(lastCheck).m_Hour;
