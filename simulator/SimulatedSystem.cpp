@@ -2,20 +2,22 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <linux/hdreg.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <sstream>
+#include <set>
 #include <thread>
 
-#include "simulator/Monitor.h"
+#include "simulator/description/Changes.h"
+#include "simulator/description/DemoMachine.h"
 #include "simulator/description/MachineDescription.h"
+#include "simulator/machine/Clock.h"
+#include "simulator/machine/DiskDriver.h"
 #include "simulator/machine/MdDriver.h"
-#include "simulator/machine/MdSync.h"
+#include "simulator/machine/Monitor.h"
 #include "simulator/machine/SimulatedFiles.h"
 
 namespace Simulation {
@@ -36,34 +38,11 @@ int Failed(int error) {
   return -1;
 }
 
-bool IsAtaDisk(const SMachine& machine, const SDisk& disk) {
-  const std::string& driver = machine.m_Controllers[disk.m_Controller].m_Driver;
-  return driver == "ahci" || driver == "ata_piix";
-}
-
-/// HDIO_DRIVE_CMD with SMART READ DATA; the data lies behind the four bytes of the command.
-int DriveCommand(const SMachine& machine, const SDisk& disk, void* argument) {
-  if (!IsAtaDisk(machine, disk)) return EINVAL;
-  if (argument == nullptr) return EFAULT;
-  constexpr unsigned char SMART_READ_DATA = 0xD0;
-  auto* bytes = static_cast<unsigned char*>(argument);
-  const bool isRead = bytes[0] == WIN_SMART && bytes[2] == SMART_READ_DATA && bytes[3] == 1;
-  if (!isRead || !disk.m_Smart || disk.m_Asleep || disk.m_State != "running") return EIO;
-  std::copy(disk.m_Smart->begin(), disk.m_Smart->end(), bytes + HDIO_DRIVE_CMD_HDR_SIZE);
-  return 0;
-}
-
 int SizeOf(const SBlock& block, void* argument) {
   if (argument == nullptr) return EFAULT;
   const std::uint64_t bytes = block.m_Size * KIB;
   std::memcpy(argument, &bytes, sizeof bytes);
   return 0;
-}
-
-int DiskIoctl(const SMachine& machine, const SDisk& disk, unsigned long request, void* argument) {
-  if (request == HDIO_DRIVE_CMD) return DriveCommand(machine, disk, argument);
-  // What the two families of drivers answer to a request that they do not know.
-  return IsAtaDisk(machine, disk) || disk.m_Name.starts_with("vd") ? ENOTTY : EINVAL;
 }
 
 void FillStatus(struct stat& status, const SEntry& entry) {
@@ -108,8 +87,7 @@ class CSimulatedSystem::CInside {
   }
   /// When the machine changes by itself next.
   steady_clock::time_point NextChange() ZQ_REQUIRES(m_Lock) {
-    const std::uint64_t scripted = m_Machine.m_Script.empty() ? EVERYTHING : m_Machine.m_Script.front().m_At;
-    const std::uint64_t next = std::min(scripted, NextSyncEnd(m_Machine).value_or(EVERYTHING));
+    const std::uint64_t next = NextHappening(m_Machine);
     if (m_Clock == EClock::Manual || next == EVERYTHING) return steady_clock::time_point::max();
     return m_Start + milliseconds(next - std::min(next, m_Skipped)) + milliseconds(1);
   }
@@ -118,6 +96,7 @@ class CSimulatedSystem::CInside {
   std::optional<SEntry> Entry(const std::string& path) ZQ_REQUIRES(m_Lock) {
     const auto replaced = m_Replaced.find(path);
     if (replaced == m_Replaced.end()) return ResolveEntry(m_Machine, path);
+    m_Unused.erase(path);
     if (!replaced->second) return std::nullopt;
     return SEntry{SEntry::EKind::Text, *replaced->second, 0, 0644};
   }
@@ -189,7 +168,7 @@ class CSimulatedSystem::CInside {
   const steady_clock::time_point m_Start{steady_clock::now()};
   std::uint64_t m_Skipped ZQ_GUARDED_BY(m_Lock){0};  ///< ms that Advance() added to a real clock
   std::map<std::string, std::optional<std::string>> m_Replaced ZQ_GUARDED_BY(m_Lock);
-  std::map<std::string, std::optional<std::string>> m_Outputs ZQ_GUARDED_BY(m_Lock);
+  std::set<std::string> m_Unused ZQ_GUARDED_BY(m_Lock);  ///< of m_Replaced
   std::map<unsigned long, std::uint64_t> m_Ioctls ZQ_GUARDED_BY(m_Lock);
   std::map<std::string, std::uint64_t> m_Commands ZQ_GUARDED_BY(m_Lock);
 };
@@ -225,6 +204,8 @@ CSimulatedSystem::CSimulatedSystem(const std::string& description, EClock clock)
 
 CSimulatedSystem::~CSimulatedSystem() = default;
 
+std::string CSimulatedSystem::DemoDescription() { return DEMO_MACHINE; }
+
 std::string CSimulatedSystem::Describe() const {
   const CTurn turn(*m_Inside);
   return WriteMachine(m_Inside->m_Machine);
@@ -237,21 +218,21 @@ void CSimulatedSystem::Advance(std::uint64_t time) {
 }
 
 void CSimulatedSystem::Apply(const std::string& change) {
-  const TJson json = ParseJson(change);
   const CTurn turn(*m_Inside);
   SMachine changed = m_Inside->m_Machine;
-  ApplyChange(changed, CJsonReader(json, ""));
+  ApplyChange(changed, change);
   m_Inside->m_Machine = std::move(changed);
 }
 
 void CSimulatedSystem::SetFile(const std::string& path, std::optional<std::string> text) {
   const CTurn turn(*m_Inside);
   m_Inside->m_Replaced[path] = std::move(text);
+  m_Inside->m_Unused.insert(path);
 }
 
-void CSimulatedSystem::SetOutput(const std::string& commandLine, std::optional<std::string> text) {
+std::vector<std::string> CSimulatedSystem::UnusedFiles() const {
   const CTurn turn(*m_Inside);
-  m_Inside->m_Outputs[commandLine] = std::move(text);
+  return {m_Inside->m_Unused.begin(), m_Inside->m_Unused.end()};
 }
 
 std::string CSimulatedSystem::DiskBytes(const std::string& disk, std::uint64_t offset,
@@ -452,13 +433,6 @@ int CSimulatedSystem::ExecuteCommand(const boost::filesystem::path& program, con
   const std::string name = program.filename().string();
   if (!m_Inside->Entry(program.string())) return 0;
   ++m_Inside->m_Commands[name];
-  if (const auto output = m_Inside->m_Outputs.find(name + " " + arguments);
-      output != m_Inside->m_Outputs.end()) {
-    if (!output->second) return 2;
-    std::istringstream text(*output->second);
-    for (std::string line; std::getline(text, line);) lines.push_back(line);
-    return 1;
-  }
   SProgramResult result = RunProgram(m_Inside->m_Machine, program.string(), arguments);
   lines = std::move(result.m_Lines);
   return result.m_Result;

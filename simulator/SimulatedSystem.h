@@ -27,7 +27,7 @@ class CSimulatedSystem final : public OS::COperatingSystem {
   /// solid-state.
   static std::string DemoDescription();
   /// The present state as a description: loading it gives an equal machine. What was written to the disks is
-  /// part of it; open descriptors and the texts given to SetFile() and SetOutput() are not.
+  /// part of it; open descriptors and the texts given to SetFile() are not.
   std::string Describe() const;
 
   /// Moves the clock on: scripted changes happen, resyncs and recoveries make progress and end.
@@ -37,9 +37,8 @@ class CSimulatedSystem final : public OS::COperatingSystem {
   void Apply(const std::string& change);
   /// Replaces what is at a path by a file with this text; none: nothing is there. For malformed input.
   void SetFile(const std::string& path, std::optional<std::string> text);
-  /// Replaces what a program prints; the command line is its name and arguments, such as
-  /// "udevadm info -q all -n /dev/sda". None: it fails without a word (ExecuteCommand returns 2).
-  void SetOutput(const std::string& commandLine, std::optional<std::string> text);
+  /// What was given to SetFile() and nobody looked at since: at a test's end a path with a typing error.
+  std::vector<std::string> UnusedFiles() const;
 
   /// What is on a disk or partition, in bytes. Throws CMachineError when there is no such disk.
   std::string DiskBytes(const std::string& disk, std::uint64_t offset, std::size_t size) const;

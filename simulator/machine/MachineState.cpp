@@ -7,11 +7,22 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <random>
 
 namespace Simulation {
 namespace {
 
 constexpr std::uint64_t KIB = 1024;
+constexpr const char* SAS_PORT = "port-%1%:%2%/end_device-%1%:%2%/";
+// An AHCI port is a host of its own, a PIIX channel takes two disks, on other controllers all share one host.
+constexpr std::array DRIVERS = {SDriver{"ahci", true, 1, "/ata%4%", ""},
+                                SDriver{"ata_piix", true, 2, "/ata%4%", ""},
+                                SDriver{"mptsas", false, EVERYTHING, "", SAS_PORT},
+                                SDriver{"mpt2sas", false, EVERYTHING, "", SAS_PORT},
+                                SDriver{"mpt3sas", false, EVERYTHING, "", SAS_PORT},
+                                SDriver{"virtio-pci", false, EVERYTHING, "/virtio%1%", ""},
+                                SDriver{"xhci_hcd", false, EVERYTHING, "/usb1/1-1/1-1:1.0", ""},
+                                SDriver{"", false, EVERYTHING, "", ""}};
 
 /// Calls `visit(block, offset in block, offset in range, count)` for every block that a range touches.
 template <typename TVisit>
@@ -44,7 +55,7 @@ SBlock WholeBlock(TWhole& whole, std::uint64_t size) {
   return block;
 }
 
-SBlock PartitionBlock(SBlock whole, const SPartition& partition) {
+SBlock PartitionBlock(SBlock whole, SPartition& partition) {
   whole.m_Name = PartitionName(whole.m_Name, partition.m_Number);
   whole.m_Device = makedev(major(whole.m_Device), minor(whole.m_Device) + partition.m_Number);
   whole.m_Partition = &partition;
@@ -57,7 +68,7 @@ template <typename TMatch>
 std::optional<SBlock> FindBlockThat(SMachine& machine, TMatch matches) {
   const auto search = [&](const SBlock& whole) -> std::optional<SBlock> {
     if (matches(whole)) return whole;
-    for (const SPartition& partition : whole.Partitions()) {
+    for (SPartition& partition : whole.Partitions()) {
       if (const SBlock block = PartitionBlock(whole, partition); matches(block)) return block;
     }
     return std::nullopt;
@@ -96,6 +107,11 @@ int MediumError(const SBlock& block) {
 
 }  // namespace
 
+const SDriver& FindDriver(const std::string& name) {
+  const auto* const other = DRIVERS.end() - 1;
+  return *std::find_if(DRIVERS.begin(), other, [&](const SDriver& driver) { return name == driver.m_Name; });
+}
+
 std::string CSparseBytes::Read(std::uint64_t offset, std::size_t size) const {
   std::string bytes(size, '\0');
   ForEachPiece(offset, size,
@@ -121,11 +137,11 @@ std::uint64_t SBlock::Instance() const {
   return m_Disk != nullptr ? m_Disk->m_Instance : m_Array->m_Instance;
 }
 
-const std::vector<SPartition>& SBlock::Partitions() const {
+std::vector<SPartition>& SBlock::Partitions() const {
   return m_Disk != nullptr ? m_Disk->m_Partitions : m_Array->m_Partitions;
 }
 
-const std::string& SBlock::Mount() const {
+std::string& SBlock::Mount() const {
   if (m_Partition != nullptr) return m_Partition->m_Mount;
   return m_Disk != nullptr ? m_Disk->m_Mount : m_Array->m_Mount;
 }
@@ -134,7 +150,7 @@ std::vector<SBlock> AllBlocks(SMachine& machine) {
   std::vector<SBlock> blocks;
   const auto append = [&](const SBlock& whole) {
     blocks.push_back(whole);
-    for (const SPartition& partition : whole.Partitions()) blocks.push_back(PartitionBlock(whole, partition));
+    for (SPartition& partition : whole.Partitions()) blocks.push_back(PartitionBlock(whole, partition));
   };
   for (SDisk& disk : machine.m_Disks) append(WholeBlock(disk, disk.m_Size));
   for (SArray& array : machine.m_Arrays) append(WholeBlock(array, array.m_ArraySectors / 2));
@@ -167,12 +183,22 @@ SMember* FindMember(SArray& array, dev_t device) {
   return found == array.m_Members.end() ? nullptr : &*found;
 }
 
+std::optional<SBlock> BlockOf(SMachine& machine, const SMember& member) {
+  const auto block = FindBlock(machine, member.m_Device);
+  return block && block->Instance() == member.m_Instance ? block : std::nullopt;
+}
+
+bool IsThere(const SMachine& machine, const SMember& member) {
+  return std::any_of(machine.m_Disks.begin(), machine.m_Disks.end(),
+                     [&](const SDisk& disk) { return disk.m_Instance == member.m_Instance; });
+}
+
 bool CanClaim(SMachine& machine, const SBlock& block) {
   if (IsClaimed(machine, block)) return false;
   SBlock whole = block.m_Disk != nullptr ? WholeBlock(*block.m_Disk, block.m_Disk->m_Size)
                                          : WholeBlock(*block.m_Array, block.m_Array->m_ArraySectors / 2);
   if (block.m_Partition != nullptr) return !IsClaimed(machine, whole);
-  return std::none_of(whole.Partitions().begin(), whole.Partitions().end(), [&](const SPartition& partition) {
+  return std::none_of(whole.Partitions().begin(), whole.Partitions().end(), [&](SPartition& partition) {
     return IsClaimed(machine, PartitionBlock(whole, partition));
   });
 }
@@ -204,20 +230,14 @@ int WriteBlock(const SBlock& block, std::uint64_t offset, const void* bytes, std
 }
 
 std::uint64_t NextRandom(SMachine& machine) {
-  // splitmix64: every state is a good one, and one number is all that has to be kept.
-  std::uint64_t value = machine.m_Random += 0x9e3779b97f4a7c15ULL;
-  value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9ULL;
-  value = (value ^ (value >> 27)) * 0x94d049bb133111ebULL;
-  return value ^ (value >> 31);
+  // What such a generator gives is its whole state: one number is all that has to be kept.
+  return machine.m_Random = std::minstd_rand(static_cast<std::uint_fast32_t>(machine.m_Random))();
 }
 
 void Attach(SMachine& machine, SDisk disk) {
   disk.m_Instance = ++machine.m_LastInstance;
   if (disk.m_Host == NO_HOST) {
-    const std::string& driver = machine.m_Controllers[disk.m_Controller].m_Driver;
-    // An AHCI port is a host of its own, a PIIX channel takes two disks, on other controllers all share one
-    // host.
-    const std::size_t perHost = driver == "ahci" ? 1 : driver == "ata_piix" ? 2 : EVERYTHING;
+    const std::size_t perHost = FindDriver(machine.m_Controllers[disk.m_Controller].m_Driver).m_PerHost;
     unsigned int next = 0;
     for (const SDisk& other : machine.m_Disks) next = std::max(next, other.m_Host + 1);
     std::map<unsigned int, std::size_t> used;

@@ -8,8 +8,8 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +18,7 @@ namespace Simulation {
 
 inline constexpr std::uint64_t SECTOR = 512;
 inline constexpr std::uint64_t EVERYTHING = ~std::uint64_t{0};  ///< resync_offset of an array that is in sync
+inline constexpr std::uint64_t MOST_SIZE = std::uint64_t{1} << 40;  ///< KiB; far beyond what a disk holds
 inline constexpr unsigned int MD_MAJOR_NUMBER = 9;
 inline constexpr unsigned int MINORS_PER_PARTITIONABLE = 64;
 inline constexpr unsigned int NO_HOST = ~0U;  ///< a disk that has no SCSI address yet
@@ -37,12 +38,21 @@ class CSparseBytes {
   std::map<std::uint64_t, TBlock> m_Blocks;
 };
 
-using TSmartBlock = std::array<unsigned char, 512>;
+/// What the driver of a controller makes of its disks.
+struct SDriver {
+  const char* m_Name;
+  bool m_IsAta;             ///< they take ATA commands
+  std::size_t m_PerHost;    ///< so many share a SCSI host
+  const char* m_AboveHost;  ///< in sysfs, between controller and host; %4% is the number of an ATA port
+  const char* m_BelowHost;  ///< between host and target
+};
+/// One that is not known gets what most do.
+const SDriver& FindDriver(const std::string& name);
 
 struct SController {
   std::string m_Name;
-  std::string m_Address;  ///< PCI, such as "0000:00:1f.2"
-  std::string m_Vendor;   ///< as sysfs shows it, such as "0x8086"
+  std::string m_Address;           ///< PCI, such as "0000:00:1f.2"
+  std::string m_Vendor{"0x8086"};  ///< as sysfs shows it
   std::string m_Driver;
 };
 
@@ -51,6 +61,14 @@ struct SPartition {
   std::uint64_t m_Start{};
   std::uint64_t m_Size{};
   std::string m_Mount;  ///< empty: not mounted
+};
+
+struct SSmartAttribute {
+  unsigned char m_ID{};
+  unsigned short m_Flags{0x32};
+  unsigned char m_Value{100};
+  unsigned char m_Worst{100};
+  std::uint64_t m_Raw{};
 };
 
 struct SDisk {
@@ -69,7 +87,7 @@ struct SDisk {
   unsigned int m_Host{NO_HOST};
   unsigned int m_Target{};
   std::uint64_t m_Instance{};  ///< tells a disk from a later one of the same name
-  std::optional<TSmartBlock> m_Smart;
+  std::optional<std::vector<SSmartAttribute>> m_Smart;
   std::vector<SPartition> m_Partitions;
   CSparseBytes m_Bytes;
 };
@@ -131,9 +149,12 @@ struct SNode {
   dev_t m_Device{};
 };
 
+struct SMachine;
+
 struct SScriptEntry {
-  std::uint64_t m_At{};  ///< machine time, ms
-  nlohmann::ordered_json m_Change;
+  std::uint64_t m_At{};                   ///< machine time, ms
+  std::string m_Text;                     ///< as a description has it
+  std::function<void(SMachine&)> m_Make;  ///< throws CMachineError when it cannot be made
 };
 
 enum class EFile { Text, Directory, Random, Block };
@@ -150,17 +171,19 @@ struct SOpenFile {
 };
 
 struct SMachine {
-  std::uint64_t m_ClockStart{};  ///< ms since 1970 at machine time 0, for a clock that is moved by hand
-  std::uint64_t m_Time{0};       ///< machine time, ms
-  std::uint64_t m_Random{};      ///< state of /dev/urandom
-  unsigned int m_MdpMajor{};
-  std::uint64_t m_Speed{};  ///< default speed of a resync or recovery
-  std::string m_Process;    ///< the running program
+  std::uint64_t m_ClockStart{
+      1704067200000};         ///< ms since 1970 at machine time 0, for a clock that is moved by hand
+  std::uint64_t m_Time{0};    ///< machine time, ms
+  std::uint64_t m_Random{1};  ///< state of /dev/urandom
+  unsigned int m_MdpMajor{253};
+  std::uint64_t m_Speed{34048};                  ///< default speed of a resync or recovery
+  std::string m_Process{"/opt/storage/server"};  ///< the running program
   bool m_HasSdparm{false};
   std::vector<SController> m_Controllers;
   std::vector<SDisk> m_Disks;
   std::vector<SArray> m_Arrays;        ///< in order of creation
   std::vector<SNode> m_Nodes;          ///< made with mknod
+  bool m_Rehearsed{true};              ///< a script whose changes cannot all be made is refused
   std::vector<SScriptEntry> m_Script;  ///< what is still to come, in order of time
   std::map<int, SOpenFile> m_Files;
   std::uint64_t m_MdEvents{0};
@@ -173,13 +196,13 @@ struct SBlock {
   dev_t m_Device{};
   SDisk* m_Disk{nullptr};    ///< the whole disk, or
   SArray* m_Array{nullptr};  ///< the array
-  const SPartition* m_Partition{nullptr};
+  SPartition* m_Partition{nullptr};
   std::uint64_t m_Start{};
   std::uint64_t m_Size{};
 
   std::uint64_t Instance() const;
-  const std::vector<SPartition>& Partitions() const;
-  const std::string& Mount() const;
+  std::vector<SPartition>& Partitions() const;
+  std::string& Mount() const;
 };
 
 /// In the order in which the kernel registered them, partitions behind their disk.
@@ -190,6 +213,9 @@ SDisk* FindDisk(SMachine& machine, const std::string& name);
 SArray* FindArray(SMachine& machine, const std::string& name);
 /// The member on a device; null when there is none.
 SMember* FindMember(SArray& array, dev_t device);
+/// The device of a member, unless it has gone since.
+std::optional<SBlock> BlockOf(SMachine& machine, const SMember& member);
+bool IsThere(const SMachine& machine, const SMember& member);
 /// True when nobody has claimed the device, its whole disk or one of its partitions: md, a mount or O_EXCL.
 bool CanClaim(SMachine& machine, const SBlock& block);
 /// How many hold the array open: descriptors and mounts, those of its partitions included.

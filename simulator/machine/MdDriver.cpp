@@ -25,12 +25,6 @@ SMember* FindMember(SArray& array, int number) {
   return found == array.m_Members.end() ? nullptr : &*found;
 }
 
-/// The device of a member, unless it has gone since.
-std::optional<SBlock> BlockOf(SMachine& machine, const SMember& member) {
-  const auto block = FindBlock(machine, member.m_Device);
-  return block && block->Instance() == member.m_Instance ? block : std::nullopt;
-}
-
 std::uint64_t RoundDown(std::uint64_t value, std::uint64_t unit) {
   return unit == 0 ? value : value - value % unit;
 }
@@ -254,12 +248,11 @@ bool SharesSlot(const SArray& array) {
 
 /// What the level itself refuses when it is started.
 int StartPersonality(SArray& array) {
-  const SPersonality* personality = FindPersonality(array.m_Level);
-  if (personality == nullptr) return EINVAL;
+  // md needs a module for each level, and those of others are not there.
+  if (array.m_Level < -1 || array.m_Level > 1) return EINVAL;
   if (!IsEnough(array) || SharesSlot(array)) return array.m_Level == -1 ? -1 : EINVAL;
-  if (std::cmp_less(array.m_RaidDisks, LeastDisks(array.m_Level))) return EINVAL;
-  if (array.m_Level != 1 && array.m_Level != -1 && array.m_ChunkSectors == 0) return EINVAL;
-  if (!personality->m_Syncs) {
+  if (array.m_Level == 0 && array.m_ChunkSectors == 0) return EINVAL;
+  if (array.m_Level != 1) {
     for (SMember& member : array.m_Members) {
       member.m_Sectors = RoundDown(member.m_Sectors, array.m_ChunkSectors);
     }
@@ -275,22 +268,6 @@ bool OverlapsMetadata(SMachine& machine, const SArray& array) {
 }
 
 }  // namespace
-
-int AddSpare(SMachine& machine, SArray& array, const SBlock& block) {
-  SMember spare;
-  spare.m_Device = block.m_Device;
-  spare.m_Number = array.m_RaidDisks;
-  while (FindMember(array, spare.m_Number) != nullptr) ++spare.m_Number;
-  spare.m_Sectors = array.m_DeviceSectors;
-  if (spare.m_Sectors > SuperblockSector(block.m_Size)) return ENOSPC;
-  if (spare.m_Number >= MOST_MEMBERS) return EBUSY;
-  if (const int error = StoreSuperblock(block, ComposeSuperblock(array, spare, block))) return error;
-  mdu_disk_info_t info{};
-  info.major = static_cast<int>(major(block.m_Device));
-  info.minor = static_cast<int>(minor(block.m_Device));
-  info.raid_disk = -1;
-  return AddNewDisk(machine, array, info);
-}
 
 int RunArray(SMachine& machine, SArray& array) {
   if (array.m_Members.empty()) return EINVAL;

@@ -15,8 +15,6 @@ void OpenMdDevice(SMachine& machine, dev_t device);
 /// Drops the devices that are empty and that nobody has open.
 void DropEmptyArrays(SMachine& machine);
 
-/// Writes the array's superblock to a free device, and adds it as a spare.
-int AddSpare(SMachine& machine, SArray& array, const SBlock& block);
 /// What the requests of these names do; 0 or the error.
 int RunArray(SMachine& machine, SArray& array);
 int StopArray(SMachine& machine, SArray& array, std::size_t openersAllowed);

@@ -38,7 +38,7 @@ std::string Geometry(const SArray& array) {
 
 /// The bar and the figures behind it, computed as the kernel does, so that it never reads 100 %.
 std::string Progress(const SMachine& machine, const SArray& array) {
-  const std::uint64_t length = SyncLength(array);
+  const std::uint64_t length = array.m_DeviceSectors;
   const std::uint64_t done = SyncPosition(machine, array);
   const std::uint64_t perMille = (done >> 10) * 1000 / ((length >> 10) + 1);
   const std::size_t bar = perMille / 50;
@@ -90,7 +90,7 @@ std::string ArrayText(const SMachine& machine, const SArray& array) {
 }  // namespace
 
 std::string MdStat(const SMachine& machine) {
-  std::string text = "Personalities : [raid0] [raid1] [linear] [raid10] [raid6] [raid5] [raid4] \n";
+  std::string text = "Personalities : [raid0] [raid1] [linear] \n";
   // The array that was made last stands first.
   for (auto array = machine.m_Arrays.rbegin(); array != machine.m_Arrays.rend(); ++array) {
     if (array->m_Running || array->m_RaidDisks != 0 || !array->m_Members.empty())

@@ -4,25 +4,23 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "simulator/machine/Superblock.h"
 
 namespace Simulation {
 namespace {
 
-constexpr std::array PERSONALITIES = {SPersonality{-1, "linear", false}, SPersonality{0, "raid0", false},
-                                      SPersonality{1, "raid1", true},    SPersonality{4, "raid4", true},
-                                      SPersonality{5, "raid5", true},    SPersonality{6, "raid6", true},
-                                      SPersonality{10, "raid10", true}};
+constexpr std::array PERSONALITIES = {
+    SPersonality{-1, "linear", false, 0},    SPersonality{0, "raid0", false, 0},
+    SPersonality{1, "raid1", true, 0},       SPersonality{4, "raid4", false, 0},
+    SPersonality{5, "raid5", false, 2},      SPersonality{6, "raid6", false, 2},
+    SPersonality{10, "raid10", false, 0x102}};
 
 template <typename TMatch>
 const SPersonality* FindThat(TMatch matches) {
   const auto* found = std::find_if(PERSONALITIES.begin(), PERSONALITIES.end(), matches);
   return found == PERSONALITIES.end() ? nullptr : found;
-}
-
-bool IsRebuilding(const SMember& member) {
-  return member.m_Slot >= 0 && !member.m_InSync && !member.m_Faulty;
 }
 
 /// By the whole disk: a member may be a partition, and two arrays on one disk do not sync at once.
@@ -70,7 +68,7 @@ void FillSlots(SMachine& machine, SArray& array) {
 }
 
 std::uint64_t EndTime(const SArray& array) {
-  const std::uint64_t left = SyncLength(array) - std::min(array.m_Sync->m_From, SyncLength(array));
+  const std::uint64_t left = array.m_DeviceSectors - std::min(array.m_Sync->m_From, array.m_DeviceSectors);
   const std::uint64_t size = (left + 1) / 2;
   return array.m_Sync->m_Since + (size * 1000 + array.m_Speed - 1) / array.m_Speed;
 }
@@ -90,6 +88,10 @@ void EndSync(SMachine& machine, SArray& array) {
 
 }  // namespace
 
+bool IsRebuilding(const SMember& member) {
+  return member.m_Slot >= 0 && !member.m_InSync && !member.m_Faulty;
+}
+
 const SPersonality* FindPersonality(int level) {
   return FindThat([level](const SPersonality& entry) { return entry.m_Level == level; });
 }
@@ -106,53 +108,29 @@ int DegradedBy(const SArray& array) {
 }
 
 bool IsEnough(const SArray& array) {
-  const int missing = DegradedBy(array);
-  if (array.m_Level == 10) {
-    // Slots 2n and 2n+1 hold the same data.
-    std::vector<bool> pairs(static_cast<std::size_t>(array.m_RaidDisks + 1) / 2, false);
-    for (const SMember& member : array.m_Members) {
-      if (member.m_Slot >= 0 && member.m_InSync) pairs[static_cast<std::size_t>(member.m_Slot) / 2] = true;
-    }
-    return std::find(pairs.begin(), pairs.end(), false) == pairs.end();
-  }
-  const int borne = array.m_Level == 1                         ? array.m_RaidDisks - 1
-                    : array.m_Level == 6                       ? 2
-                    : array.m_Level == 4 || array.m_Level == 5 ? 1
-                                                               : 0;
-  return missing <= borne;
+  return DegradedBy(array) <= (array.m_Level == 1 ? array.m_RaidDisks - 1 : 0);
 }
 
 void ComputeArraySize(SArray& array) {
-  const auto disks = static_cast<std::uint64_t>(array.m_RaidDisks);
   std::uint64_t each = array.m_DeviceSectors;
   if (array.m_ChunkSectors != 0 && array.m_Level >= 4) each -= each % array.m_ChunkSectors;
-  switch (array.m_Level) {
-    case 1:
-      array.m_ArraySectors = each;
-      break;
-    case 4:
-    case 5:
-      array.m_ArraySectors = each * (disks - 1);
-      break;
-    case 6:
-      array.m_ArraySectors = each * (disks - 2);
-      break;
-    case 10:
-      array.m_ArraySectors = each * disks / 2;
-      break;
-    default:
-      array.m_ArraySectors = 0;
-      for (const SMember& member : array.m_Members)
-        array.m_ArraySectors += member.m_Slot >= 0 ? member.m_Sectors : 0;
+  array.m_ArraySectors = 0;
+  if (array.m_Level <= 0) {
+    for (const SMember& member : array.m_Members)
+      array.m_ArraySectors += member.m_Slot >= 0 ? member.m_Sectors : 0;
+    return;
   }
+  const int redundant = array.m_Level == 1    ? array.m_RaidDisks - 1
+                        : array.m_Level == 6  ? 2
+                        : array.m_Level == 10 ? array.m_RaidDisks / 2
+                                              : 1;
+  array.m_ArraySectors = each * static_cast<std::uint64_t>(std::max(array.m_RaidDisks - redundant, 0));
 }
 
-std::uint64_t SyncLength(const SArray& array) { return array.m_DeviceSectors; }
-
-// Whole KiB, as a description counts them.
+// Whole KiB, so that a saved machine goes on where this one is.
 std::uint64_t SyncPosition(const SMachine& machine, const SArray& array) {
   const std::uint64_t passed = array.m_Sync->m_Delayed ? 0 : machine.m_Time - array.m_Sync->m_Since;
-  return std::min(SyncLength(array), array.m_Sync->m_From + passed * array.m_Speed / 1000 * 2);
+  return std::min(array.m_DeviceSectors, array.m_Sync->m_From + passed * array.m_Speed / 1000 * 2);
 }
 
 void SetSyncSpeed(SMachine& machine, SArray& array, std::uint64_t speed) {
@@ -214,13 +192,12 @@ int FailDisk(SMachine& machine, SArray& array, dev_t device) {
     return EBUSY;
   }
   const bool wasInSync = std::exchange(member->m_InSync, false);
-  const bool enough = IsEnough(array);
-  if (wasInSync && !enough) {
+  if (wasInSync && !IsEnough(array)) {
     array.m_Broken = true;
     ++machine.m_MdEvents;
-    // A mirror keeps its last member in whatever state; parity levels count it out.
-    member->m_InSync = array.m_Level == 1 || array.m_Level == 10;
-    if (member->m_InSync) return EBUSY;
+    // A mirror keeps its last member in whatever state.
+    member->m_InSync = true;
+    return EBUSY;
   }
   member->m_Faulty = true;
   if (array.m_Sync) {
@@ -237,7 +214,7 @@ int FailDisk(SMachine& machine, SArray& array, dev_t device) {
   CheckRecovery(machine, array);
   UpdateSuperblocks(machine, array);
   EndSyncs(machine);
-  return enough ? 0 : EBUSY;
+  return 0;
 }
 
 void UpdateSuperblocks(SMachine& machine, SArray& array) {
@@ -247,9 +224,8 @@ void UpdateSuperblocks(SMachine& machine, SArray& array) {
   std::vector<dev_t> failed;
   for (const SMember& member : array.m_Members) {
     if (member.m_Faulty) continue;
-    const auto block = FindBlock(machine, member.m_Device);
-    const bool there = block && block->Instance() == member.m_Instance;
-    if (!there || StoreSuperblock(*block, ComposeSuperblock(array, member, *block)) != 0)
+    const auto block = BlockOf(machine, member);
+    if (!block || StoreSuperblock(*block, ComposeSuperblock(array, member, *block)) != 0)
       failed.push_back(member.m_Device);
   }
   for (const dev_t device : failed) FailDisk(machine, array, device);

@@ -12,11 +12,10 @@ inline constexpr int MOST_MEMBERS = (4096 - 256) / 2;  ///< roles that a superbl
 struct SPersonality {
   int m_Level;
   const char* m_Name;
-  bool m_Syncs;  ///< has redundancy, so members may fail and come back
+  bool m_Syncs;  ///< members may fail and come back. Levels above 1 are only shown as they are described
+  int m_Layout;  ///< the usual one
 };
 const SPersonality* FindPersonality(int level);
-/// How many disks the level is made of at least.
-constexpr unsigned int LeastDisks(int level) { return level == 6 ? 4 : 1; }
 const SPersonality* FindPersonality(const std::string& name);
 
 /// Takes a member out of service, as a request or an error does: 0, or the error that the request answers
@@ -26,9 +25,9 @@ int FailDisk(SMachine& machine, SArray& array, dev_t device);
 void UpdateSuperblocks(SMachine& machine, SArray& array);
 /// Starts what is due on the array: removal of failed members, a recovery onto spares, a resync.
 void CheckRecovery(SMachine& machine, SArray& array);
-/// Sectors that a running resync or recovery has done, and has to do.
+bool IsRebuilding(const SMember& member);
+/// Sectors that a running resync or recovery has done.
 std::uint64_t SyncPosition(const SMachine& machine, const SArray& array);
-std::uint64_t SyncLength(const SArray& array);
 /// Changes how fast the array resyncs from now on.
 void SetSyncSpeed(SMachine& machine, SArray& array, std::uint64_t speed);
 /// Machine time at which the next resync or recovery ends.

@@ -176,23 +176,14 @@ std::string SdparmPath(const SMachine& machine) { return Folder(machine.m_Proces
 
 std::string DevicePath(const SMachine& machine, const SDisk& disk) {
   const SController& controller = machine.m_Controllers[disk.m_Controller];
-  const std::string& driver = controller.m_Driver;
-  const std::string scsi = str(boost::format("/host%d/%%starget%d:0:%d/%s/block/%s") % disk.m_Host %
-                               disk.m_Host % disk.m_Target % ScsiAddress(disk) % disk.m_Name);
-  const std::string path = ControllerPath(controller);
-  if (disk.m_Name.starts_with("vd"))
-    return path + str(boost::format("/virtio%d/block/%s") % disk.m_Host % disk.m_Name);
-  if (driver == "ahci" || driver == "ata_piix") {
-    return path + "/ata" + std::to_string(disk.m_Host + 1) + str(boost::format(scsi) % "");
-  }
-  if (driver == "virtio-pci")
-    return path + "/virtio" + std::to_string(disk.m_Host) + str(boost::format(scsi) % "");
-  if (driver == "xhci_hcd") return path + "/usb1/1-1/1-1:1.0" + str(boost::format(scsi) % "");
-  const bool sas = driver == "mptsas" || driver == "mpt2sas" || driver == "mpt3sas";
-  constexpr const char* port = "port-%d:%d/end_device-%d:%d/";
-  const std::string sasPort =
-      str(boost::format(port) % disk.m_Host % disk.m_Target % disk.m_Host % disk.m_Target);
-  return path + str(boost::format(scsi) % (sas ? sasPort : ""));
+  const SDriver& driver = FindDriver(controller.m_Driver);
+  const bool virtioBlock = disk.m_Name.starts_with("vd");
+  boost::format path(virtioBlock ? "/virtio%1%/block/%3%"
+                                 : std::string(driver.m_AboveHost) + "/host%1%/" + driver.m_BelowHost +
+                                       "target%1%:0:%2%/%1%:0:%2%:0/block/%3%");
+  path.exceptions(boost::io::all_error_bits ^ boost::io::too_many_args_bit);
+  return ControllerPath(controller) +
+         str(path % disk.m_Host % disk.m_Target % disk.m_Name % (disk.m_Host + 1));
 }
 
 std::optional<SEntry> FindEntry(SMachine& machine, const std::string& path) {

@@ -107,7 +107,8 @@ class CNotificationCounter : public INotificationTarget {
 };
 
 /// A simulated machine, a door of the test's own in front of it, a door that fails calls, and an instance
-/// before command 1. Whatever a test does, nothing may be open or held at its end.
+/// before command 1. Whatever a test does, nothing may be open or held at its end, or have been prepared in
+/// vain.
 template <class TDoor = OS::CForwardingSystem>
 struct SBareRig {
   explicit SBareRig(const std::string& description = Simulation::CSimulatedSystem::DemoDescription(),
@@ -115,6 +116,7 @@ struct SBareRig {
       : m_Machine(description, clock) {}
   ~SBareRig() {
     EXPECT_EQ(m_Machine.OpenDescriptors(), 0U);
+    EXPECT_THAT(m_Machine.UnusedFiles(), testing::IsEmpty()) << "prepared, and nobody looked at them";
     EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_DataLock));
     EXPECT_TRUE(CTestInstance::IsFree(m_Plugin.m_EventsLock));
   }

@@ -1,9 +1,10 @@
-#include "simulator/SimulatedSystem.h"
+#pragma once
+/// @file
+/// The machine that is there when nobody describes one.
 
 namespace Simulation {
 
-std::string CSimulatedSystem::DemoDescription() {
-  return R"({
+constexpr char DEMO_MACHINE[] = R"({
   "controllers": [
     {"name": "sata", "pci": "0000:00:1f.2", "vendor": "0x8086", "driver": "ahci"},
     {"name": "sas", "pci": "0000:03:00.0", "vendor": "0x1000", "driver": "mpt2sas"}
@@ -33,6 +34,5 @@ std::string CSimulatedSystem::DemoDescription() {
   ]
 }
 )";
-}
 
 }  // namespace Simulation
