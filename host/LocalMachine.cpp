@@ -1,14 +1,14 @@
 #include "host/LocalMachine.h"
 
 #include <blkid/blkid.h>
+#include <libudev.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <boost/filesystem.hpp>
 #include <cctype>
 #include <fstream>
 #include <iterator>
 
-#include "KVT/Misc.h"
 #include "KVTX/System.h"
 
 namespace rvxctl {
@@ -44,18 +44,23 @@ std::vector<std::string> Signatures(const std::string& device) {
   return found;
 }
 
+struct SUnref {
+  void operator()(udev* context) const { udev_unref(context); }
+  void operator()(udev_device* device) const { udev_device_unref(device); }
+  void operator()(udev_enumerate* list) const { udev_enumerate_unref(list); }
+};
+using CDevice = std::unique_ptr<udev_device, SUnref>;
+
+std::string Text(const char* text) { return text == nullptr ? "" : text; }
+
 /// The machine that this program runs on.
 class CThisMachine : public CLocalMachine {
  public:
   std::string SerialOf(const std::string& device) const override {
-    constexpr std::string_view KEY = "ID_SERIAL_SHORT=";
-    boost::filesystem::path program;
-    std::vector<std::string> lines;
-    if (KVT::Misc::CKvtApplication::GetCommandPath("udevadm", program) != 1) return {};
-    KVTX::CSystem::ExecuteCommand(program, "info --query=property --name=" + device, lines);
-    for (const std::string& line : lines)
-      if (line.starts_with(KEY)) return line.substr(KEY.size());
-    return {};
+    struct stat node {};
+    if (::stat(device.c_str(), &node) != 0) return {};
+    const CDevice found(udev_device_new_from_devnum(m_Udev.get(), 'b', node.st_rdev));
+    return found ? Text(udev_device_get_property_value(found.get(), "ID_SERIAL_SHORT")) : std::string();
   }
 
   std::vector<std::string> ContentsOf(const std::string& device) const override {
@@ -72,32 +77,30 @@ class CThisMachine : public CLocalMachine {
   }
 
   std::optional<std::set<std::string>> Controllers() const override {
-    std::set<std::string> drivers;
-    boost::system::error_code error;
-    for (boost::filesystem::directory_iterator disk("/sys/block", error), end; !error && disk != end;
-         disk.increment(error)) {
-      // Walk up from the disk to the first PCI function: its vendor and driver are what counts.
-      boost::system::error_code ignored;
-      for (auto path = boost::filesystem::canonical(disk->path() / "device", ignored);
-           !ignored && path.has_parent_path(); path = path.parent_path()) {
-        if (boost::filesystem::canonical(path / "subsystem", ignored).filename() != "pci") {
-          ignored.clear();
-          continue;
-        }
-        std::string vendor;
-        std::ifstream((path / "vendor").string()) >> vendor;
-        drivers.insert(boost::filesystem::canonical(path / "driver", ignored).filename().string() + " (" +
-                       path.filename().string() + ", vendor " + vendor + ")");
-        break;
-      }
+    std::set<std::string> controllers;
+    const std::unique_ptr<udev_enumerate, SUnref> disks(udev_enumerate_new(m_Udev.get()));
+    udev_enumerate_add_match_subsystem(disks.get(), "block");
+    udev_enumerate_scan_devices(disks.get());
+    for (auto* entry = udev_enumerate_get_list_entry(disks.get()); entry != nullptr;
+         entry = udev_list_entry_get_next(entry)) {
+      const CDevice disk(udev_device_new_from_syspath(m_Udev.get(), udev_list_entry_get_name(entry)));
+      // The PCI function that is nearest to the disk: its vendor and driver are what counts.
+      auto* const pci =
+          disk ? udev_device_get_parent_with_subsystem_devtype(disk.get(), "pci", nullptr) : nullptr;
+      if (pci != nullptr)
+        controllers.insert(Text(udev_device_get_driver(pci)) + " (" + Text(udev_device_get_sysname(pci)) +
+                           ", vendor " + Text(udev_device_get_sysattr_value(pci, "vendor")) + ")");
     }
-    return drivers;
+    return controllers;
   }
 
   std::optional<std::string> MdStat() const override {
     std::ifstream file("/proc/mdstat");
     return std::string(std::istreambuf_iterator<char>(file), {});
   }
+
+ private:
+  std::unique_ptr<udev, SUnref> m_Udev{udev_new()};
 };
 
 }  // namespace
