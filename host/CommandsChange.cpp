@@ -5,6 +5,7 @@
 
 #include "host/Change.h"
 #include "host/CommandLine.h"
+#include "host/Levels.h"
 #include "host/Progress.h"
 #include "host/Values.h"
 
@@ -16,17 +17,6 @@ constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr std::chrono::seconds APPEAR_LIMIT{30};
 /// Bytes of a member; above it the size in a mirror's superblock is wrong.
 constexpr unsigned long MIRROR_LIMIT = 1UL << 40;
-
-constexpr struct SLevelName {
-  const char* m_Name;
-  PI::_CHOICE m_Level;
-} LEVELS[] = {{"raid0", PI::LEVEL_RAID0}, {"raid1", PI::LEVEL_RAID1}, {"linear", PI::LEVEL_CONCATENATION}};
-
-constexpr struct SStripe {
-  int m_KiB;
-  PI::_CHOICE m_Choice;
-} STRIPES[] = {{4, PI::STRIPE_4K},   {8, PI::STRIPE_8K},   {16, PI::STRIPE_16K},
-               {32, PI::STRIPE_32K}, {64, PI::STRIPE_64K}, {128, PI::STRIPE_128K}};
 
 /// Looks until the topology answers the question, or the time runs out.
 template <class TQuestion>
@@ -71,7 +61,7 @@ std::string Listed(const std::vector<const PI::CObject*>& objects) {
 
 struct SCreation {
   std::string m_Level;
-  int m_Stripe{0};  ///< KiB; 0: the level's own
+  std::optional<std::string> m_Stripe;
   std::vector<std::string> m_Disks;
   SConsent m_Consent;
 };
@@ -104,19 +94,11 @@ int ShowCreated(CContext& context, const CTopology& before, const SConsent& cons
 }
 
 int CreateArray(CContext& context, const SCreation& wanted) {
-  const auto level = std::find_if(std::begin(LEVELS), std::end(LEVELS),
-                                  [&](const SLevelName& name) { return wanted.m_Level == name.m_Name; });
-  if (level == std::end(LEVELS))
-    throw CError(EXIT_USAGE, "the level is raid0, raid1 or linear, not " + wanted.m_Level);
-  const auto size = std::find_if(std::begin(STRIPES), std::end(STRIPES),
-                                 [&](const SStripe& s) { return wanted.m_Stripe == s.m_KiB; });
-  if (wanted.m_Stripe != 0 && size == std::end(STRIPES))
-    throw CError(EXIT_USAGE,
-                 "the stripe size is 4, 8, 16, 32, 64 or 128 KiB, not " + std::to_string(wanted.m_Stripe));
   const CTopology topology(context.Session());
+  const std::vector<PI::CLevel> levels = OfferedLevels(topology);
   PI::CLogicalDrive request;
-  request.m_RaidLevel = level->m_Level;
-  request.m_StripeSize = wanted.m_Stripe == 0 ? 0 : static_cast<unsigned int>(size->m_Choice);
+  request.m_RaidLevel = LevelOf(levels, wanted.m_Level);
+  if (wanted.m_Stripe) request.m_StripeSize = StripeOf(levels, *wanted.m_Stripe);
   request.m_Containers.emplace_back();
   std::vector<const PI::CObject*> disks;
   std::vector<SDiskPlan> plans;
@@ -316,11 +298,11 @@ void AddWaiting(CLI::App* leaf, SConsent& consent) {
 void AddArrays(CGroup group) {
   const auto [create, creation] =
       group.Leaf<SCreation>("create", "makes an array of free disks; what is on them is lost", CreateArray);
-  create->add_option("--level", creation.m_Level, "raid0, raid1 or linear")
+  create->add_option("--level", creation.m_Level, "such as raid1; 'rvxctl levels' names all")
       ->required()
-      ->check(CLI::IsMember({"raid0", "raid1", "linear"}));
-  create->add_option("--stripe", creation.m_Stripe, "KiB: 4, 8, 16, 32, 64 or 128")
-      ->check(CLI::IsMember({4, 8, 16, 32, 64, 128}));
+      ->type_name("LEVEL");
+  create->add_option("--stripe", creation.m_Stripe, "KiB, of the sizes that 'rvxctl levels' tells")
+      ->type_name("KIB");
   create->add_option("DISK", creation.m_Disks, "the disks, in order")->required();
   AddWaiting(create, creation.m_Consent);
 

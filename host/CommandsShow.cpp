@@ -2,6 +2,7 @@
 /// Commands that show the topology and its objects.
 
 #include "host/CommandLine.h"
+#include "host/Levels.h"
 #include "host/Reasons.h"
 #include "host/Table.h"
 #include "host/TextView.h"
@@ -142,30 +143,29 @@ int SetPollInterval(CContext& context, const int& seconds) {
 }
 
 int ShowLevels(CContext& context) {
-  const CTopology topology(context.Session());
   Json data = Json::array();
   std::vector<std::vector<std::string>> rows;
-  for (const PI::COperation& operation : topology.Adapter().m_Operations) {
-    for (const PI::CLevel& level : operation.m_Levels) {
-      Json stripes = Json::array();
-      std::string list;
-      for (const unsigned int stripe : level.m_StripeSizes) {
-        stripes.push_back({{"value", stripe}, {"text", Texts::Of(stripe)}});
-        list += (list.empty() ? "" : ", ") + Texts::Of(stripe);
-      }
-      const bool hasDefault = level.m_DefaultStripeSize != 0;
-      data.push_back({{"level", level.m_Level},
-                      {"text", Texts::Of(level.m_Level)},
-                      {"minimumDrives", level.m_MinimumDrives},
-                      {"maximumDrives", level.m_MaximumDrives},
-                      {"stripeSizes", stripes},
-                      {"defaultStripeSize", hasDefault ? Json(level.m_DefaultStripeSize) : Json(nullptr)}});
-      rows.push_back({Texts::Of(level.m_Level), std::to_string(level.m_MinimumDrives),
-                      std::to_string(level.m_MaximumDrives), list.empty() ? "-" : list,
-                      hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-"});
+  for (const PI::CLevel& level : OfferedLevels(CTopology(context.Session()))) {
+    Json stripes = Json::array();
+    std::string list;
+    for (const unsigned int stripe : level.m_StripeSizes) {
+      stripes.push_back({{"value", stripe}, {"text", Texts::Of(stripe)}});
+      list += (list.empty() ? "" : ", ") + Texts::Of(stripe);
     }
+    const bool hasDefault = level.m_DefaultStripeSize != 0;
+    data.push_back({{"level", level.m_Level},
+                    {"text", Texts::Of(level.m_Level)},
+                    {"minimumDrives", level.m_MinimumDrives},
+                    {"maximumDrives", level.m_MaximumDrives},
+                    {"stripeSizes", stripes},
+                    {"defaultStripeSize", hasDefault ? Json(level.m_DefaultStripeSize) : Json(nullptr)},
+                    {"name", WordOf(level.m_Level)}});
+    rows.push_back({Texts::Of(level.m_Level), std::to_string(level.m_MinimumDrives),
+                    std::to_string(level.m_MaximumDrives), list.empty() ? "-" : list,
+                    hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-", WordOf(level.m_Level)});
   }
-  context.Show("levels", data, Table({"LEVEL", "MIN DISKS", "MAX DISKS", "STRIPE SIZES", "DEFAULT"}, rows));
+  context.Show("levels", data,
+               Table({"LEVEL", "MIN DISKS", "MAX DISKS", "STRIPE SIZES", "DEFAULT", "NAME"}, rows));
   return EXIT_DONE;
 }
 
