@@ -50,7 +50,8 @@ const KVT::Language_Support::CLanguageSupport::CLngFile LanguageFile(
 
 }  // namespace
 
-KVT::Misc::CModuleInfo KVT_MODULE_INFO_piRVX(295, "piRVX", "P:6.4.3 F:6.4.3", LanguageFile, ErrorMsgList);
+KVT::Misc::CModuleInfo KVT_MODULE_INFO_piRVX(295, "piRVX", "P:" RVX_VERSION " F:" RVX_VERSION, LanguageFile,
+                                             ErrorMsgList);
 
 IPLUGINAPI_IMPL* g_p_IPLUGINAPI_IMPL = nullptr;
 
@@ -132,8 +133,7 @@ unsigned int IPLUGINAPI_IMPL::GetProperties(unsigned long id, std::vector<PI::CP
       &IPLUGINAPI_IMPL::GetPluginProperties, &IPLUGINAPI_IMPL::GetAdapterProperties,
       &IPLUGINAPI_IMPL::GetPhysicalDriveProperties, &IPLUGINAPI_IMPL::GetLogicalDriveProperties,
       "GetProperties"};
-  // Only the reading of a single property counts as a change of the object; front ends rely on the
-  // difference.
+  // Only the reading of a single property counts as a change of the object (oddity 1).
   return Route(HANDLERS, id, 0, properties, PI::PROP_ALL);
 }
 

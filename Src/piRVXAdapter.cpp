@@ -1,10 +1,9 @@
 /// @file
-/// The adapter's properties and operations.
+/// The adapter's properties.
 
-#include "Src/piRVXLevels.h"
-#include "Src/piRVXLock.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
+#include "Src/piRVXTrace.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -97,28 +96,6 @@ constexpr Row PROPERTIES[] = {
           }),
 };
 
-constexpr std::uint32_t NONE = 0xFFFFFFFFU;
-
-constexpr PI::COperation::Row OPERATIONS[] = {
-    {PI::OP_RESCAN_ADAPTER, 1, 2, 1, 1, 0, NONE, 1, 1},
-    {PI::OP_CREATE_LOGICAL_DRIVE, 3, 2, 1, 7, 0, 18, 3, PI::CONFIRM_CREATE},
-    {PI::OP_DELETE_LAST_LOGICAL_DRIVE, 1, 2, 1, 8, 0, NONE, 3, PI::CONFIRM_DELETE},
-    {PI::OP_DELETE_ALL_LOGICAL_DRIVES, 1, 2, 1, 8, 0, NONE, 3, PI::CONFIRM_DELETE_ALL},
-    {PI::OP_GET_RAID_LEVEL_INFORMATION, 4, 1, 1, 1, 0, 0, 1, 1},
-};
-
-/// The question to ask for what the deletion check found.
-unsigned int ConfirmationOf(unsigned int reason) {
-  switch (reason) {
-    case PI::REASON_DRIVE_LETTER:
-      return PI::CONFIRM_DELETE_DRIVE_LETTER;
-    case PI::REASON_MOUNTED:
-      return PI::CONFIRM_DELETE_MOUNTED;
-    default:
-      return reason;
-  }
-}
-
 }  // namespace
 
 unsigned int IPLUGINAPI_IMPL::GetAdapterProperties(CRVXAdapter& adapter, std::vector<PI::CProperty>& out,
@@ -132,137 +109,7 @@ unsigned int IPLUGINAPI_IMPL::GetAdapterProperties(CRVXAdapter& adapter, std::ve
 }
 
 unsigned int IPLUGINAPI_IMPL::SetAdapterProperty(CRVXAdapter&, PI::CProperty&) {
-  return PI::OK;  // taken and forgotten, unlike the drives' properties: front ends set what they like here
-}
-
-unsigned int IPLUGINAPI_IMPL::GetAdapterOperations(CRVXAdapter&, std::vector<PI::COperation>& out) {
-  OfferOperations(OPERATIONS, out);
-  return PI::OK;
-}
-
-unsigned int IPLUGINAPI_IMPL::CheckAdapterOperation(CRVXAdapter&, PI::COperation& operation) {
-  RVX_TRACE(TRACE_LIFECYCLE, "ENTER CheckAdapterOperation operation=%d", operation.m_Code);
-  unsigned int status = PI::OK;
-  const bool last = operation.m_Code == PI::OP_DELETE_LAST_LOGICAL_DRIVE;
-  const bool all = operation.m_Code == PI::OP_DELETE_ALL_LOGICAL_DRIVES;
-  if ((last || all) && m_LogicalDrives.empty()) {
-    status = PI::ERR_NOT_AVAILABLE;
-  } else if (last) {
-    unsigned int reason = PI::CONFIRM_DELETE;
-    status = DeleteLogicalDriveAllowed(m_LogicalDrives.back(), &reason);
-    if (status == PI::OK) operation.m_ConfirmationCode = ConfirmationOf(reason);
-  } else if (all) {
-    unsigned int code = PI::CONFIRM_DELETE_ALL;
-    for (CRVXLogicalDrive& array : m_LogicalDrives) {
-      unsigned int reason = PI::CONFIRM_DELETE_ALL;
-      status = DeleteLogicalDriveAllowed(array, &reason);
-      if (status != PI::OK) break;
-      if (code < PI::CONFIRM_DELETE_WARNING_FIRST) code = ConfirmationOf(reason);  // the first warning wins
-    }
-    operation.m_ConfirmationCode = code;  // also when a check failed
-  }
-  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE CheckAdapterOperation -> %d", status);
-  return status;
-}
-
-unsigned int IPLUGINAPI_IMPL::ExecuteAdapterOperation(CRVXAdapter& adapter, PI::COperation& operation) {
-  RVX_TRACE(TRACE_LIFECYCLE, "ENTER ExecuteAdapterOperation(%d)", operation.m_Code);
-  unsigned int status = PI::OK;
-  switch (operation.m_Code) {
-    case PI::OP_CREATE_LOGICAL_DRIVE:
-      status = operation.m_pRequest != nullptr ? CreateLogicalDrive(adapter, *operation.m_pRequest)
-                                               : static_cast<unsigned int>(PI::ERR_INVALID_CONFIGURATION);
-      if (status == PI::OK) {
-        LockObjects(-1, -1, -1, -1);
-        m_PrivateEvent.Set();
-      }
-      break;
-    case PI::OP_GET_RAID_LEVEL_INFORMATION:
-      status = GetRaidLevelInformation(adapter, operation);
-      break;
-    case PI::OP_RESCAN_ADAPTER:
-      m_ForceWorker.Set();
-      QueueEvent(MakeEvent(PI::EVT_RESCAN_REQUESTED, adapter.m_ID, adapter.m_Name, ""), TRACE_SOURCE);
-      m_PrivateEvent.Set();
-      break;
-    case PI::OP_DELETE_LAST_LOGICAL_DRIVE:
-      status = DeleteLastLogicalDrive();
-      break;
-    case PI::OP_DELETE_ALL_LOGICAL_DRIVES:
-      status = DeleteAllLogicalDrives();
-      break;
-    default:
-      RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OpCode(%d)", operation.m_Code);
-      status = PI::ERR_OPERATION_NOT_SUPPORTED;
-  }
-  // The name that this function had first; logs are searched for it.
-  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE AdapterExecuteOperation() -> %d", status);
-  return status;
-}
-
-unsigned int IPLUGINAPI_IMPL::DeleteLastLogicalDrive() {
-  RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_LAST_LOGICAL_DRIVE");
-  if (m_LogicalDrives.empty()) {
-    RVX_TRACE(TRACE_LIFECYCLE,
-              "ExecuteAdapterOperation() OP_DELETE_LAST_LOGICAL_DRIVE no logical drive found");
-    return PI::ERR_NOT_AVAILABLE;
-  }
-  CRVXLogicalDrive& array = m_LogicalDrives.back();
-  // A pending operation blocks only the deletion of all.
-  if (array.m_Activity == PI::ACTIVITY_REBUILDING) {
-    RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_LAST_LOGICAL_DRIVE array (%s) is busy",
-              array.m_KernelName);
-    return PI::ERR_BUSY;
-  }
-  const unsigned int status = DeleteLogicalDrive(array);
-  if (status == PI::OK) {
-    m_ForceWorker.Set();
-    LockObjects(-1, -1, -1, -1);
-    RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_LAST_LOGICAL_DRIVE was successful");
-  }
-  m_PrivateEvent.Set();
-  return status;
-}
-
-unsigned int IPLUGINAPI_IMPL::DeleteAllLogicalDrives() {
-  if (m_LogicalDrives.empty()) return PI::OK;
-  unsigned int status = PI::OK;
-  bool deleted = false;
-  for (CRVXLogicalDrive& array : m_LogicalDrives) {
-    // Each array overwrites the result: the last one's counts, earlier failures are lost on purpose.
-    if (m_PendingOperation != NO_PENDING_OPERATION || array.m_Activity == PI::ACTIVITY_REBUILDING) {
-      RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_ALL_LOGICAL_DRIVES array (%s) is busy",
-                array.m_KernelName);
-      status = PI::ERR_BUSY;
-      continue;
-    }
-    status = DeleteLogicalDrive(array);
-    if (status != PI::OK) continue;
-    deleted = true;
-    RVX_TRACE(TRACE_LIFECYCLE, "ExecuteAdapterOperation() OP_DELETE_ALL_LOGICAL_DRIVE array (%s) deleted",
-              array.m_KernelName);
-  }
-  if (deleted) LockObjects(-1, -1, -1, -1);
-  m_PrivateEvent.Set();
-  return status;
-}
-
-unsigned int IPLUGINAPI_IMPL::GetRaidLevelInformation(CRVXAdapter&, PI::COperation& operation) {
-  RVX_TRACE(TRACE_LIFECYCLE, "ENTER GetRaidLevelInformation()");
-  operation.m_Levels.clear();
-  for (const SRaidLevel& level : RAID_LEVELS) {
-    if (level.m_MostDisks == 0) continue;
-    PI::CLevel& record = operation.m_Levels.emplace_back();
-    record.m_Level = level.m_Choice;
-    record.m_MinimumDrives = 2;
-    record.m_MaximumDrives = level.m_MostDisks;
-    for (std::size_t size = 0; size < level.m_StripeSizes; ++size)
-      record.m_StripeSizes.push_back(STRIPE_SIZES[size].m_Choice);
-    record.m_DefaultStripeSize = level.m_DefaultStripe;
-    record.m_Unit = PI::UNIT_DRIVES;
-  }
-  RVX_TRACE(TRACE_LIFECYCLE, "LEAVE GetRaidLevelInformation()");
-  return PI::OK;
+  return PI::OK;  // taken and forgotten, unlike the drives' properties (oddity 2)
 }
 
 }  // namespace NAMESPACE_piRVX

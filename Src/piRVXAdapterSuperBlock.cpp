@@ -1,14 +1,14 @@
 /// @file
-/// Superblocks: building, reading, writing.
+/// What is written to members, and the look before it.
+
+#include "Src/piRVXAdapterSuperBlock.h"
 
 #include <linux/fs.h>
 
-#include <memory>
+#include <algorithm>
+#include <array>
 
-#include "Src/md/Array.h"
 #include "Src/md/ProcTexts.h"
-#include "Src/md/Superblock.h"
-#include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
@@ -38,28 +38,47 @@ std::string UuidText(const unsigned char* uuid) {
   return text;
 }
 
+/// Starts a disk that says it is asleep, where the server ships the tool for it. No failure counts.
+void WakeDrive(OS::COperatingSystem& os, const std::string& devicePath) {
+  const auto process = os.ReadLink("/proc/self/exe");
+  if (!process) return;
+  const boost::filesystem::path tool = boost::filesystem::path(*process).parent_path() / "bin" / "sdparm";
+  struct stat status {};
+  if (os.Status(tool.string(), status) != 0) return;
+  std::vector<std::string> lines;
+  os.ExecuteCommand(tool, Text("--all %s 2>&1", devicePath), lines);
+  if (std::none_of(lines.begin(), lines.end(),
+                   [](const std::string& line) { return Md::ContainsText(line, "device not ready"); }))
+    return;
+  RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() device not ready, trying to start %s", devicePath);
+  lines.clear();
+  // A spin-up may take longer than a program is given; the disk goes on with it, and the write waits for it.
+  os.ExecuteCommand(tool, Text("--command=start %s 2>&1", devicePath), lines);
+  os.Sleep(3000);
+}
+
 }  // namespace
 
-unsigned int IPLUGINAPI_IMPL::GetUUID(unsigned char* uuid) {
-  const OS::CDescriptor source(m_OS, "/dev/urandom", O_RDONLY);
+unsigned int GetUUID(OS::COperatingSystem& os, unsigned char* uuid) {
+  const OS::CDescriptor source(os, "/dev/urandom", O_RDONLY);
   if (!source.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "GetUUID() can't open /dev/urandom, %s", SystemError());
     return PI::ERR_OPEN_FAILED;
   }
   // Used raw: md sets no version or variant bits.
-  if (m_OS.Read(source.Get(), uuid, 16) == 16) return PI::OK;
+  if (os.Read(source.Get(), uuid, 16) == 16) return PI::OK;
   RVX_TRACE(TRACE_LIFECYCLE, "GetUUID() can't read UUID, %s", SystemError());
   return PI::ERR_DEVICE_IO;
 }
 
-void IPLUGINAPI_IMPL::UUID2String(const unsigned char* uuid, std::string& text) { text += UuidText(uuid); }
+void UUID2String(const unsigned char* uuid, std::string& text) { text += UuidText(uuid); }
 
-unsigned int IPLUGINAPI_IMPL::CreateSuperBlock1(const mdu_array_info_s* info, unsigned int*, const char* name,
-                                                Md::md_superblock1* superBlock) {
+unsigned int CreateSuperBlock1(OS::COperatingSystem& os, const mdu_array_info_s* info, unsigned int*,
+                               const char* name, Md::md_superblock1* superBlock) {
   std::array<unsigned char, 16> uuid{};
-  const unsigned int status = GetUUID(uuid.data());
+  const unsigned int status = GetUUID(os, uuid.data());
   if (status == PI::OK) {
-    *superBlock = Md::NewSuperBlock(*info, name, uuid, m_OS.Now() / 1000);
+    *superBlock = Md::NewSuperBlock(*info, name, uuid, os.Now() / 1000);
     RVX_TRACE(TRACE_INFORMATION, "CreateSuperBlock1 UUID= %s", UuidText(superBlock->set_uuid));
   }
   // The record stays as it was without a UUID, and the kernel refuses it later: nothing is reported here on
@@ -68,52 +87,34 @@ unsigned int IPLUGINAPI_IMPL::CreateSuperBlock1(const mdu_array_info_s* info, un
   return PI::OK;
 }
 
-/// Starts a disk that says it is asleep, where the server ships the tool for it. No failure counts.
-void IPLUGINAPI_IMPL::WakeDrive(const std::string& devicePath) {
-  const auto process = m_OS.ReadLink("/proc/self/exe");
-  if (!process) return;
-  const boost::filesystem::path tool = boost::filesystem::path(*process).parent_path() / "bin" / "sdparm";
-  struct stat status {};
-  if (m_OS.Status(tool.string(), status) != 0) return;
-  std::vector<std::string> lines;
-  m_OS.ExecuteCommand(tool, Text("--all %s 2>&1", devicePath), lines);
-  if (std::none_of(lines.begin(), lines.end(),
-                   [](const std::string& line) { return Md::ContainsText(line, "device not ready"); }))
-    return;
-  RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() device not ready, trying to start %s", devicePath);
-  lines.clear();
-  // A spin-up may take longer than a program is given; the disk goes on with it, and the write waits for it.
-  m_OS.ExecuteCommand(tool, Text("--command=start %s 2>&1", devicePath), lines);
-  m_OS.Sleep(3000);
-}
-
-unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, Md::md_superblock1* superBlock) {
+unsigned int WriteSuperBlock1(OS::COperatingSystem& os, const CRVXPhysicalDrive& drive,
+                              Md::md_superblock1* superBlock) {
   const std::string path = drive.DevicePath();
   superBlock->super_offset = Md::SuperOffset(drive.m_Size);
   superBlock->data_size = Md::DataSize(superBlock->super_offset, superBlock->chunksize);
-  GetUUID(superBlock->device_uuid);  // a member without a fresh UUID still works
+  GetUUID(os, superBlock->device_uuid);  // a member without a fresh UUID still works
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1() %s superblock at %d", path,
             superBlock->super_offset.value() / 2);
   RVX_TRACE(TRACE_INFORMATION, "array size = %d, data size = %d, chunksize = %d", superBlock->size.value(),
             superBlock->data_size.value(), superBlock->chunksize.value());
   RVX_TRACE(TRACE_INFORMATION, "WriteSuperBlock1 UUID= %s", UuidText(superBlock->device_uuid));
   superBlock->sb_csum = Md::SuperBlockChecksum(*superBlock);
-  WakeDrive(path);
+  WakeDrive(os, path);
 
   const auto write = [&]() -> unsigned int {
     // Exclusive: a disk that somebody holds is not written to.
-    const OS::CBlockDevice device(m_OS, path, O_RDWR | O_EXCL);
-    if (!device.IsOpen() || !IsScannedDisk(m_OS, device.Get(), drive)) {
+    const OS::CBlockDevice device(os, path, O_RDWR | O_EXCL);
+    if (!device.IsOpen() || !IsScannedDisk(os, device.Get(), drive)) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't open %s, %s", path, SystemError());
       return PI::ERR_DEVICE_IO;
     }
-    if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(superBlock->super_offset * 512)) < 0) {
+    if (os.Seek(device.Get(), static_cast<std::int64_t>(superBlock->super_offset * 512)) < 0) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't seek to superblock position, %s", SystemError());
       return PI::ERR_DEVICE_IO;
     }
-    if (m_OS.Write(device.Get(), superBlock, Md::md_superblock1::SIZE) <
+    if (os.Write(device.Get(), superBlock, Md::md_superblock1::SIZE) <
             static_cast<ssize_t>(Md::md_superblock1::SIZE) ||
-        m_OS.Sync(device.Get()) != 0) {
+        os.Sync(device.Get()) != 0) {
       RVX_TRACE(TRACE_LIFECYCLE, "WriteSuperBlock1() can't write superblock, %s", SystemError());
       return PI::ERR_WRITE_FAILED;
     }
@@ -124,21 +125,21 @@ unsigned int IPLUGINAPI_IMPL::WriteSuperBlock1(CRVXPhysicalDrive& drive, Md::md_
   return status;
 }
 
-unsigned int IPLUGINAPI_IMPL::GetSuperBlock1(int major, int minor, Md::md_superblock1* superBlock) {
+unsigned int GetSuperBlock1(CModel& model, int major, int minor, Md::md_superblock1* superBlock) {
   const CRVXPhysicalDrive* const drive =
-      FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
+      model.FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
   if (drive == nullptr) return PI::ERR_DRIVE_NOT_FOUND;
   const std::string path = drive->DevicePath();
   RVX_TRACE(TRACE_INFORMATION, "GetSuperBlock1() superblock at %d", (drive->m_Size - 8) & ~std::uint64_t{3});
-  const OS::CBlockDevice device(m_OS, path, O_RDONLY);
+  const OS::CBlockDevice device(model.m_OS, path, O_RDONLY);
   if (!device.IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't open %s, %s", path, SystemError());
     return PI::ERR_DEVICE_IO;
   }
   // From here on the status says nothing about the record: callers look at its magic.
-  if (m_OS.Seek(device.Get(), static_cast<std::int64_t>(Md::SuperPosition(drive->m_Size))) < 0)
+  if (model.m_OS.Seek(device.Get(), static_cast<std::int64_t>(Md::SuperPosition(drive->m_Size))) < 0)
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't seek to superblock position, %s", SystemError());
-  else if (m_OS.Read(device.Get(), superBlock, Md::md_superblock1::SIZE) <
+  else if (model.m_OS.Read(device.Get(), superBlock, Md::md_superblock1::SIZE) <
            static_cast<ssize_t>(Md::md_superblock1::SIZE))
     RVX_TRACE(TRACE_LIFECYCLE, "GetSuperBlock1() can't read superblock, %s", SystemError());
   else if (superBlock->magic != Md::md_superblock1::MAGIC)

@@ -31,11 +31,14 @@ struct SRaidLevel {
   unsigned int m_MostDisks{0};
   std::size_t m_StripeSizes{0};
   std::uint32_t m_DefaultStripe{0};
+  bool m_SameSize{false};  ///< md is told how much of each member it uses
 };
-/// In the order in which front ends list them. Of the levels that are striped two show it: they know it so.
+/// Of every array that the plug-in makes.
+inline constexpr std::size_t MIN_DISKS = 2;
+/// In the order in which front ends list them. Of the levels that are striped two show it (oddity 3).
 inline constexpr SRaidLevel RAID_LEVELS[] = {
     {PI::LEVEL_RAID0, 0, false, true, 384, std::size(STRIPE_SIZES), PI::STRIPE_64K},
-    {PI::LEVEL_RAID1, 1, true, false, 2},
+    {PI::LEVEL_RAID1, 1, true, false, 2, 0, 0, true},
     {PI::LEVEL_RAID10, 10, true, true},
     {PI::LEVEL_RAID4, 4, true, false},
     {PI::LEVEL_RAID5, 5, true, false},

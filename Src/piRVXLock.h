@@ -7,8 +7,7 @@
 
 namespace NAMESPACE_piRVX {
 
-/// How the steps of one lock read in the trace; people search logs for these spellings, which differ by
-/// place.
+/// How the steps of one lock read in the trace; the spellings differ by place (oddity 15).
 struct SLockTexts {
   const char* m_Wait;
   const char* m_Release;  ///< null: the release is not traced

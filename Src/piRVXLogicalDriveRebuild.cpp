@@ -1,10 +1,9 @@
 /// @file
-/// Operations of logical drives: rebuild, deletion, configuration.
+/// What a rebuild asks of md.
+
+#include "Src/piRVXLogicalDriveRebuild.h"
 
 #include "Src/md/Array.h"
-#include "Src/piRVXLevels.h"
-#include "Src/piRVXPlugin.h"
-#include "Src/piRVXProperties.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
@@ -14,73 +13,19 @@ namespace {
 
 constexpr char TRACE_SOURCE[] = "Src/piRVXLogicalDrive";
 
-constexpr std::uint32_t NONE = 0xFFFFFFFFU;
-
-constexpr PI::COperation::Row OPERATIONS[] = {
-    {PI::OP_START_REBUILD, 1, 2, 2, 2, 0, NONE, 1, 1},
-    {PI::OP_CANCEL_REBUILD, 1, 2, 1, 3, 0, NONE, 2, 22017},
-    {PI::OP_DELETE_LOGICAL_DRIVE, 1, 2, 1, 8, 0, NONE, 3, 22000},
-    {PI::OP_GET_CONFIGURATION, 3, 1, 1, 1, 0, 0, 1, 1},
-};
+/// The number of an array's own node.
+std::optional<dev_t> ArrayNodeNumber(OS::COperatingSystem& os, const CRVXLogicalDrive& array) {
+  const auto number = OS::DeviceNumber(os, array.DevicePath());
+  if (!number)
+    RVX_TRACE(TRACE_LIFECYCLE, "ExecuteLogicalDriveOperation() Cannot find %s: %s", array.DevicePath(),
+              SystemError());
+  return number;
+}
 
 }  // namespace
 
-unsigned int IPLUGINAPI_IMPL::GetLogicalDriveOperations(CRVXLogicalDrive&, std::vector<PI::COperation>& out) {
-  OfferOperations(OPERATIONS, out);
-  return PI::OK;
-}
-
-unsigned int IPLUGINAPI_IMPL::CheckLogicalDriveOperation(CRVXLogicalDrive& array, PI::COperation& operation) {
-  RVX_TRACE(TRACE_LIFECYCLE, "ENTER CheckLogicalDriveOperation(%d/%d)", array.m_ArrayNumber,
-            operation.m_Code);
-  switch (operation.m_Code) {
-    case PI::OP_START_REBUILD:
-      if (const SRaidLevel* const level = FindRaidLevel(array.m_RaidLevel);
-          level != nullptr && !level->m_Redundant)
-        return PI::ERR_NO_REDUNDANCY;
-      if (array.m_Activity != PI::ACTIVITY_NONE) return PI::ERR_BUSY;
-      if (array.m_Status != PI::STATUS_DEGRADED && array.m_Status != PI::STATUS_FAILED)
-        return PI::ERR_STATE_FORBIDS_REBUILD;
-      operation.m_Attributes.back() = 1;
-      operation.m_ConfirmationCode = 1;
-      return PI::OK;
-    case PI::OP_CANCEL_REBUILD:
-      return array.m_Activity == PI::ACTIVITY_REBUILDING ? PI::OK : PI::ERR_NO_REBUILD_RUNNING;
-    case PI::OP_DELETE_LOGICAL_DRIVE:
-      return DeleteLogicalDriveAllowed(array, &operation.m_ConfirmationCode);
-    default:
-      return PI::OK;
-  }
-}
-
-unsigned int IPLUGINAPI_IMPL::ExecuteLogicalDriveOperation(CRVXLogicalDrive& array,
-                                                           PI::COperation& operation) {
-  RVX_TRACE(TRACE_LIFECYCLE, "ENTER ExecuteLogicalDriveOperation(%d, %d)", array.m_ArrayNumber,
-            operation.m_Code);
-  switch (operation.m_Code) {
-    case PI::OP_GET_CONFIGURATION:
-      operation.m_LogicalDrives.assign(1, PI::CLogicalDrive(array.m_Configuration));
-      return PI::OK;
-    case PI::OP_DELETE_LOGICAL_DRIVE: {
-      if (m_PendingOperation != NO_PENDING_OPERATION || array.m_Activity == PI::ACTIVITY_REBUILDING) {
-        RVX_TRACE(TRACE_LIFECYCLE, "ExecuteLogicalDriveOperation() array (%s) is busy", array.m_KernelName);
-        return PI::ERR_BUSY;
-      }
-      const unsigned int status = DeleteLogicalDrive(array);
-      if (status == PI::OK) m_ForceWorker.Set();
-      return status;
-    }
-    case PI::OP_START_REBUILD:
-      return StartRebuild(array);
-    case PI::OP_CANCEL_REBUILD:
-      return CancelRebuild(array);
-    default:
-      return PI::ERR_OPERATION_NOT_SUPPORTED;
-  }
-}
-
-unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
-  Md::CArray device(m_OS, array.DevicePath());
+unsigned int StartRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& array) {
+  Md::CArray device(os, array.DevicePath());
   const auto info = device.Info();
   if (!info) return PI::ERR_DEVICE_IO;
   Md::TDisk faulty = Md::FindFaultyMember(device.Disks(), info->raid_disks, [&](const mdu_disk_info_s& disk) {
@@ -88,9 +33,8 @@ unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
               disk.state, disk.raid_disk, info->raid_disks);
   });
   if (!faulty) return PI::ERR_DEVICE_IO;
-  // The number of the array's own node goes to md, not the member's: front ends and logs know the refusal
-  // that current kernels answer it with.
-  const auto node = ArrayNodeNumber(array);
+  // The number of the array's own node goes to md, not the member's (oddity 12).
+  const auto node = ArrayNodeNumber(os, array);
   if (!node) return PI::ERR_GENERAL;
   RVX_TRACE(TRACE_INFORMATION, "OP_START_REBUILD: found %d, remove", faulty->number);
   if (!device.Remove(*node)) return PI::ERR_DEVICE_IO;
@@ -99,8 +43,8 @@ unsigned int IPLUGINAPI_IMPL::StartRebuild(const CRVXLogicalDrive& array) {
   return device.Add(*faulty) ? PI::OK : PI::ERR_DEVICE_IO;
 }
 
-unsigned int IPLUGINAPI_IMPL::CancelRebuild(const CRVXLogicalDrive& array) {
-  Md::CArray device(m_OS, array.DevicePath());
+unsigned int CancelRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& array) {
+  Md::CArray device(os, array.DevicePath());
   const auto info = device.Info();
   if (!info) return PI::ERR_DEVICE_IO;
   const Md::TDisk rebuilding =
@@ -110,49 +54,27 @@ unsigned int IPLUGINAPI_IMPL::CancelRebuild(const CRVXLogicalDrive& array) {
                   disk.raid_disk, info->raid_disks);
       });
   if (!rebuilding) return PI::ERR_DEVICE_IO;
-  const auto node = ArrayNodeNumber(array);  // as for the start
+  const auto node = ArrayNodeNumber(os, array);  // oddity 12
   if (!node) return PI::ERR_GENERAL;
   RVX_TRACE(TRACE_INFORMATION, "OP_CANCEL_REBUILD: found %d, set faulty", rebuilding->number);
   return device.Fail(*node) ? PI::OK : PI::ERR_DEVICE_IO;
 }
 
-std::optional<dev_t> IPLUGINAPI_IMPL::ArrayNodeNumber(const CRVXLogicalDrive& array) {
-  const auto number = DeviceNumber(array.DevicePath());
-  if (!number)
-    RVX_TRACE(TRACE_LIFECYCLE, "ExecuteLogicalDriveOperation() Cannot find %s: %s", array.DevicePath(),
-              SystemError());
-  return number;
-}
-
-unsigned int IPLUGINAPI_IMPL::FindRebuildingPhysicalDrive(int arrayNumber, int& diskID) {
-  return FindMember("FindRebuildingPhysicalDrive()", arrayNumber, diskID,
-                    [](const mdu_disk_info_s& disk, const mdu_array_info_s& info) {
-                      return Md::IsBeingRebuilt(disk) && disk.raid_disk >= 0 &&
-                             disk.raid_disk < info.raid_disks;
-                    });
-}
-
-unsigned int IPLUGINAPI_IMPL::FindPhysicalDriveForRebuild(int arrayNumber, int& diskID) {
-  return FindMember("FindPhysicalDriveForRebuild()", arrayNumber, diskID,
-                    [](const mdu_disk_info_s& disk, const mdu_array_info_s&) { return Md::IsFaulty(disk); });
-}
-
-unsigned int IPLUGINAPI_IMPL::FindMember(const char* function, int arrayNumber, int& diskID,
-                                         bool (*wanted)(const mdu_disk_info_s&, const mdu_array_info_s&)) {
-  const auto fail = [&]() -> unsigned int {
+std::optional<int> FindMember(CModel& model, const char* function, int arrayNumber, TWantedMember wanted) {
+  const auto fail = [&]() -> std::optional<int> {
     RVX_TRACE(TRACE_LIFECYCLE, "LEAVE %s failed -> INVALID_OBJECT_ID or COMMAND_ERROR", function);
-    return PI::INVALID_OBJECT_ID;
+    return std::nullopt;
   };
-  const CRVXLogicalDrive* const array = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
+  const CRVXLogicalDrive* const array = model.FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
   if (array == nullptr) return fail();
-  const Md::CArray device(m_OS, array->DevicePath());
+  const Md::CArray device(model.m_OS, array->DevicePath());
   const auto info = device.Info();
   if (!info) return fail();
   for (const Md::TDisk disk : device.Disks(info->raid_disks)) {
     if (!disk || !wanted(*disk, *info)) continue;
-    diskID = (disk->major << 8) | disk->minor;
+    const int diskID = (disk->major << 8) | disk->minor;
     RVX_TRACE(TRACE_LIFECYCLE, "LEAVE %s diskID = %d", function, diskID);
-    return PI::OK;
+    return diskID;
   }
   return fail();
 }

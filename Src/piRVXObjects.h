@@ -110,17 +110,22 @@ auto FindCounterpart(TArrays& arrays, std::uint32_t number, const std::string& n
   return found;
 }
 
+/// The drive with these device numbers; null when there is none.
+inline CRVXPhysicalDrive* FindDevice(std::vector<CRVXPhysicalDrive>& drives, std::uint32_t major,
+                                     std::uint32_t minor) {
+  for (CRVXPhysicalDrive& drive : drives)
+    if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
+  return nullptr;
+}
+
 /// The first drive that a member lies on: a partition counts as its whole disk, 16 minors each. Null when
 /// none does.
 inline CRVXPhysicalDrive* FindMemberDrive(std::vector<CRVXPhysicalDrive>& drives,
                                           const mdu_disk_info_s& disk) {
   // An empty slot, as most are in a walk over all disk numbers: no drive needs to be looked at.
   if (disk.major == 0 && disk.minor == 0) return nullptr;
-  const auto major = static_cast<std::uint32_t>(disk.major);
-  const auto minor = static_cast<std::uint32_t>(disk.minor / 16 * 16);
-  for (CRVXPhysicalDrive& drive : drives)
-    if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
-  return nullptr;
+  return FindDevice(drives, static_cast<std::uint32_t>(disk.major),
+                    static_cast<std::uint32_t>(disk.minor / 16 * 16));
 }
 
 /// A block device as sysfs shows it. The discovery reads sysfs anew on every scan and keeps none.
@@ -128,8 +133,5 @@ struct CSysFSEntry {
   std::string m_KernelName;
   std::string m_Path;
 };
-
-/// Key by which front ends know a drive or array across reboots of the server.
-std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor);
 
 }  // namespace NAMESPACE_piRVX

@@ -1,19 +1,15 @@
 /// @file
-/// Properties and SMART data of physical drives.
-
-#include <linux/hdreg.h>
+/// Properties of physical drives.
 
 #include <algorithm>
-#include <mutex>
 
+#include "Src/md/Superblock.h"
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
 #include "Src/piRVXTrace.h"
-#include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {
-
-std::vector<CCachedSmartData>& gSmartData = *new std::vector<CCachedSmartData>;
 
 namespace {
 
@@ -21,7 +17,6 @@ constexpr char TRACE_SOURCE[] = "Src/piRVXPhysicalDrive";
 
 constexpr unsigned int HIDDEN = 0;
 constexpr unsigned int FRACTION_FORMAT = 8;
-constexpr std::uint64_t SMART_MAX_AGE = 300000;  ///< ms
 constexpr std::uint64_t MS_PER_HOUR = 3600000;
 
 struct SDriveView {
@@ -182,8 +177,8 @@ constexpr PI::_PROPERTY_ID SMART_PROPERTIES[] = {
     PI::PROP_ALL,        PI::PROP_END_OF_LIFE,         PI::PROP_SMART_RESERVE,
     PI::PROP_SMART_WEAR, PI::PROP_SMART_BYTES_WRITTEN, PI::PROP_SMART_POWER_ON_HOURS};
 
-/// What a missing drive does not show: identity, size and path. Wider than the list above on purpose: callers
-/// add properties of their own.
+/// What a missing drive does not show: identity, size and path. Wider than the list above: callers
+/// add properties of their own (oddity 17).
 constexpr std::uint32_t HIDDEN_WHEN_MISSING[] = {30003, 30020, 30022, 30043, 30052, 30053, 30054, 30056,
                                                  30059, 30063, 30125, 30154, 30155, 30202, 30203, 30204,
                                                  30205, 30207, 30208, 30236, 30243, 30247, 30310};
@@ -195,20 +190,11 @@ bool Contains(const TList& list, TValue value) {
 
 }  // namespace
 
-PI::CSmartValues IPLUGINAPI_IMPL::ReadSmartValues(const CRVXPhysicalDrive& drive) {
-  PI::CSmartValues values(drive.m_Vendor, drive.m_Model);
-  // Solid-state disks only, whether or not others would answer.
-  if (drive.m_Attachment != PI::ATTACHMENT_ATA || drive.m_Medium != PI::MEDIUM_SOLID_STATE) return values;
-  PI::_IDE_SMART_DATA data{};
-  if (values.IsSupported() && GetSmartData(drive.DevicePath(), data) == PI::OK) values.Evaluate(data);
-  return values;
-}
-
 unsigned int IPLUGINAPI_IMPL::GetPhysicalDriveProperties(CRVXPhysicalDrive& drive,
                                                          std::vector<PI::CProperty>& out,
                                                          PI::_PROPERTY_ID which) {
   SDriveView view{drive, PI::CSmartValues("", ""), m_OS.Now()};
-  if (Contains(SMART_PROPERTIES, which)) view.m_Smart = ReadSmartValues(drive);
+  if (Contains(SMART_PROPERTIES, which)) view.m_Smart = ReadSmartValues(m_OS, drive);
   AppendProperties(PROPERTIES, view, which, out);
   if (drive.m_Status == PI::STATUS_MISSING)
     for (PI::CProperty& property : out)
@@ -219,36 +205,6 @@ unsigned int IPLUGINAPI_IMPL::GetPhysicalDriveProperties(CRVXPhysicalDrive& driv
 
 unsigned int IPLUGINAPI_IMPL::SetPhysicalDriveProperty(CRVXPhysicalDrive&, PI::CProperty&) {
   return PI::ERR_PROPERTY_NOT_SETTABLE;
-}
-
-unsigned int IPLUGINAPI_IMPL::GetSmartData(const std::string& devicePath, PI::_IDE_SMART_DATA& data) {
-  static std::mutex s_Lock;  // never held while a disk is asked
-  const auto find = [&] {
-    return std::find_if(gSmartData.begin(), gSmartData.end(),
-                        [&](const CCachedSmartData& cached) { return cached.m_DevicePath == devicePath; });
-  };
-  {
-    const std::lock_guard guard(s_Lock);
-    if (const auto entry = find(); entry != gSmartData.end()) {
-      data = entry->m_Data;
-      if (m_OS.Now() - entry->m_Time <= SMART_MAX_AGE) return PI::OK;
-    }
-  }
-  const OS::CBlockDevice device(m_OS, devicePath, O_RDONLY);
-  if (!device.IsOpen()) return PI::ERR_GENERAL;
-  // ATA: command SMART, sector number 0, feature READ DATA, one sector; the answer follows the four bytes.
-  constexpr std::size_t HEADER = 4;
-  std::array<unsigned char, HEADER + sizeof(PI::_IDE_SMART_DATA)> buffer{WIN_SMART, 0, SMART_READ_VALUES, 1};
-  if (m_OS.Ioctl(device.Get(), HDIO_DRIVE_CMD, buffer.data()) < 0) return PI::ERR_GENERAL;
-  std::copy(buffer.begin() + HEADER, buffer.end(), data.m_Bytes.begin());
-  const std::lock_guard guard(s_Lock);
-  if (const auto entry = find(); entry != gSmartData.end()) {
-    entry->m_Time = m_OS.Now();
-    entry->m_Data = data;
-  } else {
-    gSmartData.push_back({devicePath, m_OS.Now(), data});
-  }
-  return PI::OK;
 }
 
 }  // namespace NAMESPACE_piRVX

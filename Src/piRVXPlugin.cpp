@@ -1,5 +1,5 @@
 /// @file
-/// Lifecycle, identifiers, busy marks and the event queue.
+/// Lifecycle, and the scan and the merge as the threads use them.
 
 #include "Src/piRVXPlugin.h"
 
@@ -10,6 +10,8 @@
 #include <cstdio>
 
 #include "Src/piRVXLock.h"
+#include "Src/piRVXPluginMerge.h"
+#include "Src/piRVXPluginScan.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -17,7 +19,6 @@ namespace {
 
 constexpr char TRACE_SOURCE[] = "Src/piRVXPlugin";
 constexpr char POLL_INTERVAL_KEY[] = "PollInterval";
-constexpr std::uint64_t OBJECT_ID_BASE = std::uint64_t{295} << 48;  ///< the module's number above the counter
 
 constexpr int END_LOOKS = 50;             ///< that DeInitialize takes at its threads before it cancels them
 constexpr unsigned long END_PAUSE = 500;  ///< ms between two looks
@@ -28,7 +29,7 @@ bool Runs(const std::unique_ptr<KVT::Threading::CThread>& thread, unsigned long 
 
 }  // namespace
 
-IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(OS::COperatingSystem& os) : m_OS(os) {
+IPLUGINAPI_IMPL::IPLUGINAPI_IMPL(OS::COperatingSystem& os) : CModel(os) {
   m_ConfigFile.SetFileName("piRVX.ini");
   std::string text;
   if (m_ConfigFile.ReadKeyValue(POLL_INTERVAL_KEY, text, -1, -1) != PI::OK) return;
@@ -43,7 +44,7 @@ unsigned int IPLUGINAPI_IMPL::Initialize(std::vector<PI::CAdapterID>& adapterIDs
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER Initialize()");
   const std::pair<const char*, std::function<int()>> steps[] = {
       {"m_DataLock", [this] { return m_DataLock.Init(); }},
-      // The name that this lock had first; logs are searched for it.
+      // The name that this lock had first (oddity 14).
       {"m_PrivateEventsLock", [this] { return m_EventsLock.Init(); }},
       {"m_ForceWorker", [this] { return m_ForceWorker.Init(false, false); }},
       {"m_StopRequest", [this] { return m_StopRequest.Init(false, true); }},
@@ -145,83 +146,29 @@ bool IPLUGINAPI_IMPL::HasRunningThread(unsigned long time) const {
   return Runs(m_WorkerThread, time) || Runs(m_EventPollThread, time);
 }
 
-unsigned long IPLUGINAPI_IMPL::NewID() { return m_NextID++ | OBJECT_ID_BASE; }
-
-unsigned int IPLUGINAPI_IMPL::LockObjects(int all, int major, int minor, int arrayNumber) {
-  if (all < 0) {
-    m_Plugin.m_Busy = m_Adapter.m_Busy = true;
-    for (CRVXPhysicalDrive& drive : m_PhysicalDrives) drive.m_Busy = true;
-    for (CRVXLogicalDrive& array : m_LogicalDrives) array.m_Busy = true;
-    return PI::OK;
-  }
-  const bool noDrive = major < 0 && minor < 0;
-  PI::CObject* object = nullptr;
-  if (noDrive && arrayNumber < 0)
-    object = &m_Adapter;
-  else if (noDrive)
-    object = FindLogicalDrive(static_cast<std::uint32_t>(arrayNumber));
-  else  // The array is not marked beside its drive: callers that name both mean the drive.
-    object = FindPhysicalDrive(static_cast<std::uint32_t>(major), static_cast<std::uint32_t>(minor));
-  if (object != nullptr) object->m_Busy = true;
-  return PI::OK;
+unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
+                                         std::vector<CRVXLogicalDrive>& logicalDrives, bool newIDs) {
+  RVX_TRACE(TRACE_THREADS, "ENTER ScanSystem(%d) PhyDrive=%d LogDrive=%d", newIDs, physicalDrives.size(),
+            logicalDrives.size());
+  // They may be the model's own: the first scan compares with nothing.
+  physicalDrives.clear();
+  logicalDrives.clear();
+  SScanned found = Scan(*this, m_StopRequest, adapter, newIDs);
+  adapter = std::move(found.m_Adapter);
+  physicalDrives.swap(found.m_PhysicalDrives);
+  logicalDrives.swap(found.m_LogicalDrives);
+  RVX_TRACE(TRACE_THREADS, "LEAVE ScanSystem() -> %d", found.m_Status);
+  return found.m_Status;
 }
 
-unsigned int IPLUGINAPI_IMPL::UnlockObjects() {
-  m_Plugin.m_Busy = m_Adapter.m_Busy = false;
-  for (CRVXPhysicalDrive& drive : m_PhysicalDrives) drive.m_Busy = false;
-  for (CRVXLogicalDrive& array : m_LogicalDrives) array.m_Busy = false;
-  return PI::OK;
-}
-
-PI::CEvent IPLUGINAPI_IMPL::MakeEvent(unsigned int code, unsigned long objectID,
-                                      const std::string& placeHolder1, const std::string& placeHolder2) {
-  PI::CEvent event;
-  event.m_Code = code;
-  event.m_ObjectID = objectID;
-  event.m_SourceID = m_Adapter.m_ID;
-  event.m_Time = m_OS.Now();
-  event.SetPlaceHolder1(placeHolder1);
-  event.SetPlaceHolder2(placeHolder2);
-  return event;
-}
-
-void IPLUGINAPI_IMPL::QueueEvents(std::list<PI::CEvent>& events, const char* source, int line) {
-  while (!events.empty()) {
-    const CTracedLock lock(m_EventsLock, KVT::Threading::INFINITE_WAIT, EVENTS_LOCK_OF_APPEND, source, line);
-    m_EventQueue.splice(m_EventQueue.end(), events, events.begin());
-    TrimEventQueue();
-  }
-}
-
-void IPLUGINAPI_IMPL::QueueEvent(const PI::CEvent& event, const char* source, int line) {
-  std::list<PI::CEvent> events{event};
-  QueueEvents(events, source, line);
-}
-
-/// A front end that fetches no events for months must not take the server's memory.
-void IPLUGINAPI_IMPL::TrimEventQueue() {
-  while (m_EventQueue.size() > MAX_EVENTS) {
-    m_EventQueue.pop_front();
-    if (m_EventsDropped) continue;
-    RVX_ERROR("%d events wait to be fetched: the oldest are dropped from now on", MAX_EVENTS);
-    m_EventsDropped = true;
-  }
-}
-
-CRVXLogicalDrive* IPLUGINAPI_IMPL::FindLogicalDrive(std::uint32_t arrayNumber) {
-  for (CRVXLogicalDrive& array : m_LogicalDrives)
-    if (array.m_ArrayNumber == arrayNumber) return &array;
-  return nullptr;
-}
-
-CRVXPhysicalDrive* IPLUGINAPI_IMPL::FindPhysicalDrive(std::uint32_t major, std::uint32_t minor) {
-  for (CRVXPhysicalDrive& drive : m_PhysicalDrives)
-    if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
-  return nullptr;
-}
-
-std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor) {
-  return Text("%s&BLKDEV:Major=%d&Minor=%d", prefix, major, minor);
+unsigned int IPLUGINAPI_IMPL::UpdateSystem(CRVXAdapter& adapter,
+                                           std::vector<CRVXPhysicalDrive>& physicalDrives,
+                                           std::vector<CRVXLogicalDrive>& logicalDrives) {
+  RVX_TRACE(TRACE_THREADS, "ENTER UpdateSystem for adapter, %d physicalDrives, %d logicalDrive(s)",
+            physicalDrives.size(), logicalDrives.size());
+  const unsigned int status = Merge(*this, adapter, physicalDrives, logicalDrives) ? PI::OK : PI::ERR_GENERAL;
+  RVX_TRACE(TRACE_THREADS, "LEAVE UpdateSystem ret = %d", status);
+  return status;
 }
 
 }  // namespace NAMESPACE_piRVX

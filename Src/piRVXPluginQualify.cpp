@@ -1,12 +1,14 @@
 /// @file
-/// Which disks are managed: those on a PCI controller of a known vendor with a known driver.
+/// The controllers whose disks are managed, and the way from a disk to its controller.
+
+#include "Src/piRVXPluginQualify.h"
 
 #include <algorithm>
 #include <array>
 #include <string_view>
 
+#include "KVT/Threading.h"
 #include "Src/md/ProcTexts.h"
-#include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
@@ -42,8 +44,7 @@ std::string ReadVendor(OS::COperatingSystem& os, const std::string& path) {
 
 }  // namespace
 
-std::string IPLUGINAPI_IMPL::GetHostPath(const std::string& deviceName) {
-  // Each further disk would hold up all requests for as long again.
+std::string CQualification::GetHostPath(const std::string& deviceName) {
   if (m_UdevadmHangs) return {};
   boost::filesystem::path program;
   if (m_OS.GetCommandPath("udevadm", program) != 1) return {};
@@ -60,7 +61,7 @@ std::string IPLUGINAPI_IMPL::GetHostPath(const std::string& deviceName) {
   return Md::HostPathOfRecord(lines);
 }
 
-bool IPLUGINAPI_IMPL::checkpd(const std::string& devicePath, const char* deviceName) {
+bool CQualification::checkpd(const std::string& devicePath, const char* deviceName) {
   RVX_TRACE(TRACE_THREADS, "ENTER checkpd(%s %s)", devicePath, deviceName);
   const auto leave = [](bool supported) {
     RVX_TRACE(TRACE_THREADS, "LEAVE checkpd(%d)", supported ? 1 : 0);

@@ -1,11 +1,16 @@
 /// @file
 /// The system scan: the adapter and the physical drives.
 
+#include "Src/piRVXPluginScan.h"
+
 #include <new>
 
+#include "PI/Helpers.h"
 #include "Src/md/ProcTexts.h"
-#include "Src/piRVXLock.h"
-#include "Src/piRVXPlugin.h"
+#include "Src/md/Superblock.h"
+#include "Src/piRVXLogicalDriveConfiguration.h"
+#include "Src/piRVXPluginQualify.h"
+#include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {
@@ -54,49 +59,51 @@ void Identify(OS::COperatingSystem& os, CRVXPhysicalDrive& drive) {
 
 }  // namespace
 
-void IPLUGINAPI_IMPL::QueueNameEvent(unsigned int code, unsigned int severity, const PI::CObject& object,
-                                     const std::string& name) {
-  PI::CEvent event = MakeEvent(code, object.m_ID, "", name);
-  event.m_Severity = severity;
-  QueueEvent(event, TRACE_SOURCE);
+std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor) {
+  return Text("%s&BLKDEV:Major=%d&Minor=%d", prefix, major, minor);
 }
 
-unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
-                                         std::vector<CRVXLogicalDrive>& logicalDrives, bool newIDs) {
-  RVX_TRACE(TRACE_THREADS, "ENTER ScanSystem(%d) PhyDrive=%d LogDrive=%d", newIDs, physicalDrives.size(),
-            logicalDrives.size());
-  unsigned int status = PI::OK;
+// Unchecked: that the run is on the model of its caller is not seen.
+SScanned Scan(CModel& model, KVT::Threading::CEvent& stop, const CRVXAdapter& adapter,
+              bool newIDs) ZQ_NO_THREAD_SAFETY_ANALYSIS {
+  SScanned found;
   try {
-    physicalDrives.clear();
-    logicalDrives.clear();
-    adapter.m_Kind = PI::OBJ_ADAPTER;
-    adapter.m_ID = newIDs ? NewID() : m_Adapter.m_ID;
-    adapter.m_Name = "Multiple Devices";
-    adapter.m_Description = Text("Linux %s (0)", adapter.m_Name);
-    adapter.m_DeviceKeyPrefix = "SoftRAID0";
-    adapter.m_MaxPhysicalDrives = 1024;
-    adapter.m_MaxLogicalDrives = 256;
-    adapter.m_Status = PI::ADAPTER_OK;
-    adapter.m_Attribute = 9;
-    m_UdevadmHangs = false;
-    m_MdMajor = Md::ParseMdMajor(OS::ReadText(m_OS, "/proc/devices").value_or(""));
+    found.m_Adapter = adapter;
+    found.m_Adapter.m_Kind = PI::OBJ_ADAPTER;
+    found.m_Adapter.m_ID = newIDs ? model.NewID() : model.m_Adapter.m_ID;
+    found.m_Adapter.m_Name = "Multiple Devices";
+    found.m_Adapter.m_Description = Text("Linux %s (0)", found.m_Adapter.m_Name);
+    found.m_Adapter.m_DeviceKeyPrefix = "SoftRAID0";
+    found.m_Adapter.m_MaxPhysicalDrives = 1024;
+    found.m_Adapter.m_MaxLogicalDrives = 256;
+    found.m_Adapter.m_Status = PI::ADAPTER_OK;
+    found.m_Adapter.m_Attribute = 9;
+    model.m_MdMajor = Md::ParseMdMajor(OS::ReadText(model.m_OS, "/proc/devices").value_or(""));
 
-    const SScan scan{adapter, physicalDrives, newIDs};
-    if (!ScanDisks(scan) || !ScanArrays(scan, logicalDrives))
-      status = PI::ERR_SCAN_FAILED;
+    CScan scan(model, stop, found, newIDs);
+    if (!scan.ScanDisks() || !scan.ScanArrays())
+      found.m_Status = PI::ERR_SCAN_FAILED;
     else if (newIDs)
-      for (CRVXLogicalDrive& array : logicalDrives) BuildConfiguration(array, physicalDrives);
+      for (CRVXLogicalDrive& array : found.m_LogicalDrives)
+        BuildConfiguration(model.m_OS, array, found.m_PhysicalDrives);
   } catch (const std::bad_alloc&) {
-    status = PI::ERR_OUT_OF_MEMORY;
+    found.m_Status = PI::ERR_OUT_OF_MEMORY;
   }
-  RVX_TRACE(TRACE_THREADS, "LEAVE ScanSystem() -> %d", status);
-  return status;
+  return found;
 }
 
-bool IPLUGINAPI_IMPL::ScanDisks(const SScan& scan) {
+void CScan::QueueNameEvent(unsigned int code, unsigned int severity, const PI::CObject& object,
+                           const std::string& name) {
+  PI::CEvent event = m_Model.MakeEvent(code, object.m_ID, "", name);
+  event.m_Severity = severity;
+  m_Model.QueueEvent(event, TRACE_SOURCE);
+}
+
+bool CScan::ScanDisks() {
+  CQualification qualification(m_Model.m_OS);
   std::uint32_t driveNumber = 0;
   for (const Md::SPartition& entry :
-       Md::ParsePartitions(OS::ReadText(m_OS, "/proc/partitions").value_or(""))) {
+       Md::ParsePartitions(OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or(""))) {
     if (!Md::IsDiskName(entry.m_Name)) continue;
     if (IsStopping()) return false;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new physical disk %s", entry.m_Name);
@@ -108,53 +115,54 @@ bool IPLUGINAPI_IMPL::ScanDisks(const SScan& scan) {
     drive.m_MinorNumber = entry.m_Minor;
     drive.m_Size = entry.m_Blocks;
     drive.m_UsableSize = Md::UsableSize(entry.m_Blocks);
-    drive.m_DeviceKey = DeviceKey(scan.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
-    Identify(m_OS, drive);
+    drive.m_DeviceKey = DeviceKey(m_Found.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
+    Identify(m_Model.m_OS, drive);
     // A volume that a hardware RAID controller presents is the controller's business.
     if (drive.m_Vendor == "LSILOGIC" && drive.m_Model == "Logical Volume") continue;
     const std::string devicePath = Text("/sys/block/%s/device", drive.m_KernelName);
     RVX_TRACE(TRACE_THREADS, "vor checkpd %s %s", devicePath, drive.m_KernelName);
-    if (!checkpd(devicePath, drive.m_KernelName.c_str())) continue;
-    ScanDisk(scan, drive);
-    scan.m_PhysicalDrives.push_back(drive);
-    RVX_TRACE(TRACE_THREADS, "ScanSystem() after physicalDrives.push_back %d", scan.m_PhysicalDrives.size());
+    if (!qualification.checkpd(devicePath, drive.m_KernelName.c_str())) continue;
+    ScanDisk(drive);
+    m_Found.m_PhysicalDrives.push_back(drive);
+    RVX_TRACE(TRACE_THREADS, "ScanSystem() after physicalDrives.push_back %d",
+              m_Found.m_PhysicalDrives.size());
   }
   return true;
 }
 
 /// The disk's identifier, state and medium.
-void IPLUGINAPI_IMPL::ScanDisk(const SScan& scan, CRVXPhysicalDrive& drive) {
+void CScan::ScanDisk(CRVXPhysicalDrive& drive) {
   drive.m_DisplayName = Text("%s %s (%s %d:%d)", drive.m_Vendor, drive.m_Model, drive.m_KernelName,
                              drive.m_MajorNumber, drive.m_MinorNumber);
-  const auto state = ReadAttribute(m_OS, drive.m_KernelName, "device/state");
+  const auto state = ReadAttribute(m_Model.m_OS, drive.m_KernelName, "device/state");
   // A disk without a state is on its way in or out: it counts as one that was not there before, but it stays
-  // the object that front ends know.
-  const CRVXPhysicalDrive* const model = FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
+  // the object that front ends know (oddity 8).
+  const CRVXPhysicalDrive* const model = m_Model.FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
   const CRVXPhysicalDrive* const known = state ? model : nullptr;
   const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};
-  if (model != nullptr && !scan.m_NewIDs) {
+  if (model != nullptr && !m_NewIDs) {
     drive.m_ID = model->m_ID;
   } else {
-    drive.m_ID = NewID();
-    scan.m_Adapter.m_Children.push_back(drive.m_ID);
+    drive.m_ID = m_Model.NewID();
+    m_Found.m_Adapter.m_Children.push_back(drive.m_ID);
   }
-  if (known == nullptr && !scan.m_NewIDs)
+  if (known == nullptr && !m_NewIDs)
     QueueNameEvent(PI::EVT_PHYSICALDRIVE_ADDED, PI::SEV_DEFAULT, drive,
                    Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
 
   if (!state || !state->starts_with("running")) {
     drive.m_Status = PI::STATUS_FAILED;
-  } else if (!OS::CBlockDevice(m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
+  } else if (!OS::CBlockDevice(m_Model.m_OS, drive.DevicePath(), O_RDONLY | O_EXCL).IsOpen()) {
     RVX_TRACE(TRACE_THREADS, "ScanSystem() can't open %s exclusive", drive.DevicePath());
     drive.m_Status = PI::STATUS_OK;
     drive.m_SpareState = PI::SPARE_STATE_IN_USE;
   }
   for (const SDiskEvent& event : DISK_EVENTS)
     if (event.m_StatusNow == drive.m_Status && event.m_ModelStatus == modelStatus &&
-        !(event.m_WorkerScanOnly && scan.m_NewIDs))
+        !(event.m_WorkerScanOnly && m_NewIDs))
       QueueNameEvent(event.m_Code, event.m_Severity, drive, drive.m_KernelName);
 
-  if (ReadAttribute(m_OS, drive.m_KernelName, "queue/rotational") == "0")
+  if (ReadAttribute(m_Model.m_OS, drive.m_KernelName, "queue/rotational") == "0")
     drive.m_Medium = PI::MEDIUM_SOLID_STATE;
 }
 

@@ -2,12 +2,13 @@
 /// The system scan: md arrays, their members, progress and status.
 
 #include <algorithm>
+#include <array>
 
 #include "Src/md/Array.h"
 #include "Src/md/ProcTexts.h"
 #include "Src/piRVXLevels.h"
-#include "Src/piRVXLock.h"
-#include "Src/piRVXPlugin.h"
+#include "Src/piRVXPluginScan.h"
+#include "Src/piRVXTrace.h"
 #include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {
@@ -43,8 +44,8 @@ std::optional<mdu_array_info_s> ReadArrayInfo(OS::COperatingSystem& os, const Md
 
 }  // namespace
 
-bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive>& logicalDrives) {
-  const auto entries = Md::ParsePartitions(OS::ReadText(m_OS, "/proc/partitions").value_or(""));
+bool CScan::ScanArrays() {
+  const auto entries = Md::ParsePartitions(OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or(""));
   const auto isListed = [&](const std::string& name) {
     return std::any_of(entries.begin(), entries.end(),
                        [&](const Md::SPartition& entry) { return entry.m_Name == name; });
@@ -57,11 +58,12 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
     array.m_Kind = PI::OBJ_LOGICAL_DRIVE;
     array.m_ArrayNumber = *number;
     array.m_KernelName = entry.m_Name;
-    array.m_DeviceKey = DeviceKey(scan.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
+    array.m_DeviceKey = DeviceKey(m_Found.m_Adapter.m_DeviceKeyPrefix, entry.m_Major, entry.m_Minor);
     array.m_PhysicalSize = entry.m_Blocks;
 
     SArrayHistory history;
-    const CRVXLogicalDrive* const known = FindCounterpart(m_LogicalDrives, *number, entry.m_Name, isListed);
+    const CRVXLogicalDrive* const known =
+        FindCounterpart(m_Model.m_LogicalDrives, *number, entry.m_Name, isListed);
     if (known != nullptr) {
       history = {known->m_Status, known->m_Activity};
       array.m_ID = known->m_ID;
@@ -69,41 +71,40 @@ bool IPLUGINAPI_IMPL::ScanArrays(const SScan& scan, std::vector<CRVXLogicalDrive
       // merge.
       array.m_Configuration = known->m_Configuration;
     }
-    if (known == nullptr || scan.m_NewIDs) {
-      array.m_ID = NewID();
-      scan.m_Adapter.m_Children.push_back(array.m_ID);
+    if (known == nullptr || m_NewIDs) {
+      array.m_ID = m_Model.NewID();
+      m_Found.m_Adapter.m_Children.push_back(array.m_ID);
     }
-    if (known == nullptr && !scan.m_NewIDs)
+    if (known == nullptr && !m_NewIDs)
       QueueNameEvent(PI::EVT_LOGICALDRIVE_ADDED, PI::SEV_DEFAULT, array, array.m_KernelName);
-    ScanArray(scan, history, array);
+    ScanArray(history, array);
     if (IsStopping()) return false;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() before logicalDrives.push_back");
-    logicalDrives.push_back(array);
+    m_Found.m_LogicalDrives.push_back(array);
   }
   return true;
 }
 
 /// What md tells of an array; an array that it does not tell of keeps its defaults.
-void IPLUGINAPI_IMPL::ScanArray(const SScan& scan, SArrayHistory history, CRVXLogicalDrive& array) {
-  const Md::CArray device(m_OS, array.DevicePath());
+void CScan::ScanArray(SArrayHistory history, CRVXLogicalDrive& array) {
+  const Md::CArray device(m_Model.m_OS, array.DevicePath());
   if (!device.IsOpen()) return;
-  const auto info = ReadArrayInfo(m_OS, device, m_StopRequest);
+  const auto info = ReadArrayInfo(m_Model.m_OS, device, m_Stop);
   if (!info || IsStopping())
     return;  // a stop cuts the wait for a clean state short: that reading tells nothing
   array.m_RaidLevel = RaidLevelOf(info->level);
   array.m_StripeSize = StripeOf(info->chunk_size);
-  ScanMembers(scan, array, device);
-  ScanProgress(scan, history, array, *info);
+  ScanMembers(array, device);
+  ScanProgress(history, array, *info);
   SettleArrayStatus(history, array, *info);
 }
 
-void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, const Md::CArray& device) {
-  // The number of scanned disks bounds the walk, not the array's own count, on purpose: front ends know the
-  // members of an array whose slot numbers grew beyond that as it is.
-  const int bound = static_cast<int>(std::min<std::size_t>(scan.m_PhysicalDrives.size(), Md::MAX_MEMBERS));
+void CScan::ScanMembers(CRVXLogicalDrive& array, const Md::CArray& device) {
+  // The number of scanned disks bounds the walk, not the array's own count (oddity 5).
+  const int bound = static_cast<int>(std::min<std::size_t>(m_Found.m_PhysicalDrives.size(), Md::MAX_MEMBERS));
   for (const Md::TDisk disk : device.Disks(bound)) {
     if (!disk) continue;
-    CRVXPhysicalDrive* const drive = FindMemberDrive(scan.m_PhysicalDrives, *disk);
+    CRVXPhysicalDrive* const drive = FindMemberDrive(m_Found.m_PhysicalDrives, *disk);
     // Empty slots and disks on other controllers get no record of their own: the array lists the members it
     // found.
     if (drive == nullptr) continue;
@@ -116,10 +117,10 @@ void IPLUGINAPI_IMPL::ScanMembers(const SScan& scan, CRVXLogicalDrive& array, co
   }
 }
 
-void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& history, CRVXLogicalDrive& array,
-                                   const mdu_array_info_s& info) {
+void CScan::ScanProgress(const SArrayHistory& history, CRVXLogicalDrive& array,
+                         const mdu_array_info_s& info) {
   std::uint32_t previous = history.m_Activity;
-  const auto start = [&](std::uint32_t activity) ZQ_REQUIRES(m_DataLock) {
+  const auto start = [&](std::uint32_t activity) ZQ_REQUIRES(m_Model.m_DataLock) {
     array.m_Activity = activity;
     if (activity == previous) return;
     QueueNameEvent(activity == PI::ACTIVITY_RESYNCING ? PI::EVT_RESYNC_STARTED : PI::EVT_REBUILD_STARTED,
@@ -128,27 +129,30 @@ void IPLUGINAPI_IMPL::ScanProgress(const SScan& scan, const SArrayHistory& histo
   };
   if (info.active_disks < info.raid_disks && info.raid_disks == info.working_disks) {
     // A spare is being built in and none is left. mdstat is not asked, so that nothing sets the watch for it:
-    // front ends see such a rebuild without progress.
+    // front ends see such a rebuild without progress (oddity 6).
     start(PI::ACTIVITY_REBUILDING);
     return;
   }
   array.m_Activity = PI::ACTIVITY_NONE;
   array.m_Progress = 0;
-  const auto mdstat = OS::ReadText(m_OS, "/proc/mdstat");
+  const auto mdstat = OS::ReadText(m_Model.m_OS, "/proc/mdstat");
   if (!mdstat) return;
-  for (const std::string_view line : Md::ProgressLines(*mdstat, array.m_KernelName)) {
-    const auto progress = Md::ParseProgress(line);
+  const std::array<std::string_view, 1> own{array.m_KernelName};
+  Md::CMdstatWalk walk(*mdstat, own, std::identity{}, Md::PROGRESS_LINE);
+  while (const auto hit = walk.Next()) {
+    if (!hit->m_Line) break;
+    const auto progress = Md::ParseProgress(*hit->m_Line);
     if (!progress) continue;
     start(progress->m_Resync ? PI::ACTIVITY_RESYNCING : PI::ACTIVITY_REBUILDING);
     array.m_Progress = progress->m_Percent;
-    scan.m_Adapter.m_ProgressWatch = true;
+    m_Found.m_Adapter.m_ProgressWatch = true;
   }
   if (array.m_Activity != previous) QueueRunEnd({history.m_Status, previous}, array, info);
 }
 
 /// A rebuild or resync that was running has ended: completed or aborted?
-void IPLUGINAPI_IMPL::QueueRunEnd(const SArrayHistory& history, const CRVXLogicalDrive& array,
-                                  const mdu_array_info_s& info) {
+void CScan::QueueRunEnd(const SArrayHistory& history, const CRVXLogicalDrive& array,
+                        const mdu_array_info_s& info) {
   const bool stoppedDirty =
       info.state != 0 && (info.state & Md::ARRAY_CLEAN) == 0 && history.m_Status != PI::STATUS_FAILED;
   const bool completed =
@@ -162,10 +166,10 @@ void IPLUGINAPI_IMPL::QueueRunEnd(const SArrayHistory& history, const CRVXLogica
                    array.m_KernelName);
 }
 
-void IPLUGINAPI_IMPL::SettleArrayStatus(const SArrayHistory& history, CRVXLogicalDrive& array,
-                                        const mdu_array_info_s& info) {
+void CScan::SettleArrayStatus(const SArrayHistory& history, CRVXLogicalDrive& array,
+                              const mdu_array_info_s& info) {
   const auto settle = [&](std::uint32_t status, unsigned int code, unsigned int severity)
-                          ZQ_REQUIRES(m_DataLock) {
+                          ZQ_REQUIRES(m_Model.m_DataLock) {
                             array.m_Status = status;
                             if (status != history.m_Status)
                               QueueNameEvent(code, severity, array, array.m_KernelName);
@@ -177,7 +181,7 @@ void IPLUGINAPI_IMPL::SettleArrayStatus(const SArrayHistory& history, CRVXLogica
   else
     settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
   // A second look at arrays of other levels. It compares with the same history: one that stays short of
-  // members is announced as OK above on every pass while it stays degraded. Front ends know it so.
+  // members is announced as OK above on every pass while it stays degraded (oddity 7).
   if (array.m_RaidLevel == PI::LEVEL_CONCATENATION && array.m_LogicalSize < array.m_PhysicalSize)
     settle(PI::STATUS_DEGRADED, PI::EVT_LOGICALDRIVE_DEGRADED, PI::SEV_ERROR);
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Src/piRVXLock.h"
+#include "Src/piRVXOperations.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXProperties.h"
 
@@ -25,7 +26,7 @@ constexpr SPropertyRow<SPluginView> PROPERTIES[] = {
        return Put(p, Text("Plugin:ID=%d", KVT_MODULE_INFO_piRVX.GetNumber()));
      }},
     {PI::PROP_NAME, 23320, [](SPluginView&, PI::CProperty& p) { return Put(p, "RVX-Plugin"); }},
-    {PI::PROP_VERSION, 23325, [](SPluginView&, PI::CProperty& p) { return Put(p, "6.4.3"); }},
+    {PI::PROP_VERSION, 23325, [](SPluginView&, PI::CProperty& p) { return Put(p, RVX_VERSION); }},
     {PI::PROP_VENDOR, 23324, [](SPluginView&, PI::CProperty& p) { return Put(p, "Linux"); }},
     {.m_ID = PI::PROP_POLL_INTERVAL,
      .m_LabelTextID = 23321,
@@ -39,9 +40,16 @@ constexpr SPropertyRow<SPluginView> PROPERTIES[] = {
      .m_Writable = true},
 };
 
-constexpr PI::COperation::Row OPERATIONS[] = {{PI::OP_GET_EVENTS, 6, 1, 1, 1, 1, 0, 1, 0}};
-
 }  // namespace
+
+/// Code, category, the framework's attribute words, label; check; execution. No check: the
+/// execution refuses what is not offered (oddity 16).
+constexpr SOperationRow<CRVXPlugin> IPLUGINAPI_IMPL::PLUGIN_OPERATIONS[] = {
+    {{PI::OP_GET_EVENTS, 6, 1, 1, 1, 1, 0, 1, 0},
+     nullptr,
+     [](IPLUGINAPI_IMPL& plugin, CRVXPlugin& object, PI::COperation& operation) {
+       return plugin.GetEvents(object, operation);
+     }}};
 
 unsigned int IPLUGINAPI_IMPL::GetTopology(std::vector<PI::CObject>& objects) {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER GetTopology");
@@ -109,19 +117,16 @@ unsigned int IPLUGINAPI_IMPL::SetPluginProperty(CRVXPlugin& plugin, PI::CPropert
 }
 
 unsigned int IPLUGINAPI_IMPL::GetPluginOperations(CRVXPlugin&, std::vector<PI::COperation>& out) {
-  OfferOperations(OPERATIONS, out);
-  return PI::OK;
+  return OfferOperations(PLUGIN_OPERATIONS, out);
 }
 
-unsigned int IPLUGINAPI_IMPL::CheckPluginOperation(CRVXPlugin&, PI::COperation&) {
-  return PI::OK;  // lax on purpose: the execution refuses what is not offered
+unsigned int IPLUGINAPI_IMPL::CheckPluginOperation(CRVXPlugin& plugin, PI::COperation& operation) {
+  return CheckByRow(PLUGIN_OPERATIONS, *this, plugin, operation);
 }
 
 unsigned int IPLUGINAPI_IMPL::ExecutePluginOperation(CRVXPlugin& plugin, PI::COperation& operation) {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER ExecutePluginOperation()");
-  const unsigned int status = operation.m_Code == PI::OP_GET_EVENTS
-                                  ? GetEvents(plugin, operation)
-                                  : static_cast<unsigned int>(PI::ERR_OPERATION_NOT_SUPPORTED);
+  const unsigned int status = ExecuteByRow(PLUGIN_OPERATIONS, *this, plugin, operation);
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE ExecutePluginOperation() -> %d", status);
   return status;
 }

@@ -8,6 +8,8 @@
 #include "KVT/Exception.h"
 #include "Src/md/ProcTexts.h"
 #include "Src/piRVXLock.h"
+#include "Src/piRVXLogicalDriveConfiguration.h"
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "Src/piRVXPlugin.h"
 #include "system/Descriptor.h"
 
@@ -28,12 +30,82 @@ constexpr std::uint32_t RESERVE_LIMIT = 9;      ///< percent left
 constexpr unsigned long LIFETIME_LIMIT = 1440;  ///< hours: sixty days
 
 /// The check is due on the first pass, and when the hour has gone from 22 to 23 or from 10 to 11 since the
-/// last check. A check at another hour is therefore the last one; kept, front ends expect no more.
+/// last check. A check at another hour is therefore the last one (oddity 11).
 bool IsSmartCheckDue(std::uint64_t lastCheck, std::uint64_t now) {
   if (lastCheck == 0) return true;
   const std::int32_t last = KVTX::CSystemTime_Lx::GetDate(lastCheck).m_Hour;
   const std::int32_t present = KVTX::CSystemTime_Lx::GetDate(now).m_Hour;
   return (last == 22 && present == 23) || (last == 10 && present == 11);
+}
+
+/// Events of earlier passes about deleted arrays whose number is in use again get that array's identifier.
+void NameDeletedArrays(CModel& model) ZQ_REQUIRES(model.m_DataLock, model.m_EventsLock) {
+  for (PI::CEvent& event : model.m_EventQueue) {
+    // One that has an identifier already keeps it: its lower half is no array's number.
+    const auto number = static_cast<std::uint32_t>(event.m_ObjectID);
+    if (event.m_Code != PI::EVT_LOGICALDRIVE_DELETED || event.m_ObjectID != number) continue;
+    const CRVXLogicalDrive* const array = FindCounterpart(model.m_LogicalDrives, number, event.m_PlaceHolder1,
+                                                          [](const std::string&) { return false; });
+    if (array == nullptr) continue;
+    event.m_ObjectID = array->m_ID;
+    RVX_TRACE(TRACE_THREADS, "Worker() EVT_LOGICALDRIVE_DELETED Event.SetID=%d", event.m_ObjectID);
+  }
+}
+
+/// Reads how far running rebuilds and resyncs are; true when an array's progress changed.
+bool FollowProgress(CModel& model) ZQ_REQUIRES(model.m_DataLock) {
+  if (!model.m_Adapter.m_ProgressWatch) return false;
+  model.m_Adapter.m_ProgressWatch = false;
+  RVX_TRACE(TRACE_THREADS, "Worker() get progress data");
+  const auto mdstat = OS::ReadText(model.m_OS, "/proc/mdstat");
+  if (!mdstat) return false;
+  bool changed = false;
+  Md::CMdstatWalk walk(*mdstat, model.m_LogicalDrives, &CRVXLogicalDrive::m_KernelName, Md::PROGRESS_LINE);
+  while (const auto hit = walk.Next()) {
+    if (!hit->m_Line) break;
+    const auto progress = Md::ParseProgress(Md::WithoutLast(*hit->m_Line));
+    if (!progress) continue;
+    model.m_Adapter.m_ProgressWatch = true;
+    CRVXLogicalDrive& array = *hit->m_Object;
+    if (progress->m_Percent == array.m_Progress) continue;
+    array.m_Progress = progress->m_Percent;
+    ++array.m_UpdateCounter;
+    changed = true;
+  }
+  return changed;
+}
+
+/// Warns of disks that wear out.
+void CheckSmart(CModel& model, SWorkerState& state) ZQ_REQUIRES(model.m_DataLock, model.m_EventsLock) {
+  const std::uint64_t now = model.m_OS.Now();
+  if (!IsSmartCheckDue(state.m_LastSmartCheck, now)) return;
+  std::list<PI::CEvent> events;
+  for (const CRVXPhysicalDrive& drive : model.m_PhysicalDrives) {
+    // Figures that a drive does not report, or that could not be read, are all ones and raise nothing.
+    const PI::CSmartValues values = ReadSmartValues(model.m_OS, drive);
+    unsigned long hours = 0;
+    const bool projected = PI::CPluginHelper::ComputeRemainingLifeTime(
+        values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed, values.m_RatedWriteVolume, hours);
+    const struct {
+      bool m_Raised;
+      unsigned int m_Code;
+    } warnings[] = {
+        {values.m_WearUsed != PI::CSmartValues::UNKNOWN32 && values.m_WearUsed > WEAR_LIMIT,
+         PI::EVT_SMART_WEAR_HIGH},
+        {values.m_AvailableReserve <= RESERVE_LIMIT, PI::EVT_SMART_RESERVE_LOW},
+        {projected && hours < LIFETIME_LIMIT, PI::EVT_SMART_LIFETIME_LOW},
+    };
+    for (const auto& warning : warnings) {
+      if (!warning.m_Raised) continue;
+      PI::CEvent event =
+          model.MakeEvent(warning.m_Code, model.m_Adapter.m_ID, model.m_Adapter.m_Description,
+                          Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      event.m_Severity = PI::SEV_WARNING;
+      events.push_back(event);
+    }
+  }
+  state.m_LastSmartCheck = now;
+  model.Append(events);  // the pass holds m_EventsLock
 }
 
 }  // namespace
@@ -93,30 +165,16 @@ void IPLUGINAPI_IMPL::WorkerPass(SWorkerState& state) {
   CTracedLock eventsLock(m_EventsLock, 0, EVENTS_LOCK_OF_PASS, TRACE_SOURCE);
   if (!eventsLock.IsHeld()) return;
   RVX_TRACE(TRACE_THREADS, "Worker() before bscan=%d", state.m_Force);
-  NameDeletedArrays();
+  NameDeletedArrays(*this);
   unsigned int status = RefreshModel();
   ++m_Plugin.m_UpdateCounter;
-  if (FollowProgress()) status = PI::OK;
-  CheckSmart(state);
+  if (FollowProgress(*this)) status = PI::OK;
+  CheckSmart(*this, state);
   RVX_TRACE(TRACE_THREADS, "Worker() after bscan");
   const bool eventsQueued = !m_EventQueue.empty();
   eventsLock.Release();
   // Busy marks outlive only a pass that changed and reported nothing.
   if (eventsQueued || status == PI::OK) UnlockObjects();
-}
-
-/// Events of earlier passes about deleted arrays whose number is in use again get that array's identifier.
-void IPLUGINAPI_IMPL::NameDeletedArrays() {
-  for (PI::CEvent& event : m_EventQueue) {
-    // One that has an identifier already keeps it: its lower half is no array's number.
-    const auto number = static_cast<std::uint32_t>(event.m_ObjectID);
-    if (event.m_Code != PI::EVT_LOGICALDRIVE_DELETED || event.m_ObjectID != number) continue;
-    const CRVXLogicalDrive* const array = FindCounterpart(m_LogicalDrives, number, event.m_PlaceHolder1,
-                                                          [](const std::string&) { return false; });
-    if (array == nullptr) continue;
-    event.m_ObjectID = array->m_ID;
-    RVX_TRACE(TRACE_THREADS, "Worker() EVT_LOGICALDRIVE_DELETED Event.SetID=%d", event.m_ObjectID);
-  }
 }
 
 /// Scan, merge and configuration documents. The status of the last of scan and merge that ran.
@@ -141,72 +199,11 @@ unsigned int IPLUGINAPI_IMPL::RefreshModel() {
   ++m_Adapter.m_UpdateCounter;
   // The merge compares a document with itself, since a scan carries it along: what changes it shows here.
   for (CRVXLogicalDrive& array : m_LogicalDrives)
-    if (BuildConfiguration(array, m_PhysicalDrives)) {
+    if (BuildConfiguration(m_OS, array, m_PhysicalDrives)) {
       ++array.m_UpdateCounter;
       status = PI::OK;
     }
   return status;
-}
-
-/// Reads how far running rebuilds and resyncs are; true when an array's progress changed.
-bool IPLUGINAPI_IMPL::FollowProgress() {
-  if (!m_Adapter.m_ProgressWatch) return false;
-  m_Adapter.m_ProgressWatch = false;
-  RVX_TRACE(TRACE_THREADS, "Worker() get progress data");
-  const auto mdstat = OS::ReadText(m_OS, "/proc/mdstat");
-  if (!mdstat) return false;
-  bool changed = false;
-  Md::CLineReader lines(*mdstat, Md::MDSTAT_READ);
-  while (const auto line = lines.Next()) {
-    for (CRVXLogicalDrive& array : m_LogicalDrives) {
-      if (!Md::ContainsText(*line, array.m_KernelName)) continue;
-      // Every array whose name the line contains takes the next two lines, also when one did so before it.
-      lines.Next();
-      const auto block = lines.Next();
-      if (!block) return changed;
-      const auto progress = Md::ParseProgress(Md::WithoutLast(*block));
-      if (!progress) continue;
-      m_Adapter.m_ProgressWatch = true;
-      if (progress->m_Percent == array.m_Progress) continue;
-      array.m_Progress = progress->m_Percent;
-      ++array.m_UpdateCounter;
-      changed = true;
-    }
-  }
-  return changed;
-}
-
-void IPLUGINAPI_IMPL::CheckSmart(SWorkerState& state) {
-  const std::uint64_t now = m_OS.Now();
-  if (!IsSmartCheckDue(state.m_LastSmartCheck, now)) return;
-  std::list<PI::CEvent> events;
-  for (const CRVXPhysicalDrive& drive : m_PhysicalDrives) {
-    // Figures that a drive does not report, or that could not be read, are all ones and raise nothing.
-    const PI::CSmartValues values = ReadSmartValues(drive);
-    unsigned long hours = 0;
-    const bool projected = PI::CPluginHelper::ComputeRemainingLifeTime(
-        values.m_PowerOnHours, values.m_BytesWritten, values.m_WearUsed, values.m_RatedWriteVolume, hours);
-    const struct {
-      bool m_Raised;
-      unsigned int m_Code;
-    } warnings[] = {
-        {values.m_WearUsed != PI::CSmartValues::UNKNOWN32 && values.m_WearUsed > WEAR_LIMIT,
-         PI::EVT_SMART_WEAR_HIGH},
-        {values.m_AvailableReserve <= RESERVE_LIMIT, PI::EVT_SMART_RESERVE_LOW},
-        {projected && hours < LIFETIME_LIMIT, PI::EVT_SMART_LIFETIME_LOW},
-    };
-    for (const auto& warning : warnings) {
-      if (!warning.m_Raised) continue;
-      PI::CEvent event =
-          MakeEvent(warning.m_Code, m_Adapter.m_ID, m_Adapter.m_Description,
-                    Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
-      event.m_Severity = PI::SEV_WARNING;
-      events.push_back(event);
-    }
-  }
-  state.m_LastSmartCheck = now;
-  m_EventQueue.splice(m_EventQueue.end(), events);  // the pass holds m_EventsLock
-  TrimEventQueue();
 }
 
 unsigned long IPLUGINAPI_IMPL::NextInterval() const {

@@ -54,11 +54,4 @@ inline bool PutPercent(PI::CProperty& property, std::uint32_t percent) {
   return true;
 }
 
-/// Empties the list and offers one operation per row.
-template <std::size_t COUNT>
-void OfferOperations(const PI::COperation::Row (&rows)[COUNT], std::vector<PI::COperation>& out) {
-  out.clear();
-  for (const PI::COperation::Row& row : rows) out.emplace_back(row);
-}
-
 }  // namespace NAMESPACE_piRVX

@@ -2,10 +2,12 @@
 /// @file
 /// What a person is told before a disk is written to.
 
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "host/Output.h"
+#include "host/JsonView.h"
+#include "host/LocalMachine.h"
 
 namespace rvxctl {
 
@@ -19,13 +21,9 @@ struct SDiskPlan {
   std::vector<std::string> m_Contents;  ///< such as "ext4 file system", "partition sdb1", "mounted at /srv"
 };
 
-/// Looks at a disk, or at an array that is to be deleted. Nothing of the real machine is looked at for a
-/// simulated one.
-SDiskPlan PlanOf(const CContext& context, const CTexts& texts, const PI::CObject& disk);
+/// Looks at a disk, or at an array that is to be deleted.
+SDiskPlan PlanOf(const CLocalMachine& machine, const PI::CObject& disk);
 Json PlanJson(const std::vector<SDiskPlan>& disks);
 std::string PlanText(const std::vector<SDiskPlan>& disks);
-
-/// Asks on a terminal. Throws CError(EXIT_NOT_CONFIRMED) on anything but yes, or without a terminal.
-void Confirm(const std::string& question);
 
 }  // namespace rvxctl

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <boost/format.hpp>
 
+#include "host/Values.h"
+
 namespace rvxctl {
 
 namespace {
@@ -24,23 +26,23 @@ struct SRun {
   std::string m_Remaining;
 };
 
-std::optional<SRun> RunOf(const CTexts& texts, const PI::CObject& array) {
+std::optional<SRun> RunOf(const PI::CObject& array) {
   const auto activity = NumberOf(array, PI::PROP_ACTIVITY);
   const bool resync = activity == PI::ACTIVITY_RESYNCING;
   if (!resync && activity != PI::ACTIVITY_REBUILDING) return std::nullopt;
   const auto percent = NumberOf(array, resync ? PI::PROP_RESYNC_PROGRESS : PI::PROP_REBUILD_PROGRESS);
-  return SRun{TextOf(texts, array, PI::PROP_ACTIVITY), static_cast<int>(percent.value_or(0)),
-              TextOf(texts, array, PI::PROP_TIME_REMAINING)};
+  return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(percent.value_or(0)),
+              TextOf(array, PI::PROP_TIME_REMAINING)};
 }
 
 /// Prints a run as it goes on.
 class CProgressPrinter {
  public:
-  CProgressPrinter(CContext& context, std::string array, bool quiet)
+  CProgressPrinter(CContext& context, std::string array, EProgress progress)
       : m_Context(context),
         m_Array(std::move(array)),
-        m_Quiet(quiet),
-        m_Bar(context.Output().IsTerminal() && !Json()) {}
+        m_Quiet(progress == EProgress::HIDDEN),
+        m_Bar(context.Terminal().IsTerminal() && !Json()) {}
 
   void Show(const SRun& run) {
     if (m_Quiet) return;
@@ -50,10 +52,10 @@ class CProgressPrinter {
     }
     if (m_Bar) {
       const int filled = BAR_WIDTH * run.m_Percent / 100;
-      m_Context.Output().Print("\r\033[K" + m_Array + " " + run.m_Name + " [" +
-                               std::string(static_cast<std::size_t>(filled), '#') +
-                               std::string(static_cast<std::size_t>(BAR_WIDTH - filled), '.') + "] " +
-                               Figures(run));
+      m_Context.Terminal().Print("\r\033[K" + m_Array + " " + run.m_Name + " [" +
+                                 std::string(static_cast<std::size_t>(filled), '#') +
+                                 std::string(static_cast<std::size_t>(BAR_WIDTH - filled), '.') + "] " +
+                                 Figures(run));
     } else if (run.m_Percent / LINE_STEP != m_LastStep) {
       m_LastStep = run.m_Percent / LINE_STEP;
       Line(run.m_Name + " " + Figures(run), run.m_Percent, run.m_Remaining);
@@ -61,7 +63,7 @@ class CProgressPrinter {
   }
   void End(const std::string& text, int percent) {
     if (m_Quiet) return;
-    if (m_Bar) m_Context.Output().Print("\r\033[K");
+    if (m_Bar) m_Context.Terminal().Print("\r\033[K");
     Line(text, percent, "");
   }
 
@@ -76,13 +78,13 @@ class CProgressPrinter {
     return text;
   }
   void Line(const std::string& text, int percent, const std::string& remaining) {
-    if (!Json()) return m_Context.Output().Print(m_Array + ": " + text + "\n");
+    if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
     const rvxctl::Json json = {
         {"array", m_Array},
         {"percent", percent},
         {"remaining", remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(remaining)},
         {"text", text}};
-    m_Context.Output().Print(json.dump() + "\n");
+    m_Context.Terminal().Print(json.dump() + "\n");
   }
 
   CContext& m_Context;
@@ -114,7 +116,7 @@ bool AwaitPass(CSession& session, unsigned long before) {
   return false;
 }
 
-int FollowRun(CContext& context, unsigned long arrayID, bool quiet) {
+int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
   CSession& session = context.Session();
   std::optional<CProgressPrinter> printer;
   int percent = -1;  // as long as no run was seen
@@ -124,17 +126,17 @@ int FollowRun(CContext& context, unsigned long arrayID, bool quiet) {
     const CTopology topology(session);
     const PI::CObject* const array = topology.FindID(arrayID);
     if (array == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
-    if (!printer) printer.emplace(context, NameOf(*array), quiet);
+    if (!printer) printer.emplace(context, NameOf(*array), progress);
     if (completed) {
       printer->End(*completed ? "completed" : "aborted", *completed ? 100 : std::max(percent, 0));
       return *completed ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    if (const auto run = RunOf(session.Texts(), *array)) {
+    if (const auto run = RunOf(*array)) {
       percent = run->m_Percent;
       printer->Show(*run);
       looks = 0;
     } else if (percent < 0 || ++looks > LOOKS_FOR_END) {
-      printer->End("no rebuild or resync is running; " + TextOf(session.Texts(), *array, PI::PROP_STATUS),
+      printer->End("no rebuild or resync is running; " + TextOf(*array, PI::PROP_STATUS),
                    std::max(percent, 0));
       return percent < 0 || NumberOf(*array, PI::PROP_STATUS) == PI::STATUS_OK ? EXIT_DONE
                                                                                : EXIT_PLUGIN_ERROR;

@@ -1,7 +1,8 @@
 #pragma once
 /// @file
+/// Following what runs.
 
-#include "host/Output.h"
+#include "host/Context.h"
 
 namespace rvxctl {
 
@@ -9,9 +10,12 @@ namespace rvxctl {
 /// none did within 30 s.
 bool AwaitPass(CSession& session, unsigned long before);
 
+/// Whether a run is shown as it goes on.
+enum class EProgress { SHOWN, HIDDEN };
+
 /// Follows the rebuild or resync of an array to its end: a bar on a terminal, a line per 5 % elsewhere. The
 /// plug-in's threads must run. EXIT_DONE when the work completed or none was running, EXIT_PLUGIN_ERROR when
-/// it was aborted; throws CError when the array went away. `quiet`: shows nothing.
-int FollowRun(CContext& context, unsigned long arrayID, bool quiet = false);
+/// it was aborted; throws CError when the array went away.
+int FollowRun(CContext& context, unsigned long arrayID, EProgress progress);
 
 }  // namespace rvxctl

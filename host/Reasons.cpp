@@ -1,27 +1,29 @@
 #include "host/Reasons.h"
 
-#include <fstream>
 #include <sstream>
+
+#include "host/Texts.h"
+#include "host/Values.h"
 
 namespace rvxctl {
 
 namespace {
 
-/// The text of a file of this machine; empty when it cannot be read.
-std::string FileText(const char* path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
+constexpr char NO_MD[] = "md is not in the kernel: modprobe md-mod";
+
+/// Answers that may come from md.
+bool MdMayHelp(unsigned int status) {
+  return status == PI::ERR_DEVICE_IO || status == PI::ERR_OPEN_FAILED || status == PI::ERR_WRITE_FAILED;
 }
 
-std::string DiskState(const CTexts& texts, const CTopology& topology, const PI::CObject& disk) {
+std::string DiskState(const CTopology& topology, const PI::CObject& disk) {
   const PI::CObject* const array = topology.ArrayOf(disk);
   return NameOf(disk) + " belongs to " + (array == nullptr ? "no array" : NameOf(*array)) +
-         "; its status is \"" + TextOf(texts, disk, PI::PROP_STATUS) + "\"";
+         "; its status is \"" + TextOf(disk, PI::PROP_STATUS) + "\"";
 }
 
 /// The arrays that something runs on: all of them, or the one that is asked about.
-std::string RunningWork(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
-                        unsigned int operation) {
+std::string RunningWork(const CTopology& topology, const PI::CObject& object, unsigned int operation) {
   std::string work;
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE)) {
     const bool asked = object.m_Kind != PI::OBJ_LOGICAL_DRIVE || object.m_ID == array->m_ID;
@@ -29,7 +31,7 @@ std::string RunningWork(const CTexts& texts, const CTopology& topology, const PI
     // A resync is in the way of a rebuild alone.
     if (asked && (activity == PI::ACTIVITY_REBUILDING ||
                   (operation == PI::OP_START_REBUILD && activity != PI::ACTIVITY_NONE)))
-      work += (work.empty() ? "" : ", ") + NameOf(*array) + ": " + ActivityText(texts, *array);
+      work += (work.empty() ? "" : ", ") + NameOf(*array) + ": " + ActivityText(*array);
   }
   return work;
 }
@@ -44,7 +46,8 @@ std::string HalfBuilt(const std::string& mdstat, const std::string& level) {
   std::string text;
   if (mdstat.substr(0, mdstat.find('\n')).find("[" + level + "]") == std::string::npos)
     text = "If the kernel log says that it does not know the level: modprobe " + level;
-  // The array does not run and its members are busy. The plug-in's names begin with md_d.
+  // The array does not run and its members are busy. The plug-in's names begin with md_d; who stops another
+  // one may take it from somebody else.
   std::istringstream lines(mdstat);
   for (std::string line; std::getline(lines, line);)
     if (const std::size_t name = line.find(" : inactive");
@@ -56,19 +59,20 @@ std::string HalfBuilt(const std::string& mdstat, const std::string& level) {
 
 }  // namespace
 
-std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
-                     unsigned int operation, unsigned int status) {
+// A refusal comes as a status alone; what is behind it has to be known here, too.
+std::string ReasonOf(const CTopology& topology, const PI::CObject& object, unsigned int operation,
+                     unsigned int status) {
   const bool isDisk = object.m_Kind == PI::OBJ_PHYSICAL_DRIVE;
   switch (status) {
     case PI::ERR_BUSY:
-      return RunningWork(texts, topology, object, operation);
+      return RunningWork(topology, object, operation);
     case PI::ERR_NO_REDUNDANCY:
-      return NameOf(object) + " is " + TextOf(texts, object, PI::PROP_RAID_LEVEL);
+      return NameOf(object) + " is " + TextOf(object, PI::PROP_RAID_LEVEL);
     case PI::ERR_STATE_FORBIDS_REBUILD:
-      return NameOf(object) + ": " + TextOf(texts, object, PI::PROP_STATUS);
+      return NameOf(object) + ": " + TextOf(object, PI::PROP_STATUS);
     case PI::ERR_OPERATION_NOT_SUPPORTED:
     case PI::ERR_DRIVE_NOT_MISSING:
-      return isDisk ? DiskState(texts, topology, object) : std::string();
+      return isDisk ? DiskState(topology, object) : std::string();
     case PI::ERR_NOT_AVAILABLE:
       return topology.OfKind(PI::OBJ_LOGICAL_DRIVE).empty() ? "there is no array" : "";
     case PI::ERR_DEVICE_IO:
@@ -82,26 +86,28 @@ std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::C
   }
 }
 
-std::string RefusalText(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
-                        unsigned int operation, unsigned int status) {
-  const std::string reason = ReasonOf(texts, topology, object, operation, status);
-  return texts.OfStatus(status) + (reason.empty() ? "" : " (" + reason + ")");
+std::string RefusalText(const CTopology& topology, const PI::CObject& object, unsigned int operation,
+                        unsigned int status) {
+  const std::string reason = ReasonOf(topology, object, operation, status);
+  return Texts::OfStatus(status) + (reason.empty() ? "" : " (" + reason + ")");
 }
 
-std::string HintFor(const CContext& context, unsigned int operation, unsigned int status,
-                    const std::string& level, bool executed) {
-  if (status != PI::ERR_DEVICE_IO && status != PI::ERR_OPEN_FAILED && status != PI::ERR_WRITE_FAILED)
-    return {};
-  if (executed && IsDeletion(operation))
+std::string HintForCheck(const CLocalMachine& machine, unsigned int status) {
+  return MdMayHelp(status) && machine.MdStat() == "" ? NO_MD : "";
+}
+
+std::string HintForExecution(const CLocalMachine& machine, unsigned int operation, unsigned int status,
+                             const std::string& level) {
+  if (!MdMayHelp(status)) return {};
+  if (IsDeletion(operation))
     return "md stops only an array that nothing uses. One that was stopped before the failure is gone: "
            "'rvxctl array list' shows what is left. One without a member on a managed disk always ends so.";
-  if (executed && operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
+  if (operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return "md takes no disk that is too small, none into an array without redundancy, and none this way "
            "into a mirror without a chunk size, as mdadm makes it: use mdadm --add there.";
-  if (context.Options().m_Simulate) return {};
-  const std::string mdstat = FileText("/proc/mdstat");
-  if (mdstat.empty()) return "md is not in the kernel: modprobe md-mod";
-  return executed && operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(mdstat, level) : std::string();
+  const auto mdstat = machine.MdStat();
+  if (mdstat == "") return NO_MD;
+  return mdstat && operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(*mdstat, level) : std::string();
 }
 
 }  // namespace rvxctl

@@ -4,21 +4,23 @@
 
 #include <string>
 
-#include "host/Output.h"
+#include "host/LocalMachine.h"
+#include "host/Topology.h"
 
 namespace rvxctl {
 
 /// What of the objects' state makes the plug-in refuse an operation; empty when the status says it all.
-std::string ReasonOf(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
-                     unsigned int operation, unsigned int status);
+std::string ReasonOf(const CTopology& topology, const PI::CObject& object, unsigned int operation,
+                     unsigned int status);
 
 /// The status in words, with the reason in brackets where one is known.
-std::string RefusalText(const CTexts& texts, const CTopology& topology, const PI::CObject& object,
-                        unsigned int operation, unsigned int status);
+std::string RefusalText(const CTopology& topology, const PI::CObject& object, unsigned int operation,
+                        unsigned int status);
 
-/// What a person can do on this machine about a refusal by the check, or about an execution that failed;
-/// empty when that is not known. `level` is md's name of the level that was asked for, or empty.
-std::string HintFor(const CContext& context, unsigned int operation, unsigned int status,
-                    const std::string& level, bool executed);
+/// What a person can do on this machine about a refusal by the check; empty when that is not known.
+std::string HintForCheck(const CLocalMachine& machine, unsigned int status);
+/// The same about an execution that failed. `level` is md's name of the level that was asked for, or empty.
+std::string HintForExecution(const CLocalMachine& machine, unsigned int operation, unsigned int status,
+                             const std::string& level);
 
 }  // namespace rvxctl

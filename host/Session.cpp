@@ -1,7 +1,6 @@
 #include "host/Session.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -9,61 +8,22 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
-#include "KVT/Language.h"
-#include "KVT/Misc.h"
+#include "host/Error.h"
+#include "host/Installation.h"
+#include "host/Texts.h"
 #include "libraries/common/Environment.h"
 
 namespace rvxctl {
 
 namespace {
 
-namespace fs = boost::filesystem;
 using KVT::Internal::FindVariable;
 
-constexpr char CATALOG_VARIABLE[] = "ZQ_CATALOG_DIR";
 constexpr char CONFIG_VARIABLE[] = "ZQ_CONFIG_DIR";
-constexpr unsigned int MODULE_NUMBER = 295;
-/// Where the simulated build's own functions differ from the plug-in's: null is success, else what is wrong.
+/// What the simulated build exports beside the plug-in's entries: null is success, else what is wrong.
 using MachineFunction = const char*(const char* file);
-
-CError CannotLoad(const std::string& why, unsigned int status = PI::OK) {
-  return {EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status};
-}
-
-/// The folder of this program; sets the error when the system does not tell.
-fs::path OwnFolder(boost::system::error_code& error) {
-  return fs::read_symlink("/proc/self/exe", error).parent_path();
-}
-
-/// Where the plug-in is: where the person says, else in the installation that this program belongs to. Code
-/// that runs with the rights of root comes from no folder that somebody happens to stand in.
-fs::path PluginPath(const SOptions& options) {
-  fs::path path = options.m_Plugin;
-  if (const char* const variable = FindVariable("RVX_PLUGIN");
-      path.empty() && variable != nullptr && !options.m_Simulate)
-    path = variable;
-  boost::system::error_code error;
-  if (!path.empty()) {
-    if (path.is_absolute()) return path;
-    throw CannotLoad("\"" + path.string() + "\" does not begin with a slash; write " +
-                     (fs::current_path(error) / path).lexically_normal().string());
-  }
-  const fs::path folder = OwnFolder(error);
-  if (error)
-    throw CannotLoad("/proc/self/exe does not tell where this program is (" + error.message() +
-                     "); say with --plugin where the plug-in is");
-  return (folder / RVX_PLUGIN_DIR / (options.m_Simulate ? "libpiRVXsim.so" : "libpiRVX.so"))
-      .lexically_normal();
-}
-
-/// Tells the toolkit where the catalogue is when this program runs from a build tree or was moved.
-void FindCatalog() {
-  boost::system::error_code error;
-  const fs::path folder = OwnFolder(error) / RVX_CATALOG_DIR;
-  if (!error && FindVariable(CATALOG_VARIABLE) == nullptr && fs::exists(folder / "piRVX.nls", error))
-    ::setenv(CATALOG_VARIABLE, folder.c_str(), 1);
-}
 
 /// A folder for the settings of a simulated machine, which are not those of this machine. Its owner alone can
 /// enter it. It goes with what is in it, and no signal ends the program before.
@@ -89,7 +49,7 @@ class CSettingsFolder {
   ~CSettingsFolder() {
     HaveNone();
     boost::system::error_code error;
-    fs::remove_all(m_Path, error);
+    boost::filesystem::remove_all(m_Path, error);
     ::pthread_sigmask(SIG_SETMASK, &m_SignalsBefore, nullptr);
   }
   CSettingsFolder(const CSettingsFolder&) = delete;
@@ -100,37 +60,9 @@ class CSettingsFolder {
   sigset_t m_SignalsBefore{};
 };
 
-const KVT::Misc::CModuleInfo* Module() { return KVT::Misc::CModuleInfo::Find(MODULE_NUMBER); }
-
-/// The module's catalogue, read once.
-const KVT::Language_Support::CLanguageSupport::CLngFile& Catalog() {
-  static const auto catalog = [] {
-    auto file = Module() != nullptr ? Module()->GetLanguageFile()
-                                    : KVT::Language_Support::CLanguageSupport::CLngFile(
-                                          "piRVX.nls", 'e' | 'n' << 8, "utf-8", {});
-    file.Load();
-    return file;
-  }();
-  return catalog;
-}
-
-int ExitStatusOf(unsigned int status) {
-  switch (status) {
-    case PI::ERR_BUSY:
-      return EXIT_BUSY;
-    case PI::INVALID_OBJECT_ID:
-      return EXIT_NO_OBJECT;
-    case PI::ERR_PROPERTY_NOT_SETTABLE:
-    case PI::ERR_OPERATION_NOT_SUPPORTED:
-    case PI::ERR_NO_REDUNDANCY:
-    case PI::ERR_STATE_FORBIDS_REBUILD:
-    case PI::ERR_NO_REBUILD_RUNNING:
-    case PI::ERR_MISSING_DRIVE_PENDING:
-    case PI::ERR_DRIVE_NOT_MISSING:
-      return EXIT_NOT_ALLOWED;
-    default:
-      return EXIT_PLUGIN_ERROR;
-  }
+/// An answer that must be OK.
+void Require(unsigned int status, const char* what) {
+  if (status != PI::OK) throw PluginError(status, what);
 }
 
 sigset_t EndSignals() {
@@ -141,73 +73,7 @@ sigset_t EndSignals() {
   return signals;
 }
 
-void Replace(std::string& text, const std::string& mark, const std::string& with) {
-  for (std::size_t place = 0; (place = text.find(mark, place)) != std::string::npos; place += with.size())
-    text.replace(place, mark.size(), with);
-}
-
 }  // namespace
-
-COutput::COutput(bool tracing) {
-  int spare = ::open("/dev/null", O_RDWR);
-  while (spare >= 0 && spare <= STDERR_FILENO) spare = ::open("/dev/null", O_RDWR);
-  if (spare >= 0) ::close(spare);
-  m_IsTerminal = ::isatty(STDOUT_FILENO) == 1;
-  const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-  m_File = own < 0 ? nullptr : ::fdopen(own, "w");
-  const int other = tracing ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (other >= 0) {
-    ::dup2(other, STDOUT_FILENO);
-    ::close(other);
-  }
-}
-
-COutput::~COutput() {
-  if (m_File != nullptr) std::fclose(m_File);
-}
-
-void COutput::Print(const std::string& text) {
-  m_HasPrinted = true;
-  errno = EBADF;
-  if (m_File != nullptr && std::fwrite(text.data(), 1, text.size(), m_File) == text.size() &&
-      std::fflush(m_File) == 0)
-    return;
-  const int error = errno;
-  throw CError(error == EPIPE ? EXIT_SIGNAL + SIGPIPE : EXIT_PLUGIN_ERROR,
-               std::string("cannot write to standard output: ") + std::strerror(error));
-}
-
-std::optional<std::string> CTexts::Find(unsigned int number) const { return Catalog().GetText(number); }
-
-std::string CTexts::Of(unsigned int number) const { return Find(number).value_or(std::to_string(number)); }
-
-std::string CTexts::StatusName(unsigned int status) const {
-  if (Module() != nullptr)
-    for (const KVT::Misc::SErrorMessage& error : Module()->GetErrors())
-      if (error.m_Status == status) return error.m_Name;
-  return "status " + std::to_string(status);
-}
-
-std::string CTexts::OfStatus(unsigned int status) const {
-  const std::string number = std::to_string(status);
-  const std::string name = StatusName(status);
-  const auto text = Find(status);
-  return (name.ends_with(number) ? number : number + " " + name) + (text ? ": " + *text : "");
-}
-
-std::string CTexts::OfEvent(const PI::CEvent& event) const {
-  std::string text = Of(event.m_Code);
-  Replace(text, "%1", event.m_PlaceHolder1);
-  Replace(text, "%2", event.m_PlaceHolder2);
-  return text;
-}
-
-CError PluginError(const CTexts& texts, unsigned int status, const std::string& what,
-                   const std::string& hint) {
-  std::string message = what + ": the plug-in answered " + texts.OfStatus(status);
-  if (!hint.empty()) message += "\n" + hint;
-  return {ExitStatusOf(status), message, status};
-}
 
 CSession::CSession(const SOptions& options) : m_Options(options) {
   if (!options.m_Simulate && ::geteuid() != 0)
@@ -218,15 +84,14 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
   FindCatalog();
   m_HasSettings = !options.m_Simulate || FindVariable(CONFIG_VARIABLE) != nullptr;
   if (!m_HasSettings) CSettingsFolder::HaveNone();
-  const std::string path = PluginPath(options).string();
+  const std::string path = PluginPath(options);
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (m_Library == nullptr) throw CannotLoad(::dlerror());
   m_Create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
   m_Release = reinterpret_cast<ReleaseIfFunction*>(::dlsym(m_Library, "releaseIf"));
   if (m_Create == nullptr || m_Release == nullptr)
     throw CannotLoad(path + " exports no createIf and releaseIf");
-  if (auto* const module = KVT::Misc::CModuleInfo::Find(MODULE_NUMBER))
-    module->SetTraceClasses(options.m_Trace);
+  if (auto* const module = Texts::Module()) module->SetTraceClasses(options.m_Trace);
   if (options.m_Simulate) {
     const auto load = reinterpret_cast<MachineFunction*>(::dlsym(m_Library, "rvxLoadMachine"));
     if (load == nullptr) throw CannotLoad(path + " is no simulated build");
@@ -238,12 +103,12 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
 
 void CSession::Open() {
   if (const unsigned int status = m_Create(&m_Plugin); status != PI::OK || m_Plugin == nullptr)
-    throw CannotLoad("createIf answered " + m_Texts.OfStatus(status), status);
+    throw CannotLoad("createIf answered " + Texts::OfStatus(status), status);
   m_Plugin->m_pNotificationTarget = this;
   m_Plugin->m_pNotification = static_cast<IPLUGINAPI::Notification>(&CSession::Notify);
   if (const unsigned int status = Execute(PI::CMD_INITIALIZE, 0, &m_AdapterIDs); status != PI::OK) {
     m_Release(&m_Plugin);
-    throw PluginError(m_Texts, status, "initialise");
+    throw PluginError(status, "initialise");
   }
   m_PluginID = Topology().front().m_ID;
 }
@@ -295,10 +160,6 @@ void CSession::Pause(std::chrono::milliseconds time) const {
 
 unsigned int CSession::Execute(PI::_COMMAND command, unsigned long id, void* data) {
   return m_Plugin->Execute(command, id, data);
-}
-
-void CSession::Require(unsigned int status, const char* what) const {
-  if (status != PI::OK) throw PluginError(m_Texts, status, what);
 }
 
 std::vector<PI::CObject> CSession::Topology() {

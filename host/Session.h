@@ -3,84 +3,13 @@
 /// The plug-in as the server uses it: loaded, initialised, asked, de-initialised, released.
 
 #include <chrono>
-#include <cstdio>
-#include <optional>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "PI/Object.h"
 #include "PI/PluginApi.h"
+#include "host/Options.h"
 
 namespace rvxctl {
-
-/// How the program ends; scripts rely on the numbers.
-enum EExit : int {
-  EXIT_DONE = 0,
-  EXIT_PLUGIN_ERROR = 1,  ///< the plug-in answered with an error
-  EXIT_USAGE = 2,
-  EXIT_NO_OBJECT = 3,
-  EXIT_NOT_CONFIRMED = 4,
-  EXIT_BUSY = 5,
-  EXIT_NOT_ALLOWED = 6,
-  EXIT_NO_RIGHTS = 8,
-  EXIT_NO_PLUGIN = 9,
-  EXIT_SIGNAL = 128  ///< plus the signal's number
-};
-
-/// Ends the command with a message for the person and an exit status.
-class CError : public std::runtime_error {
- public:
-  CError(int exitStatus, const std::string& message, unsigned int status = PI::OK)
-      : std::runtime_error(message), m_ExitStatus(exitStatus), m_Status(status) {}
-  int m_ExitStatus;
-  unsigned int m_Status;  ///< the plug-in's answer, PI::OK when it is none
-};
-
-/// What was said on the command line for all commands.
-struct SOptions {
-  bool m_Json{false};
-  bool m_Color{false};
-  bool m_Simulate{false};
-  std::string m_Machine;  ///< description of the simulated machine; empty: the demonstration
-  bool m_Save{false};     ///< write the machine back at the end
-  std::string m_Plugin;   ///< path of the plug-in; empty: found beside this program
-  unsigned int m_Trace{0};
-};
-
-/// Keeps the real standard output to itself: the plug-in prints a line of its own when it initialises.
-class COutput {
- public:
-  /// Opens what is missing of the three standard descriptors first: a disk that got number 1 would take what
-  /// the plug-in prints.
-  explicit COutput(bool tracing);
-  ~COutput();
-  COutput(const COutput&) = delete;
-  COutput& operator=(const COutput&) = delete;
-  /// Throws CError when the text cannot be written.
-  void Print(const std::string& text);
-  bool HasPrinted() const { return m_HasPrinted; }
-  bool IsTerminal() const { return m_IsTerminal; }
-
- private:
-  std::FILE* m_File{nullptr};
-  bool m_HasPrinted{false};
-  bool m_IsTerminal{false};
-};
-
-/// The catalogue's texts and the names of statuses.
-class CTexts {
- public:
-  /// The catalogue's text; the number itself when it has none.
-  std::string Of(unsigned int number) const;
-  std::optional<std::string> Find(unsigned int number) const;
-  /// "ERR_BUSY"; "status N" for one that the module does not name.
-  std::string StatusName(unsigned int status) const;
-  /// Number, name and text.
-  std::string OfStatus(unsigned int status) const;
-  /// The event's text with its placeholders filled in.
-  std::string OfEvent(const PI::CEvent& event) const;
-};
 
 /// A loaded and initialised plug-in. Throws CError when it cannot be had.
 class CSession : public INotificationTarget {
@@ -116,14 +45,11 @@ class CSession : public INotificationTarget {
   /// long as this instance of the plug-in. Throws CError when not even that can be had.
   unsigned int Set(unsigned long id, PI::CProperty& property);
 
-  const CTexts& Texts() const { return m_Texts; }
-
  private:
   void Notify(IPLUGINAPI*) {}  // the topology is asked, not the notification waited for
   void Open();
   void Release();
   unsigned int Execute(PI::_COMMAND command, unsigned long id, void* data);
-  void Require(unsigned int status, const char* what) const;
 
   SOptions m_Options;
   bool m_HasSettings{true};  ///< false: a simulated machine that was given no folder for them
@@ -134,11 +60,6 @@ class CSession : public INotificationTarget {
   std::vector<PI::CAdapterID> m_AdapterIDs;
   unsigned long m_PluginID{0};
   bool m_Started{false};
-  CTexts m_Texts;
 };
-
-/// The error for a status that the plug-in answered with: number, name, text, what to do.
-CError PluginError(const CTexts& texts, unsigned int status, const std::string& what,
-                   const std::string& hint = {});
 
 }  // namespace rvxctl

@@ -44,7 +44,7 @@ _rvxctl() {
         ' operations' | ' prop get') offered="plugin adapter $(_rvxctl_objects disk) $(_rvxctl_objects array)" ;;
     esac
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-        --level) offered='raid0 raid1 linear' everywhere='' ;;
+        --level) offered=$(rvxctl --simulate levels 2>/dev/null | awk 'NR > 1 { print $NF }') everywhere='' ;;
         --stripe) offered='4 8 16 32 64 128' everywhere='' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$offered $everywhere" -- "$current")

@@ -16,6 +16,13 @@ int CBlockDevice::OpenBlockDevice(COperatingSystem& os, const std::string& path,
   return -1;
 }
 
+std::optional<dev_t> DeviceNumber(COperatingSystem& os, const std::string& path) {
+  struct stat status {};
+  const CBlockDevice node(os, path, O_RDONLY);
+  if ((node.IsOpen() ? os.Status(node.Get(), status) : os.Status(path, status)) != 0) return std::nullopt;
+  return status.st_rdev;
+}
+
 std::optional<std::string> ReadText(COperatingSystem& os, const std::string& path) {
   constexpr std::size_t LONGEST = 1024UL * 1024;
   const CDescriptor file(os, path, O_RDONLY);

@@ -43,6 +43,10 @@ class CBlockDevice : public CDescriptor {
   static int OpenBlockDevice(COperatingSystem& os, const std::string& path, int flags);
 };
 
+/// The device number of a block device's node: of the opened node, else of the path; none when both fail,
+/// with errno.
+std::optional<dev_t> DeviceNumber(COperatingSystem& os, const std::string& path);
+
 /// The text of a file, at most 1 MiB; none when it cannot be opened or read.
 std::optional<std::string> ReadText(COperatingSystem& os, const std::string& path);
 

@@ -4,9 +4,7 @@
 
 #include <linux/ioctl.h>
 #include <linux/major.h>
-#include <sys/types.h>
 
-#include <ranges>
 #include <string>
 
 #include "Src/md/Members.h"
@@ -25,10 +23,9 @@ class CArray {
   /// md's record of the array; none for one that is not set up.
   std::optional<mdu_array_info_s> Info() const;
   TDisk Disk(int number) const;
-  /// The records of the numbers below `bound`. md is asked for each when it is looked at.
-  auto Disks(int bound = MAX_MEMBERS) const {
-    return std::views::iota(0, bound) | std::views::transform([this](int number) { return Disk(number); });
-  }
+  /// The records of the numbers below `bound`, as a range. md is asked for each when it is looked at.
+  class CDisks;
+  CDisks Disks(int bound = MAX_MEMBERS) const;
 
   bool SetInfo(mdu_array_info_s info) { return Request(SET_ARRAY_INFO, &info); }
   bool Add(mdu_disk_info_s disk) { return Request(ADD_NEW_DISK, &disk); }
@@ -49,5 +46,26 @@ class CArray {
   OS::COperatingSystem& m_OS;
   OS::CBlockDevice m_Device;
 };
+
+class CArray::CDisks {
+ public:
+  CDisks(const CArray& array, int bound) : m_Array(array), m_Bound(bound) {}
+
+  struct SIterator {
+    const CArray* m_Array;
+    int m_Number;
+    TDisk operator*() const { return m_Array->Disk(m_Number); }
+    SIterator& operator++() { return ++m_Number, *this; }
+    bool operator==(const SIterator&) const = default;
+  };
+  SIterator begin() const { return {&m_Array, 0}; }
+  SIterator end() const { return {&m_Array, m_Bound}; }
+
+ private:
+  const CArray& m_Array;
+  int m_Bound;
+};
+
+inline CArray::CDisks CArray::Disks(int bound) const { return {*this, bound}; }
 
 }  // namespace Md

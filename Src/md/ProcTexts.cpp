@@ -143,17 +143,4 @@ std::optional<SRunProgress> ParseProgress(std::string_view line) {
   return progress;
 }
 
-std::vector<std::string_view> ProgressLines(std::string_view mdstat, std::string_view name) {
-  std::vector<std::string_view> found;
-  CLineReader lines(mdstat, MDSTAT_READ);
-  while (const auto line = lines.Next()) {
-    if (!ContainsText(*line, name)) continue;
-    lines.Next();
-    const auto progress = lines.Next();
-    if (!progress) break;
-    found.push_back(*progress);
-  }
-  return found;
-}
-
 }  // namespace Md

@@ -4,9 +4,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Md {
@@ -62,8 +65,44 @@ struct SRunProgress {
 };
 /// None when the line shows no running rebuild or resync.
 std::optional<SRunProgress> ParseProgress(std::string_view line);
-/// The progress lines of all blocks of /proc/mdstat whose first line contains the name anywhere: "md1" finds
-/// md10 too.
-std::vector<std::string_view> ProgressLines(std::string_view mdstat, std::string_view name);
+/// Lines of a block of /proc/mdstat below its first, the array's own.
+inline constexpr int DETAILS_LINE = 1;
+inline constexpr int PROGRESS_LINE = 2;
+/// A walk over the blocks of /proc/mdstat that have one of the named objects in a line, also as a part of a
+/// longer name: "md1" finds md10 too.
+template <class TObjects, class TName>
+class CMdstatWalk {
+ public:
+  /// @param name the member of an object, or a function, that tells its name
+  /// @param below how many lines below the one with the name the wanted one lies
+  CMdstatWalk(std::string_view mdstat, TObjects& objects, TName name, int below)
+      : m_Lines(mdstat, MDSTAT_READ), m_Objects(objects), m_Name(name), m_Below(below) {}
+
+  struct SHit {
+    decltype(&*std::begin(std::declval<TObjects&>())) m_Object;
+    std::optional<std::string_view> m_Line;  ///< none: the text has ended
+  };
+  /// The next object; none at the end. Further names in the same line take lines further down, whatever these
+  /// belong to.
+  std::optional<SHit> Next() {
+    for (; m_Line; m_Line = m_Lines.Next(), m_At = std::begin(m_Objects)) {
+      while (m_At != std::end(m_Objects)) {
+        SHit hit{&*m_At++, std::nullopt};
+        if (!ContainsText(*m_Line, std::invoke(m_Name, *hit.m_Object))) continue;
+        for (int line = 0; line < m_Below; ++line) hit.m_Line = m_Lines.Next();
+        return hit;
+      }
+    }
+    return std::nullopt;
+  }
+
+ private:
+  CLineReader m_Lines;
+  TObjects& m_Objects;
+  TName m_Name;
+  int m_Below;
+  std::optional<std::string_view> m_Line{m_Lines.Next()};
+  decltype(std::begin(m_Objects)) m_At{std::begin(m_Objects)};
+};
 
 }  // namespace Md

@@ -39,7 +39,7 @@ md_superblock1 NewSuperBlock(const mdu_array_info_s& info, std::string_view name
   record.ctime = record.utime = seconds;
   record.level = static_cast<std::uint32_t>(info.level);
   record.layout = static_cast<std::uint32_t>(info.layout);
-  // Doubled in 32 bits and then sign-extended: wrong from 1 TiB on, and what existing arrays were made with.
+  // Doubled in 32 bits and then sign-extended: wrong from 1 TiB on (oddity 18).
   record.size = static_cast<std::uint64_t>(
       static_cast<std::int64_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(info.size) * 2U)));
   record.chunksize = static_cast<std::uint32_t>(info.chunk_size >> 9);

@@ -33,7 +33,10 @@ void LinuxTexts(FuzzedDataProvider& data) {
   }
   Require(all == text, "all of a text is read");
   Md::HostPathOfRecord(lines);
-  Md::ProgressLines(text, name);
+  const std::string names[] = {name, "md1"};
+  Md::CMdstatWalk walk(text, names, std::identity{}, Md::PROGRESS_LINE);
+  while (walk.Next()) {
+  }
 }
 
 void Smart(FuzzedDataProvider& data) {

@@ -1,5 +1,6 @@
 // Creation of arrays, their names, and superblocks on their way to and from the disks.
 
+#include "Src/piRVXAdapterSuperBlock.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
@@ -166,8 +167,8 @@ TEST(SuperBlockDoor, WhatIsWrittenIsReadBack) {
     Md::md_superblock1 written{};
     Md::md_superblock1 read{};
     written.magic = Md::md_superblock1::MAGIC;
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &written), PI::OK);
-    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 0, &read), PI::OK);
+    EXPECT_EQ(WriteSuperBlock1(rig.m_System, rig.m_Plugin.Drive("sda"), &written), PI::OK);
+    EXPECT_EQ(GetSuperBlock1(rig.m_Plugin, 8, 0, &read), PI::OK);
     EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0) << "the caller's record stands on the disk";
     EXPECT_TRUE(IsSuperBlock(read)) << size;
   }
@@ -183,17 +184,17 @@ TEST(SuperBlockDoor, FailuresHaveTheirStatusAndReadingSaysNothingOfTheRecord) {
     SRig rig(THREE);
     Md::md_superblock1 record{};
     rig.m_System.FailAt(call, 1, EIO);
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), writing);
+    EXPECT_EQ(WriteSuperBlock1(rig.m_System, rig.m_Plugin.Drive("sda"), &record), writing);
     rig.m_System.FailAt(call, 1, EIO);
-    EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(8, 16, &record), reading) << "of a disk without a superblock";
+    EXPECT_EQ(GetSuperBlock1(rig.m_Plugin, 8, 16, &record), reading) << "of a disk without a superblock";
   }
   SRig rig(THREE);
   Md::md_superblock1 record{};
   rig.m_Machine.Apply(R"({"hold_disk": "sda"})");
-  EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), PI::ERR_DEVICE_IO);
+  EXPECT_EQ(WriteSuperBlock1(rig.m_System, rig.m_Plugin.Drive("sda"), &record), PI::ERR_DEVICE_IO);
   rig.m_System.ShortenAt(OS::ECall::Write, 1, 1023);
-  EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sdb"), &record), PI::ERR_WRITE_FAILED);
-  EXPECT_EQ(rig.m_Plugin.GetSuperBlock1(9, 0, &record), PI::ERR_DRIVE_NOT_FOUND);
+  EXPECT_EQ(WriteSuperBlock1(rig.m_System, rig.m_Plugin.Drive("sdb"), &record), PI::ERR_WRITE_FAILED);
+  EXPECT_EQ(GetSuperBlock1(rig.m_Plugin, 9, 0, &record), PI::ERR_DRIVE_NOT_FOUND);
 }
 
 TEST(SuperBlockDoor, WithoutAUuidMdRefusesTheArray) {
@@ -215,7 +216,7 @@ TEST(SuperBlockDoor, ASleepingDiskIsStartedWhereTheServerHasTheTool) {
                   machine));
     const std::uint64_t start = rig.m_Machine.Now();
     Md::md_superblock1 record{};
-    EXPECT_EQ(rig.m_Plugin.WriteSuperBlock1(rig.m_Plugin.Drive("sda"), &record), status);
+    EXPECT_EQ(WriteSuperBlock1(rig.m_System, rig.m_Plugin.Drive("sda"), &record), status);
     EXPECT_EQ(rig.m_Machine.CommandCount("sdparm"), runs);
     EXPECT_EQ(rig.m_Machine.Now() - start, slept);
   }

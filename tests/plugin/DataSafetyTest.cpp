@@ -172,7 +172,7 @@ TEST(Merge, RunningOutOfMemoryAnywhereLeavesTheModelAsItWas) {
   rig.Pass();
   PI::CETR::Add(plugin.m_Estimators, plugin.Array("md1").m_ID, 10, 0, false);
   ChangeMachine(rig.m_Machine);
-  SScanned scan(plugin);
+  SFound scan(plugin);
   ASSERT_EQ(scan.m_Status, PI::OK);
   plugin.TakeEvents();
   const auto saved =

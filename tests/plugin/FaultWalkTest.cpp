@@ -1,5 +1,6 @@
 // Reading and operations on a machine that fails: every call of the door in turn.
 
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "tests/support/Arrays.h"
 #include "tests/support/FailingCalls.h"
 

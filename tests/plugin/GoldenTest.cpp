@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <boost/algorithm/string.hpp>
 
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;

@@ -2,6 +2,7 @@
 
 #include <linux/hdreg.h>
 
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
@@ -42,7 +43,7 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
   PI::_IDE_SMART_DATA data{};
   const auto read = [&](std::uint64_t later) {
     m_Machine.Advance(later);
-    return m_Plugin.GetSmartData("/dev/sdh", data);
+    return GetSmartData(m_System, "/dev/sdh", data);
   };
   ASSERT_EQ(read(0), PI::OK);
   const auto first = data.m_Bytes;
@@ -62,7 +63,7 @@ TEST_F(PropertiesTest, ASmartBlockServesFiveMinutes) {
     EXPECT_EQ(data.m_Bytes, second) << "the caller gets the old block and the failure";
   }
   EXPECT_EQ(read(0), PI::OK) << "and the next one tries again";
-  EXPECT_EQ(m_Plugin.GetSmartData("/dev/sda", data), PI::ERR_GENERAL) << "a disk that refuses the command";
+  EXPECT_EQ(GetSmartData(m_System, "/dev/sda", data), PI::ERR_GENERAL) << "a disk that refuses the command";
 }
 
 TEST(SmartBlocks, MayMoveWhileADiskIsAsked) {
@@ -73,7 +74,7 @@ TEST(SmartBlocks, MayMoveWhileADiskIsAsked) {
     return CHookedSystem::TAnswer();
   };
   PI::_IDE_SMART_DATA data{};
-  EXPECT_EQ(rig.m_Plugin.GetSmartData("/dev/sdh", data), PI::OK);
+  EXPECT_EQ(GetSmartData(rig.m_System, "/dev/sdh", data), PI::OK);
   EXPECT_EQ(gSmartData.size(), 101U);
 }
 

@@ -1,5 +1,6 @@
 // Which disks are managed, and the scan's passes over disks and arrays.
 
+#include "Src/piRVXPluginQualify.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;
@@ -14,7 +15,7 @@ struct SBench : public SBareRig<> {
                           "disks": [{"name": "sda", "controller": "c", "size": 1048576}]})",
                       driver)) {}
   bool Qualifies(const std::string& folder = "/sys/block/sda/device") {
-    return m_Plugin.checkpd(folder, "sda");
+    return CQualification(m_System).checkpd(folder, "sda");
   }
 };
 
@@ -70,7 +71,7 @@ TEST(ScanDisks, AdmitsManagedDisksAndCountsTheOthers) {
   EXPECT_EQ(found, "sda 0, sdd 3, sde 4, sdaa 5, hdc 6, ") << "disks that are left out use up a number";
   EXPECT_EQ(rig.m_Plugin.m_Adapter.m_Attribute, 9);
   rig.m_Machine.SetFile("/proc/devices", "Block devices:\n 99 mdp\n");
-  EXPECT_EQ(SScanned(rig.m_Plugin).m_Status, PI::OK);
+  EXPECT_EQ(SFound(rig.m_Plugin).m_Status, PI::OK);
   EXPECT_EQ(rig.m_Plugin.m_MdMajor, 99) << "md may be loaded later";
   EXPECT_EQ(rig.m_Plugin.Drive("sda").m_ID + 1, rig.m_Plugin.Drive("sdd").m_ID) << "but no identifier";
   EXPECT_EQ(rig.m_Plugin.Drive("sdd").m_UsableSize, 976636U);  // 976765 down to 976764, less 128
@@ -91,7 +92,7 @@ TEST(ScanDisks, FilesThatSayNothingLeaveTheDefaults) {
     rig.m_Machine.SetFile("/sys/block/sdd/device/model", model);
     rig.m_Machine.SetFile("/sys/block/sdd/queue/rotational", rotational);
     rig.m_Machine.SetFile("/sys/block/sdd/device/state", state);
-    SScanned scan(rig.m_Plugin);
+    SFound scan(rig.m_Plugin);
     const CRVXPhysicalDrive& drive = scan.Drive("sdd");
     EXPECT_EQ(Text("%s %s %d %d %d", drive.m_Vendor, drive.m_Model, drive.m_Attachment, drive.m_Medium,
                    drive.m_Status),
@@ -115,7 +116,7 @@ TEST(ScanDisks, EventsFollowFromTheModelsStatusAndTheDisksState) {
       const unsigned long id = rig.m_Plugin.Drive("sda").m_ID;
       rig.m_Plugin.Drive("sda").m_Status = status;
       if (status == 0) rig.m_Plugin.m_PhysicalDrives.clear();
-      SScanned scan(rig.m_Plugin);
+      SFound scan(rig.m_Plugin);
       const CRVXPhysicalDrive& drive = scan.Drive("sda");
       text += Text("%s, %d in the model: %d %d, %s identifier, %d new (%s)\n", change, status, drive.m_Status,
                    drive.m_SpareState, drive.m_ID == id ? "its" : "another", scan.m_Adapter.m_Children.size(),
@@ -154,7 +155,7 @@ TEST_F(ScanArrays, WhatMdAnswersOfMembersAndChunksIsUnderstood) {
   for (const int state : {0, 1, 2, 3, 4, 5, 6, 7, 8, 6 | 512})  // the last with write-mostly beside it
     for (const int slot : {0, -1}) {
       m_Own.m_Disks = {{0, {0, 8, 0, slot, state}}};
-      SScanned scan(m_Plugin);
+      SFound scan(m_Plugin);
       const CRVXPhysicalDrive& drive = scan.Drive("sda");
       text += Text("state %d in slot %d: status %d, activity %d, member of %d\n", state, slot, drive.m_Status,
                    drive.m_Activity, drive.m_IsMemberOf);
@@ -165,7 +166,7 @@ TEST_F(ScanArrays, WhatMdAnswersOfMembersAndChunksIsUnderstood) {
     m_Own.m_Array = [chunk](mdu_array_info_t& info) {
       std::tie(info.level, info.chunk_size) = std::tuple(7, chunk);
     };
-    SScanned scan(m_Plugin);
+    SFound scan(m_Plugin);
     text += Text("level 7 in chunks of %d: %d %d\n", chunk, scan.Array("md0").m_RaidLevel,
                  scan.Array("md0").m_StripeSize);
   }
@@ -179,7 +180,7 @@ TEST_F(ScanArrays, MdIsAskedForAsManyMembersAsThereAreDisksAtMost384) {
     for (std::size_t disk = 0; disk < count; ++disk) partitions += "8 0 1000000 sda\n";
     m_Machine.SetFile("/proc/partitions", partitions + "9 0 1000000 md0\n");
     m_Own.m_DiskQueries = 0;
-    SScanned scan(m_Plugin);
+    SFound scan(m_Plugin);
     EXPECT_EQ(m_Own.m_DiskQueries, std::min<std::size_t>(count, 384));
     PI::CLogicalDrive description;
     m_Plugin.GetLogicalDriveConfiguration(scan.Array("md0"), description, scan.m_Drives);
@@ -198,14 +199,14 @@ TEST_F(ScanArrays, MdGetsFiveChancesToBecomeClean) {
     const std::uint64_t start = m_Machine.Now();
     left = dirty;
     m_System.FailAt(OS::ECall::Ioctl, failing, EIO, failures - 1);
-    SScanned scan(m_Plugin);
+    SFound scan(m_Plugin);
     EXPECT_EQ(m_Machine.Now() - start, slept);
     EXPECT_EQ(scan.Array("md0").m_RaidLevel, details ? PI::LEVEL_RAID1 : PI::LEVEL_CONCATENATION);
   }
   const std::uint64_t start = m_Machine.Now();
   left = 5;
   m_Plugin.m_StopRequest.Set();
-  EXPECT_EQ(SScanned(m_Plugin).m_Status, PI::ERR_SCAN_FAILED);
+  EXPECT_EQ(SFound(m_Plugin).m_Status, PI::ERR_SCAN_FAILED);
   EXPECT_EQ(m_Machine.Now(), start) << "a scan ends at once when the end is asked for";
 }
 
@@ -230,7 +231,7 @@ TEST_F(ScanArrays, ChangesAreNoticedWithTheirEvents) {
         text += Text("%d %d, md %d %d %d %d", status, activity, state, active, working, failed);
         for (const char* bar : {"", RESYNC_3, RECOVERY_12}) {
           SetMdstat({bar});
-          SScanned scan(m_Plugin);
+          SFound scan(m_Plugin);
           const CRVXLogicalDrive& array = scan.Array("md0");
           text += Text(" | %s%d %d, %d%s", EventsOf(model), array.m_Status, array.m_Activity,
                        array.m_Progress, scan.m_Adapter.m_ProgressWatch ? " watched" : "");
@@ -243,19 +244,19 @@ TEST_F(ScanArrays, ChangesAreNoticedWithTheirEvents) {
 
 TEST_F(ScanArrays, SeveralBarsOfOneNameAreHandledInTurnAndNoFileEndsNothing) {
   SetMdstat({RESYNC_3, RECOVERY_12, "", "[=]  recovery = 101.0% (1/2)"});
-  SScanned scan(m_Plugin);
+  SFound scan(m_Plugin);
   EXPECT_EQ(EventsOf(m_Plugin.Array("md0")), "10085/2 md0 10055/2 md0 ") << "one without a bar ends nothing";
   EXPECT_EQ(scan.Array("md0").m_Activity, PI::ACTIVITY_REBUILDING);
   EXPECT_EQ(scan.Array("md0").m_Progress, 0U) << "the last one is no percentage";
   m_Machine.SetFile("/proc/mdstat", std::nullopt);
   m_Plugin.Array("md0").m_Activity = PI::ACTIVITY_RESYNCING;
-  const SScanned blind(m_Plugin);
+  const SFound blind(m_Plugin);
   EXPECT_EQ(EventsOf(m_Plugin.Array("md0")), "") << "no end is seen";
 }
 
 TEST_F(ScanArrays, ANewArrayIsAnnouncedBeforeAllElseAndOnlyTheFirstScanBuildsDocuments) {
   const CRVXLogicalDrive model = m_Plugin.Array("md0");
-  SScanned known(m_Plugin);
+  SFound known(m_Plugin);
   EXPECT_EQ(known.Array("md0").m_ID, model.m_ID);
   EXPECT_EQ(known.Array("md0").m_Configuration.GetDoc(), model.m_Configuration.GetDoc());
   EXPECT_EQ(known.m_Adapter.m_Children.size(), 0U);
@@ -264,13 +265,13 @@ TEST_F(ScanArrays, ANewArrayIsAnnouncedBeforeAllElseAndOnlyTheFirstScanBuildsDoc
   };
   SetMdstat({RESYNC_3});
   m_Plugin.m_LogicalDrives.clear();
-  SScanned fresh(m_Plugin);
+  SFound fresh(m_Plugin);
   EXPECT_EQ(EventsOf(fresh.Array("md0")), "10080/2 md0 10085/2 md0 10078/4 md0 ");
   EXPECT_THAT(fresh.m_Adapter.m_Children, testing::ElementsAre(model.m_ID + 1))
       << "the known one used none up";
   EXPECT_TRUE(fresh.Array("md0").m_Configuration.IsEmpty());
   EXPECT_EQ(fresh.Array("md0").m_StripeSize, PI::STRIPE_4K);
-  SScanned first(m_Plugin, true);
+  SFound first(m_Plugin, true);
   EXPECT_EQ(EventsOf(first.Array("md0")), "10085/2 md0 10078/4 md0 ") << "it was there before";
   EXPECT_FALSE(first.Array("md0").m_Configuration.IsEmpty());
   EXPECT_EQ(first.Array("md0").m_StripeSize, PI::STRIPE_64K) << "the query behind the document overwrites it";
@@ -283,7 +284,7 @@ TEST_F(ScanArrays, OfArraysShortOfMembersALinearOneIsAnnouncedAsFineOnEveryPass)
   CRVXLogicalDrive& model = m_Plugin.Array("md0");
   for (const auto& [level, status, events] : steps) {
     Replace(Text(R"({"name": "md0", "level": "%s", "members": ["sda", "sde"]})", level));
-    SScanned scan(m_Plugin);
+    SFound scan(m_Plugin);
     EXPECT_EQ(scan.Array("md0").m_Status, status);
     EXPECT_THAT(scan.Array("md0").m_Children, testing::ElementsAre(scan.Drive("sda").m_ID));
     EXPECT_EQ(EventsOf(model), events);
@@ -291,7 +292,7 @@ TEST_F(ScanArrays, OfArraysShortOfMembersALinearOneIsAnnouncedAsFineOnEveryPass)
   }
   model.m_Status = PI::STATUS_OK;
   m_Own.m_Array = [](mdu_array_info_t& info) { info.active_disks = info.working_disks = 1; };
-  const SScanned scan(m_Plugin);
+  const SFound scan(m_Plugin);
   EXPECT_EQ(EventsOf(model), "10078/4 md0 10078/4 md0 ") << "short by md's own account too: by both rules";
 }
 

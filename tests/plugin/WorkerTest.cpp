@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "Src/piRVXPhysicalDriveSmart.h"
 #include "tests/support/Arrays.h"
 
 using namespace NAMESPACE_piRVX;

@@ -8,6 +8,8 @@
 #include <map>
 #include <set>
 
+#include "Src/md/Array.h"
+#include "Src/md/Superblock.h"
 #include "tests/support/TestInstance.h"
 
 namespace NAMESPACE_piRVX {

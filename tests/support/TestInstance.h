@@ -42,30 +42,14 @@ class CTestInstance : public IPLUGINAPI_IMPL {
  public:
   using IPLUGINAPI_IMPL::IPLUGINAPI_IMPL;
 
-  using IPLUGINAPI_IMPL::checkpd;
   using IPLUGINAPI_IMPL::GetLogicalDriveConfiguration;
   using IPLUGINAPI_IMPL::GetPhysicalDriveProperties;
-  using IPLUGINAPI_IMPL::GetSmartData;
-  using IPLUGINAPI_IMPL::GetSuperBlock1;
   using IPLUGINAPI_IMPL::GetUnusedArrayName;
-  using IPLUGINAPI_IMPL::LockObjects;
   using IPLUGINAPI_IMPL::ScanSystem;
-  using IPLUGINAPI_IMPL::UnlockObjects;
   using IPLUGINAPI_IMPL::UpdateSystem;
-  using IPLUGINAPI_IMPL::UUID2String;
-  using IPLUGINAPI_IMPL::WriteSuperBlock1;
 
-  using IPLUGINAPI_IMPL::m_Adapter;
   using IPLUGINAPI_IMPL::m_AdapterIDs;
-  using IPLUGINAPI_IMPL::m_DataLock;
-  using IPLUGINAPI_IMPL::m_Estimators;
-  using IPLUGINAPI_IMPL::m_EventQueue;
-  using IPLUGINAPI_IMPL::m_EventsLock;
   using IPLUGINAPI_IMPL::m_ForceWorker;
-  using IPLUGINAPI_IMPL::m_LogicalDrives;
-  using IPLUGINAPI_IMPL::m_MdMajor;
-  using IPLUGINAPI_IMPL::m_PhysicalDrives;
-  using IPLUGINAPI_IMPL::m_Plugin;
   using IPLUGINAPI_IMPL::m_PollInterval;
   using IPLUGINAPI_IMPL::m_PrivateEvent;
   using IPLUGINAPI_IMPL::m_StopRequest;
@@ -92,8 +76,8 @@ class CTestInstance : public IPLUGINAPI_IMPL {
 };
 
 /// What a scan finds, in containers of its own as the worker makes them. The model is as it was.
-struct SScanned {
-  explicit SScanned(CTestInstance& plugin, bool newIDs = false)
+struct SFound {
+  explicit SFound(CTestInstance& plugin, bool newIDs = false)
       : m_Status(plugin.ScanSystem(m_Adapter, m_Drives, m_Arrays, newIDs)) {}
   CRVXPhysicalDrive& Drive(const std::string& name) { return Named(m_Drives, name); }
   CRVXLogicalDrive& Array(const std::string& name) { return Named(m_Arrays, name); }

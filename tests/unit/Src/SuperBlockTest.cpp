@@ -6,8 +6,8 @@
 #include <boost/endian/conversion.hpp>
 #include <random>
 
+#include "Src/piRVXAdapterSuperBlock.h"
 #include "Src/piRVXTrace.h"
-#include "tests/support/TestInstance.h"
 
 using namespace NAMESPACE_piRVX;
 
@@ -42,7 +42,7 @@ TEST(SuperBlock, LiesOnTheDiskWordByWord) {
   info.state = 1;
   EXPECT_EQ(Md::NewSuperBlock(info, "", UUID, 0).resync_offset, ~std::uint64_t{0}) << "clean: in sync";
   std::string text = "UUID ";
-  CTestInstance::UUID2String(UUID.data(), text);
+  UUID2String(UUID.data(), text);
   EXPECT_EQ(text, "UUID 0a1b2c3d:4e5f6071:8293a4b5:c6d7e8f9");
 }
 

@@ -7,7 +7,6 @@
 
 using namespace NAMESPACE_piRVX;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 
@@ -84,15 +83,26 @@ TEST(Progress, IsBelievedOnlyBehindABar) {
   }
 }
 
+/// The progress lines that a walk for these names shows; "-" for the end of the text.
+std::vector<std::string> ProgressLines(const std::string& mdstat, const std::vector<std::string>& names) {
+  std::vector<std::string> lines;
+  Md::CMdstatWalk walk(mdstat, names, std::identity{}, Md::PROGRESS_LINE);
+  while (const auto hit = walk.Next())
+    lines.push_back(*hit->m_Object + " " + std::string(hit->m_Line.value_or("-")));
+  return lines;
+}
+
 TEST(Progress, LinesAreFoundByAnyTextThatContainsTheName) {
   const std::string mdstat =
       "md10 : active raid1 sdb[1] sda[0]\nblocks of 10\nbar of 10\n\n"
       "md1 : active raid1 sdd[1] sdc[0]\nblocks of 1\nbar of 1\n\n";
-  EXPECT_THAT(Md::ProgressLines(mdstat, "md1"), ElementsAre("bar of 10\n", "bar of 1\n"));
-  EXPECT_THAT(Md::ProgressLines("md1 : active\nblocks", "md1"), IsEmpty());
+  EXPECT_THAT(ProgressLines(mdstat, {"md1"}), ElementsAre("md1 bar of 10\n", "md1 bar of 1\n"));
+  EXPECT_THAT(ProgressLines(mdstat, {"md1", "md10"}),
+              ElementsAre("md1 bar of 10\n", "md10 md1 : active raid1 sdd[1] sdc[0]\n"));
+  EXPECT_THAT(ProgressLines("md1 : active\nblocks", {"md1"}), ElementsAre("md1 -"));
   // A line that is longer than one read comes in pieces, and each piece counts as a line.
   const std::string wide = "md1 : active raid1 " + std::string(Md::MDSTAT_READ, '#') + "\nblocks\nbar\n";
-  EXPECT_THAT(Md::ProgressLines(wide, "md1"), ElementsAre("blocks\n"));
+  EXPECT_THAT(ProgressLines(wide, {"md1"}), ElementsAre("md1 blocks\n"));
   EXPECT_EQ(Md::FirstLine("0x8086\nmore", 255), "0x8086\n");
   EXPECT_EQ(Md::FirstLine("0x8086", 3), "0x8");
   EXPECT_EQ(Md::WithoutLast(""), "");

@@ -10,7 +10,7 @@
 #include "KVT/Markup.h"
 #include "KVT/Misc.h"
 #include "KVT/Regex.h"
-#include "Src/piRVXObjects.h"
+#include "Src/piRVXPluginScan.h"
 #include "libraries/zqKVTX/Partitions.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TraceCapture.h"

@@ -1,9 +1,10 @@
 /// @file
-/// The merge of a fresh scan into the model.
+/// The merge: drives by their device numbers, arrays by name and number.
+
+#include "Src/piRVXPluginMerge.h"
 
 #include <algorithm>
 
-#include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
 
 namespace NAMESPACE_piRVX {
@@ -19,18 +20,8 @@ void TakeOver(TObject& model, TObject& scanned) {
   model.ScannedFields() = scanned.ScannedFields();
 }
 
-/// The first drive with these device numbers.
-CRVXPhysicalDrive* FindDevice(std::vector<CRVXPhysicalDrive>& drives, const CRVXPhysicalDrive& wanted) {
-  const auto found = std::find_if(drives.begin(), drives.end(), [&](const CRVXPhysicalDrive& drive) {
-    return drive.m_MajorNumber == wanted.m_MajorNumber && drive.m_MinorNumber == wanted.m_MinorNumber;
-  });
-  return found == drives.end() ? nullptr : &*found;
-}
-
-}  // namespace
-
 /// Filled beside the model, which takes it over as a whole: a merge that runs out of memory changes nothing.
-struct IPLUGINAPI_IMPL::SMerge {
+struct SMerge {
   std::vector<unsigned long> m_Children;  ///< of the adapter
   unsigned long m_AdapterChanges{0};
   std::vector<CRVXPhysicalDrive> m_PhysicalDrives{};
@@ -54,49 +45,18 @@ struct IPLUGINAPI_IMPL::SMerge {
   }
 };
 
-unsigned int IPLUGINAPI_IMPL::UpdateSystem(CRVXAdapter& adapter,
-                                           std::vector<CRVXPhysicalDrive>& physicalDrives,
-                                           std::vector<CRVXLogicalDrive>& logicalDrives) {
-  RVX_TRACE(TRACE_THREADS, "ENTER UpdateSystem for adapter, %d physicalDrives, %d logicalDrive(s)",
-            physicalDrives.size(), logicalDrives.size());
-  SMerge merge{m_Adapter.m_Children};
-  CRVXAdapter scanned = adapter;
-  // The scan knows no adapter number: a description that names one goes back to (0) here.
-  if (m_Adapter.ScannedFields() != scanned.ScannedFields()) {
-    ++merge.m_AdapterChanges;
-    merge.m_Changed = true;
-  }
-  MergePhysicalDrives(merge, physicalDrives);
-  MergeLogicalDrives(merge, logicalDrives);
-
-  // From here on nothing fails.
-  QueueEvents(merge.m_Events, TRACE_SOURCE);
-  auto modelFields = m_Adapter.ScannedFields();
-  auto scannedFields = scanned.ScannedFields();
-  modelFields.swap(scannedFields);
-  m_Adapter.m_Children.swap(merge.m_Children);
-  m_Adapter.m_UpdateCounter += merge.m_AdapterChanges;
-  m_PhysicalDrives.swap(merge.m_PhysicalDrives);
-  m_LogicalDrives.swap(merge.m_LogicalDrives);
-  std::erase_if(m_Estimators, [&](const PI::CETR& estimator) ZQ_REQUIRES(m_DataLock) {
-    return std::none_of(m_LogicalDrives.begin(), m_LogicalDrives.end(),
-                        [&](const CRVXLogicalDrive& array) { return array.m_ID == estimator.m_ID; });
-  });
-  const unsigned int status = merge.m_Changed ? PI::OK : PI::ERR_GENERAL;
-  RVX_TRACE(TRACE_THREADS, "LEAVE UpdateSystem ret = %d", status);
-  return status;
-}
-
-void IPLUGINAPI_IMPL::MergePhysicalDrives(SMerge& merge, std::vector<CRVXPhysicalDrive>& scanned) {
+void MergePhysicalDrives(CModel& model, SMerge& merge, std::vector<CRVXPhysicalDrive>& scanned)
+    ZQ_REQUIRES(model.m_DataLock) {
   const auto queueRemoved = [&](const CRVXPhysicalDrive& drive,
-                                const std::string& placeHolder2) ZQ_REQUIRES(m_DataLock) {
-    PI::CEvent event = MakeEvent(PI::EVT_PHYSICALDRIVE_REMOVED, drive.m_ID, drive.m_KernelName, placeHolder2);
+                                const std::string& placeHolder2) ZQ_REQUIRES(model.m_DataLock) {
+    PI::CEvent event =
+        model.MakeEvent(PI::EVT_PHYSICALDRIVE_REMOVED, drive.m_ID, drive.m_KernelName, placeHolder2);
     event.m_Severity = PI::SEV_WARNING;
     merge.m_Events.push_back(event);
   };
-  for (CRVXPhysicalDrive& drive : m_PhysicalDrives) {
+  for (CRVXPhysicalDrive& drive : model.m_PhysicalDrives) {
     const bool wasMissing = drive.m_Status == PI::STATUS_MISSING;
-    CRVXPhysicalDrive* const now = FindDevice(scanned, drive);
+    CRVXPhysicalDrive* const now = FindDevice(scanned, drive.m_MajorNumber, drive.m_MinorNumber);
     if (now == nullptr) {
       RVX_TRACE(TRACE_THREADS, "UpdateSystem() remove physical drive %s", drive.m_KernelName);
       if (!wasMissing)
@@ -112,16 +72,18 @@ void IPLUGINAPI_IMPL::MergePhysicalDrives(SMerge& merge, std::vector<CRVXPhysica
     merge.m_Changed = true;
   }
   for (const CRVXPhysicalDrive& drive : scanned)
-    if (FindDevice(merge.m_PhysicalDrives, drive) == nullptr) merge.Add(merge.m_PhysicalDrives, drive);
+    if (FindDevice(merge.m_PhysicalDrives, drive.m_MajorNumber, drive.m_MinorNumber) == nullptr)
+      merge.Add(merge.m_PhysicalDrives, drive);
 }
 
-void IPLUGINAPI_IMPL::MergeLogicalDrives(SMerge& merge, std::vector<CRVXLogicalDrive>& scanned) {
+void MergeLogicalDrives(CModel& model, SMerge& merge, std::vector<CRVXLogicalDrive>& scanned)
+    ZQ_REQUIRES(model.m_DataLock) {
   // Called below, under the lock; the analysis does not see that.
   const auto isInModel = [&](const std::string& name) ZQ_NO_THREAD_SAFETY_ANALYSIS {
-    return std::any_of(m_LogicalDrives.begin(), m_LogicalDrives.end(),
+    return std::any_of(model.m_LogicalDrives.begin(), model.m_LogicalDrives.end(),
                        [&](const CRVXLogicalDrive& array) { return array.m_KernelName == name; });
   };
-  for (CRVXLogicalDrive& array : m_LogicalDrives) {
+  for (CRVXLogicalDrive& array : model.m_LogicalDrives) {
     CRVXLogicalDrive* const now =
         FindCounterpart(scanned, array.m_ArrayNumber, array.m_KernelName, isInModel);
     if (now == nullptr) {
@@ -130,9 +92,9 @@ void IPLUGINAPI_IMPL::MergeLogicalDrives(SMerge& merge, std::vector<CRVXLogicalD
       const bool shared = std::any_of(scanned.begin(), scanned.end(), [&](const CRVXLogicalDrive& other) {
         return other.m_ArrayNumber == array.m_ArrayNumber;
       });
-      merge.m_Events.push_back(MakeEvent(PI::EVT_LOGICALDRIVE_DELETED,
-                                         shared ? array.m_ID : array.m_ArrayNumber, array.m_KernelName,
-                                         Text("%d", array.m_ArrayNumber)));
+      merge.m_Events.push_back(model.MakeEvent(PI::EVT_LOGICALDRIVE_DELETED,
+                                               shared ? array.m_ID : array.m_ArrayNumber, array.m_KernelName,
+                                               Text("%d", array.m_ArrayNumber)));
       merge.RemoveChild(array.m_ID);
       continue;
     }
@@ -149,6 +111,36 @@ void IPLUGINAPI_IMPL::MergeLogicalDrives(SMerge& merge, std::vector<CRVXLogicalD
   for (const CRVXLogicalDrive& array : scanned)
     if (FindCounterpart(merge.m_LogicalDrives, array.m_ArrayNumber, array.m_KernelName, isOther) == nullptr)
       merge.Add(merge.m_LogicalDrives, array);
+}
+
+}  // namespace
+
+bool Merge(CModel& model, const CRVXAdapter& adapter, std::vector<CRVXPhysicalDrive>& physicalDrives,
+           std::vector<CRVXLogicalDrive>& logicalDrives) {
+  SMerge merge{model.m_Adapter.m_Children};
+  CRVXAdapter scanned = adapter;
+  // The scan knows no adapter number: a description that names one goes back to (0) here (oddity 10).
+  if (model.m_Adapter.ScannedFields() != scanned.ScannedFields()) {
+    ++merge.m_AdapterChanges;
+    merge.m_Changed = true;
+  }
+  MergePhysicalDrives(model, merge, physicalDrives);
+  MergeLogicalDrives(model, merge, logicalDrives);
+
+  // From here on nothing fails.
+  model.QueueEvents(merge.m_Events, TRACE_SOURCE);
+  auto modelFields = model.m_Adapter.ScannedFields();
+  auto scannedFields = scanned.ScannedFields();
+  modelFields.swap(scannedFields);
+  model.m_Adapter.m_Children.swap(merge.m_Children);
+  model.m_Adapter.m_UpdateCounter += merge.m_AdapterChanges;
+  model.m_PhysicalDrives.swap(merge.m_PhysicalDrives);
+  model.m_LogicalDrives.swap(merge.m_LogicalDrives);
+  std::erase_if(model.m_Estimators, [&](const PI::CETR& estimator) ZQ_REQUIRES(model.m_DataLock) {
+    return std::ranges::find(model.m_LogicalDrives, estimator.m_ID, &CRVXLogicalDrive::m_ID) ==
+           model.m_LogicalDrives.end();
+  });
+  return merge.m_Changed;
 }
 
 }  // namespace NAMESPACE_piRVX

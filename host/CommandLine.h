@@ -1,0 +1,59 @@
+#pragma once
+/// @file
+/// The tree of commands: each file of commands hangs its own into it, with what they take.
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "host/Context.h"
+
+namespace rvxctl {
+
+/// What is run after everything is parsed; returns the exit status or throws CError.
+using Command = std::function<int(CContext&)>;
+
+/// A place in the tree.
+class CGroup {
+ public:
+  CGroup(CLI::App& app, Command& chosen) : m_App(app), m_Chosen(chosen) {}
+
+  /// A group below this one.
+  CGroup Add(const char* name, const char* help) {
+    CLI::App* const group = m_App.add_subcommand(name, help);
+    group->require_subcommand(1);
+    return {*group, m_Chosen};
+  }
+  /// The group of that name that stands below this one.
+  CGroup At(const char* name) { return {*m_App.get_subcommand(name), m_Chosen}; }
+
+  /// A command that takes nothing.
+  void Leaf(const char* name, const char* help, Command run) {
+    m_App.add_subcommand(name, help)->callback([&chosen = m_Chosen, run = std::move(run)] { chosen = run; });
+  }
+  /// A command that takes arguments: the caller says which, and where in TArguments each one goes.
+  template <class TArguments>
+  std::pair<CLI::App*, TArguments&> Leaf(const char* name, const char* help,
+                                         std::function<int(CContext&, const TArguments&)> run) {
+    const auto arguments = std::make_shared<TArguments>();
+    CLI::App* const leaf = m_App.add_subcommand(name, help);
+    leaf->callback([&chosen = m_Chosen, run = std::move(run), arguments] {
+      chosen = [run, arguments](CContext& context) { return run(context, *arguments); };
+    });
+    return {leaf, *arguments};
+  }
+
+ private:
+  CLI::App& m_App;
+  Command& m_Chosen;
+};
+
+/// Commands that show the topology and its objects; they make the group "array" too.
+void AddShowing(CGroup& all);
+/// Commands that follow what happens.
+void AddFollowing(CGroup& all);
+/// Commands that change the machine.
+void AddChanging(CGroup& all);
+
+}  // namespace rvxctl

@@ -1,0 +1,39 @@
+#include "host/Context.h"
+
+#include <cstdlib>
+
+namespace rvxctl {
+
+CContext::CContext(const SOptions& options, CTerminal& terminal)
+    : m_Options(options), m_Terminal(terminal), m_Machine(MakeLocalMachine(options.m_Simulate)) {
+  const char* const plain = std::getenv("NO_COLOR");
+  m_Color = terminal.IsTerminal() && !options.m_Plain && (plain == nullptr || *plain == '\0');
+}
+
+CSession& CContext::Session() {
+  if (!m_Session) m_Session.emplace(m_Options);
+  return *m_Session;
+}
+
+void CContext::Show(const std::string& name, const Json& data, const std::string& text, const Json& errors) {
+  m_Terminal.Print(m_Options.m_Json ? Envelope(name, data, errors) : text);
+}
+
+void CContext::Close() {
+  if (m_Session) m_Session->End();
+}
+
+std::string CContext::Colored(const std::string& text) const {
+  if (!m_Color) return text;
+  const auto contains = [&](const char* word) { return text.find(word) != std::string::npos; };
+  const char* color = nullptr;
+  if (contains("Failed") || contains("Missing"))
+    color = "31";
+  else if (contains("Degraded") || contains("ebuilding") || contains("esyncing"))
+    color = "33";
+  else if (contains("In order") || contains("Ready"))
+    color = "32";
+  return color == nullptr ? text : std::string("\033[") + color + "m" + text + "\033[0m";
+}
+
+}  // namespace rvxctl

@@ -1,0 +1,42 @@
+#pragma once
+/// @file
+/// What a command works with.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/JsonView.h"
+#include "host/LocalMachine.h"
+#include "host/Options.h"
+#include "host/Session.h"
+#include "host/Terminal.h"
+
+namespace rvxctl {
+
+/// The plug-in is loaded at the first use of Session().
+class CContext {
+ public:
+  CContext(const SOptions& options, CTerminal& terminal);
+
+  const SOptions& Options() const { return m_Options; }
+  CTerminal& Terminal() { return m_Terminal; }
+  const CLocalMachine& Machine() const { return *m_Machine; }
+  CSession& Session();
+  /// Prints the result in the form that was asked for; `name` names the JSON schema.
+  void Show(const std::string& name, const Json& data, const std::string& text,
+            const Json& errors = Json::array());
+  /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
+  void Close();
+  /// The text in a colour by what it says ("Failed", "Degraded", ...), on a terminal that wants colours.
+  std::string Colored(const std::string& text) const;
+
+ private:
+  SOptions m_Options;
+  CTerminal& m_Terminal;
+  bool m_Color;
+  std::unique_ptr<const CLocalMachine> m_Machine;
+  std::optional<CSession> m_Session;
+};
+
+}  // namespace rvxctl

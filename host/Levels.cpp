@@ -1,0 +1,66 @@
+#include "host/Levels.h"
+
+#include <algorithm>
+
+#include "host/Error.h"
+
+namespace rvxctl {
+
+namespace {
+
+/// Words alone: which of these can be made is the plug-in's to say.
+constexpr struct SWord {
+  unsigned int m_Choice;
+  const char* m_Word;
+} WORDS[] = {{PI::LEVEL_RAID0, "raid0"},
+             {PI::LEVEL_RAID1, "raid1"},
+             {PI::LEVEL_RAID4, "raid4"},
+             {PI::LEVEL_RAID5, "raid5"},
+             {PI::LEVEL_RAID6, "raid6"},
+             {PI::LEVEL_RAID10, "raid10"},
+             {PI::STRIPE_4K, "4"},
+             {PI::STRIPE_8K, "8"},
+             {PI::STRIPE_16K, "16"},
+             {PI::STRIPE_32K, "32"},
+             {PI::STRIPE_64K, "64"},
+             {PI::STRIPE_128K, "128"},
+             {PI::LEVEL_CONCATENATION, "linear"}};
+
+unsigned int ChoiceOf(const char* option, const std::vector<unsigned int>& offered, const std::string& word) {
+  std::string known;
+  for (const unsigned int choice : offered) {
+    if (WordOf(choice) == word) return choice;
+    known += (known.empty() ? "" : ", ") + WordOf(choice);
+  }
+  throw CError(EXIT_USAGE, std::string(option) + ": " + word + " is none of " + known +
+                               "; 'rvxctl levels' tells what can be made");
+}
+
+}  // namespace
+
+std::vector<PI::CLevel> OfferedLevels(const CTopology& topology) {
+  for (const PI::COperation& operation : topology.Adapter().m_Operations)
+    if (operation.m_Code == PI::OP_GET_RAID_LEVEL_INFORMATION) return operation.m_Levels;
+  return {};
+}
+
+std::string WordOf(unsigned int choice) {
+  const auto* const found = std::ranges::find(WORDS, choice, &SWord::m_Choice);
+  return found == std::end(WORDS) ? std::to_string(choice) : found->m_Word;
+}
+
+unsigned int LevelOf(const std::vector<PI::CLevel>& offered, const std::string& word) {
+  std::vector<unsigned int> levels;
+  for (const PI::CLevel& level : offered) levels.push_back(level.m_Level);
+  return ChoiceOf("--level", levels, word);
+}
+
+unsigned int StripeOf(const std::vector<PI::CLevel>& offered, const std::string& word) {
+  std::vector<unsigned int> stripes;
+  for (const PI::CLevel& level : offered)
+    for (const unsigned int stripe : level.m_StripeSizes)
+      if (std::ranges::find(stripes, stripe) == stripes.end()) stripes.push_back(stripe);
+  return ChoiceOf("--stripe", stripes, word);
+}
+
+}  // namespace rvxctl

@@ -1,0 +1,55 @@
+#include "host/Terminal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+
+#include "host/Error.h"
+
+namespace rvxctl {
+
+CTerminal::CTerminal(bool tracing) {
+  int spare = ::open("/dev/null", O_RDWR);
+  while (spare >= 0 && spare <= STDERR_FILENO) spare = ::open("/dev/null", O_RDWR);
+  if (spare >= 0) ::close(spare);
+  m_IsTerminal = ::isatty(STDOUT_FILENO) == 1;
+  const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+  m_File = own < 0 ? nullptr : ::fdopen(own, "w");
+  const int other = tracing ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (other >= 0) {
+    ::dup2(other, STDOUT_FILENO);
+    ::close(other);
+  }
+}
+
+CTerminal::~CTerminal() {
+  if (m_File != nullptr) std::fclose(m_File);
+}
+
+void CTerminal::Print(const std::string& text) {
+  m_HasPrinted = true;
+  errno = EBADF;
+  if (m_File != nullptr && std::fwrite(text.data(), 1, text.size(), m_File) == text.size() &&
+      std::fflush(m_File) == 0)
+    return;
+  const int error = errno;
+  throw CError(error == EPIPE ? EXIT_SIGNAL + SIGPIPE : EXIT_PLUGIN_ERROR,
+               std::string("cannot write to standard output: ") + std::strerror(error));
+}
+
+void Confirm(const std::string& question) {
+  if (::isatty(STDIN_FILENO) != 1)
+    throw CError(EXIT_NOT_CONFIRMED,
+                 "nothing was changed: this needs a yes, and there is no terminal to ask on; say --yes");
+  std::cerr << question << " [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes")
+    throw CError(EXIT_NOT_CONFIRMED, "nothing was changed");
+}
+
+}  // namespace rvxctl

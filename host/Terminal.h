@@ -1,0 +1,33 @@
+#pragma once
+/// @file
+/// The real standard output, kept from the plug-in, and the person in front of it.
+
+#include <cstdio>
+#include <string>
+
+namespace rvxctl {
+
+/// Standard output. The plug-in gets another one: it prints a line of its own when it initialises.
+class CTerminal {
+ public:
+  /// Opens what is missing of the three standard descriptors first: a disk that got number 1 would take what
+  /// the plug-in prints.
+  explicit CTerminal(bool tracing);
+  ~CTerminal();
+  CTerminal(const CTerminal&) = delete;
+  CTerminal& operator=(const CTerminal&) = delete;
+  /// Throws CError when the text cannot be written.
+  void Print(const std::string& text);
+  bool HasPrinted() const { return m_HasPrinted; }
+  bool IsTerminal() const { return m_IsTerminal; }
+
+ private:
+  std::FILE* m_File{nullptr};
+  bool m_HasPrinted{false};
+  bool m_IsTerminal{false};
+};
+
+/// Asks the person. Throws CError(EXIT_NOT_CONFIRMED) on anything but yes, or without a terminal.
+void Confirm(const std::string& question);
+
+}  // namespace rvxctl

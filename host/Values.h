@@ -1,0 +1,32 @@
+#pragma once
+/// @file
+/// Properties and numbers of objects as people read them.
+
+#include <optional>
+#include <string>
+
+#include "PI/Object.h"
+
+namespace rvxctl {
+
+/// A property's value of one object; null when the object does not have it.
+const PI::CProperty* FindProperty(const PI::CObject& object, PI::_PROPERTY_ID id);
+/// The value as a number: of a range, choice or unsigned property.
+std::optional<long> NumberOf(const PI::CObject& object, PI::_PROPERTY_ID id);
+/// The value as a person reads it, with its unit; empty when the object does not have it.
+std::string TextOf(const PI::CObject& object, PI::_PROPERTY_ID id);
+std::string TextOf(const PI::CProperty& property);
+/// What runs on an array and how far it is: "Resyncing 34%".
+std::string ActivityText(const PI::CObject& array);
+std::string LabelOf(const PI::CProperty& property);
+/// A property whose value the plug-in does not know, such as SMART figures of a disk without SMART.
+bool IsUnknown(const PI::CProperty& property);
+/// "sda" or "md_d0"; "plugin" and "adapter" for these two.
+std::string NameOf(const PI::CObject& object);
+std::string HexadecimalID(unsigned long id);
+/// MiB as a person reads it: "4.0 GiB".
+std::string SizeText(std::optional<long> mebibytes);
+/// RFC 3339 with milliseconds, UTC.
+std::string TimeText(unsigned long milliseconds);
+
+}  // namespace rvxctl

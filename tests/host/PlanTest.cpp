@@ -1,0 +1,46 @@
+/// @file
+/// What a person is shown before data is destroyed, and told when md left something behind.
+
+#include <gmock/gmock.h>
+
+#include "Program.h"
+#include "host/Plan.h"
+#include "host/Reasons.h"
+
+namespace {
+
+using namespace rvxctl;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(Plan, TellsWhatIsOnADisk) {
+  const CTemporaryFolder folder;
+  const std::string path = folder.Write("disk", std::string(1 << 20, '\0'));
+  PI::CObject disk;
+  disk.m_Properties.emplace_back(PI::PROP_DEVICE_PATH).SetValue(path);
+  const auto plan = [&] { return PlanText({PlanOf(*MakeLocalMachine(false), disk)}); };
+  EXPECT_THAT(plan(), HasSubstr("nothing known"));
+  // A label may hold what moves a terminal's cursor.
+  ASSERT_EQ(ResultOf({"/sbin/mkswap", "--label", "a\033[Ab", path}).m_Status, 0);
+  const std::string entry("\x80\0\0\0\x83\0\0\0\1\0\0\0\1\0\0\0", 16);
+  std::fstream(path, std::ios::in | std::ios::out).seekp(446) << entry << std::string(48, '\0') << "\x55\xAA";
+  EXPECT_THAT(plan(), HasSubstr("swap signature labelled \"a?[Ab\"; dos partition table"));
+  EXPECT_EQ(PlanJson({PlanOf(*MakeLocalMachine(false), disk)})[0]["contents"].size(), 2U);
+  EXPECT_THAT(PlanText({PlanOf(*MakeLocalMachine(true), disk)}), HasSubstr("nothing known"));
+}
+
+TEST(Plan, AHalfBuiltArrayIsNamed) {
+  struct SMachine : CLocalMachine {
+    std::optional<std::string> MdStat() const override {
+      return "Personalities : [raid0]\nmd_d1 : inactive sdc[0]\nmd7 : inactive sdd[0](S)\nmd_d0 : active "
+             "raid0\n";
+    }
+  };
+  const std::string hint =
+      HintForExecution(SMachine(), PI::OP_CREATE_LOGICAL_DRIVE, PI::ERR_DEVICE_IO, "raid1");
+  EXPECT_THAT(hint, AllOf(HasSubstr("modprobe raid1"), HasSubstr("--stop /dev/md_d1"), Not(HasSubstr("md7")),
+                          Not(HasSubstr("md_d0"))));
+}
+
+}  // namespace
