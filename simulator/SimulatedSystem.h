@@ -9,10 +9,10 @@
 
 namespace Simulation {
 
-/// Controllers, disks, sysfs, udev, an md driver and a clock, made from a description (docs: JSON, one
-/// object). It behaves as Linux 6.1 does below the plug-in and knows nothing of the plug-in. What it leaves
-/// out: the data of arrays (they read as zeros and refuse to be written) and bitmaps. All operations are safe
-/// for several threads.
+/// Controllers, disks, sysfs, udev, an md driver and a clock, made from a description, whose form
+/// simulator/README.md tells. It behaves as Linux 6.1 does below the plug-in and knows nothing of the
+/// plug-in. What it leaves out: the data of arrays (they read as zeros and refuse to be written) and bitmaps.
+/// All operations are safe for several threads.
 class CSimulatedSystem final : public OS::COperatingSystem {
  public:
   /// Manual: time stands still but for Advance() and Sleep(), which moves it at once. Real: time follows the

@@ -6,7 +6,7 @@
 
 namespace Simulation {
 
-/// A machine description, or a change, that cannot be used; what() names the line or the key and says what is
+/// A machine description, or a change, that cannot be used; what() names the line or the place and says what is
 /// wrong.
 class CMachineError : public std::runtime_error {
  public:

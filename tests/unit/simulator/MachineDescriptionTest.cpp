@@ -28,6 +28,7 @@ TEST(MachineDescription, ComplaintsNameThePlace) {
       {"{\n\"disks\": [\n1,\n}", "line 4, column 1"},
       {Script("{\"at\": 1, \"mount\":\n" + std::string(100000, '[')), "line 3: more than 64"},
       {R"({"disk": []})", "(/disk) this key is unknown"},
+      {R"({"process": 4})", "(/process) type must be string"},
       {R"({"mdp_major": 4096})", "(/mdp_major) is no whole number from 10 to 4095"},
       {Machine(R"(, "partitions": [{"size": 65536}])"), "(/disks/1/partitions/0) ends behind the device"},
       {Machine(R"(, "device": "8:0")"), "(/disks/1) the number of sdb is that of sda"},
