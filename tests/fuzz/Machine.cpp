@@ -13,8 +13,6 @@
 #include "system/Descriptor.h"
 #include "tests/fuzz/Fuzz.h"
 
-using namespace NAMESPACE_piRVX;
-
 namespace {
 
 constexpr const char* MACHINE = R"({"sync_speed": 2000,
