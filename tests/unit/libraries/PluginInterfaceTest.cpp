@@ -1,5 +1,7 @@
 // What the framework does for its plug-ins: documents, configuration file, SMART, conversions.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <numeric>
 #include <sstream>
@@ -64,7 +66,7 @@ TEST_F(ConfigFile, WritesOneKeyAndKeepsTheRest) {
   EXPECT_EQ(m_Folder.CountFiles(), 1U) << "no temporary file is left";
 }
 
-TEST_F(ConfigFile, KeepsModeAndLinkOfTheFile) {
+TEST_F(ConfigFile, KeepsModeOwnerAndLinkOfTheFile) {
   using std::filesystem::perms;
   const auto mode = [&](const char* name) {
     return std::filesystem::status(m_Folder.Path(name)).permissions();
@@ -74,10 +76,14 @@ TEST_F(ConfigFile, KeepsModeAndLinkOfTheFile) {
   std::filesystem::rename(m_Folder.Path("test.ini"), m_Folder.Path("real.ini"));
   std::filesystem::create_symlink("real.ini", m_Folder.Path("test.ini"));
   std::filesystem::permissions(m_Folder.Path("real.ini"), perms{0600});
+  const uid_t owner = ::geteuid() == 0 ? 12345 : ::geteuid();
+  ASSERT_EQ(::chown(m_Folder.Path("real.ini").c_str(), owner, static_cast<gid_t>(-1)), 0);
   ASSERT_EQ(m_File.WriteKeyValue("a", "2", -1, -1), OK);
   EXPECT_TRUE(std::filesystem::is_symlink(m_Folder.Path("test.ini")));
   EXPECT_EQ(m_Folder.Read("real.ini"), "a=2\n");
   EXPECT_EQ(mode("real.ini"), perms{0600});
+  struct stat status {};
+  EXPECT_TRUE(::stat(m_Folder.Path("real.ini").c_str(), &status) == 0 && status.st_uid == owner);
 }
 
 TEST_F(ConfigFile, RefusesWhatItCannotWriteAndTouchesNothing) {

@@ -73,20 +73,13 @@ TEST(MachineDescription, IsReadFromRegularFilesOnly) {
     EXPECT_THAT([name = file] { Simulation::ReadDescription(name); }, Complains(complaint));
 }
 
-TEST(MachineDescription, AFileThatIsReplacedKeepsWhatItIs) {
+TEST(MachineDescription, IsSavedForItsOwnerAloneAndBehindLinks) {
   const CTemporaryFolder folder;
-  const std::string real = folder.Write("real", "old"), link = folder.Path("link");
-  ASSERT_EQ(::symlink("real", link.c_str()), 0);
-  ASSERT_EQ(::chmod(real.c_str(), 0640), 0);
-  const uid_t owner = ::geteuid() == 0 ? 12345 : ::geteuid();
-  ASSERT_EQ(::chown(real.c_str(), owner, static_cast<gid_t>(-1)), 0);
-  Simulation::ReplaceDescription(link, "new");
-  struct stat status {};
-  ASSERT_EQ(::lstat(real.c_str(), &status), 0);
+  Simulation::ReplaceDescription(folder.Path("real"), "old");
+  EXPECT_EQ(std::filesystem::status(folder.Path("real")).permissions(), std::filesystem::perms{0600});
+  std::filesystem::create_symlink("real", folder.Path("link"));
+  Simulation::ReplaceDescription(folder.Path("link"), "new");
   EXPECT_EQ(folder.Read("real"), "new");
-  EXPECT_EQ(std::pair(status.st_mode & 07777U, status.st_uid), std::pair(0640U, owner));
-  EXPECT_EQ(folder.Read("link"), "new");
-  EXPECT_EQ(folder.CountFiles(), 2U) << "nothing is left beside them";
 }
 
 }  // namespace
