@@ -174,7 +174,7 @@ TEST_F(ScanArrays, WhatMdAnswersOfMembersAndChunksIsUnderstood) {
 }
 
 TEST_F(ScanArrays, MdIsAskedForAsManyMembersAsThereAreDisksAtMost384) {
-  const SScanned all(m_Plugin);  // the lists below have less
+  const SFound all(m_Plugin);  // the lists below have less
   for (const std::size_t count : {0U, 3U, 400U}) {
     std::string partitions = "major minor  #blocks  name\n\n";
     for (std::size_t disk = 0; disk < count; ++disk) partitions += "8 0 1000000 sda\n";
