@@ -116,14 +116,14 @@ SImported Import(SMachine& machine, const SArray& array, dev_t device) {
   if (!block || (block->m_Disk != nullptr && block->m_Disk->m_State != "running")) return {ENXIO, {}, {}};
   if (!CanClaim(machine, *block)) return {EBUSY, {}, {}};
   if (array.m_MajorVersion != 1 || array.m_MinorVersion != 0) return {EINVAL, {}, {}};
-  SLoaded loaded = LoadSuperblock(*block);
+  const SLoaded loaded = LoadSuperblock(*block);
   SMember member;
   member.m_Name = block->m_Name;
   member.m_Device = device;
   member.m_Instance = block->Instance();
   member.m_Number = static_cast<int>(loaded.m_Superblock.Head().dev_number);
   member.m_Sectors = loaded.m_Superblock.Head().data_size;
-  return {loaded.m_Error, std::move(member), std::move(loaded.m_Superblock)};
+  return {loaded.m_Error, std::move(member), loaded.m_Superblock};
 }
 
 /// Takes a device into the array's list. One that has no number gets the first that is free.
@@ -198,9 +198,9 @@ int Analyse(SMachine& machine, SArray& array) {
   const SSuperblock* newest = nullptr;
   for (const SMember& member : array.m_Members) {
     const auto block = BlockOf(machine, member);
-    SLoaded loaded = block ? LoadSuperblock(*block) : SLoaded{ENXIO, {}};
+    const SLoaded loaded = block ? LoadSuperblock(*block) : SLoaded{ENXIO, {}};
     if (loaded.m_Error != 0) continue;
-    const auto entry = superblocks.emplace(member.m_Device, std::move(loaded.m_Superblock)).first;
+    const auto entry = superblocks.emplace(member.m_Device, loaded.m_Superblock).first;
     if (newest == nullptr || entry->second.Head().events > newest->Head().events) newest = &entry->second;
   }
   if (newest == nullptr) return EINVAL;
