@@ -33,14 +33,8 @@ int ShowTopology(CContext& context) {
   std::string text;
   for (const PI::CObject& object : topology.Objects()) {
     data["objects"].push_back(ObjectJson(object));
-    text += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n";
-    const std::string properties = ObjectText(context, topology, object);
-    for (std::size_t place = 0; place < properties.size();) {
-      const std::size_t end = properties.find('\n', place) + 1;
-      text += "  " + properties.substr(place, end - place);
-      place = end;
-    }
-    text += "\n";
+    text += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
+            ObjectText(context, topology, object, "  ") + "\n";
   }
   if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) text += DiskTable(context, topology);
   context.Show("topology", data, text);
@@ -70,7 +64,7 @@ int ListObjects(CContext& context, const SKind& kind) {
 int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND kind) {
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
-  context.Show("object", ObjectJson(object), ObjectText(context, topology, object));
+  context.Show("object", ObjectJson(object), ObjectText(context, topology, object, ""));
   return EXIT_DONE;
 }
 

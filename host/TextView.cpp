@@ -74,20 +74,21 @@ std::string ArrayTable(const CContext& context, const CTopology& topology) {
                               context.Terminal().Width());
 }
 
-std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object) {
-  Rows pairs = {{"Identifier", HexadecimalID(object.m_ID)}};
+std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
+                       const std::string& indent) {
+  Rows pairs = {{indent + "Identifier", HexadecimalID(object.m_ID)}};
   for (const PI::CProperty& property : object.m_Properties) {
     if (property.m_AttributeWord == 0) continue;
     std::string text = TextOf(property);
     if (property.m_UnitTextID == PI::UNIT_MIB)
       if (const auto number = NumberOf(object, property.m_ID); number && *number >= 1024)
         text += " (" + SizeText(number) + ")";
-    pairs.push_back({LabelOf(property), text});
+    pairs.push_back({indent + LabelOf(property), text});
   }
-  if (object.m_Busy) pairs.push_back({"Busy", "a change is being carried out"});
-  const bool isArray = object.m_Kind == PI::OBJ_LOGICAL_DRIVE;
-  return Table({}, pairs, context.Terminal().Width()) +
-         (isArray ? "Disks: " + topology.Names(object.m_Children) + "\n" : "");
+  if (object.m_Busy) pairs.push_back({indent + "Busy", "a change is being carried out"});
+  std::string text = Table({}, pairs, context.Terminal().Width());
+  if (object.m_Kind != PI::OBJ_LOGICAL_DRIVE) return text;
+  return text + indent + "Disks: " + topology.Names(object.m_Children) + "\n";
 }
 
 std::string StatusText(const CContext& context, const CTopology& topology) {
