@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 #include "KVT/Api.h"
 #include "KVT/Threading.h"

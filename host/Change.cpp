@@ -43,9 +43,9 @@ CError ExecutionFailed(const CContext& context, const SChange& change, unsigned 
 }
 
 /// What a person reads before.
-std::string TextOf(const SChange& change, const std::string& warning) {
+std::string TextOf(const CContext& context, const SChange& change, const std::string& warning) {
   return "This will " + change.m_What + "." + (change.m_Loss.empty() ? "" : " " + change.m_Loss) + "\n" +
-         (change.m_Disks.empty() ? "" : PlanText(change.m_Disks)) +
+         (change.m_Disks.empty() ? "" : PlanText(change.m_Disks, context.Terminal().Width())) +
          (warning.empty() ? "" : "WARNING: " + warning + "\n");
 }
 
@@ -58,7 +58,7 @@ void ShowDryRun(CContext& context, const SChange& change, unsigned int check, co
   Json errors = Json::array();
   if (!allowed) errors.push_back(ErrorJson(CheckRefused(context, change, check)));
   context.Show("plan", data,
-               TextOf(change, warning) + "The plug-in's check: " +
+               TextOf(context, change, warning) + "The plug-in's check: " +
                    (allowed ? std::string("allowed") : Texts::OfStatus(check)) + "\nNothing was changed.\n",
                errors);
 }
@@ -76,7 +76,7 @@ bool CarryOut(CContext& context, const SChange& change, const SConsent& consent)
   if (check != PI::OK) throw CheckRefused(context, change, check);
   if (consent.m_DryRun) return false;
   if (!change.m_Loss.empty()) {
-    std::cerr << TextOf(change, warning);
+    std::cerr << TextOf(context, change, warning);
     if (!consent.m_Yes) Confirm(Texts::Find(offered.m_ConfirmationCode).value_or("Go on?"));
   }
   // Before the plug-in's threads run: what was consented to is carried out on the model that was shown.

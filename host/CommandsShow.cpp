@@ -33,14 +33,8 @@ int ShowTopology(CContext& context) {
   std::string text;
   for (const PI::CObject& object : topology.Objects()) {
     data["objects"].push_back(ObjectJson(object));
-    text += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n";
-    const std::string properties = ObjectText(topology, object);
-    for (std::size_t place = 0; place < properties.size();) {
-      const std::size_t end = properties.find('\n', place) + 1;
-      text += "  " + properties.substr(place, end - place);
-      place = end;
-    }
-    text += "\n";
+    text += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
+            ObjectText(context, topology, object, "  ") + "\n";
   }
   if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) text += DiskTable(context, topology);
   context.Show("topology", data, text);
@@ -70,7 +64,7 @@ int ListObjects(CContext& context, const SKind& kind) {
 int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND kind) {
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
-  context.Show("object", ObjectJson(object), ObjectText(topology, object));
+  context.Show("object", ObjectJson(object), ObjectText(context, topology, object, ""));
   return EXIT_DONE;
 }
 
@@ -78,7 +72,7 @@ int ShowOperations(CContext& context, const std::string& address) {
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address);
   Json data = Json::array();
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (PI::COperation operation : object.m_Operations) {
     const unsigned int status = context.Session().Check(object.m_ID, operation);
     const bool allowed = status == PI::OK;
@@ -93,7 +87,8 @@ int ShowOperations(CContext& context, const std::string& address) {
                      asks ? Json(Texts::Find(operation.m_ConfirmationCode).value_or("")) : Json(nullptr)}});
     rows.push_back({Texts::Of(operation.m_Code), allowed ? "yes" : "no", why});
   }
-  context.Show("operations", data, Table({"OPERATION", "ALLOWED", "WHY NOT"}, rows));
+  context.Show("operations", data,
+               Table({"OPERATION", "ALLOWED", "WHY NOT"}, rows, context.Terminal().Width()));
   return EXIT_DONE;
 }
 
@@ -111,13 +106,13 @@ int GetProperty(CContext& context, const SProperty& wanted) {
   else
     properties.push_back(context.Session().Property(object.m_ID, static_cast<PI::_PROPERTY_ID>(wanted.m_ID)));
   Json data = Json::array();
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (const PI::CProperty& property : properties) {
     data.push_back(PropertyJson(property));
     rows.push_back({std::to_string(property.m_ID), LabelOf(property),
                     IsUnknown(property) ? "unknown" : TextOf(property)});
   }
-  context.Show("properties", data, Table({"ID", "PROPERTY", "VALUE"}, rows));
+  context.Show("properties", data, Table({"ID", "PROPERTY", "VALUE"}, rows, context.Terminal().Width()));
   return EXIT_DONE;
 }
 
@@ -144,7 +139,7 @@ int SetPollInterval(CContext& context, const int& seconds) {
 
 int ShowLevels(CContext& context) {
   Json data = Json::array();
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (const PI::CLevel& level : OfferedLevels(CTopology(context.Session()))) {
     Json stripes = Json::array();
     std::string list;
@@ -165,7 +160,8 @@ int ShowLevels(CContext& context) {
                     hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-", WordOf(level.m_Level)});
   }
   context.Show("levels", data,
-               Table({"LEVEL", "MIN DISKS", "MAX DISKS", "STRIPE SIZES", "DEFAULT", "NAME"}, rows));
+               Table({"LEVEL", "MIN DISKS", "MAX DISKS", "STRIPE SIZES", "DEFAULT", "NAME"}, rows,
+                     context.Terminal().Width()));
   return EXIT_DONE;
 }
 

@@ -23,17 +23,4 @@ void CContext::Close() {
   if (m_Session) m_Session->End();
 }
 
-std::string CContext::Colored(const std::string& text) const {
-  if (!m_Color) return text;
-  const auto contains = [&](const char* word) { return text.find(word) != std::string::npos; };
-  const char* color = nullptr;
-  if (contains("Failed") || contains("Missing"))
-    color = "31";
-  else if (contains("Degraded") || contains("ebuilding") || contains("esyncing"))
-    color = "33";
-  else if (contains("In order") || contains("Ready"))
-    color = "32";
-  return color == nullptr ? text : std::string("\033[") + color + "m" + text + "\033[0m";
-}
-
 }  // namespace rvxctl

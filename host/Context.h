@@ -20,16 +20,16 @@ class CContext {
   CContext(const SOptions& options, CTerminal& terminal);
 
   const SOptions& Options() const { return m_Options; }
-  CTerminal& Terminal() { return m_Terminal; }
+  CTerminal& Terminal() const { return m_Terminal; }
   const CLocalMachine& Machine() const { return *m_Machine; }
+  /// The person and the terminal want colours.
+  bool HasColor() const { return m_Color; }
   CSession& Session();
   /// Prints the result in the form that was asked for; `name` names the JSON schema.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
   /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
   void Close();
-  /// The text in a colour by what it says ("Failed", "Degraded", ...), on a terminal that wants colours.
-  std::string Colored(const std::string& text) const;
 
  private:
   SOptions m_Options;

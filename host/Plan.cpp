@@ -32,8 +32,8 @@ Json PlanJson(const std::vector<SDiskPlan>& disks) {
   return list;
 }
 
-std::string PlanText(const std::vector<SDiskPlan>& disks) {
-  std::vector<std::vector<std::string>> rows;
+std::string PlanText(const std::vector<SDiskPlan>& disks, std::size_t width) {
+  Rows rows;
   for (const SDiskPlan& disk : disks) {
     std::string contents;
     for (const std::string& content : disk.m_Contents) contents += (contents.empty() ? "" : "; ") + content;
@@ -41,7 +41,7 @@ std::string PlanText(const std::vector<SDiskPlan>& disks) {
                     disk.m_Serial.empty() ? "-" : disk.m_Serial,
                     contents.empty() ? "nothing known" : contents});
   }
-  return Table({"  DEVICE", "SIZE", "MODEL", "SERIAL", "WHAT IS ON IT"}, rows);
+  return Table({"  DEVICE", "SIZE", "MODEL", "SERIAL", "WHAT IS ON IT"}, rows, width);
 }
 
 }  // namespace rvxctl

@@ -24,6 +24,7 @@ struct SDiskPlan {
 /// Looks at a disk, or at an array that is to be deleted.
 SDiskPlan PlanOf(const CLocalMachine& machine, const PI::CObject& disk);
 Json PlanJson(const std::vector<SDiskPlan>& disks);
-std::string PlanText(const std::vector<SDiskPlan>& disks);
+/// For a terminal of `width` columns; 0 is no limit.
+std::string PlanText(const std::vector<SDiskPlan>& disks, std::size_t width);
 
 }  // namespace rvxctl

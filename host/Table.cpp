@@ -1,54 +1,115 @@
 #include "host/Table.h"
 
-#include <algorithm>
+#include <libsmartcols.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <sstream>
 
 namespace rvxctl {
 
 namespace {
 
-/// Columns that a text takes: colours and the bytes that continue a character take none.
-std::size_t Width(const std::string& text) {
-  std::size_t width = 0;
-  bool color = false;
-  for (const char character : text) {
-    if (character == '\033') color = true;
-    if (!color && (static_cast<unsigned char>(character) & 0xC0) != 0x80) ++width;
-    if (color && character == 'm') color = false;
+/// Columns below which a text is easier to read when the terminal breaks it.
+constexpr std::size_t LEAST_ROOM = 20;
+
+/// The catalogue is UTF-8 whatever the person's language; the process itself stays in the classic locale.
+class CUtf8 {
+ public:
+  CUtf8() : m_Before(::uselocale(Locale())) {}
+  ~CUtf8() { ::uselocale(m_Before); }
+  CUtf8(const CUtf8&) = delete;
+  CUtf8& operator=(const CUtf8&) = delete;
+
+ private:
+  static locale_t Locale() {
+    static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    return locale;
   }
-  return width;
+  locale_t m_Before;
+};
+
+using CTable = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
+
+CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::size_t width) {
+  CTable table(scols_new_table(), &scols_unref_table);
+  if (!table) throw std::bad_alloc();
+  scols_table_set_column_separator(table.get(), "  ");
+  scols_table_enable_colors(table.get(), 1);
+  scols_table_enable_noheadings(table.get(), heading.empty() ? 1 : 0);
+  scols_table_set_termforce(table.get(), width == 0 ? SCOLS_TERMFORCE_NEVER : SCOLS_TERMFORCE_ALWAYS);
+  scols_table_set_termwidth(table.get(), width);
+  const std::size_t columns = rows.empty() ? heading.size() : rows.front().size();
+  for (std::size_t column = 0; column < columns; ++column)
+    scols_table_new_column(table.get(), heading.empty() ? "" : heading[column].c_str(), 0,
+                           column + 1 == columns ? SCOLS_FL_WRAP : 0);
+  for (const auto& row : rows) {
+    libscols_line* const line = scols_table_new_line(table.get(), nullptr);
+    for (std::size_t column = 0; column < row.size(); ++column) {
+      scols_line_set_data(line, column, row[column].m_Text.c_str());
+      if (*row[column].m_Color != '\0')
+        scols_cell_set_color(scols_line_get_cell(line, column), row[column].m_Color);
+    }
+  }
+  return table;
 }
 
-std::string Padded(const std::string& text, std::size_t width) {
-  return text + std::string(width - std::min(width, Width(text)), ' ');
+/// Its lines, without the blanks that fill the last columns.
+std::string Printed(const CTable& table) {
+  char* printed = nullptr;
+  scols_print_table_to_string(table.get(), &printed);
+  const std::unique_ptr<char, decltype(&std::free)> owner(printed, &std::free);
+  std::istringstream lines(printed == nullptr ? "" : printed);
+  std::string text;
+  for (std::string line; std::getline(lines, line);)
+    text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+  return text;
+}
+
+/// The words in lines of at most `room` bytes each, but for a word that is longer.
+std::string Wrapped(const std::string& text, std::size_t room) {
+  std::istringstream words(text);
+  std::string wrapped;
+  std::size_t taken = 0;
+  for (std::string word; words >> word; taken += word.size()) {
+    const bool fits = taken == 0 || taken + 1 + word.size() <= room;
+    if (!wrapped.empty()) wrapped += fits ? ' ' : '\n';
+    taken = fits && taken != 0 ? taken + 1 : 0;
+    wrapped += word;
+  }
+  return wrapped;
+}
+
+/// Breaks the last cells between words: left to itself, libsmartcols does so within them.
+void WrapWords(const CTable& table, const Rows& rows, libscols_column* column) {
+  const std::size_t last = rows.front().size() - 1;
+  const std::size_t room = scols_column_get_width(column);
+  scols_column_set_safechars(column, "\n");
+  scols_column_set_wrapfunc(column, scols_wrapnl_chunksize, scols_wrapnl_nextchunk, nullptr);
+  for (std::size_t row = 0; row < rows.size(); ++row)
+    if (rows[row][last].m_Text.size() > room)
+      scols_line_set_data(scols_table_get_line(table.get(), row), last,
+                          Wrapped(rows[row][last].m_Text, room).c_str());
 }
 
 }  // namespace
 
-std::string Table(const std::vector<std::string>& heading,
-                  const std::vector<std::vector<std::string>>& rows) {
-  std::vector<std::size_t> widths;
-  for (const std::string& title : heading) widths.push_back(Width(title));
-  for (const auto& row : rows)
-    for (std::size_t column = 0; column < row.size(); ++column)
-      widths[column] = std::max(widths[column], Width(row[column]));
-  std::string text;
-  const auto add = [&](const std::vector<std::string>& row) {
-    std::string line;
-    for (std::size_t column = 0; column < row.size(); ++column)
-      line += column + 1 == row.size() ? row[column] : Padded(row[column], widths[column]) + "  ";
-    text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
-  };
-  add(heading);
-  for (const auto& row : rows) add(row);
-  return text;
+std::string Table(const std::vector<std::string>& heading, const Rows& rows, std::size_t width) {
+  const CUtf8 utf8;
+  const CTable table = Filled(heading, rows, width);
+  std::string text = Printed(table);
+  if (width == 0 || rows.empty()) return text;
+  // Its width is known now.
+  libscols_column* const column = scols_table_get_column(table.get(), rows.front().size() - 1);
+  if (scols_column_get_width(column) < LEAST_ROOM) return Printed(Filled(heading, rows, 0));
+  WrapWords(table, rows, column);
+  return Printed(table);
 }
 
-std::string Pairs(const std::vector<std::pair<std::string, std::string>>& pairs) {
-  std::size_t width = 0;
-  for (const auto& [label, value] : pairs) width = std::max(width, Width(label));
-  std::string text;
-  for (const auto& [label, value] : pairs) text += Padded(label, width) + "  " + value + "\n";
-  return text;
+std::string Colored(const SCell& cell) {
+  return *cell.m_Color == '\0' ? cell.m_Text : cell.m_Color + cell.m_Text + "\033[0m";
 }
 
 }  // namespace rvxctl

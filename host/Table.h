@@ -8,9 +8,27 @@
 
 namespace rvxctl {
 
-/// Columns of equal width below a heading, a line a row.
-std::string Table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows);
-/// "label  value" lines.
-std::string Pairs(const std::vector<std::pair<std::string, std::string>>& pairs);
+/// Begins a colour on a terminal: an escape sequence, empty for none.
+using Color = const char*;
+constexpr Color RED = "\033[31m";
+constexpr Color GREEN = "\033[32m";
+constexpr Color YELLOW = "\033[33m";
+constexpr Color PLAIN = "";
+
+struct SCell {
+  SCell(std::string text, Color color = PLAIN) : m_Text(std::move(text)), m_Color(color) {}
+  SCell(const char* text) : m_Text(text) {}
+  std::string m_Text;
+  Color m_Color{PLAIN};
+};
+using Rows = std::vector<std::vector<SCell>>;
+
+/// Columns of equal width, below a heading unless that is empty, a line a row. On a terminal of `width`
+/// columns a row that is too long goes on below its last cell; 0 is no limit. What no terminal can show is
+/// shown as a number.
+std::string Table(const std::vector<std::string>& heading, const Rows& rows, std::size_t width);
+
+/// A text in a colour by itself.
+std::string Colored(const SCell& cell);
 
 }  // namespace rvxctl

@@ -1,6 +1,7 @@
 #include "host/Terminal.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,6 +40,11 @@ void CTerminal::Print(const std::string& text) {
   const int error = errno;
   throw CError(error == EPIPE ? EXIT_SIGNAL + SIGPIPE : EXIT_PLUGIN_ERROR,
                std::string("cannot write to standard output: ") + std::strerror(error));
+}
+
+std::size_t CTerminal::Width() const {
+  winsize size{};
+  return m_File != nullptr && ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 void Confirm(const std::string& question) {

@@ -20,6 +20,8 @@ class CTerminal {
   void Print(const std::string& text);
   bool HasPrinted() const { return m_HasPrinted; }
   bool IsTerminal() const { return m_IsTerminal; }
+  /// Columns of the terminal as it is now; 0 when it is none or does not tell.
+  std::size_t Width() const;
 
  private:
   std::FILE* m_File{nullptr};

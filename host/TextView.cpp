@@ -1,5 +1,7 @@
 #include "host/TextView.h"
 
+#include <algorithm>
+
 #include "host/Table.h"
 #include "host/Texts.h"
 #include "host/Values.h"
@@ -21,6 +23,26 @@ std::string WhyNoDisk(const CContext& context) {
   return text + "\n";
 }
 
+/// States that a person should notice.
+constexpr struct SStateColor {
+  PI::_CHOICE m_State;
+  Color m_Color;
+} COLORS[] = {
+    {PI::STATUS_FAILED, RED},       {PI::STATUS_MISSING, RED},       {PI::STATUS_DEGRADED, YELLOW},
+    {PI::ADAPTER_DEGRADED, YELLOW}, {PI::STATUS_REBUILDING, YELLOW}, {PI::ACTIVITY_RESYNCING, YELLOW},
+    {PI::STATUS_OK, GREEN},         {PI::ADAPTER_OK, GREEN},         {PI::STATUS_READY, GREEN}};
+
+/// A status or activity, in its colour where colours are wanted.
+SCell StateCell(const CContext& context, const PI::CObject& object, PI::_PROPERTY_ID id) {
+  SCell cell = id == PI::PROP_ACTIVITY ? ActivityText(object) : TextOf(object, id);
+  const auto state = NumberOf(object, id);
+  // Whether a disk in use is well is its array's to tell.
+  const bool isUsedDisk = object.m_Kind == PI::OBJ_PHYSICAL_DRIVE && state == PI::STATUS_OK;
+  const auto* const found = std::ranges::find(COLORS, state, &SStateColor::m_State);
+  if (context.HasColor() && !isUsedDisk && found != std::end(COLORS)) cell.m_Color = found->m_Color;
+  return cell;
+}
+
 const char* SeverityName(unsigned int severity) {
   return severity >= PI::SEV_ERROR ? "error" : severity == PI::SEV_WARNING ? "warning" : "information";
 }
@@ -28,47 +50,50 @@ const char* SeverityName(unsigned int severity) {
 }  // namespace
 
 std::string DiskTable(const CContext& context, const CTopology& topology) {
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {
     const PI::CObject* const array = topology.ArrayOf(*disk);
-    rows.push_back({NameOf(*disk), context.Colored(TextOf(*disk, PI::PROP_STATUS)),
+    rows.push_back({NameOf(*disk), StateCell(context, *disk, PI::PROP_STATUS),
                     SizeText(NumberOf(*disk, PI::PROP_CAPACITY)), TextOf(*disk, PI::PROP_VENDOR),
                     TextOf(*disk, PI::PROP_MODEL), TextOf(*disk, PI::PROP_MEDIUM),
                     TextOf(*disk, PI::PROP_ATTACHMENT), array == nullptr ? "-" : NameOf(*array)});
   }
-  return rows.empty()
-             ? WhyNoDisk(context)
-             : Table({"DISK", "STATUS", "SIZE", "VENDOR", "MODEL", "MEDIUM", "ATTACHED", "ARRAY"}, rows);
+  return rows.empty() ? WhyNoDisk(context)
+                      : Table({"DISK", "STATUS", "SIZE", "VENDOR", "MODEL", "MEDIUM", "ATTACHED", "ARRAY"},
+                              rows, context.Terminal().Width());
 }
 
 std::string ArrayTable(const CContext& context, const CTopology& topology) {
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
-    rows.push_back({NameOf(*array), context.Colored(TextOf(*array, PI::PROP_STATUS)),
+    rows.push_back({NameOf(*array), StateCell(context, *array, PI::PROP_STATUS),
                     TextOf(*array, PI::PROP_RAID_LEVEL), SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY)),
-                    context.Colored(ActivityText(*array)), topology.Names(array->m_Children)});
+                    StateCell(context, *array, PI::PROP_ACTIVITY), topology.Names(array->m_Children)});
   return rows.empty() ? "There is no array.\n"
-                      : Table({"ARRAY", "STATUS", "LEVEL", "SIZE", "ACTIVITY", "DISKS"}, rows);
+                      : Table({"ARRAY", "STATUS", "LEVEL", "SIZE", "ACTIVITY", "DISKS"}, rows,
+                              context.Terminal().Width());
 }
 
-std::string ObjectText(const CTopology& topology, const PI::CObject& object) {
-  std::vector<std::pair<std::string, std::string>> pairs = {{"Identifier", HexadecimalID(object.m_ID)}};
+std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
+                       const std::string& indent) {
+  Rows pairs = {{indent + "Identifier", HexadecimalID(object.m_ID)}};
   for (const PI::CProperty& property : object.m_Properties) {
     if (property.m_AttributeWord == 0) continue;
     std::string text = TextOf(property);
     if (property.m_UnitTextID == PI::UNIT_MIB)
       if (const auto number = NumberOf(object, property.m_ID); number && *number >= 1024)
         text += " (" + SizeText(number) + ")";
-    pairs.emplace_back(LabelOf(property), text);
+    pairs.push_back({indent + LabelOf(property), text});
   }
-  if (object.m_Busy) pairs.emplace_back("Busy", "a change is being carried out");
-  const bool isArray = object.m_Kind == PI::OBJ_LOGICAL_DRIVE;
-  return Pairs(pairs) + (isArray ? "Disks: " + topology.Names(object.m_Children) + "\n" : "");
+  if (object.m_Busy) pairs.push_back({indent + "Busy", "a change is being carried out"});
+  std::string text = Table({}, pairs, context.Terminal().Width());
+  if (object.m_Kind != PI::OBJ_LOGICAL_DRIVE) return text;
+  return text + indent + "Disks: " + topology.Names(object.m_Children) + "\n";
 }
 
 std::string StatusText(const CContext& context, const CTopology& topology) {
   return TextOf(topology.Adapter(), PI::PROP_NAME) + ": " +
-         context.Colored(TextOf(topology.Adapter(), PI::PROP_STATUS)) + ", " +
+         Colored(StateCell(context, topology.Adapter(), PI::PROP_STATUS)) + ", " +
          std::to_string(topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).size()) + " disks, " +
          std::to_string(topology.OfKind(PI::OBJ_LOGICAL_DRIVE).size()) + " arrays\n\n" +
          ArrayTable(context, topology) + "\n" + DiskTable(context, topology);

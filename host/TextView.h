@@ -14,7 +14,8 @@ std::string ArrayTable(const CContext& context, const CTopology& topology);
 /// Adapter, arrays and disks at a glance.
 std::string StatusText(const CContext& context, const CTopology& topology);
 /// The properties of an object that are meant to be shown, and an array's disks, a line each.
-std::string ObjectText(const CTopology& topology, const PI::CObject& object);
+std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
+                       const std::string& indent);
 /// An event of EventJson.
 std::string EventLine(const Json& event);
 

@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 #include <boost/filesystem/path.hpp>
 #include <chrono>

@@ -1,5 +1,4 @@
 #pragma once
-/// @file
 
 #include <sys/types.h>
 

@@ -64,7 +64,7 @@ TEST(Refusal, OfCommandLinesObjectsAndStates) {
       {"plain",
        "array create --level raid0 --stripe 5 sda sdb",
        2,
-       {"--stripe: 5 is none of 4, 8, 16, 32, 64, 128;"}},
+       {": 5 is none of 4, 8, 16, 32, 64, 128;"}},
       {"plain", "array delete", 2, {"say which array"}},
       {"plain", "array delete md_d0 --all", 2, {"say which array"}},
       {"plain", "prop set plugin poll-interval 1", 2, {"between 2 and 255"}},

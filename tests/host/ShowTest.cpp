@@ -80,16 +80,22 @@ TEST(Show, ObjectsAreFoundByAllTheirNames) {
 }
 
 TEST(Show, ColoursAreForTerminalsThatWantThem) {
-  const std::tuple<const char*, const char*, bool, bool> cases[] = {{"--trace=0", "NO_COLOR=", true, true},
-                                                                    {"--trace=0", "NO_COLOR=1", true, false},
-                                                                    {"--no-color", "NO_COLOR=", true, false},
-                                                                    {"--json", "NO_COLOR=", true, false},
-                                                                    {"--trace=0", "NO_COLOR=", false, false}};
+  const std::tuple<const char*, const char*, bool, bool> cases[] = {
+      {"--trace=0", "NO_COLOR=", true, true},   {"--trace=0", "ZQ_CATALOG_DIR=/nowhere", true, true},
+      {"--trace=0", "NO_COLOR=1", true, false}, {"--no-color", "NO_COLOR=", true, false},
+      {"--json", "NO_COLOR=", true, false},     {"--trace=0", "NO_COLOR=", false, false}};
   for (const auto& [option, variable, terminal, colored] : cases) {
     CProgram program(RvxctlWords({Simulate("arrays"), option, "status"}, {variable}), terminal);
     EXPECT_EQ(program.Wait(), 0);
     EXPECT_EQ(program.Out().find('\033') != std::string::npos, colored) << option << " " << program.Out();
   }
+}
+
+TEST(Show, ANarrowTerminalGetsWholeWordsBelowEachOther) {
+  const std::string words =
+      "stty cols 100; " + RvxctlWords({}).back() + " " + Simulate("arrays") + " operations sda";
+  EXPECT_THAT(ResultOf({"script", "-qec", words, "/dev/null"}).m_Out,
+              HasSubstr("The object\r\n" + std::string(52, ' ') + "does not offer"));
 }
 
 TEST(Show, OutputThatCannotBeWrittenIsAnError) {
