@@ -100,6 +100,7 @@ constexpr Row PROPERTIES[] = {
 
 unsigned int IPLUGINAPI_IMPL::GetAdapterProperties(CRVXAdapter& adapter, std::vector<PI::CProperty>& out,
                                                    PI::_PROPERTY_ID which) {
+  // The name that this function had first (oddity 14).
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER AdapterGetProperties");
   out.clear();
   AppendProperties(PROPERTIES, SAdapterView{adapter, m_PhysicalDrives.size(), m_LogicalDrives.size()}, which,

@@ -84,7 +84,8 @@ const char* Refusal(const PI::CLogicalDrive& request, const SRaidLevel* level) {
   if (request.m_Containers.size() > 1) return "wrong number of containers specified";
   const std::size_t drives = request.m_Containers.front().m_Drives.size();
   const bool creatable = level != nullptr && level->m_MostDisks != 0;
-  if (creatable && level->m_MostDisks == 2 && drives != 2) return "excactly 2 drives have to be specified";
+  if (creatable && level->m_MostDisks == MIN_DISKS && drives != MIN_DISKS)
+    return "excactly 2 drives have to be specified";
   if (!creatable) return "unsupported RAID level";
   return drives < MIN_DISKS ? "at least 2 drive has to be specified" : nullptr;
 }

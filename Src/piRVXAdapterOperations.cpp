@@ -29,7 +29,7 @@ unsigned int ConfirmationOf(unsigned int reason) {
 
 }  // namespace
 
-/// Code, category, the framework's attribute words, confirmation; check; execution.
+/// Code, category, the framework's attribute words, confirmation or label; check; execution.
 constexpr SOperationRow<CRVXAdapter> IPLUGINAPI_IMPL::ADAPTER_OPERATIONS[] = {
     {{PI::OP_RESCAN_ADAPTER, 1, 2, 1, 1, 0, NONE, 1, 1},
      nullptr,
@@ -108,6 +108,7 @@ unsigned int IPLUGINAPI_IMPL::ExecuteAdapterOperation(CRVXAdapter& adapter, PI::
   return status;
 }
 
+// The framework's names for what the rooms do.
 int IPLUGINAPI_IMPL::GetUnusedArrayName(char* buffer) { return NameNewArray(*this, buffer); }
 
 unsigned int IPLUGINAPI_IMPL::CreateLogicalDrive(CRVXAdapter&, PI::CLogicalDrive& request) {
@@ -176,7 +177,7 @@ unsigned int IPLUGINAPI_IMPL::GetRaidLevelInformation(CRVXAdapter&, PI::COperati
     if (level.m_MostDisks == 0) continue;
     PI::CLevel& record = operation.m_Levels.emplace_back();
     record.m_Level = level.m_Choice;
-    record.m_MinimumDrives = 2;
+    record.m_MinimumDrives = MIN_DISKS;
     record.m_MaximumDrives = level.m_MostDisks;
     for (std::size_t size = 0; size < level.m_StripeSizes; ++size)
       record.m_StripeSizes.push_back(STRIPE_SIZES[size].m_Choice);

@@ -26,8 +26,8 @@ struct SRaidLevel {
   int m_MdLevel;
   bool m_Redundant;
   bool m_Striped;  ///< its arrays show a stripe size
-  /// Of the arrays that the plug-in makes of it; with no most disks it makes none. The sizes are the first so
-  /// many of STRIPE_SIZES.
+  /// Of the arrays that the plug-in makes of it; with 0 disks it makes none. They may have the first
+  /// m_StripeSizes of STRIPE_SIZES.
   unsigned int m_MostDisks{0};
   std::size_t m_StripeSizes{0};
   std::uint32_t m_DefaultStripe{0};

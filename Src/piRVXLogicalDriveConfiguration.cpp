@@ -34,6 +34,7 @@ unsigned int ReadConfiguration(OS::COperatingSystem& os, CRVXLogicalDrive& array
   array.m_StripeSize = StripeOf(info->level);
 
   PI::CContainer container;
+  // As in the scan (oddity 5).
   const int bound = static_cast<int>(std::min<std::size_t>(drives.size(), Md::MAX_MEMBERS));
   for (const Md::TDisk disk : device.Disks(bound)) {
     if (!disk) continue;

@@ -22,7 +22,7 @@ unsigned int PutFound(std::optional<int> found, int& diskID) {
 
 }  // namespace
 
-/// Code, category, the framework's attribute words, confirmation; check; execution.
+/// Code, category, the framework's attribute words, confirmation or label; check; execution.
 constexpr SOperationRow<CRVXLogicalDrive> IPLUGINAPI_IMPL::ARRAY_OPERATIONS[] = {
     {{PI::OP_START_REBUILD, 1, 2, 2, 2, 0, NONE, 1, 1},
      [](IPLUGINAPI_IMPL&, CRVXLogicalDrive& array, PI::COperation& operation) -> unsigned int {

@@ -11,7 +11,7 @@ namespace NAMESPACE_piRVX {
 unsigned int StartRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& array);
 unsigned int CancelRebuild(OS::COperatingSystem& os, const CRVXLogicalDrive& array);
 
-/// A member that is wanted of an array's.
+/// Whether a member is the one looked for.
 using TWantedMember = bool(const mdu_disk_info_s& disk, const mdu_array_info_s& info);
 /// The first such member of the first array of this number: (major << 8) | minor; none when there is none.
 /// `function` names the caller in traces.

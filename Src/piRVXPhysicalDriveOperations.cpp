@@ -15,7 +15,7 @@ constexpr char TRACE_SOURCE[] = "Src/piRVXPhysicalDrive";
 bool IsFree(const CRVXPhysicalDrive& drive) { return drive.m_SpareState == PI::SPARE_STATE_FREE; }
 bool IsMember(const CRVXPhysicalDrive& drive) { return drive.m_IsMemberOf >= 0; }
 
-unsigned int CheckCreation(const CRVXPhysicalDrive& drive, bool noArrays) {
+unsigned int CheckSpareCreation(const CRVXPhysicalDrive& drive, bool noArrays) {
   if (noArrays) {
     RVX_TRACE(TRACE_LIFECYCLE, "CheckPhysicalDriveOperation() no logical drive found");
     return PI::ERR_NOT_AVAILABLE;
@@ -28,7 +28,7 @@ unsigned int CheckCreation(const CRVXPhysicalDrive& drive, bool noArrays) {
   return PI::ERR_OPERATION_NOT_SUPPORTED;
 }
 
-unsigned int CheckDeletion(IPLUGINAPI_IMPL&, CRVXPhysicalDrive& drive, PI::COperation&) {
+unsigned int CheckSpareDeletion(IPLUGINAPI_IMPL&, CRVXPhysicalDrive& drive, PI::COperation&) {
   RVX_TRACE(TRACE_INFORMATION, "CheckPhysicalDriveOperation() check for hot spare deletion(%d, %d, %d)",
             drive.m_SpareState, drive.m_Status, drive.m_IsMemberOf);
   if (!IsFree(drive) && IsMember(drive) &&
@@ -41,11 +41,11 @@ unsigned int CheckDeletion(IPLUGINAPI_IMPL&, CRVXPhysicalDrive& drive, PI::COper
 
 }  // namespace
 
-/// Code, category, the framework's attribute words, label; check; execution.
+/// Code, category, the framework's attribute words, confirmation or label; check; execution.
 constexpr SOperationRow<CRVXPhysicalDrive> IPLUGINAPI_IMPL::DRIVE_OPERATIONS[] = {
     {{PI::OP_CREATE_DEDICATED_HOTSPARE, 2, 2, 1, 1, 0, 2, 2, 22026},
      [](IPLUGINAPI_IMPL& plugin, CRVXPhysicalDrive& drive, PI::COperation&)
-         ZQ_REQUIRES(plugin.m_DataLock) { return CheckCreation(drive, plugin.m_LogicalDrives.empty()); },
+         ZQ_REQUIRES(plugin.m_DataLock) { return CheckSpareCreation(drive, plugin.m_LogicalDrives.empty()); },
      [](IPLUGINAPI_IMPL& plugin, CRVXPhysicalDrive& drive, PI::COperation& operation)
          ZQ_REQUIRES(plugin.m_DataLock) -> unsigned int {
            if (operation.m_Parameters.size() != 1) return PI::ERR_INVALID_CONFIGURATION;
@@ -55,7 +55,7 @@ constexpr SOperationRow<CRVXPhysicalDrive> IPLUGINAPI_IMPL::DRIVE_OPERATIONS[] =
            return plugin.CreateDedicatedHotSpare(drive, static_cast<int>(arrayNumber));
          }},
     {{PI::OP_DELETE_DEDICATED_HOTSPARE, 2, 2, 1, 1, 0, 2, 2, 22032},
-     CheckDeletion,
+     CheckSpareDeletion,
      [](IPLUGINAPI_IMPL& plugin, CRVXPhysicalDrive& drive, PI::COperation&)
          ZQ_REQUIRES(plugin.m_DataLock) { return plugin.DeleteDedicatedHotSpare(drive); }},
     {{PI::OP_REPLACE_MISSING_DRIVE, 2, 2, 1, 1, 0, 1, 2, 22058},

@@ -154,7 +154,6 @@ unsigned int IPLUGINAPI_IMPL::ScanSystem(CRVXAdapter& adapter, std::vector<CRVXP
   physicalDrives.clear();
   logicalDrives.clear();
   SScanned found = Scan(*this, m_StopRequest, adapter, newIDs);
-  adapter = std::move(found.m_Adapter);
   physicalDrives.swap(found.m_PhysicalDrives);
   logicalDrives.swap(found.m_LogicalDrives);
   RVX_TRACE(TRACE_THREADS, "LEAVE ScanSystem() -> %d", found.m_Status);

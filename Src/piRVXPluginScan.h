@@ -8,8 +8,8 @@
 namespace NAMESPACE_piRVX {
 
 struct SScanned {
-  unsigned int m_Status{PI::OK};  ///< PI::ERR_SCAN_FAILED, PI::ERR_OUT_OF_MEMORY: what follows is not whole
-  CRVXAdapter m_Adapter{};
+  CRVXAdapter& m_Adapter;         ///< the caller's
+  unsigned int m_Status{PI::OK};  ///< PI::ERR_SCAN_FAILED, PI::ERR_OUT_OF_MEMORY: the lists are not whole
   std::vector<CRVXPhysicalDrive> m_PhysicalDrives{};
   std::vector<CRVXLogicalDrive> m_LogicalDrives{};
 };
@@ -17,15 +17,16 @@ struct SScanned {
 /// Looks at the machine. What the model knows gives identifiers, and the history that events follow from:
 /// they are queued at once. With `newIDs` everything gets a fresh identifier; configuration documents are
 /// made too.
-/// @param adapter what the scan begins with: it adds the identifiers of new objects
+/// @param adapter filled in place, and the identifiers of new objects added. In the first scan it is the
+/// model's own: events name it as their source
 /// @param stop ends the scan at the next disk or array: it has failed then
-SScanned Scan(CModel& model, KVT::Threading::CEvent& stop, const CRVXAdapter& adapter, bool newIDs)
+SScanned Scan(CModel& model, KVT::Threading::CEvent& stop, CRVXAdapter& adapter, bool newIDs)
     ZQ_REQUIRES(model.m_DataLock);
 
 /// Key by which front ends know a drive or array across reboots of the server.
 std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor);
 
-/// One run of the scan. The model's lock is held for all of its life.
+/// One run of the scan, for its two files. The model's lock is held for all of its life.
 class CScan {
  public:
   CScan(CModel& model, KVT::Threading::CEvent& stop, SScanned& found, bool newIDs)

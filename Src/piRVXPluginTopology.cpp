@@ -42,7 +42,7 @@ constexpr SPropertyRow<SPluginView> PROPERTIES[] = {
 
 }  // namespace
 
-/// Code, category, the framework's attribute words, label; check; execution. No check: the
+/// Code, category, the framework's attribute words, confirmation or label; check; execution. No check: the
 /// execution refuses what is not offered (oddity 16).
 constexpr SOperationRow<CRVXPlugin> IPLUGINAPI_IMPL::PLUGIN_OPERATIONS[] = {
     {{PI::OP_GET_EVENTS, 6, 1, 1, 1, 1, 0, 1, 0},

@@ -237,22 +237,35 @@ void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE EventPoll()");
 }
 
+namespace {
+
+/// Tells before it closes, also when its thread is cancelled.
+class CPolledFile : public OS::CDescriptor {
+ public:
+  using CDescriptor::CDescriptor;
+  ~CPolledFile() {
+    if (IsOpen()) RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", Get());
+  }
+};
+
+}  // namespace
+
 bool IPLUGINAPI_IMPL::EventPollRound() {
   if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
-  // Opened afresh each round: the kernel reports changes since the opening. A cancelled thread closes it too.
-  OS::CDescriptor mdstat(m_OS, "/proc/mdstat", O_RDONLY);
-  if (!mdstat.IsOpen()) {
-    RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
-    m_OS.Sleep(MDSTAT_WAIT);
-    return true;
+  int result = 0;
+  {
+    // Opened afresh each round: the kernel reports changes since the opening.
+    const CPolledFile mdstat(m_OS, "/proc/mdstat", O_RDONLY);
+    if (!mdstat.IsOpen()) {
+      RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
+      m_OS.Sleep(MDSTAT_WAIT);
+      return true;
+    }
+    RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", mdstat.Get());
+    result = m_OS.WaitExceptional(mdstat.Get(), MDSTAT_WAIT);
+    RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
+    if (result < 0) throw KVT::CSystemException(errno, "select");
   }
-  RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", mdstat.Get());
-  const int result = m_OS.WaitExceptional(mdstat.Get(), MDSTAT_WAIT);
-  const int error = errno;  // before the closing touches it
-  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
-  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", mdstat.Get());
-  mdstat.Close();
-  if (result < 0) throw KVT::CSystemException(error, "select");
   if (result > 0) m_ForceWorker.Set();
   return true;
 }

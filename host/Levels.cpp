@@ -32,7 +32,8 @@ unsigned int ChoiceOf(const char* option, const std::vector<unsigned int>& offer
     if (WordOf(choice) == word) return choice;
     known += (known.empty() ? "" : ", ") + WordOf(choice);
   }
-  throw CError(EXIT_USAGE, std::string(option) + ": " + word + " is none of " + known +
+  throw CError(EXIT_USAGE, std::string(option) + ": " + word + " is none of " +
+                               (known.empty() ? "nothing" : known) +
                                "; 'rvxctl levels' tells what can be made");
 }
 

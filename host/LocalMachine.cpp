@@ -58,7 +58,7 @@ class CThisMachine : public CLocalMachine {
  public:
   std::string SerialOf(const std::string& device) const override {
     struct stat node {};
-    if (::stat(device.c_str(), &node) != 0) return {};
+    if (::stat(device.c_str(), &node) != 0 || !S_ISBLK(node.st_mode)) return {};
     const CDevice found(udev_device_new_from_devnum(m_Udev.get(), 'b', node.st_rdev));
     return found ? Text(udev_device_get_property_value(found.get(), "ID_SERIAL_SHORT")) : std::string();
   }

@@ -18,7 +18,7 @@ struct SDiskPlan {
   std::optional<unsigned long> m_Bytes;
   std::string m_Model;
   std::string m_Serial;                 ///< empty when udev knows none
-  std::vector<std::string> m_Contents;  ///< such as "ext4 file system", "partition sdb1", "mounted at /srv"
+  std::vector<std::string> m_Contents;  ///< such as "ext4 signature", "partition sdb1, mounted at /srv"
 };
 
 /// Looks at a disk, or at an array that is to be deleted.

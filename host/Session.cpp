@@ -27,7 +27,8 @@ using MachineFunction = const char*(const char* file);
 
 /// A folder for the settings of a simulated machine, which are not those of this machine. The simulated build
 /// would make one by itself, for all of its run: this one is there for the one setting, so that a run that is
-/// killed leaves nothing behind. Its owner alone can enter it. It goes with what is in it, and no signal ends the program before.
+/// killed leaves nothing behind. Its owner alone can enter it. It goes with what is in it, and no signal ends
+/// the program before.
 class CSettingsFolder {
  public:
   static void HaveNone() { ::setenv(CONFIG_VARIABLE, "/dev/null", 1); }

@@ -33,6 +33,10 @@ class CUtf8 {
 
 using CTable = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
 
+void Require(int error) {
+  if (error != 0) throw std::bad_alloc();
+}
+
 CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::size_t width) {
   CTable table(scols_new_table(), &scols_unref_table);
   if (!table) throw std::bad_alloc();
@@ -41,16 +45,18 @@ CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::si
   scols_table_enable_noheadings(table.get(), heading.empty() ? 1 : 0);
   scols_table_set_termforce(table.get(), width == 0 ? SCOLS_TERMFORCE_NEVER : SCOLS_TERMFORCE_ALWAYS);
   scols_table_set_termwidth(table.get(), width);
-  const std::size_t columns = rows.empty() ? heading.size() : rows.front().size();
+  const std::size_t columns = rows.empty() ? 0 : rows.front().size();
   for (std::size_t column = 0; column < columns; ++column)
-    scols_table_new_column(table.get(), heading.empty() ? "" : heading[column].c_str(), 0,
-                           column + 1 == columns ? SCOLS_FL_WRAP : 0);
+    if (scols_table_new_column(table.get(), heading.empty() ? "" : heading[column].c_str(), 0,
+                               column + 1 == columns ? SCOLS_FL_WRAP : 0) == nullptr)
+      throw std::bad_alloc();
   for (const auto& row : rows) {
     libscols_line* const line = scols_table_new_line(table.get(), nullptr);
+    if (line == nullptr) throw std::bad_alloc();
     for (std::size_t column = 0; column < row.size(); ++column) {
-      scols_line_set_data(line, column, row[column].m_Text.c_str());
+      Require(scols_line_set_data(line, column, row[column].m_Text.c_str()));
       if (*row[column].m_Color != '\0')
-        scols_cell_set_color(scols_line_get_cell(line, column), row[column].m_Color);
+        Require(scols_cell_set_color(scols_line_get_cell(line, column), row[column].m_Color));
     }
   }
   return table;
@@ -59,7 +65,7 @@ CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::si
 /// Its lines, without the blanks that fill the last columns.
 std::string Printed(const CTable& table) {
   char* printed = nullptr;
-  scols_print_table_to_string(table.get(), &printed);
+  Require(scols_print_table_to_string(table.get(), &printed));
   const std::unique_ptr<char, decltype(&std::free)> owner(printed, &std::free);
   std::istringstream lines(printed == nullptr ? "" : printed);
   std::string text;
@@ -90,8 +96,8 @@ void WrapWords(const CTable& table, const Rows& rows, libscols_column* column) {
   scols_column_set_wrapfunc(column, scols_wrapnl_chunksize, scols_wrapnl_nextchunk, nullptr);
   for (std::size_t row = 0; row < rows.size(); ++row)
     if (rows[row][last].m_Text.size() > room)
-      scols_line_set_data(scols_table_get_line(table.get(), row), last,
-                          Wrapped(rows[row][last].m_Text, room).c_str());
+      Require(scols_line_set_data(scols_table_get_line(table.get(), row), last,
+                                  Wrapped(rows[row][last].m_Text, room).c_str()));
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ void CTerminal::Print(const std::string& text) {
 }
 
 std::size_t CTerminal::Width() const {
-  winsize size{};
+  winsize size{};  // libsmartcols would ask descriptor 1, which is the plug-in's
   return m_File != nullptr && ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 

@@ -45,7 +45,7 @@ _rvxctl() {
     esac
     case ${COMP_WORDS[COMP_CWORD - 1]} in
         --level) offered=$(rvxctl --simulate levels 2>/dev/null | awk 'NR > 1 { print $NF }') everywhere='' ;;
-        --stripe) offered='4 8 16 32 64 128' everywhere='' ;;
+        --stripe) offered=$(rvxctl --simulate levels 2>/dev/null | sed 's/ KiB/\n/g' | grep -oE '[0-9]+$' | sort -nu) everywhere='' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$offered $everywhere" -- "$current")
 }

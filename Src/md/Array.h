@@ -5,6 +5,8 @@
 #include <linux/ioctl.h>
 #include <linux/major.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "Src/md/Members.h"
@@ -49,7 +51,7 @@ class CArray {
 
 class CArray::CDisks {
  public:
-  CDisks(const CArray& array, int bound) : m_Array(array), m_Bound(bound) {}
+  CDisks(const CArray& array, int bound) : m_Array(array), m_Bound(std::max(bound, 0)) {}
 
   struct SIterator {
     const CArray* m_Array;

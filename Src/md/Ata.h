@@ -3,7 +3,6 @@
 /// What ATA disks tell of themselves.
 
 #include <array>
-#include <cstddef>
 #include <optional>
 #include <string>
 

@@ -28,7 +28,7 @@ using TDisk = std::optional<mdu_disk_info_s>;
 inline bool HasDevice(const mdu_disk_info_s& disk) { return disk.major != 0 || disk.minor != 0; }
 inline bool IsFaulty(const mdu_disk_info_s& disk) { return (disk.state & DISK_FAULTY) != 0; }
 inline bool IsRemoved(const mdu_disk_info_s& disk) { return (disk.state & DISK_REMOVED) != 0; }
-/// A faulty one may be among them.
+/// A faulty one or a spare may be among them: who asks looks at the slot.
 inline bool IsBeingRebuilt(const mdu_disk_info_s& disk) {
   return (disk.state & (DISK_ACTIVE | DISK_SYNC | DISK_REMOVED)) == 0;
 }

@@ -1,6 +1,6 @@
 #pragma once
 /// @file
-/// Understanding of the texts that Linux hands out. Free functions without state or input and output.
+/// Understanding of the texts that Linux hands out: /proc, sysfs, udev. Nothing here reads a file.
 
 #include <cstddef>
 #include <cstdint>

@@ -32,8 +32,9 @@ struct STemporaryFile {
   }
 };
 
-/// Puts a new file in the place of the old one, which stays whole whatever fails (errno tells why). The new
-/// one has the old one's owner and permissions; `mode` is for where there was none.
+/// Puts a new file in the place of the old one, which stays whole whatever fails (errno tells why). Where
+/// only the folder could not be synced, the new one is there, but a power cut may bring the old one back. The
+/// new one has the old one's owner and permissions; `mode` is for where there was none.
 inline bool ReplaceFile(const std::string& path, const std::string& text, mode_t mode) {
   struct stat before {};
   const bool existed = stat(path.c_str(), &before) == 0;

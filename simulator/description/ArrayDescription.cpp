@@ -8,6 +8,7 @@
 #include <boost/format.hpp>
 #include <climits>
 #include <cstdio>
+#include <set>
 
 #include "simulator/description/DiskDescription.h"
 #include "simulator/machine/MdSync.h"
@@ -38,11 +39,12 @@ std::string MetadataText(const SArray& array) {
   return str(boost::format("%d.%d") % array.m_MajorVersion % array.m_MinorVersion);
 }
 
-// A program may have chosen a version that md then runs no array with.
+/// A program may have chosen a version that md then runs no array with.
 void ReadMetadata(SMachine&, SArray& array, const TJson& json) {
   const auto text = json.get<std::string>();
   const int read = std::sscanf(text.c_str(), "%1d.%9d", &array.m_MajorVersion, &array.m_MinorVersion);
-  if (read != 2 || MetadataText(array) != text)
+  const std::set<std::string> known{"0.90", "1.0", "1.1", "1.2"};
+  if (read != 2 || MetadataText(array) != text || (array.m_Running && !known.contains(text)))
     Fail(json, "is no version such as \"0.90\", \"1.0\" or \"1.2\"");
 }
 
@@ -103,7 +105,7 @@ void FindDevice(SMachine& machine, const SArray& array, SMember& member, const T
   if (!CanClaim(machine, *block)) Fail(json, member.m_Name + " is in use");
   member.m_Device = block->m_Device;
   member.m_Instance = block->Instance();
-  if (member.m_Sectors != 0) return;
+  if (json.is_object() && json.contains("sectors")) return;
   const std::uint64_t sector = SuperblockSector(block->m_Size);
   member.m_Sectors = sector < RESERVED_SECTORS ? 0 : sector - RESERVED_SECTORS;
   if (array.m_ChunkSectors != 0) member.m_Sectors -= member.m_Sectors % array.m_ChunkSectors;

@@ -81,8 +81,9 @@ void Mount(SMachine& machine, const TJson& json) {
 void ChangeMember(SMachine& machine, const TJson& json, int (*change)(SMachine&, SArray&, dev_t)) {
   const auto [of, disk] = Both(json, "array", "disk");
   SArray& array = TheArray(machine, of, of);
+  const std::string name = NonEmptyText(disk);
   for (const SMember& member : array.m_Members)
-    if (disk == member.m_Name) return RequireDone(json, change(machine, array, member.m_Device));
+    if (member.m_Name == name) return RequireDone(json, change(machine, array, member.m_Device));
   Fail(disk, "is no member of " + array.m_Name);
 }
 

@@ -16,7 +16,7 @@ namespace Simulation {
 
 using TJson = nlohmann::ordered_json;
 
-/// The value of JSON text. Throws CMachineError that names the line.
+/// The value of JSON text. Throws CMachineError, which names the line of a syntax error.
 TJson ParseJson(const std::string& text);
 /// Says what is wrong with a value, and where it stands, as a JSON pointer; to be called below Reading().
 [[noreturn]] void Fail(const TJson& value, const std::string& what);

@@ -173,8 +173,10 @@ struct Golden : public testing::Test, public SRig {
 TEST_F(Golden, WhatFrontEndsSee) {
   gSmartData.clear();  // the cache outlives instances
   TellObjects();
-  for (const PI::CEvent& event : m_Plugin.TakeEvents())
+  for (const PI::CEvent& event : m_Plugin.TakeEvents()) {
     Tell("first scan", Text("event %d about %s", event.m_Code, m_Names.at(event.m_ObjectID)));
+    EXPECT_EQ(event.m_SourceID, m_Plugin.m_Adapter.m_ID);
+  }
   CTestInstance fresh(m_Machine);
   PI::CObject nobody;
   nobody.m_ID = 4711;
