@@ -19,8 +19,8 @@ namespace OS {
 
 /// Everything that the plug-in asks of the machine, in Linux's own terms. Where nothing else is said, -1
 /// means failure with the reason in errno, and 0 success. A call that a signal interrupts is repeated: EINTR
-/// is never seen. All operations may be called from several threads at once; a descriptor and its position are
-/// shared by those that use it. Cancellation points are Open, Read, Write, Sync, WaitExceptional,
+/// is never seen. All operations may be called from several threads at once; a descriptor and its position
+/// are shared by those that use it. Cancellation points are Open, Read, Write, Sync, WaitExceptional,
 /// ExecuteCommand and Sleep. The others are none: a thread that waits in Ioctl for a dead disk is not
 /// cancelled before Ioctl has come back.
 class COperatingSystem {
