@@ -9,8 +9,6 @@
 #include "Src/md/ProcTexts.h"
 #include "tests/fuzz/Fuzz.h"
 
-using namespace NAMESPACE_piRVX;
-
 namespace {
 
 /// In memory, where syncing costs nothing.

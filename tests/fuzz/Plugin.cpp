@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "KVT/Trace.h"
+#include "Src/md/Array.h"
 #include "Src/piRVXPhysicalDriveSmart.h"
 #include "Src/piRVXPlugin.h"
 #include "Src/piRVXTrace.h"
