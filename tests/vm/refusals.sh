@@ -33,6 +33,9 @@ expect_eq "no disk changed" "$before" "$(fingerprint "${disk[@]}")"
 mdadm --stop /dev/md8 /dev/md9 2>/dev/null
 mdadm --zero-superblock "/dev/$a0" "/dev/$a1" "/dev/$s0" "/dev/$s1"
 
+plan=$(rvx --json array create --level raid1 --dry-run "$a0" "$s1")
+expect_eq "a disk's serial number is told before it is written to" AHCI-0 "$(jq -r '.data.disks[0].serial' <<<"$plan")"
+
 # Current kernels ask how RAID 0 of unequal disks is laid out, and stop half-way when nobody said.
 refuse "RAID 0 with three disks, one of them smaller" array create --level raid0 --yes "$a0" "$s0" "$a1"
 expect_match "the answer names the half-built array" 'mdadm --stop /dev/md_d0' "$(cat /tmp/said)"
