@@ -1,14 +1,25 @@
 #include "KVT/Language.h"
 
-#include <re2/re2.h>
 #include <strings.h>
 
+#include <algorithm>
+#include <boost/locale/utf.hpp>
+#include <charconv>
 #include <fstream>
 
 #include "libraries/common/Environment.h"
 
 namespace KVT::Language_Support {
 namespace {
+
+constexpr char BLANKS[] = " \t\f\v\r";
+
+bool IsUtf8(const std::string& text) {
+  using boost::locale::utf::utf_traits;
+  for (auto at = text.begin(); at != text.end();)
+    if (!boost::locale::utf::is_valid_codepoint(utf_traits<char>::decode(at, text.end()))) return false;
+  return true;
+}
 
 /// The catalogue of a language, else the one without a language.
 std::ifstream OpenCatalogue(const std::string& file, std::uint16_t language) {
@@ -43,17 +54,19 @@ bool CLanguageSupport::CLngFile::Load() {
   if (strcasecmp(m_Encoding.c_str(), "utf-8") != 0) return false;
   std::ifstream stream = OpenCatalogue(m_FileName, m_Language);
   if (!stream) return false;
-  // A dot of RE2 is one whole UTF-8 character: a line with broken ones does not match.
-  static const RE2 MESSAGE(R"(\s*(\d+)\s*=[ \t]*(.*?)\r?)");
-  static const RE2 PASSED_OVER(R"(\s*(;.*)?)");
   m_Texts.clear();
   m_RejectedLines = 0;
-  std::string text;
-  unsigned int number = 0;
   for (std::string line; std::getline(stream, line);) {
-    if (RE2::FullMatch(line, MESSAGE, &number, &text))
-      m_Texts[number] = Unescape(text);
-    else if (!RE2::FullMatch(line, PASSED_OVER))
+    if (line.ends_with('\r')) line.pop_back();
+    const std::size_t begin = line.find_first_not_of(BLANKS);
+    if (begin == std::string::npos || line[begin] == ';') continue;
+    unsigned int number = 0;
+    const char* const end = line.data() + line.size();
+    const auto read = std::from_chars(line.data() + begin, end, number);
+    const std::size_t sign = line.find_first_not_of(BLANKS, static_cast<std::size_t>(read.ptr - line.data()));
+    if (read.ec == std::errc() && sign != std::string::npos && line[sign] == '=' && IsUtf8(line))
+      m_Texts[number] = Unescape(line.substr(std::min(line.find_first_not_of(" \t", sign + 1), line.size())));
+    else
       ++m_RejectedLines;
   }
   return true;

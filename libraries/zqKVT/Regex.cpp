@@ -1,7 +1,8 @@
 #include "KVT/Regex.h"
 
-#include <re2/re2.h>
+#include <regex.h>
 
+#include <clocale>
 #include <stdexcept>
 
 namespace KVT {
@@ -9,10 +10,10 @@ namespace {
 
 /// Length of a class name such as "[:digit:]" at the beginning of `text`; 0 when there is none.
 std::size_t ClassLength(std::string_view text) {
-  static const RE2 CLASS(R"((\[:\^?[a-z]+:\]))");
-  re2::StringPiece found;
-  const re2::StringPiece input(text.data(), text.size());
-  return CLASS.Match(input, 0, input.size(), RE2::ANCHOR_START, &found, 1) ? found.size() : 0;
+  constexpr std::string_view LETTERS = "abcdefghijklmnopqrstuvwxyz";
+  if (!text.starts_with("[:")) return 0;
+  const std::size_t end = text.find_first_not_of(LETTERS, 2);
+  return end != std::string_view::npos && text.substr(end).starts_with(":]") ? end + 2 : 0;
 }
 
 /// Length of a bracket list such as "[]a-f[:digit:]]" at the beginning of `text`; of all of it when the list
@@ -22,7 +23,7 @@ std::size_t ListLength(std::string_view text) {
   if (at < text.size() && text[at] == ']') ++at;  // as the first character it is an ordinary one
   while (at < text.size() && text[at] != ']') {
     const std::size_t length = ClassLength(text.substr(at));
-    at += length != 0 ? length : text[at] == '\\' ? 2 : 1;
+    at += length != 0 ? length : 1;
   }
   return std::min(at + 1, text.size());
 }
@@ -43,35 +44,61 @@ std::string Translate(std::string_view pattern) {
   return result;
 }
 
-RE2::Options ExtendedSyntax() {
-  RE2::Options options;
-  options.set_posix_syntax(true);
-  options.set_one_line(true);  // ^ and $ are the ends of the text, not of its lines
-  options.set_log_errors(false);
-  return options;
-}
+/// Ranges and classes are those of ASCII for as long as it lives, whatever locale the server has set.
+class CPlainLocale {
+ public:
+  CPlainLocale() {
+    static locale_t const plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    m_Before = uselocale(plain);
+  }
+  ~CPlainLocale() { uselocale(m_Before); }
+  CPlainLocale(const CPlainLocale&) = delete;
+  CPlainLocale& operator=(const CPlainLocale&) = delete;
+
+ private:
+  locale_t m_Before;
+};
 
 }  // namespace
 
 struct Regex::SImplementation {
-  explicit SImplementation(const std::string& pattern) : m_Pattern(Translate(pattern), ExtendedSyntax()) {}
-  RE2 m_Pattern;
+  explicit SImplementation(const std::string& pattern) {
+    const CPlainLocale plain;
+    m_Error = regcomp(&m_Pattern, Translate(pattern).c_str(), REG_EXTENDED);
+  }
+  ~SImplementation() {
+    if (m_Error == 0) regfree(&m_Pattern);
+  }
+  SImplementation(const SImplementation&) = delete;
+  SImplementation& operator=(const SImplementation&) = delete;
+
+  regex_t m_Pattern{};
+  int m_Error{0};
 };
 
 Regex::Regex(const std::string& pattern) : m_Implementation(std::make_unique<SImplementation>(pattern)) {
-  const RE2& compiled = m_Implementation->m_Pattern;
-  if (!compiled.ok()) throw std::invalid_argument("pattern \"" + pattern + "\": " + compiled.error());
+  if (m_Implementation->m_Error == 0) return;
+  char why[128] = "";
+  regerror(m_Implementation->m_Error, &m_Implementation->m_Pattern, why, sizeof(why));
+  throw std::invalid_argument("pattern \"" + pattern + "\": " + why);
 }
 
 Regex::~Regex() = default;
 
 std::optional<std::vector<std::string>> Regex::Match(const std::string& text) const {
-  const RE2& pattern = m_Implementation->m_Pattern;
-  std::vector<re2::StringPiece> found(static_cast<std::size_t>(pattern.NumberOfCapturingGroups()) + 1);
-  if (!pattern.Match(text, 0, text.size(), RE2::ANCHOR_BOTH, found.data(), static_cast<int>(found.size())))
+  const regex_t& pattern = m_Implementation->m_Pattern;
+  std::vector<regmatch_t> found(pattern.re_nsub + 1);
+  const CPlainLocale plain;
+  // The leftmost and longest match: when the pattern can match all of the text, that is it.
+  if (regexec(&pattern, text.c_str(), found.size(), found.data(), 0) != 0 || found[0].rm_so != 0 ||
+      found[0].rm_eo != static_cast<regoff_t>(text.size()))
     return std::nullopt;
   std::vector<std::string> groups;
-  for (std::size_t i = 1; i < found.size(); ++i) groups.push_back(found[i].as_string());
+  for (std::size_t i = 1; i < found.size(); ++i) {
+    const auto begin = static_cast<std::size_t>(found[i].rm_so);
+    groups.push_back(
+        found[i].rm_so < 0 ? "" : text.substr(begin, static_cast<std::size_t>(found[i].rm_eo) - begin));
+  }
   return groups;
 }
 
