@@ -112,7 +112,6 @@ void CSession::Open() {
     m_Release(&m_Plugin);
     throw PluginError(status, "initialise");
   }
-  m_PluginID = Topology().front().m_ID;
 }
 
 // The library stays loaded: its trace and catalogue may be needed until the program ends.
@@ -120,7 +119,7 @@ CSession::~CSession() { Release(); }
 
 void CSession::Release() {
   if (m_Plugin == nullptr) return;
-  Execute(PI::CMD_DEINITIALIZE, 0, nullptr);
+  if (m_Started) Execute(PI::CMD_DEINITIALIZE, 0, nullptr);  // it waits, also where no thread runs
   m_Release(&m_Plugin);
   m_Plugin = nullptr;
 }
@@ -168,6 +167,7 @@ std::vector<PI::CObject> CSession::Topology() {
   std::vector<PI::CObject> objects;
   Require(Execute(PI::CMD_GET_TOPOLOGY, 0, &objects), "topology");
   if (objects.size() < 2) throw CError(EXIT_PLUGIN_ERROR, "the plug-in's topology has no adapter");
+  m_PluginID = objects.front().m_ID;
   return objects;
 }
 

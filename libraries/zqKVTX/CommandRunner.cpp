@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -18,6 +19,7 @@
 #include "libraries/common/FileDescriptor.h"
 #include "libraries/common/TextStream.h"
 #include "libraries/zqKVT/ErrorLog.h"
+#include "libraries/zqKVTX/DeviceRecord.h"
 
 extern "C" {  // glibc 2.36 does not say so itself
 #include <sys/pidfd.h>
@@ -282,6 +284,14 @@ SCommandResult RunCommand(const boost::filesystem::path& program, const std::str
 
 int CSystem::ExecuteCommand(const boost::filesystem::path& program, const std::string& arguments,
                             std::vector<std::string>& lines) {
+  constexpr std::string_view RECORD_OF = "info -q all -n ";
+  if (program.filename() == "udevadm" && arguments.starts_with(RECORD_OF) &&
+      access(program.c_str(), X_OK) == 0) {
+    if (auto record = Internal::DeviceRecord(arguments.substr(RECORD_OF.size()))) {
+      lines = std::move(*record);
+      return 1;
+    }
+  }
   auto result = Internal::RunCommand(program, arguments, {});
   lines = std::move(result.m_Lines);
   return result.m_Result;

@@ -32,7 +32,7 @@ fail() {
 controller() {
     local device
     case $1 in
-        ahci2) device=ich9-ahci,id=ahci2 ;;
+        ahci[2-9]) device=ich9-ahci,id=$1 ;;
         sas) device=mptsas1068,id=sas ;;
         vscsi) device=virtio-scsi-pci,id=vscsi ;;
         *) return 0 ;;
@@ -44,7 +44,7 @@ controller() {
 frontend() {
     case $1 in
         ahci) echo "ide-hd,bus=ide.$2" ;;
-        ahci2) echo "ide-hd,bus=ahci2.$2" ;;
+        ahci[2-9]) echo "ide-hd,bus=$1.$2" ;;
         piix) echo "ide-hd,bus=ide.$(($2 / 2)),unit=$(($2 % 2))" ;;
         # The driver shows no disk that has no world-wide name.
         sas) printf 'scsi-hd,bus=sas.0,scsi-id=%d,wwn=0x5000c500000000%02x\n' "$2" "$2" ;;
