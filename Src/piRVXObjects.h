@@ -118,6 +118,12 @@ inline CRVXPhysicalDrive* FindDevice(std::vector<CRVXPhysicalDrive>& drives, std
   return nullptr;
 }
 
+/// A drive as events name it: kernel name and device numbers.
+inline std::string NameAndNumbers(const CRVXPhysicalDrive& drive) {
+  return drive.m_KernelName + ' ' + std::to_string(drive.m_MajorNumber) + ':' +
+         std::to_string(drive.m_MinorNumber);
+}
+
 /// The first drive that a member lies on: a partition counts as its whole disk, 16 minors each. Null when
 /// none does.
 inline CRVXPhysicalDrive* FindMemberDrive(std::vector<CRVXPhysicalDrive>& drives,

@@ -59,8 +59,7 @@ void MergePhysicalDrives(CModel& model, SMerge& merge, std::vector<CRVXPhysicalD
     CRVXPhysicalDrive* const now = FindDevice(scanned, drive.m_MajorNumber, drive.m_MinorNumber);
     if (now == nullptr) {
       RVX_TRACE(TRACE_THREADS, "UpdateSystem() remove physical drive %s", drive.m_KernelName);
-      if (!wasMissing)
-        queueRemoved(drive, Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      if (!wasMissing) queueRemoved(drive, NameAndNumbers(drive));
       merge.RemoveChild(drive.m_ID);
       continue;
     }

@@ -97,9 +97,8 @@ void CheckSmart(CModel& model, SWorkerState& state) ZQ_REQUIRES(model.m_DataLock
     };
     for (const auto& warning : warnings) {
       if (!warning.m_Raised) continue;
-      PI::CEvent event =
-          model.MakeEvent(warning.m_Code, model.m_Adapter.m_ID, model.m_Adapter.m_Description,
-                          Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      PI::CEvent event = model.MakeEvent(warning.m_Code, model.m_Adapter.m_ID, model.m_Adapter.m_Description,
+                                         NameAndNumbers(drive));
       event.m_Severity = PI::SEV_WARNING;
       events.push_back(event);
     }
