@@ -98,11 +98,19 @@ void CScan::QueueNameEvent(unsigned int code, unsigned int severity, const PI::C
   m_Model.QueueEvent(event, TRACE_SOURCE);
 }
 
+const std::vector<Md::SPartition>& CScan::ReadPartitions() {
+  std::string text = OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or("");
+  if (text != m_Partitions) {
+    m_Partitions = std::move(text);
+    m_Entries = Md::ParsePartitions(m_Partitions);
+  }
+  return m_Entries;
+}
+
 bool CScan::ScanDisks() {
   CQualification qualification(m_Model.m_OS);
   std::uint32_t driveNumber = 0;
-  for (const Md::SPartition& entry :
-       Md::ParsePartitions(OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or(""))) {
+  for (const Md::SPartition& entry : ReadPartitions()) {
     if (!Md::IsDiskName(entry.m_Name)) continue;
     if (IsStopping()) return false;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new physical disk %s", entry.m_Name);
@@ -135,7 +143,7 @@ void CScan::ScanDisk(CRVXPhysicalDrive& drive) {
   const auto state = ReadAttribute(m_Model.m_OS, drive.m_KernelName, "device/state");
   // A disk without a state is on its way in or out: it counts as one that was not there before, but it stays
   // the object that front ends know (oddity 8).
-  const CRVXPhysicalDrive* const model = m_Model.FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
+  const CRVXPhysicalDrive* const model = m_Known.Find(drive.m_MajorNumber, drive.m_MinorNumber);
   const CRVXPhysicalDrive* const known = state ? model : nullptr;
   const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};
   if (model != nullptr && !m_NewIDs) {
