@@ -59,15 +59,14 @@ change_to_event() {
     mdadm --monitor --scan --program=/tmp/alert >/dev/null 2>&1 &
     local monitor=$!
     for ((round = 0; round <= rounds; ++round)); do
-        calm 3 "${files[@]}"
+        calm 2 "${files[@]}"
         for name in "${watchers[@]}"; do before[$name]=$(lines "/tmp/$name"); done
         begin=$("$stopwatch" fail /dev/md1 "$failing")
         for name in "${watchers[@]}"; do
             wait_for 60 "[ -n \"\$(seen /tmp/$name ${before[$name]} '${words[$name]}')\" ]"
             [ $round = 0 ] || echo $(($(seen "/tmp/$name" "${before[$name]}" "${words[$name]}") - begin)) >>"/tmp/$name.us"
         done
-        calm 3 "${files[@]}"
-        mdadm /dev/md1 --remove "$failing" 2>/dev/null
+        wait_for 30 'mdadm /dev/md1 --remove "$failing" 2>/dev/null'
         mdadm /dev/md1 --add "$failing" 2>/dev/null
         wait_for 60 "mdadm --detail /dev/md1 | grep -q 'State : .*clean *\$'"
     done
