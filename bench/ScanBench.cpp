@@ -31,7 +31,7 @@ namespace {
 
 using TJson = nlohmann::json;
 
-/// Mirrors whose members are partitions, spread over the disks in turn. A machine has 702 names of this form.
+/// Mirrors whose members are partitions, spread over the disks in turn. There are names for 702 disks.
 std::string Machine(int disks, int arrays) {
   TJson machine;
   machine["controllers"] = {
@@ -120,7 +120,8 @@ void Topology(benchmark::State& state) {
 
 constexpr std::int64_t DISKS[] = {25, 50, 100, 200, 400, 700};
 constexpr std::int64_t ARRAYS[] = {8, 64, 256};
-constexpr std::int64_t DISKS_OF_ARRAYS = 200;  ///< where the arrays grow
+constexpr std::int64_t DISKS_OF_ARRAYS =
+    50;  ///< where the arrays grow: few, but none gets more than 15 partitions
 
 void Sizes(benchmark::internal::Benchmark* benchmark) {
   for (const auto disks : DISKS) benchmark->Args({disks, 0})->Args({disks, 64});
@@ -134,8 +135,9 @@ BENCHMARK(Topology)->Apply(Sizes);
 
 /// A request as front ends make most: one property of one disk.
 void PropertyRead(benchmark::State& state) {
-  SBench bench(25, 8);
-  const auto plugin = bench.NewInitialized();
+  Simulation::CSimulatedSystem machine(Machine(25, 8));
+  const auto plugin = std::make_unique<IPLUGINAPI_IMPL>(machine);
+  SBench::Initialize(*plugin);
   std::vector<PI::CObject> objects;
   plugin->Execute(PI::CMD_GET_TOPOLOGY, 0, &objects);
   const auto disk = std::find_if(objects.begin(), objects.end(), [](const PI::CObject& object) {
@@ -230,6 +232,7 @@ double Exponent(const std::int64_t (&sizes)[count], TTime time) {
   for (const std::int64_t size : sizes) {
     const double logSize = std::log(static_cast<double>(size));
     const double logTime = std::log(time(size));
+    if (!std::isfinite(logTime)) throw std::runtime_error("the times differ too much from run to run");
     x += logSize, y += logTime, xx += logSize * logSize, xy += logSize * logTime;
   }
   return (count * xy - x * y) / (count * xx - x * x);
@@ -272,6 +275,9 @@ int main(int argc, char** argv) {
       Bench::Tell(step, times.Time(std::string(step) + "/"));
   } catch (const std::out_of_range&) {
     std::cerr << "rvx_bench: not all benchmarks were run, so that there are no figures\n";
+    return 1;
+  } catch (const std::exception& exception) {
+    std::cerr << "rvx_bench: " << exception.what() << "\n";
     return 1;
   }
   return 0;
