@@ -28,16 +28,16 @@
 #include <thread>
 
 #include "Src/piRVXPlugin.h"
+#include "bench/Measure.h"
 #include "simulator/SimulatedSystem.h"
 #include "system/ForwardingSystem.h"
 #include "system/Linux.h"
 
 using namespace NAMESPACE_piRVX;
-using Clock = std::chrono::steady_clock;
+using Bench::Clock;
+using Bench::Milliseconds;
 
 namespace {
-
-double Milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
 /// Notes when a pass goes through its stages, by the files that it opens.
 class CTimingSystem : public OS::CForwardingSystem {
@@ -211,12 +211,6 @@ std::map<std::string, std::vector<double>> MeasureSimulation(int rounds) {
        }});
 }
 
-double Median(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
-                   values.end());
-  return values[values.size() / 2];
-}
-
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -225,7 +219,7 @@ int main(int count, char** arguments) {
     const auto shares =
         count > 3 ? MeasureLinux(rounds, arguments[2], arguments[3]) : MeasureSimulation(rounds);
     for (const auto& [name, values] : shares)
-      std::printf("%-28s %9.2f ms\n", name.c_str() + 2, Median(values));
+      std::printf("%-28s %9.2f ms\n", name.c_str() + 2, Bench::Median(values));
   } catch (const std::exception& exception) {
     std::fprintf(stderr, "rvx_event_delay: %s\n", exception.what());
     return 1;
