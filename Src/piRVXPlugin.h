@@ -33,11 +33,6 @@ class CPolledFile : public OS::CDescriptor {
   ~CPolledFile();
 };
 
-/// What the poller keeps from round to round.
-struct SPollerState {
-  std::unique_ptr<CPolledFile> m_Watched;  ///< null or closed: none
-};
-
 /// The one instance: the model, the two threads that keep it current, and what the framework calls. All
 /// statuses are PI::_STATUS values. What needs a lock says so.
 class IPLUGINAPI_IMPL : public IPLUGINAPI, public CModel {
@@ -94,7 +89,8 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI, public CModel {
   /// The length of the worker's next interval in milliseconds.
   unsigned long NextInterval() const ZQ_NO_THREAD_SAFETY_ANALYSIS;
   /// One round of the poller. False: the thread ends. Throws KVT::CSystemException when select fails.
-  bool EventPollRound(SPollerState& state);
+  /// @param watched from round to round; null or closed: none
+  bool EventPollRound(std::unique_ptr<CPolledFile>& watched);
   /// @}
 
  protected:

@@ -215,10 +215,9 @@ unsigned long IPLUGINAPI_IMPL::NextInterval() const {
 void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER EventPoll()");
   RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", -1);  // each round opens its own
-  SPollerState state;
-  const auto round = [&] {
+  const auto round = [this](std::unique_ptr<CPolledFile>& watched) {
     try {
-      return EventPollRound(state);
+      return EventPollRound(watched);
     } catch (const KVT::CSystemException&) {
       throw;
     } catch (const std::exception& exception) {  // want of memory passes
@@ -228,7 +227,8 @@ void IPLUGINAPI_IMPL::EventPoll() {
     }
   };
   try {
-    while (round()) {
+    std::unique_ptr<CPolledFile> watched;
+    while (round(watched)) {
     }
   } catch (const KVT::CSystemException& exception) {
     RVX_ERROR("EventPoll()- Thread is crashed!\n\n%S", exception.what());
@@ -243,9 +243,8 @@ CPolledFile::~CPolledFile() {
   if (IsOpen()) RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", Get());
 }
 
-bool IPLUGINAPI_IMPL::EventPollRound(SPollerState& state) {
+bool IPLUGINAPI_IMPL::EventPollRound(std::unique_ptr<CPolledFile>& watched) {
   if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
-  auto& watched = state.m_Watched;
   if (!watched || !watched->IsOpen()) watched = std::make_unique<CPolledFile>(m_OS);
   if (!watched->IsOpen()) {
     RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
@@ -255,11 +254,15 @@ bool IPLUGINAPI_IMPL::EventPollRound(SPollerState& state) {
   RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", watched->Get());
   int result = m_OS.WaitExceptional(watched->Get(), MDSTAT_WAIT);
   RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
-  if (result < 0) throw KVT::CSystemException(errno, "select");
+  const auto check = [&] {
+    if (result < 0) throw KVT::CSystemException(errno, "select");
+  };
+  check();
   // Each round watches a file of its own: the kernel reports changes since the opening. It is open before the
   // one before it is looked at for the last time and closed: what changes between two rounds shows in one.
   auto next = std::make_unique<CPolledFile>(m_OS);
   if (result == 0) result = m_OS.WaitExceptional(watched->Get(), 0);
+  check();
   watched = std::move(next);
   if (result > 0) m_ForceWorker.Set();
   return true;

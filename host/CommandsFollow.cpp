@@ -51,6 +51,7 @@ int ShowEvents(CContext& context, const SEvents& wanted) {
   Json all = Json::array();
   Tell(context, wanted, topology, all);
   for (int soon = 0; wanted.m_Follow; soon = std::max(soon - 1, 0)) {
+    if (!md.IsOpen()) md = context.Machine().WatchMd();  // md may be loaded later
     if (session.Pause(soon > 0 ? CHANGE_INTERVAL : FETCH_INTERVAL, md.Get())) {
       md = context.Machine().WatchMd();
       soon = CHANGE_FETCHES;

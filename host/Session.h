@@ -1,6 +1,7 @@
 #pragma once
 /// @file
-/// The plug-in as the server uses it: loaded, initialised, asked, de-initialised, released.
+/// The plug-in as the server uses it: loaded, initialised, asked, de-initialised when it was started,
+/// released.
 
 #include <chrono>
 #include <vector>
@@ -30,14 +31,15 @@ class CSession : public INotificationTarget {
   /// Waits, at most until an open file has an exceptional condition: true. Throws CError(EXIT_SIGNAL + n)
   /// when the person or the system wants an end.
   bool Pause(std::chrono::milliseconds time, int file = -1) const;
-  /// De-initialises and releases the plug-in, which ends the session, and writes the simulated machine back
-  /// when that was asked for. Throws CError when the machine cannot be written.
+  /// Ends the plug-in's threads if it was started and releases it, which ends the session, and writes the
+  /// simulated machine back when that was asked for. Throws CError when the machine cannot be written.
   void End();
 
   /// The plug-in, the adapter, then disks and arrays.
   std::vector<PI::CObject> Topology();
   std::vector<PI::CProperty> Properties(unsigned long id);
   PI::CProperty Property(unsigned long id, PI::_PROPERTY_ID property);
+  /// Behind a first Topology, which tells whom to ask.
   std::vector<PI::CEvent> FetchEvents();
   /// Status of the check or execution, which the caller judges.
   unsigned int Check(unsigned long id, PI::COperation& operation);

@@ -58,8 +58,8 @@ bool IsDiskName(const std::string& name);
 /// The number of an array's kernel name ("md7", "md_d7"); none for other names.
 std::optional<std::uint32_t> ArrayNumber(const std::string& name);
 
-/// What stands in each progress line of /proc/mdstat that shows a running rebuild or resync, and nowhere
-/// else.
+/// Stands in each progress line of /proc/mdstat that shows a running rebuild, resync or reshape; not in that
+/// of a check.
 inline constexpr std::string_view RUN_MARK = "]  re";
 /// What a progress line of /proc/mdstat says.
 struct SRunProgress {

@@ -54,7 +54,7 @@ class ZQ_API CModuleInfo {
   std::atomic<unsigned int> m_TraceClasses{0};
 };
 
-/// Sleeps; a cancellation point.
+/// Sleeps; a cancellation point unless it is for no time.
 ZQ_API void msleep(unsigned long milliseconds);
 
 /// What the process that runs the modules offers.

@@ -18,10 +18,10 @@ class ZQ_API CSystem {
   /// lines, otherwise it is dropped. A program that runs longer than 3 s or prints more than 1 MiB is killed
   /// with its process group; one that does not end within another second (it waits for a dead disk, say) is
   /// left to itself. As long as it is there it is not started a second time; with eight of those nothing is.
-  /// "info -q all -n NODE" of the system's own udevadm is answered without running it, from the same
-  /// database: what it prints, lines of one kind in another order, without "L:". It is run where that finds
-  /// no such device. A cancellation point: the program is killed. Safe in a server that ignores SIGCHLD or
-  /// reaps all children.
+  /// "info -q all -n NODE" of a program named udevadm, wherever it lies, is answered from the same database
+  /// without running it: with what it prints, lines of one kind in another order, without "L:". It is run
+  /// where that finds no such device. A cancellation point where a program runs: it is killed. Safe in a
+  /// server that ignores SIGCHLD or reaps all children.
   /// @return 1 when it ran and ended with status 0; 0 when it could not be started; 130
   ///         (KVT::Threading::WAIT_TIMED_OUT) when it was given up for want of time, now or before
   ///         and not ended since; 2 when it ended otherwise. What it printed is in `lines` in every case.

@@ -3,6 +3,7 @@
 #include <regex.h>
 
 #include <clocale>
+#include <new>
 #include <stdexcept>
 
 namespace KVT {
@@ -78,6 +79,7 @@ struct Regex::SImplementation {
 
 Regex::Regex(const std::string& pattern) : m_Implementation(std::make_unique<SImplementation>(pattern)) {
   if (m_Implementation->m_Error == 0) return;
+  if (m_Implementation->m_Error == REG_ESPACE) throw std::bad_alloc();
   char why[128] = "";
   regerror(m_Implementation->m_Error, &m_Implementation->m_Pattern, why, sizeof(why));
   throw std::invalid_argument("pattern \"" + pattern + "\": " + why);
@@ -89,9 +91,10 @@ std::optional<std::vector<std::string>> Regex::Match(const std::string& text) co
   const regex_t& pattern = m_Implementation->m_Pattern;
   std::vector<regmatch_t> found(pattern.re_nsub + 1);
   const CPlainLocale plain;
+  const int error = regexec(&pattern, text.c_str(), found.size(), found.data(), 0);
+  if (error == REG_ESPACE) throw std::bad_alloc();
   // The leftmost and longest match: when the pattern can match all of the text, that is it.
-  if (regexec(&pattern, text.c_str(), found.size(), found.data(), 0) != 0 || found[0].rm_so != 0 ||
-      found[0].rm_eo != static_cast<regoff_t>(text.size()))
+  if (error != 0 || found[0].rm_so != 0 || found[0].rm_eo != static_cast<regoff_t>(text.size()))
     return std::nullopt;
   std::vector<std::string> groups;
   for (std::size_t i = 1; i < found.size(); ++i) {

@@ -55,7 +55,7 @@ timespec DeadlineIn(unsigned long milliseconds) {
 }
 
 /// Waits until `consume`, called with the signal lock held, returns a place other than 0. A cancellation
-/// point; the lock is held while the stack unwinds to the guard.
+/// point unless the time is 0; the lock is held while the stack unwinds to the guard.
 template <class TConsume>
 unsigned int WaitForSignal(unsigned long milliseconds, TConsume consume) {
   const timespec end = milliseconds == 0 ? timespec{} : DeadlineIn(milliseconds);

@@ -7,6 +7,7 @@
 
 #include "KVTX/System.h"
 #include "libraries/zqKVTX/CommandRunner.h"
+#include "libraries/zqKVTX/DeviceRecord.h"
 #include "tests/contract/Contract.h"
 
 namespace NAMESPACE_piRVX {
@@ -37,6 +38,7 @@ TEST_F(CContract, UdevadmIsAnsweredForWithItsOwnLines) {
   const auto expectTheSame = [&](const std::string& name) {
     const std::string arguments = "info -q all -n /dev/" + name;
     ASSERT_EQ(KVTX::CSystem::ExecuteCommand(udevadm, arguments, lines), 1) << name;
+    EXPECT_EQ(KVTX::Internal::DeviceRecord("/dev/" + name), lines) << "not by running the program";
     EXPECT_EQ(Comparable(lines), Comparable(KVTX::Internal::RunCommand(udevadm, arguments, {}).m_Lines));
   };
   std::size_t disks = 0;

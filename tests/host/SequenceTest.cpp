@@ -80,6 +80,8 @@ TEST(Events, ComeOnceAndInOrder) {
   for (const json& event : Lines(program.Out())) {
     EXPECT_THAT(event["time"].get<std::string>(), testing::MatchesRegex(R"(....-..-..T..:..:..\....Z)"));
     EXPECT_EQ(event["source"], "0x0127000000000001");
+    const bool named = event["objectName"] == event["placeholders"][1].get<std::string>().substr(0, 3);
+    EXPECT_TRUE(named || event["code"] != 10032) << "a new disk has its name";
     if (event["code"] != 10459)
       codes.push_back(event["code"]);  // repeats as long as md holds the failed member
   }

@@ -30,10 +30,10 @@ struct EventPollTest : public testing::Test, public SRigOf<CHookedSystem> {
       return m_Select();
     };
   }
-  bool Round() { return m_Plugin.EventPollRound(m_State); }
+  bool Round() { return m_Plugin.EventPollRound(m_Watched); }
   std::function<int()> m_Select = [] { return 0; };
   std::string m_Steps;
-  SPollerState m_State;
+  std::unique_ptr<CPolledFile> m_Watched;
 };
 constexpr char FIRST[] = "open /proc/mdstat, wait 3000, ";
 constexpr char QUIET[] = "wait 3000, open /proc/mdstat, wait 0, close, ";
@@ -48,9 +48,12 @@ TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosedAndTheNextIsOpen)
   m_Select = [looks = 0]() mutable { return looks++; };
   EXPECT_TRUE(Round());
   EXPECT_TRUE(Take(m_Plugin.m_ForceWorker)) << "a change between two rounds";
+  m_Select = [this] { return m_Machine.SetFile("/proc/mdstat", std::nullopt), 1; };
+  EXPECT_TRUE(Round());
+  EXPECT_TRUE(Take(m_Plugin.m_ForceWorker)) << "also where there is no next file";
   m_Plugin.m_StopRequest.Set();
   EXPECT_FALSE(Round());
-  EXPECT_EQ(m_Steps, std::string("open /proc/mdstat, ") + QUIET + CHANGED + QUIET)
+  EXPECT_EQ(m_Steps, std::string("open /proc/mdstat, ") + QUIET + CHANGED + QUIET + CHANGED)
       << "a stop request ends it before anything is opened";
 }
 

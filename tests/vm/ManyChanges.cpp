@@ -100,7 +100,9 @@ int CountLost(int count, const std::string& array, const std::string& spare) {
   OS::CLinux os;
   CWatchedSystem door(os, array);
   CServer server(door);
-  std::this_thread::sleep_for(milliseconds(500));  // the first pass comes by itself
+  const auto start = Clock::now();
+  while (!door.HasLookedSince(start) && Clock::now() < start + LIMIT)
+    std::this_thread::sleep_for(milliseconds(1));
   const std::size_t all = server.Members();
 
   std::mt19937 random(static_cast<unsigned int>(count));

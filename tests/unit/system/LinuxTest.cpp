@@ -11,6 +11,7 @@
 #include "simulator/SimulatedSystem.h"
 #include "system/Descriptor.h"
 #include "system/Linux.h"
+#include "tests/support/FaultySystem.h"
 #include "tests/support/TraceCapture.h"
 
 using namespace NAMESPACE_piRVX;
@@ -68,8 +69,11 @@ TEST(Linux, ClosingAndTracingAreNoCancellationPoints) {
   EXPECT_EQ(passed, "both");
 }
 
-TEST(ReadText, StopsAtAMebibyteAndClosesTheFile) {
+TEST(ReadText, TakesPiecesUntilTheEndOrAMebibyteAndClosesTheFile) {
   Simulation::CSimulatedSystem machine(Simulation::CSimulatedSystem::DemoDescription());
+  CFaultySystem inPieces(machine);
+  inPieces.ShortenAt(OS::ECall::Read, 1, 100);
+  EXPECT_EQ(OS::ReadText(inPieces, "/proc/partitions"), OS::ReadText(machine, "/proc/partitions"));
   EXPECT_EQ(OS::ReadText(machine, "/dev/sdf")->size(), 1024U * 1024);
   EXPECT_EQ(machine.OpenDescriptors(), 0U);
 }
