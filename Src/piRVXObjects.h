@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "KVT/Markup.h"
@@ -116,6 +117,35 @@ inline CRVXPhysicalDrive* FindDevice(std::vector<CRVXPhysicalDrive>& drives, std
   for (CRVXPhysicalDrive& drive : drives)
     if (drive.m_MajorNumber == major && drive.m_MinorNumber == minor) return &drive;
   return nullptr;
+}
+
+/// Finds drives by their device numbers without a look at each; of two with the same, the first. The list may
+/// not change meanwhile.
+class CDriveIndex {
+ public:
+  explicit CDriveIndex(std::vector<CRVXPhysicalDrive>& drives) {
+    m_Drives.reserve(drives.size());
+    for (CRVXPhysicalDrive& drive : drives)
+      m_Drives.try_emplace(Key(drive.m_MajorNumber, drive.m_MinorNumber), &drive);
+  }
+  /// Null when there is none.
+  CRVXPhysicalDrive* Find(std::uint32_t major, std::uint32_t minor) const {
+    const auto found = m_Drives.find(Key(major, minor));
+    return found == m_Drives.end() ? nullptr : found->second;
+  }
+
+ private:
+  static std::uint64_t Key(std::uint32_t major, std::uint32_t minor) {
+    return std::uint64_t{major} << 32 | minor;
+  }
+
+  std::unordered_map<std::uint64_t, CRVXPhysicalDrive*> m_Drives;
+};
+
+/// A drive as events name it: kernel name and device numbers.
+inline std::string NameAndNumbers(const CRVXPhysicalDrive& drive) {
+  return drive.m_KernelName + ' ' + std::to_string(drive.m_MajorNumber) + ':' +
+         std::to_string(drive.m_MinorNumber);
 }
 
 /// The first drive that a member lies on: a partition counts as its whole disk, 16 minors each. Null when

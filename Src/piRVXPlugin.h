@@ -13,6 +13,7 @@
 #include "PI/Helpers.h"
 #include "PI/PluginApi.h"
 #include "Src/piRVXPluginModel.h"
+#include "system/Descriptor.h"
 
 namespace NAMESPACE_piRVX {
 
@@ -23,6 +24,18 @@ struct SOperationRow;
 struct SWorkerState {
   bool m_Force{false};
   std::uint64_t m_LastSmartCheck{0};  ///< milliseconds since 1970, 0: none yet
+};
+
+/// The poller's /proc/mdstat. Tells before it closes, also when its thread is cancelled.
+class CPolledFile : public OS::CDescriptor {
+ public:
+  explicit CPolledFile(OS::COperatingSystem& os);
+  ~CPolledFile();
+};
+
+/// What the poller keeps from round to round.
+struct SPollerState {
+  std::unique_ptr<CPolledFile> m_Watched;  ///< null or closed: none
 };
 
 /// The one instance: the model, the two threads that keep it current, and what the framework calls. All
@@ -81,7 +94,7 @@ class IPLUGINAPI_IMPL : public IPLUGINAPI, public CModel {
   /// The length of the worker's next interval in milliseconds.
   unsigned long NextInterval() const ZQ_NO_THREAD_SAFETY_ANALYSIS;
   /// One round of the poller. False: the thread ends. Throws KVT::CSystemException when select fails.
-  bool EventPollRound();
+  bool EventPollRound(SPollerState& state);
   /// @}
 
  protected:

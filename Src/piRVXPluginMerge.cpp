@@ -54,13 +54,14 @@ void MergePhysicalDrives(CModel& model, SMerge& merge, std::vector<CRVXPhysicalD
     event.m_Severity = PI::SEV_WARNING;
     merge.m_Events.push_back(event);
   };
+  const CDriveIndex index(scanned);
+  merge.m_PhysicalDrives.reserve(scanned.size());
   for (CRVXPhysicalDrive& drive : model.m_PhysicalDrives) {
     const bool wasMissing = drive.m_Status == PI::STATUS_MISSING;
-    CRVXPhysicalDrive* const now = FindDevice(scanned, drive.m_MajorNumber, drive.m_MinorNumber);
+    CRVXPhysicalDrive* const now = index.Find(drive.m_MajorNumber, drive.m_MinorNumber);
     if (now == nullptr) {
       RVX_TRACE(TRACE_THREADS, "UpdateSystem() remove physical drive %s", drive.m_KernelName);
-      if (!wasMissing)
-        queueRemoved(drive, Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      if (!wasMissing) queueRemoved(drive, NameAndNumbers(drive));
       merge.RemoveChild(drive.m_ID);
       continue;
     }
@@ -71,8 +72,10 @@ void MergePhysicalDrives(CModel& model, SMerge& merge, std::vector<CRVXPhysicalD
     TakeOver(kept, *now);
     merge.m_Changed = true;
   }
+  const CDriveIndex kept(model.m_PhysicalDrives);
   for (const CRVXPhysicalDrive& drive : scanned)
-    if (FindDevice(merge.m_PhysicalDrives, drive.m_MajorNumber, drive.m_MinorNumber) == nullptr)
+    if (kept.Find(drive.m_MajorNumber, drive.m_MinorNumber) == nullptr &&
+        index.Find(drive.m_MajorNumber, drive.m_MinorNumber) == &drive)
       merge.Add(merge.m_PhysicalDrives, drive);
 }
 

@@ -39,7 +39,7 @@ constexpr struct SDiskEvent {
 /// The first line of a disk's sysfs file without surrounding white space; none when it cannot be opened.
 std::optional<std::string> ReadAttribute(OS::COperatingSystem& os, const std::string& disk,
                                          const char* file) {
-  const auto text = OS::ReadText(os, Text("/sys/block/%s/%s", disk, file));
+  const auto text = OS::ReadText(os, "/sys/block/" + disk + '/' + file);
   if (!text) return std::nullopt;
   return Md::Trimmed(Md::FirstLine(*text, SYSFS_LINE));
 }
@@ -60,7 +60,7 @@ void Identify(OS::COperatingSystem& os, CRVXPhysicalDrive& drive) {
 }  // namespace
 
 std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint32_t minor) {
-  return Text("%s&BLKDEV:Major=%d&Minor=%d", prefix, major, minor);
+  return prefix + "&BLKDEV:Major=" + std::to_string(major) + "&Minor=" + std::to_string(minor);
 }
 
 // Unchecked: that the run is on the model of its caller is not seen.
@@ -98,11 +98,19 @@ void CScan::QueueNameEvent(unsigned int code, unsigned int severity, const PI::C
   m_Model.QueueEvent(event, TRACE_SOURCE);
 }
 
+const std::vector<Md::SPartition>& CScan::ReadPartitions() {
+  std::string text = OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or("");
+  if (text != m_Partitions) {
+    m_Partitions = std::move(text);
+    m_Entries = Md::ParsePartitions(m_Partitions);
+  }
+  return m_Entries;
+}
+
 bool CScan::ScanDisks() {
   CQualification qualification(m_Model.m_OS);
   std::uint32_t driveNumber = 0;
-  for (const Md::SPartition& entry :
-       Md::ParsePartitions(OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or(""))) {
+  for (const Md::SPartition& entry : ReadPartitions()) {
     if (!Md::IsDiskName(entry.m_Name)) continue;
     if (IsStopping()) return false;
     RVX_TRACE(TRACE_THREADS, "ScanSystem() found new physical disk %s", entry.m_Name);
@@ -118,7 +126,7 @@ bool CScan::ScanDisks() {
     Identify(m_Model.m_OS, drive);
     // A volume that a hardware RAID controller presents is the controller's business.
     if (drive.m_Vendor == "LSILOGIC" && drive.m_Model == "Logical Volume") continue;
-    const std::string devicePath = Text("/sys/block/%s/device", drive.m_KernelName);
+    const std::string devicePath = "/sys/block/" + drive.m_KernelName + "/device";
     RVX_TRACE(TRACE_THREADS, "vor checkpd %s %s", devicePath, drive.m_KernelName);
     if (!qualification.checkpd(devicePath, drive.m_KernelName.c_str())) continue;
     ScanDisk(drive);
@@ -131,12 +139,11 @@ bool CScan::ScanDisks() {
 
 /// The disk's identifier, state and medium.
 void CScan::ScanDisk(CRVXPhysicalDrive& drive) {
-  drive.m_DisplayName = Text("%s %s (%s %d:%d)", drive.m_Vendor, drive.m_Model, drive.m_KernelName,
-                             drive.m_MajorNumber, drive.m_MinorNumber);
+  drive.m_DisplayName = drive.m_Vendor + ' ' + drive.m_Model + " (" + NameAndNumbers(drive) + ')';
   const auto state = ReadAttribute(m_Model.m_OS, drive.m_KernelName, "device/state");
   // A disk without a state is on its way in or out: it counts as one that was not there before, but it stays
   // the object that front ends know (oddity 8).
-  const CRVXPhysicalDrive* const model = m_Model.FindPhysicalDrive(drive.m_MajorNumber, drive.m_MinorNumber);
+  const CRVXPhysicalDrive* const model = m_Known.Find(drive.m_MajorNumber, drive.m_MinorNumber);
   const CRVXPhysicalDrive* const known = state ? model : nullptr;
   const std::uint32_t modelStatus = known != nullptr ? known->m_Status : std::uint32_t{PI::STATUS_READY};
   if (model != nullptr && !m_NewIDs) {
@@ -146,8 +153,7 @@ void CScan::ScanDisk(CRVXPhysicalDrive& drive) {
     m_Found.m_Adapter.m_Children.push_back(drive.m_ID);
   }
   if (known == nullptr && !m_NewIDs)
-    QueueNameEvent(PI::EVT_PHYSICALDRIVE_ADDED, PI::SEV_DEFAULT, drive,
-                   Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+    QueueNameEvent(PI::EVT_PHYSICALDRIVE_ADDED, PI::SEV_DEFAULT, drive, NameAndNumbers(drive));
 
   if (!state || !state->starts_with("running")) {
     drive.m_Status = PI::STATUS_FAILED;

@@ -3,6 +3,7 @@
 /// The system scan: what the machine has now, as a value.
 
 #include "Src/md/Array.h"
+#include "Src/md/ProcTexts.h"
 #include "Src/piRVXPluginModel.h"
 
 namespace NAMESPACE_piRVX {
@@ -30,7 +31,8 @@ std::string DeviceKey(const std::string& prefix, std::uint32_t major, std::uint3
 class CScan {
  public:
   CScan(CModel& model, KVT::Threading::CEvent& stop, SScanned& found, bool newIDs)
-      : m_Model(model), m_Stop(stop), m_Found(found), m_NewIDs(newIDs) {}
+      ZQ_REQUIRES(model.m_DataLock)
+      : m_Model(model), m_Stop(stop), m_Found(found), m_NewIDs(newIDs), m_Known(model.m_PhysicalDrives) {}
 
   /// A stop request ends these two at the next disk or array: false.
   bool ScanDisks() ZQ_REQUIRES(m_Model.m_DataLock);
@@ -43,6 +45,11 @@ class CScan {
     std::uint32_t m_Activity{PI::ACTIVITY_NONE};
   };
 
+  /// /proc/partitions as it is now. Disks and arrays are two looks; what has not changed is understood once.
+  const std::vector<Md::SPartition>& ReadPartitions();
+  std::optional<mdu_array_info_s> ReadArrayInfo(const Md::CArray& device);
+  /// /proc/mdstat as all arrays of a look see it: read when first asked for, and again after a wait.
+  const std::optional<std::string>& ReadMdstat();
   bool IsStopping() { return m_Stop.Wait(0) == KVT::Threading::WAIT_OK; }
   /// Queues an event about an object with its kernel name as the second placeholder.
   void QueueNameEvent(unsigned int code, unsigned int severity, const PI::CObject& object,
@@ -61,6 +68,10 @@ class CScan {
   KVT::Threading::CEvent& m_Stop;
   SScanned& m_Found;
   bool m_NewIDs;
+  const CDriveIndex m_Known;  ///< what the model has
+  std::string m_Partitions;
+  std::vector<Md::SPartition> m_Entries;
+  std::optional<std::optional<std::string>> m_Mdstat;  ///< none: not read yet
 };
 
 }  // namespace NAMESPACE_piRVX

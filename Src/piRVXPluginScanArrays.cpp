@@ -29,23 +29,28 @@ std::optional<std::uint32_t> MemberStatus(const mdu_disk_info_s& disk) {
   return std::nullopt;
 }
 
+}  // namespace
+
 /// The array's record. md is given time to become clean; the last reading decides. Once the end is asked for,
 /// there is no waiting any more: several arrays at work would hold it up for longer than a server waits.
-std::optional<mdu_array_info_s> ReadArrayInfo(OS::COperatingSystem& os, const Md::CArray& device,
-                                              KVT::Threading::CEvent& stop) {
+std::optional<mdu_array_info_s> CScan::ReadArrayInfo(const Md::CArray& device) {
   std::optional<mdu_array_info_s> info;
   for (int attempt = 0; attempt < CLEAN_ATTEMPTS; ++attempt) {
     info = device.Info();
-    if ((info && (info->state & Md::ARRAY_CLEAN) != 0) || stop.Wait(0) == KVT::Threading::WAIT_OK) break;
-    os.Sleep(CLEAN_WAIT);
+    if ((info && (info->state & Md::ARRAY_CLEAN) != 0) || IsStopping()) break;
+    m_Model.m_OS.Sleep(CLEAN_WAIT);
+    m_Mdstat.reset();
   }
   return info;
 }
 
-}  // namespace
+const std::optional<std::string>& CScan::ReadMdstat() {
+  if (!m_Mdstat) m_Mdstat = OS::ReadText(m_Model.m_OS, "/proc/mdstat");
+  return *m_Mdstat;
+}
 
 bool CScan::ScanArrays() {
-  const auto entries = Md::ParsePartitions(OS::ReadText(m_Model.m_OS, "/proc/partitions").value_or(""));
+  const auto& entries = ReadPartitions();
   const auto isListed = [&](const std::string& name) {
     return std::any_of(entries.begin(), entries.end(),
                        [&](const Md::SPartition& entry) { return entry.m_Name == name; });
@@ -89,7 +94,7 @@ bool CScan::ScanArrays() {
 void CScan::ScanArray(SArrayHistory history, CRVXLogicalDrive& array) {
   const Md::CArray device(m_Model.m_OS, array.DevicePath());
   if (!device.IsOpen()) return;
-  const auto info = ReadArrayInfo(m_Model.m_OS, device, m_Stop);
+  const auto info = ReadArrayInfo(device);
   if (!info || IsStopping())
     return;  // a stop cuts the wait for a clean state short: that reading tells nothing
   array.m_RaidLevel = RaidLevelOf(info->level);
@@ -135,10 +140,12 @@ void CScan::ScanProgress(const SArrayHistory& history, CRVXLogicalDrive& array,
   }
   array.m_Activity = PI::ACTIVITY_NONE;
   array.m_Progress = 0;
-  const auto mdstat = OS::ReadText(m_Model.m_OS, "/proc/mdstat");
+  const auto& mdstat = ReadMdstat();
   if (!mdstat) return;
+  // Most of the time nothing runs: then no line of any array needs to be found.
+  const std::string_view runs = Md::ContainsText(*mdstat, Md::RUN_MARK) ? std::string_view(*mdstat) : "";
   const std::array<std::string_view, 1> own{array.m_KernelName};
-  Md::CMdstatWalk walk(*mdstat, own, std::identity{}, Md::PROGRESS_LINE);
+  Md::CMdstatWalk walk(runs, own, std::identity{}, Md::PROGRESS_LINE);
   while (const auto hit = walk.Next()) {
     if (!hit->m_Line) break;
     const auto progress = Md::ParseProgress(*hit->m_Line);

@@ -97,9 +97,8 @@ void CheckSmart(CModel& model, SWorkerState& state) ZQ_REQUIRES(model.m_DataLock
     };
     for (const auto& warning : warnings) {
       if (!warning.m_Raised) continue;
-      PI::CEvent event =
-          model.MakeEvent(warning.m_Code, model.m_Adapter.m_ID, model.m_Adapter.m_Description,
-                          Text("%s %d:%d", drive.m_KernelName, drive.m_MajorNumber, drive.m_MinorNumber));
+      PI::CEvent event = model.MakeEvent(warning.m_Code, model.m_Adapter.m_ID, model.m_Adapter.m_Description,
+                                         NameAndNumbers(drive));
       event.m_Severity = PI::SEV_WARNING;
       events.push_back(event);
     }
@@ -216,9 +215,10 @@ unsigned long IPLUGINAPI_IMPL::NextInterval() const {
 void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "ENTER EventPoll()");
   RVX_TRACE(TRACE_INFORMATION, "EventPoll() - open fd=%d", -1);  // each round opens its own
-  const auto round = [this] {
+  SPollerState state;
+  const auto round = [&] {
     try {
-      return EventPollRound();
+      return EventPollRound(state);
     } catch (const KVT::CSystemException&) {
       throw;
     } catch (const std::exception& exception) {  // want of memory passes
@@ -237,35 +237,30 @@ void IPLUGINAPI_IMPL::EventPoll() {
   RVX_TRACE(TRACE_LIFECYCLE, "LEAVE EventPoll()");
 }
 
-namespace {
+CPolledFile::CPolledFile(OS::COperatingSystem& os) : CDescriptor(os, "/proc/mdstat", O_RDONLY) {}
 
-/// Tells before it closes, also when its thread is cancelled.
-class CPolledFile : public OS::CDescriptor {
- public:
-  using CDescriptor::CDescriptor;
-  ~CPolledFile() {
-    if (IsOpen()) RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", Get());
-  }
-};
+CPolledFile::~CPolledFile() {
+  if (IsOpen()) RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - before close fd=%d", Get());
+}
 
-}  // namespace
-
-bool IPLUGINAPI_IMPL::EventPollRound() {
+bool IPLUGINAPI_IMPL::EventPollRound(SPollerState& state) {
   if (m_StopRequest.Wait(0) != KVT::Threading::WAIT_TIMED_OUT) return false;
-  int result = 0;
-  {
-    // Opened afresh each round: the kernel reports changes since the opening.
-    const CPolledFile mdstat(m_OS, "/proc/mdstat", O_RDONLY);
-    if (!mdstat.IsOpen()) {
-      RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
-      m_OS.Sleep(MDSTAT_WAIT);
-      return true;
-    }
-    RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", mdstat.Get());
-    result = m_OS.WaitExceptional(mdstat.Get(), MDSTAT_WAIT);
-    RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
-    if (result < 0) throw KVT::CSystemException(errno, "select");
+  auto& watched = state.m_Watched;
+  if (!watched || !watched->IsOpen()) watched = std::make_unique<CPolledFile>(m_OS);
+  if (!watched->IsOpen()) {
+    RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - currently we can not open mdstat so sleep a while");
+    m_OS.Sleep(MDSTAT_WAIT);
+    return true;
   }
+  RVX_TRACE(TRACE_LIFECYCLE, "Select with max fd number=%d", watched->Get());
+  int result = m_OS.WaitExceptional(watched->Get(), MDSTAT_WAIT);
+  RVX_TRACE(TRACE_LIFECYCLE, "EventPoll() - after select() iResult=%d", result);
+  if (result < 0) throw KVT::CSystemException(errno, "select");
+  // Each round watches a file of its own: the kernel reports changes since the opening. It is open before the
+  // one before it is looked at for the last time and closed: what changes between two rounds shows in one.
+  auto next = std::make_unique<CPolledFile>(m_OS);
+  if (result == 0) result = m_OS.WaitExceptional(watched->Get(), 0);
+  watched = std::move(next);
   if (result > 0) m_ForceWorker.Set();
   return true;
 }

@@ -1,6 +1,9 @@
 /// @file
 /// Commands that follow what happens.
 
+#include <algorithm>
+#include <optional>
+
 #include "host/CommandLine.h"
 #include "host/Progress.h"
 #include "host/TextView.h"
@@ -11,37 +14,51 @@ namespace rvxctl {
 namespace {
 
 constexpr std::chrono::milliseconds FETCH_INTERVAL{250};
+/// After md said that it changed: long enough for the worker to be first at the model, where a fetch that is
+/// before it makes it skip its pass. The fetch then waits for the end of the pass.
+constexpr std::chrono::milliseconds CHANGE_INTERVAL{10};
+constexpr int CHANGE_FETCHES = 50;
 
 struct SEvents {
   bool m_Follow{false};
   bool m_Lines{false};  ///< as JSON
 };
 
+/// Prints events, or adds them to the list. Names are those of the last look: an event does not wait for the
+/// next one unless it is about an object that is new.
+void Tell(CContext& context, const SEvents& wanted, std::optional<CTopology>& topology, Json& all) {
+  const std::vector<PI::CEvent> events = context.Session().FetchEvents();
+  if (std::ranges::any_of(events,
+                          [&](const PI::CEvent& event) { return !topology->FindID(event.m_ObjectID); }))
+    topology.emplace(context.Session());
+  for (const PI::CEvent& event : events) {
+    const Json one = EventJson(*topology, event);
+    if (wanted.m_Lines || (wanted.m_Follow && context.Options().m_Json))
+      context.Terminal().Print(one.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+    else if (context.Options().m_Json)
+      all.push_back(one);
+    else
+      context.Terminal().Print(EventLine(one));
+  }
+}
+
 int ShowEvents(CContext& context, const SEvents& wanted) {
   CSession& session = context.Session();
-  const unsigned long before = CTopology(session).Plugin().m_UpdateCounter;
+  std::optional<CTopology> topology(session);
+  auto md = context.Machine().WatchMd();
   session.Start();
-  if (!wanted.m_Follow) AwaitPass(session, before);
-  const bool json = context.Options().m_Json;
+  if (!wanted.m_Follow) AwaitPass(session, topology->Plugin().m_UpdateCounter);
   Json all = Json::array();
-  while (true) {
-    const std::vector<PI::CEvent> events = session.FetchEvents();
-    if (!events.empty()) {
-      const CTopology topology(session);
-      for (const PI::CEvent& event : events) {
-        const Json one = EventJson(topology, event);
-        if (wanted.m_Lines || (wanted.m_Follow && json))
-          context.Terminal().Print(one.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
-        else if (json)
-          all.push_back(one);
-        else
-          context.Terminal().Print(EventLine(one));
-      }
+  Tell(context, wanted, topology, all);
+  for (int soon = 0; wanted.m_Follow; soon = std::max(soon - 1, 0)) {
+    if (session.Pause(soon > 0 ? CHANGE_INTERVAL : FETCH_INTERVAL, md.Get())) {
+      md = context.Machine().WatchMd();
+      soon = CHANGE_FETCHES;
+      session.Pause(CHANGE_INTERVAL);
     }
-    if (!wanted.m_Follow) break;
-    session.Pause(FETCH_INTERVAL);
+    Tell(context, wanted, topology, all);
   }
-  if (json && !wanted.m_Lines) context.Show("events", all, "");
+  if (context.Options().m_Json && !wanted.m_Lines) context.Show("events", all, "");
   return EXIT_DONE;
 }
 

@@ -29,14 +29,19 @@ constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE, "array", "arrays", "ARRAY", "the a
 
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
-  Json data = {{"objects", Json::array()}};
-  std::string text;
-  for (const PI::CObject& object : topology.Objects()) {
-    data["objects"].push_back(ObjectJson(object));
-    text += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
-            ObjectText(context, topology, object, "  ") + "\n";
-  }
-  if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) text += DiskTable(context, topology);
+  const auto data = [&] {
+    Json objects = Json::array();
+    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(object));
+    return Json{{"objects", std::move(objects)}};
+  };
+  const auto text = [&] {
+    std::string all;
+    for (const PI::CObject& object : topology.Objects())
+      all += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
+             ObjectText(context, topology, object, "  ") + "\n";
+    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) all += DiskTable(context, topology);
+    return all;
+  };
   context.Show("topology", data, text);
   return EXIT_DONE;
 }
@@ -46,8 +51,9 @@ int ShowStatus(CContext& context, bool watch) {
   while (true) {
     const CTopology topology(context.Session());
     const bool terminal = watch && context.Terminal().IsTerminal() && !context.Options().m_Json;
-    context.Show("status", StatusJson(topology),
-                 (terminal ? "\033[H\033[J" : "") + StatusText(context, topology));
+    context.Show(
+        "status", [&] { return StatusJson(topology); },
+        [&] { return (terminal ? "\033[H\033[J" : "") + StatusText(context, topology); });
     if (!watch) return EXIT_DONE;
     context.Session().FetchEvents();
     context.Session().Pause(std::chrono::seconds(2));
@@ -56,7 +62,9 @@ int ShowStatus(CContext& context, bool watch) {
 
 int ListObjects(CContext& context, const SKind& kind) {
   const CTopology topology(context.Session());
-  context.Show(kind.m_Schema, ListJson(topology, kind.m_Kind), kind.m_Table(context, topology));
+  context.Show(
+      kind.m_Schema, [&] { return ListJson(topology, kind.m_Kind); },
+      [&] { return kind.m_Table(context, topology); });
   return EXIT_DONE;
 }
 
@@ -64,7 +72,9 @@ int ListObjects(CContext& context, const SKind& kind) {
 int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND kind) {
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
-  context.Show("object", ObjectJson(object), ObjectText(context, topology, object, ""));
+  context.Show(
+      "object", [&] { return ObjectJson(object); },
+      [&] { return ObjectText(context, topology, object, ""); });
   return EXIT_DONE;
 }
 

@@ -2,6 +2,7 @@
 /// @file
 /// What a command works with.
 
+#include <concepts>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,11 @@ class CContext {
   /// Prints the result in the form that was asked for; `name` names the JSON schema.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
+  /// The same of forms that are made when they are wanted: one of the two is.
+  template <std::invocable TData, std::invocable TText>
+  void Show(const std::string& name, TData data, TText text) {
+    m_Terminal.Print(m_Options.m_Json ? Envelope(name, data(), Json::array()) : text());
+  }
   /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
   void Close();
 

@@ -1,6 +1,7 @@
 #include "host/LocalMachine.h"
 
 #include <blkid/blkid.h>
+#include <fcntl.h>
 #include <libudev.h>
 #include <sys/stat.h>
 
@@ -97,6 +98,10 @@ class CThisMachine : public CLocalMachine {
   std::optional<std::string> MdStat() const override {
     std::ifstream file("/proc/mdstat");
     return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  KVT::Internal::CFileDescriptor WatchMd() const override {
+    return KVT::Internal::CFileDescriptor(::open("/proc/mdstat", O_RDONLY | O_CLOEXEC));
   }
 
  private:

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "libraries/common/FileDescriptor.h"
+
 namespace rvxctl {
 
 /// This base knows nothing, as is right beside a simulated machine, whose disks are not here.
@@ -24,6 +26,8 @@ class CLocalMachine {
   virtual std::optional<std::set<std::string>> Controllers() const { return std::nullopt; }
   /// md's account of its arrays; empty when md is not in the kernel.
   virtual std::optional<std::string> MdStat() const { return std::nullopt; }
+  /// A file whose exceptional condition says that md has changed since this call; none when nothing says so.
+  virtual KVT::Internal::CFileDescriptor WatchMd() const { return KVT::Internal::CFileDescriptor(); }
 };
 
 /// This machine, or the one that knows nothing.

@@ -1,8 +1,11 @@
 #include "host/Session.h"
 
 #include <dlfcn.h>
+#include <poll.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <csignal>
@@ -14,6 +17,7 @@
 #include "host/Installation.h"
 #include "host/Texts.h"
 #include "libraries/common/Environment.h"
+#include "libraries/common/FileDescriptor.h"
 
 namespace rvxctl {
 
@@ -152,11 +156,15 @@ void CSession::Start() {
   Execute(PI::CMD_SET_ADAPTER_IDS, 0, &m_AdapterIDs);
 }
 
-void CSession::Pause(std::chrono::milliseconds time) const {
+bool CSession::Pause(std::chrono::milliseconds time, int file) const {
   const sigset_t signals = EndSignals();
-  const timespec limit{time.count() / 1000, (time.count() % 1000) * 1000000};
-  if (const int signal = ::sigtimedwait(&signals, nullptr, &limit); signal > 0)
+  const KVT::Internal::CFileDescriptor asked(::signalfd(-1, &signals, SFD_CLOEXEC));
+  std::array<pollfd, 2> sources{{{asked.Get(), POLLIN, 0}, {file, POLLPRI, 0}}};
+  ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
+  const timespec now{};
+  if (const int signal = ::sigtimedwait(&signals, nullptr, &now); signal > 0)
     throw CError(EXIT_SIGNAL + signal, std::string("ended by ") + ::strsignal(signal));
+  return (sources[1].revents & POLLPRI) != 0;
 }
 
 unsigned int CSession::Execute(PI::_COMMAND command, unsigned long id, void* data) {

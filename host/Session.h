@@ -27,8 +27,9 @@ class CSession : public INotificationTarget {
   /// Takes a fresh instance of the plug-in, which sees the machine as it is now: identifiers are new. For a
   /// session that was not started, it is quicker than a pass of threads that must be ended again.
   void Renew();
-  /// Waits; throws CError(EXIT_SIGNAL + n) when the person or the system wants an end.
-  void Pause(std::chrono::milliseconds time) const;
+  /// Waits, at most until an open file has an exceptional condition: true. Throws CError(EXIT_SIGNAL + n)
+  /// when the person or the system wants an end.
+  bool Pause(std::chrono::milliseconds time, int file = -1) const;
   /// De-initialises and releases the plug-in, which ends the session, and writes the simulated machine back
   /// when that was asked for. Throws CError when the machine cannot be written.
   void End();

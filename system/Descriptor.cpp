@@ -27,13 +27,15 @@ std::optional<std::string> ReadText(COperatingSystem& os, const std::string& pat
   constexpr std::size_t LONGEST = 1024UL * 1024;
   const CDescriptor file(os, path, O_RDONLY);
   if (!file.IsOpen()) return std::nullopt;
+  const bool inSysfs = path.starts_with("/sys/");
   std::string text;
-  std::array<char, 4096> piece{};
+  std::array<char, 4096> piece;
   while (text.size() < LONGEST) {
     const ssize_t size = os.Read(file.Get(), piece.data(), std::min(piece.size(), LONGEST - text.size()));
     if (size < 0) return std::nullopt;
-    if (size == 0) break;
     text.append(piece.data(), static_cast<std::size_t>(size));
+    // sysfs hands out a file in one piece: what is shorter than was asked for is all of it.
+    if (size == 0 || (inSysfs && static_cast<std::size_t>(size) < piece.size())) break;
   }
   return text;
 }

@@ -128,7 +128,7 @@ std::optional<std::uint32_t> ArrayNumber(const std::string& name) {
 }
 
 std::optional<SRunProgress> ParseProgress(std::string_view line) {
-  if (!ContainsText(line, "]  re")) return std::nullopt;
+  if (!ContainsText(line, RUN_MARK)) return std::nullopt;
   SRunProgress progress{ContainsText(line, "resync"), 0};
   constexpr std::string_view RESYNC = "resync = ";
   constexpr std::string_view RECOVERY = "covery = ";

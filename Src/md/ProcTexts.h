@@ -58,6 +58,9 @@ bool IsDiskName(const std::string& name);
 /// The number of an array's kernel name ("md7", "md_d7"); none for other names.
 std::optional<std::uint32_t> ArrayNumber(const std::string& name);
 
+/// What stands in each progress line of /proc/mdstat that shows a running rebuild or resync, and nowhere
+/// else.
+inline constexpr std::string_view RUN_MARK = "]  re";
 /// What a progress line of /proc/mdstat says.
 struct SRunProgress {
   bool m_Resync;            ///< else a rebuild

@@ -58,11 +58,12 @@ timespec DeadlineIn(unsigned long milliseconds) {
 /// point; the lock is held while the stack unwinds to the guard.
 template <class TConsume>
 unsigned int WaitForSignal(unsigned long milliseconds, TConsume consume) {
-  const timespec end = DeadlineIn(milliseconds);
+  const timespec end = milliseconds == 0 ? timespec{} : DeadlineIn(milliseconds);
   const CSignalGuard guard;
   for (int error = 0;;) {
     if (const unsigned int place = consume(); place != 0) return place;
-    if (error == ETIMEDOUT) return WAIT_TIMED_OUT;
+    // A look that does not wait goes without the kernel, which would take it for a wait of its shortest time.
+    if (error == ETIMEDOUT || milliseconds == 0) return WAIT_TIMED_OUT;
     error = milliseconds == INFINITE_WAIT
                 ? pthread_cond_wait(&g_SignalSet, &g_SignalLock)
                 : pthread_cond_clockwait(&g_SignalSet, &g_SignalLock, CLOCK_MONOTONIC, &end);
@@ -123,6 +124,7 @@ int CFastMutex::Init() { return m_Error == 0 ? INIT_OK : -m_Error; }
 
 unsigned int CFastMutex::Wait(unsigned long milliseconds) {
   const int error = milliseconds == INFINITE_WAIT ? pthread_mutex_lock(&m_Mutex)
+                    : milliseconds == 0           ? pthread_mutex_trylock(&m_Mutex)
                                                   : LockUntil(&m_Mutex, DeadlineIn(milliseconds));
   return error == 0 ? WAIT_OK : WAIT_TIMED_OUT;
 }

@@ -8,9 +8,10 @@
 
 namespace KVTX::Internal {
 
-/// What "udevadm info -q all -n NODE" prints about a block device, from libudev, which takes a hundredth of
-/// the time: one kind of lines after the other as udevadm has them, those of one kind by name. The priority
-/// of links ("L:"), which libudev keeps to itself, is left out. Not interrupted by a cancellation.
+/// What "udevadm info -q all -n NODE" prints about a block device, from libudev: one kind of lines after the
+/// other as udevadm has them, those of one kind by name. The priority of links ("L:"), which libudev keeps to
+/// itself, is left out. A record is read again when the device or udev's notes of it are others than before.
+/// Not interrupted by a cancellation; for several threads at once.
 /// @return none when libudev does not know the node; udevadm then says why
 ZQ_API std::optional<std::vector<std::string>> DeviceRecord(const std::string& node);
 

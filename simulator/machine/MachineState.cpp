@@ -58,10 +58,12 @@ SBlock PartitionBlock(SBlock whole, SPartition& partition) {
   return whole;
 }
 
-/// Calls `visit(block)` for every device until it answers true, partitions behind their disk.
-template <typename TVisit>
-void ForEachBlock(SMachine& machine, TVisit visit) {
+/// Calls `visit(block)` for every device until it answers true, partitions behind their disk; for those alone
+/// whose whole device is `wanted`.
+template <typename TWanted, typename TVisit>
+void ForEachBlock(SMachine& machine, TWanted wanted, TVisit visit) {
   const auto visitAll = [&](const SBlock& whole) {
+    if (!wanted(whole)) return false;
     const auto isIt = [&](SPartition& partition) { return visit(PartitionBlock(whole, partition)); };
     return visit(whole) || std::any_of(whole.Partitions().begin(), whole.Partitions().end(), isIt);
   };
@@ -71,10 +73,11 @@ void ForEachBlock(SMachine& machine, TVisit visit) {
     if (visitAll(WholeBlock(array))) return;
 }
 
-template <typename TMatch>
-std::optional<SBlock> FindBlockThat(SMachine& machine, TMatch matches) {
+/// The device that `matches`. `mayHold` tells of a whole one whether it or a partition of it may.
+template <typename TMayHold, typename TMatch>
+std::optional<SBlock> FindBlockThat(SMachine& machine, TMayHold mayHold, TMatch matches) {
   std::optional<SBlock> found;
-  ForEachBlock(machine, [&](const SBlock& block) {
+  ForEachBlock(machine, mayHold, [&](const SBlock& block) {
     if (matches(block)) found = block;
     return found.has_value();
   });
@@ -154,7 +157,8 @@ std::string& SBlock::Mount() const {
 
 std::vector<SBlock> AllBlocks(SMachine& machine) {
   std::vector<SBlock> blocks;
-  ForEachBlock(machine, [&](const SBlock& block) {
+  const auto all = [](const SBlock&) { return true; };
+  ForEachBlock(machine, all, [&](const SBlock& block) {
     blocks.push_back(block);
     return false;
   });
@@ -162,11 +166,19 @@ std::vector<SBlock> AllBlocks(SMachine& machine) {
 }
 
 std::optional<SBlock> FindBlock(SMachine& machine, dev_t device) {
-  return FindBlockThat(machine, [device](const SBlock& block) { return block.m_Device == device; });
+  constexpr unsigned int MOST_MINORS = 64;  // of a partitionable array; a disk has 16
+  return FindBlockThat(
+      machine,
+      [device](const SBlock& whole) {
+        return major(whole.m_Device) == major(device) && minor(device) - minor(whole.m_Device) < MOST_MINORS;
+      },
+      [device](const SBlock& block) { return block.m_Device == device; });
 }
 
 std::optional<SBlock> FindBlock(SMachine& machine, const std::string& name) {
-  return FindBlockThat(machine, [&](const SBlock& block) { return block.m_Name == name; });
+  return FindBlockThat(
+      machine, [&](const SBlock& whole) { return name.starts_with(whole.m_Name); },
+      [&](const SBlock& block) { return block.m_Name == name; });
 }
 
 SDisk* FindDisk(SMachine& machine, const std::string& name) { return FindNamed(machine.m_Disks, name); }

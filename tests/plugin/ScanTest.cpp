@@ -254,6 +254,26 @@ TEST_F(ScanArrays, SeveralBarsOfOneNameAreHandledInTurnAndNoFileEndsNothing) {
   EXPECT_EQ(EventsOf(m_Plugin.Array("md0")), "") << "no end is seen";
 }
 
+TEST_F(ScanArrays, WhatChangesDuringALookIsSeen) {
+  m_Machine.Apply(R"({"add_array": {"name": "md1", "level": "raid0", "members": ["sdd"]}})");
+  SetMdstat({""});
+  m_Own.m_Array = [&, calls = 0](mdu_array_info_t& info) mutable {
+    if (++calls != 2) return;
+    info.state = 0;  // the second array is waited for
+    m_Machine.SetFile("/proc/mdstat", Text("md1 : active\n      1000 blocks\n%s\n", RECOVERY_12));
+  };
+  EXPECT_EQ(SFound(m_Plugin).Array("md1").m_Progress, 12U);
+
+  SRigOf<CHookedSystem> rig(DisksOf({65536, 65536}));
+  rig.m_Own.m_Hook = [&](const std::string& call) -> CHookedSystem::TAnswer {
+    if (call == "open /dev/sda")
+      rig.m_Machine.Apply(R"({"add_array": {"name": "md2", "level": "raid0",
+                                                                       "members": ["sda", "sdb"]}})");
+    return {};
+  };
+  EXPECT_EQ(SFound(rig.m_Plugin).m_Arrays.size(), 1U) << "it came while disks were looked at";
+}
+
 TEST_F(ScanArrays, ANewArrayIsAnnouncedBeforeAllElseAndOnlyTheFirstScanBuildsDocuments) {
   const CRVXLogicalDrive model = m_Plugin.Array("md0");
   SFound known(m_Plugin);

@@ -30,20 +30,28 @@ struct EventPollTest : public testing::Test, public SRigOf<CHookedSystem> {
       return m_Select();
     };
   }
+  bool Round() { return m_Plugin.EventPollRound(m_State); }
   std::function<int()> m_Select = [] { return 0; };
   std::string m_Steps;
+  SPollerState m_State;
 };
-constexpr char ROUND[] = "open /proc/mdstat, wait 3000, close, ";
+constexpr char FIRST[] = "open /proc/mdstat, wait 3000, ";
+constexpr char QUIET[] = "wait 3000, open /proc/mdstat, wait 0, close, ";
+constexpr char CHANGED[] = "wait 3000, open /proc/mdstat, close, ";
 
-TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosed) {
-  EXPECT_TRUE(m_Plugin.EventPollRound());
+TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosedAndTheNextIsOpen) {
+  EXPECT_TRUE(Round());
   EXPECT_FALSE(Take(m_Plugin.m_ForceWorker));
   m_Select = [] { return 1; };
-  EXPECT_TRUE(m_Plugin.EventPollRound());
+  EXPECT_TRUE(Round());
   EXPECT_TRUE(Take(m_Plugin.m_ForceWorker));
+  m_Select = [looks = 0]() mutable { return looks++; };
+  EXPECT_TRUE(Round());
+  EXPECT_TRUE(Take(m_Plugin.m_ForceWorker)) << "a change between two rounds";
   m_Plugin.m_StopRequest.Set();
-  EXPECT_FALSE(m_Plugin.EventPollRound());
-  EXPECT_EQ(m_Steps, std::string(ROUND) + ROUND) << "a stop request ends it before anything is opened";
+  EXPECT_FALSE(Round());
+  EXPECT_EQ(m_Steps, std::string("open /proc/mdstat, ") + QUIET + CHANGED + QUIET)
+      << "a stop request ends it before anything is opened";
 }
 
 TEST_F(EventPollTest, AFailingSelectNamesItsOwnErrorAndEndsTheThreadAlone) {
@@ -51,7 +59,7 @@ TEST_F(EventPollTest, AFailingSelectNamesItsOwnErrorAndEndsTheThreadAlone) {
   const CTraceCapture trace(0);
   m_Plugin.EventPoll();
   EXPECT_THAT(trace.Text(), testing::HasSubstr("EventPoll()- Thread is crashed!\n\nselect: Interrupted"));
-  EXPECT_EQ(m_Steps, ROUND) << "closed once";
+  EXPECT_EQ(m_Steps, std::string(FIRST) + "close, ") << "closed once";
   EXPECT_FALSE(Take(m_Plugin.m_ForceWorker) || Take(m_Plugin.m_StopRequest)) << "the worker goes on";
 }
 
@@ -63,12 +71,12 @@ TEST_F(EventPollTest, OutlivesAWantOfMemoryAndOfMdWithAPause) {
   };
   const CTraceCapture log(0);
   m_Plugin.EventPoll();
-  EXPECT_EQ(m_Steps, Text("%ssleep 3000, %s", ROUND, ROUND));
+  EXPECT_EQ(m_Steps, Text("%ssleep 3000, %sclose, ", FIRST, QUIET));
   EXPECT_EQ(log.Count("EventPoll() round failed: std::bad_alloc"), 1U);
   m_Plugin.m_StopRequest.Reset();
   m_Steps.clear();
   m_Machine.SetFile("/proc/mdstat", std::nullopt);
-  EXPECT_TRUE(m_Plugin.EventPollRound());
+  EXPECT_TRUE(Round());
   EXPECT_EQ(m_Steps, "open /proc/mdstat, sleep 3000, ");
 }
 

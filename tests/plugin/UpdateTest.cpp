@@ -88,12 +88,14 @@ TEST_F(UpdateTest, WhatVanishedLeavesWithItsEventAndWhatIsNewJoinsSilently) {
   m_Drives.push_back(m_Drives[0]);
   m_Drives.back().m_MinorNumber = 48;
   m_Drives.back().m_ID = 300;
+  m_Drives.push_back(m_Drives.back());  // the kernel lists none twice; it would be one disk all the same
   m_Drives.erase(m_Drives.begin(), m_Drives.begin() + 2);
   m_Arrays[0].m_ArrayNumber = 4;
   m_Arrays[0].m_ID = 301;
   EXPECT_EQ(Merge(), PI::OK);
   EXPECT_EQ(m_Plugin.m_PhysicalDrives.at(0).m_ID, 102U);
   EXPECT_EQ(m_Plugin.m_PhysicalDrives.at(2).m_ID, 300U);
+  EXPECT_EQ(m_Plugin.m_PhysicalDrives.size(), 3U);
   ASSERT_EQ(m_Plugin.m_LogicalDrives.size(), 1U);
   EXPECT_EQ(m_Plugin.m_LogicalDrives[0].m_ID, 301U);
   EXPECT_THAT(m_Plugin.m_Adapter.m_Children, testing::ElementsAre(102U, 103U, 100U, 300U, 301U))

@@ -61,7 +61,7 @@ TEST(Linux, ClosingAndTracingAreNoCancellationPoints) {
     OS::CLinux().Close(::dup(STDERR_FILENO));
     KVT::Trace::Write(KVT_MODULE_INFO_piRVX, TRACE_INFORMATION, "", 1, "");
     passed = "both";
-    OS::CLinux().Sleep(0);
+    OS::CLinux().Sleep(1);
     passed = "Sleep too";
   };
   ASSERT_EQ(KVT::Threading::CThread::Create(body, 0)->Wait(20000), KVT::Threading::WAIT_OK);
