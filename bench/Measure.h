@@ -1,17 +1,22 @@
 #pragma once
 /// @file
-/// What the benchmarks share: medians, and programs that are run and looked at.
+/// What the benchmarks share: medians, requests to md, and programs that are run and looked at.
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -31,8 +36,42 @@ inline double Median(std::vector<double> values) {
   return *middle;
 }
 
-/// A measured value for bench/run, which knows by their names what they are put in proportion to.
-inline void Tell(const std::string& name, double value) { std::printf("%s %.9g\n", name.c_str(), value); }
+/// What was measured, by the names by which bench/run knows it.
+using TSamples = std::map<std::string, std::vector<double>>;
+
+inline void TellMedians(const TSamples& samples) {
+  for (const auto& [name, values] : samples) std::printf("%s %.9g\n", name.c_str(), Median(values));
+}
+
+/// The body of a program: what is thrown is told, and the exit status 1.
+inline int Main(const char* program, const std::function<void()>& body) {
+  try {
+    body();
+    return 0;
+  } catch (const std::exception& exception) {
+    std::fprintf(stderr, "%s: %s\n", program, exception.what());
+    return 1;
+  }
+}
+
+/// Asks a device; throws when it refuses.
+inline void Ask(const std::string& path, unsigned long request, const void* argument) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int result = descriptor < 0 ? -1 : ::ioctl(descriptor, request, argument);
+  const std::string why = std::strerror(errno);
+  if (descriptor >= 0) ::close(descriptor);
+  if (result < 0) throw std::runtime_error(path + ": " + why);
+}
+
+/// A block device's number.
+inline dev_t Number(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) throw std::runtime_error(path + ": " + std::strerror(errno));
+  return status.st_rdev;
+}
+
+/// As md's requests take it in the place of a pointer.
+inline const void* AsArgument(dev_t number) { return reinterpret_cast<const void*>(number); }
 
 struct SRun {
   double m_Milliseconds;  ///< from before the start to the end

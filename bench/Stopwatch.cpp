@@ -12,10 +12,7 @@
 #include <linux/major.h>
 #include <linux/raid/md_u.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdlib>
 
 #include "bench/Measure.h"
@@ -46,30 +43,19 @@ double OwnPeakMib() {
 
 /// One round more than asked for: the first finds nothing in the caches and does not count.
 void Compare(int rounds, const std::vector<std::string>& contestants) {
-  struct SContestant {
-    std::string m_Name, m_Command;
-    std::vector<double> m_Milliseconds{}, m_PeakMib{};
-  };
-  std::vector<SContestant> all;
-  for (const std::string& words : contestants) {
-    const std::size_t equals = words.find('=');
-    if (equals == std::string::npos) throw std::runtime_error("not NAME=COMMAND: " + words);
-    all.push_back({words.substr(0, equals), words.substr(equals + 1)});
-  }
-  for (int round = 0; round <= rounds; ++round)
-    for (SContestant& one : all) {
-      const Bench::SRun run = Bench::Run(one.m_Command);
-      if (round == 0) continue;
-      one.m_Milliseconds.push_back(run.m_Milliseconds);
-      one.m_PeakMib.push_back(run.m_PeakMib);
-    }
+  Bench::TSamples samples;
   const double own = OwnPeakMib();
-  for (const SContestant& one : all) {
-    const double peak = Bench::Median(one.m_PeakMib);
-    if (peak <= own) throw std::runtime_error(one.m_Name + " needs less memory than what measures it");
-    Bench::Tell(one.m_Name + "_ms", Bench::Median(one.m_Milliseconds));
-    Bench::Tell(one.m_Name + "_mib", peak);
+  for (int round = 0; round <= rounds; ++round) {
+    if (round == 1) samples.clear();
+    for (const std::string& words : contestants) {
+      const std::string name = words.substr(0, words.find('='));
+      const Bench::SRun run = Bench::Run(words.substr(std::min(name.size() + 1, words.size())));
+      if (run.m_PeakMib <= own) throw std::runtime_error(name + " needs less memory than what measures it");
+      samples[name + "_ms"].push_back(run.m_Milliseconds);
+      samples[name + "_mib"].push_back(run.m_PeakMib);
+    }
   }
+  Bench::TellMedians(samples);
 }
 
 void Stamp() {
@@ -90,12 +76,9 @@ void WatchMdstat() {
 }
 
 void FailMember(const std::string& array, const std::string& member) {
-  struct stat status {};
-  if (::stat(member.c_str(), &status) != 0) Fail(member);
-  const int descriptor = ::open(array.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) Fail(array);
+  const dev_t number = Bench::Number(member);
   const long moment = Moment();
-  if (::ioctl(descriptor, SET_DISK_FAULTY, status.st_rdev) != 0) Fail(array);
+  Bench::Ask(array, SET_DISK_FAULTY, Bench::AsArgument(number));
   std::printf("%ld\n", moment);
 }
 
@@ -105,7 +88,7 @@ int main(int count, char** arguments) {
   const std::vector<std::string> words(arguments + 1, arguments + count);
   const std::string mode = words.empty() ? "" : words.front();
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-  try {
+  return Bench::Main("rvx_stopwatch", [&] {
     if (mode == "compare" && words.size() > 2)
       Compare(std::max(std::atoi(words[1].c_str()), 1), {words.begin() + 2, words.end()});
     else if (mode == "stamp")
@@ -116,9 +99,5 @@ int main(int count, char** arguments) {
       FailMember(words[1], words[2]);
     else
       throw std::runtime_error("unknown arguments");
-  } catch (const std::exception& exception) {
-    std::fprintf(stderr, "rvx_stopwatch: %s\n", exception.what());
-    return 1;
-  }
-  return 0;
+  });
 }

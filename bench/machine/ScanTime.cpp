@@ -3,7 +3,6 @@
 /// programs that list the same things. Only reads. Prints the medians in milliseconds.
 
 #include <cstdlib>
-#include <map>
 
 #include "Src/piRVXPlugin.h"
 #include "bench/Measure.h"
@@ -13,41 +12,36 @@ namespace {
 
 using namespace NAMESPACE_piRVX;
 
+void Initialize(IPLUGINAPI_IMPL& instance) {
+  std::vector<PI::CAdapterID> adapterIDs;
+  if (instance.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK) throw std::runtime_error("no scan");
+}
+
 void Measure(int rounds) {
   IPLUGINAPI_IMPL instance(OS::TheSystem());
-  std::vector<PI::CAdapterID> adapterIDs;
-  const auto firstScan = [&] {
-    IPLUGINAPI_IMPL fresh(OS::TheSystem());
-    adapterIDs.clear();
-    if (fresh.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK) throw std::runtime_error("no scan");
-  };
-  if (instance.Execute(PI::CMD_INITIALIZE, 0, &adapterIDs) != PI::OK) throw std::runtime_error("no scan");
+  Initialize(instance);
   SWorkerState worker;
-  std::map<std::string, std::vector<double>> times;
+  Bench::TSamples samples;
   const auto take = [&](const char* name, const auto& step) {
     const auto begin = Bench::Clock::now();
     step();
-    times[name].push_back(Bench::Milliseconds(Bench::Clock::now() - begin));
+    samples[name].push_back(Bench::Milliseconds(Bench::Clock::now() - begin));
   };
   // The first round checks the disks' SMART values and finds nothing in the caches; it does not count.
   for (int round = 0; round <= rounds; ++round) {
-    if (round == 1) times.clear();
-    take("scan_ms", firstScan);
+    if (round == 1) samples.clear();
+    IPLUGINAPI_IMPL fresh(OS::TheSystem());
+    take("scan_ms", [&] { Initialize(fresh); });
     take("pass_ms", [&] { instance.WorkerPass(worker); });
-    times["scan_lsblk_ms"].push_back(Bench::Run("lsblk -J").m_Milliseconds);
-    times["scan_mdadm_ms"].push_back(Bench::Run("mdadm --detail --scan").m_Milliseconds);
+    take("scan_lsblk_ms", [] { Bench::Run("lsblk -J"); });
+    take("scan_mdadm_ms", [] { Bench::Run("mdadm --detail --scan"); });
   }
-  for (const auto& [name, values] : times) Bench::Tell(name, Bench::Median(values));
+  Bench::TellMedians(samples);
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  try {
-    Measure(std::max(count > 1 ? std::atoi(arguments[1]) : 15, 1));
-  } catch (const std::exception& exception) {
-    std::fprintf(stderr, "rvx_scan_time: %s\n", exception.what());
-    return 1;
-  }
-  return 0;
+  return Bench::Main("rvx_scan_time",
+                     [&] { Measure(std::max(count > 1 ? std::atoi(arguments[1]) : 15, 1)); });
 }

@@ -12,7 +12,6 @@ failing=/dev/${disk[AHCI-1]}
 # tell: its input's lines "NAME NUMBER" as values of this machine; others (the plug-in tells of its start) are left out.
 tell() { sed -nE "s/^([a-z_]+) ([0-9.e+-]+)\$/value \1_$disks \2/p"; }
 median() { sort -n "$1" | awk '{ all[NR] = $1 } END { if (!NR) exit 1; print all[int(NR / 2) + 1] }'; }
-lines() { wc -l <"$1"; }
 
 mirror() {
     mdadm --create "$1" --run --level=1 --metadata=1.2 --bitmap=none --assume-clean --raid-devices=2 \
@@ -29,11 +28,19 @@ calm() {
     done
 }
 
-# follow_events: its threads run, so that it has taken what there is for known, when there are three.
+# follow_events OPTION...: starts what follows events, and mdadm's monitor with the options. When ours has its three threads,
+# it has taken what there is for known.
 follow_events() {
     "$RVX_BUILD/bin/rvxctl" events --follow --json-lines > >("$stopwatch" stamp >/tmp/ours) 2>/tmp/said &
-    follower=$!
-    wait_for 60 "[ \$(ls /proc/$follower/task | wc -l) -ge 3 ]"
+    followers=($!)
+    mdadm --monitor --scan --program=/tmp/alert "$@" >/dev/null 2>&1 &
+    followers+=($!)
+    wait_for 60 "[ \$(ls /proc/${followers[0]}/task | wc -l) -ge 3 ]"
+}
+
+stop_following() {
+    kill "${followers[@]}"
+    wait "${followers[@]}" || true
 }
 
 programs() {
@@ -49,18 +56,16 @@ seen() { tail -n +$(($2 + 1)) "$1" | grep -m1 -- "$3" | cut -d' ' -f1; }
 change_to_event() {
     local round begin name watchers=(bare mdadm ours) files=(/tmp/bare /tmp/mdadm /tmp/ours)
     local -A words=([bare]=change [mdadm]=Fail [ours]='"code":10078,') before=()
-    follow_events
     mkfifo /tmp/alerts
     "$stopwatch" stamp <>/tmp/alerts >/tmp/mdadm &
     "$stopwatch" mdstat >/tmp/bare &
     # shellcheck disable=SC2016  # the alert's own words
     printf '#!/bin/sh\necho "$*" >/tmp/alerts\n' >/tmp/alert
     chmod +x /tmp/alert
-    mdadm --monitor --scan --program=/tmp/alert >/dev/null 2>&1 &
-    local monitor=$!
+    follow_events
     for ((round = 0; round <= rounds; ++round)); do
         calm 2 "${files[@]}"
-        for name in "${watchers[@]}"; do before[$name]=$(lines "/tmp/$name"); done
+        for name in "${watchers[@]}"; do before[$name]=$(wc -l <"/tmp/$name"); done
         begin=$("$stopwatch" fail /dev/md1 "$failing")
         for name in "${watchers[@]}"; do
             wait_for 60 "[ -n \"\$(seen /tmp/$name ${before[$name]} '${words[$name]}')\" ]"
@@ -74,8 +79,7 @@ change_to_event() {
         echo "# $name: $(sort -n "/tmp/$name.us" | xargs) us"
         echo "event_${name}_ms $(median "/tmp/$name.us" | awk '{ print $1 / 1000 }')"
     done
-    kill "$follower" "$monitor"
-    wait "$follower" "$monitor" || true
+    stop_following
 }
 
 # used PID: milliseconds of processor time of its threads and of the children that it waited for. The scheduler's own
@@ -87,16 +91,14 @@ used() {
 
 # Both look every ten seconds.
 idle() {
-    local before
-    follow_events
-    mdadm --monitor --scan --delay=10 --program=/tmp/alert >/dev/null 2>&1 &
-    local monitor=$!
+    follow_events --delay=10
     sleep 15
-    before="$(used "$follower") $(used "$monitor")"
-    sleep "$idle_seconds"
-    echo "$before $(used "$follower") $(used "$monitor")" | awk '{ print "idle_ours_ms", $3 - $1; print "idle_mdadm_ms", $4 - $2 }'
-    kill "$follower" "$monitor"
-    wait "$follower" "$monitor" || true
+    {
+        used "${followers[0]}" && used "${followers[1]}"
+        sleep "$idle_seconds"
+        used "${followers[0]}" && used "${followers[1]}"
+    } | xargs | awk '{ print "idle_ours_ms", $3 - $1; print "idle_mdadm_ms", $4 - $2 }'
+    stop_following
 }
 
 mkdir -p /etc/zq
