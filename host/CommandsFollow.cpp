@@ -14,6 +14,8 @@ namespace rvxctl {
 namespace {
 
 constexpr std::chrono::milliseconds FETCH_INTERVAL{250};
+/// Where md says that it changed, the rest comes from passes that are seconds apart.
+constexpr std::chrono::milliseconds WATCHED_INTERVAL{1000};
 /// After md said that it changed: long enough for the worker to be first at the model, where a fetch that is
 /// before it makes it skip its pass. The fetch then waits for the end of the pass.
 constexpr std::chrono::milliseconds CHANGE_INTERVAL{10};
@@ -52,7 +54,8 @@ int ShowEvents(CContext& context, const SEvents& wanted) {
   Tell(context, wanted, topology, all);
   for (int soon = 0; wanted.m_Follow; soon = std::max(soon - 1, 0)) {
     if (!md.IsOpen()) md = context.Machine().WatchMd();  // md may be loaded later
-    if (session.Pause(soon > 0 ? CHANGE_INTERVAL : FETCH_INTERVAL, md.Get())) {
+    const auto interval = md.IsOpen() ? WATCHED_INTERVAL : FETCH_INTERVAL;
+    if (session.Pause(soon > 0 ? CHANGE_INTERVAL : interval, md.Get())) {
       md = context.Machine().WatchMd();
       soon = CHANGE_FETCHES;
       session.Pause(CHANGE_INTERVAL);
