@@ -24,8 +24,8 @@ struct SCommandResult {
   std::vector<std::string> m_Lines;
 };
 
-/// CSystem::ExecuteCommand with limits of choice. A cancellation point: the program is killed when the
-/// calling thread is cancelled.
+/// Runs a program as CSystem::ExecuteCommand does, always, with limits of choice. A cancellation point: the
+/// program is killed when the calling thread is cancelled.
 ZQ_API SCommandResult RunCommand(const boost::filesystem::path& program, const std::string& arguments,
                                  const SCommandLimits& limits);
 

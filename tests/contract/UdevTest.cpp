@@ -25,9 +25,14 @@ TLines Comparable(TLines lines) {
       std::sort(words.begin(), words.end());
       line = links + boost::join(words, " ");
     }
-  std::stable_sort(lines.begin(), lines.end(), [](const std::string& one, const std::string& other) {
-    return one.substr(0, 1) == other.substr(0, 1) && one < other;
-  });
+  // Those of one kind, which stand together.
+  for (auto first = lines.begin(); first != lines.end();) {
+    const auto end = std::find_if(first, lines.end(), [kind = first->substr(0, 1)](const std::string& line) {
+      return line.substr(0, 1) != kind;
+    });
+    std::sort(first, end);
+    first = end;
+  }
   return lines;
 }
 

@@ -1,6 +1,6 @@
 /// @file
-/// Each of many changes of md at random moments is looked at soon after, although the plug-in's own interval
-/// is minutes: rvx_many_changes COUNT ARRAY SPARE takes the spare out of the array and puts it back.
+/// Each of many changes of md at random moments is in the model soon after, although the plug-in's own
+/// interval is minutes: rvx_many_changes COUNT ARRAY SPARE takes the spare out of the array and puts it back.
 
 #include <fcntl.h>
 #include <linux/major.h>
