@@ -20,7 +20,10 @@ CSession& CContext::Session() {
 }
 
 void CContext::Show(const std::string& name, const Json& data, const std::string& text, const Json& errors) {
-  m_Terminal.Print(m_Options.m_Json ? Envelope(name, data, errors) : text);
+  if (IsStream())
+    m_Terminal.Print(StreamLine((*m_Stream)++, name, errors.empty() ? data : errors[0]));
+  else
+    m_Terminal.Print(m_Options.m_Json ? Envelope(name, data, errors) : text);
 }
 
 void CContext::Close() {

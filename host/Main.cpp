@@ -56,8 +56,11 @@ template <class TStep>
 int Guarded(CContext& context, TStep step) {
   const auto report = [&](const CError& error) {
     std::cerr << "rvxctl: " << error.what() << "\n";
-    if (context.Options().m_Json && !context.Terminal().HasPrinted())
-      context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
+    try {
+      if (context.IsStream() || (context.Options().m_Json && !context.Terminal().HasPrinted()))
+        context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
+    } catch (const CError&) {  // it may have been the output itself that failed
+    }
     return error.m_ExitStatus;
   };
   try {
