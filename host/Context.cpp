@@ -2,16 +2,20 @@
 
 #include <cstdlib>
 
+#include "system/Linux.h"
+
 namespace rvxctl {
 
-CContext::CContext(const SOptions& options, CTerminal& terminal)
-    : m_Options(options), m_Terminal(terminal), m_Machine(MakeLocalMachine(options.m_Simulate)) {
+CContext::CContext(const SOptions& options, CTerminal& terminal) : m_Options(options), m_Terminal(terminal) {
   const char* const plain = std::getenv("NO_COLOR");
   m_Color = terminal.IsTerminal() && !options.m_Plain && (plain == nullptr || *plain == '\0');
 }
 
 CSession& CContext::Session() {
-  if (!m_Session) m_Session.emplace(m_Options);
+  if (m_Session) return *m_Session;
+  m_Session.emplace(m_Options);
+  if (!m_Options.m_Simulate) m_Here = std::make_unique<OS::CLinux>();
+  m_Machine.emplace(m_Here ? *m_Here : m_Session->SimulatedMachine(), m_Here != nullptr);
   return *m_Session;
 }
 

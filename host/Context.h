@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/JsonView.h"
-#include "host/LocalMachine.h"
+#include "host/Machine.h"
 #include "host/Options.h"
 #include "host/Session.h"
 #include "host/Terminal.h"
@@ -22,7 +22,6 @@ class CContext {
 
   const SOptions& Options() const { return m_Options; }
   CTerminal& Terminal() const { return m_Terminal; }
-  const CLocalMachine& Machine() const { return *m_Machine; }
   /// The person and the terminal want colours.
   bool HasColor() const { return m_Color; }
   CSession& Session();
@@ -30,6 +29,8 @@ class CContext {
   /// ended.
   void BeginStream() { m_Stream.emplace(0); }
   bool IsStream() const { return m_Stream.has_value(); }
+  /// The machine that the plug-in works on. Behind a first Session().
+  const CMachine& Machine() const { return *m_Machine; }
   /// Prints the result in the form that was asked for; `name` names the JSON schema, or a line's type.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
@@ -46,9 +47,10 @@ class CContext {
   SOptions m_Options;
   CTerminal& m_Terminal;
   bool m_Color;
-  std::unique_ptr<const CLocalMachine> m_Machine;
   std::optional<CSession> m_Session;
   std::optional<unsigned long> m_Stream;  ///< the next line's number
+  std::unique_ptr<OS::COperatingSystem> m_Here;
+  std::optional<const CMachine> m_Machine;
 };
 
 }  // namespace rvxctl

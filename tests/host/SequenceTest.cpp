@@ -48,7 +48,7 @@ TEST(Sequence, AMirrorFromCreationToDeletion) {
   const SResult created =
       machine.Run({"array", "create", "--level", "raid1", "sda", "sdb", "--yes", "--wait"});
   EXPECT_EQ(created.m_Status, 0) << created.m_Err;
-  EXPECT_THAT(created.m_Out, HasSubstr("md_d0: completed\nCreated md_d0."));
+  EXPECT_THAT(created.m_Out, HasSubstr("md_d0: completed\nCreated md_d0: 63 MiB."));
   EXPECT_EQ(machine.Run({"spare", "add", "sdc", "md_d0", "--yes"}).m_Status, 0);
   EXPECT_THAT(machine.Disks(), HasSubstr("sdc   Hot spare"));
   EXPECT_EQ(machine.Run({"spare", "release", "sdc", "--yes"}).m_Status, 0);
