@@ -53,6 +53,8 @@ class CGroup {
 void AddShowing(CGroup& all);
 /// Commands that follow what happens.
 void AddFollowing(CGroup& all);
+/// The command that writes simulated machines.
+void AddPlayground(CGroup& all);
 /// Commands that change the machine.
 void AddChanging(CGroup& all);
 

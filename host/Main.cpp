@@ -101,6 +101,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddShowing(all);
   AddFollowing(all);
   AddChanging(all);
+  AddPlayground(all);
 }
 
 int Run(const SOptions& options, const Command& command) {
