@@ -31,23 +31,32 @@ bool Await(CSession& session, TQuestion question, std::chrono::seconds limit = A
   return false;
 }
 
-/// Follows the rebuild or resync that a change set off, which is done by now: `done` tells so to who breaks
-/// the following off. A change has one answer: with --json nothing is shown on the way.
-void FollowToEnd(CContext& context, const std::string& array, const std::string& done) {
+/// What comes behind a change that is done: who breaks it off is told so, as text and document.
+template <class TStep>
+void BehindChange(CContext& context, const std::string& done, const Json& data, TStep step) {
+  try {
+    step();
+  } catch (const CError& error) {
+    if (error.m_ExitStatus < EXIT_SIGNAL) throw;
+    const CError told(error.m_ExitStatus, done + "; " + error.what());
+    Json document = data;
+    document["done"] = done;
+    if (context.Options().m_Json) context.Show("change", document, "", Json::array({ErrorJson(told)}));
+    throw told;
+  }
+}
+
+/// Follows the rebuild or resync that a change set off. A change has one answer: with --json nothing is shown
+/// on the way.
+void FollowToEnd(CContext& context, const std::string& array, const std::string& done, const Json& data) {
   CSession& session = context.Session();
   session.Start();
   const EProgress progress = context.Options().m_Json ? EProgress::HIDDEN : EProgress::SHOWN;
-  const auto behind = [&](int status, const std::string& what) {
-    return CError(status, done + ", " + what + "; 'rvxctl array watch " + array + "' follows it");
-  };
-  try {
+  BehindChange(context, done + " and goes on: 'rvxctl array watch " + array + "' follows it", data, [&] {
     const unsigned long id = CTopology(session).Find(array, PI::OBJ_LOGICAL_DRIVE).m_ID;
     if (const int status = FollowRun(context, id, progress); status != EXIT_DONE)
       throw CError(status, done + ", but the run did not complete");
-  } catch (const CError& error) {
-    if (error.m_ExitStatus < EXIT_SIGNAL) throw;
-    throw behind(error.m_ExitStatus, std::string("and goes on: ") + error.what());
-  }
+  });
 }
 
 int ShowDone(CContext& context, const std::string& text, Json data = Json::object()) {
@@ -141,7 +150,7 @@ int CreateArray(CContext& context, const SCreation& wanted) {
   std::string name;
   Json data = {{"array", nullptr}, {"disks", disks}};
   std::string size;
-  Await(session, [&](const CTopology& now) {
+  const auto look = [&](const CTopology& now) {
     for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
       if (!before.contains(NameOf(*array))) {
         name = NameOf(*array);
@@ -153,11 +162,13 @@ int CreateArray(CContext& context, const SCreation& wanted) {
         data["bytes"] = bytes ? Json(*bytes) : Json(nullptr);
       }
     return !name.empty();
-  });
+  };
+  BehindChange(context, "the array is created: 'rvxctl array list' shows it", data,
+               [&] { Await(session, look); });
   if (name.empty())
     return ShowDone(context, "The array was created, but has not shown up yet; see 'rvxctl array list'.",
                     data);
-  if (wanted.m_Consent.m_Wait) FollowToEnd(context, name, name + " is created");
+  if (wanted.m_Consent.m_Wait) FollowToEnd(context, name, name + " is created", data);
   return ShowDone(context, "Created " + name + ": " + size + ".", data);
 }
 
@@ -221,7 +232,8 @@ int ShowDeleted(CContext& context, const std::vector<std::string>& wanted, const
       if (now.FindArray(name) != nullptr) left.push_back(name);
     return left.empty() || execution.m_Failure;
   };
-  Await(context.Session(), look, DELETION_LIMIT);
+  BehindChange(context, "the deletion is carried out: 'rvxctl array list' shows what is left", Json::object(),
+               [&] { Await(context.Session(), look, DELETION_LIMIT); });
   Json deleted = Json::array();
   std::string gone;
   for (const std::string& name : wanted)
@@ -277,14 +289,17 @@ struct SSpare {
 };
 
 /// A degraded array begins to rebuild onto its new spare soon.
-void FollowRebuild(CContext& context, const std::string& array, const std::string& done) {
-  Await(context.Session(), [&](const CTopology& now) {
-    const PI::CObject* const object = now.FindArray(array);
-    if (object == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
-    return NumberOf(*object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING ||
-           NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
-  });
-  FollowToEnd(context, array, done);
+void FollowRebuild(CContext& context, const std::string& array, const std::string& done, const Json& data) {
+  const auto wait = [&] {
+    Await(context.Session(), [&](const CTopology& now) {
+      const PI::CObject* const object = now.FindArray(array);
+      if (object == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
+      return NumberOf(*object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING ||
+             NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
+    });
+  };
+  BehindChange(context, done, data, wait);
+  FollowToEnd(context, array, done, data);
 }
 
 /// What a disk is now: "sdc is a hot spare of md_d0"
@@ -327,14 +342,14 @@ int AddSpare(CContext& context, const SSpare& wanted) {
             [number](PI::COperation& operation) { operation.m_Parameters.at(0).SetValue(number); }};
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  const Json data = {{"disk", diskName}, {"array", arrayName}};
   if (wanted.m_Consent.m_Wait)
-    FollowRebuild(context, arrayName, diskName + " is added to " + arrayName);
+    FollowRebuild(context, arrayName, diskName + " is added to " + arrayName, data);
   else
     session.Renew();
   const CTopology now(session);
   const CInventory inventory(now, context.Machine());
-  return ShowDone(context, RoleText(inventory, diskName, arrayName) + ".",
-                  {{"disk", diskName}, {"array", arrayName}});
+  return ShowDone(context, RoleText(inventory, diskName, arrayName) + ".", data);
 }
 
 int ReleaseSpare(CContext& context, const SSpare& wanted) {
@@ -370,7 +385,8 @@ int ChangeRebuild(CContext& context, const SRebuild& wanted, bool start) {
     return {"cancel the rebuild of " + name, array, PI::OP_CANCEL_REBUILD, {}, "The array stays degraded."};
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
-  if (start && wanted.m_Consent.m_Wait) FollowToEnd(context, name, "the rebuild is started");
+  if (start && wanted.m_Consent.m_Wait)
+    FollowToEnd(context, name, "the rebuild is started", {{"array", name}});
   return ShowDone(context, "The rebuild of " + name + (start ? " is started." : " is cancelled."),
                   {{"array", name}});
 }

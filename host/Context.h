@@ -25,12 +25,12 @@ class CContext {
   /// The person and the terminal want colours.
   bool HasColor() const { return m_Color; }
   CSession& Session();
+  /// The machine that the plug-in works on. Behind a first Session().
+  const CMachine& Machine() const { return *m_Machine; }
   /// From now on each result, and what goes wrong, is a line of JSON by itself: for what goes on until it is
   /// ended.
   void BeginStream() { m_Stream.emplace(0); }
   bool IsStream() const { return m_Stream.has_value(); }
-  /// The machine that the plug-in works on. Behind a first Session().
-  const CMachine& Machine() const { return *m_Machine; }
   /// Prints the result in the form that was asked for; `name` names the JSON schema, or a line's type.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
@@ -48,9 +48,9 @@ class CContext {
   CTerminal& m_Terminal;
   bool m_Color;
   std::optional<CSession> m_Session;
-  std::optional<unsigned long> m_Stream;  ///< the next line's number
   std::unique_ptr<OS::COperatingSystem> m_Here;
   std::optional<const CMachine> m_Machine;
+  std::optional<unsigned long> m_Stream;  ///< the next line's number
 };
 
 }  // namespace rvxctl
