@@ -31,8 +31,9 @@ constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE, "array", "arrays", "ARRAY", "the a
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
   const auto data = [&] {
+    const CInventory inventory(topology, context.Machine());
     Json objects = Json::array();
-    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(topology, object));
+    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(inventory, object));
     return Json{{"objects", std::move(objects)}};
   };
   const auto text = [&] {
@@ -54,7 +55,7 @@ int ShowStatus(CContext& context, bool watch) {
     const CTopology topology(context.Session());
     const bool terminal = watch && context.Terminal().IsTerminal() && !context.Options().m_Json;
     context.Show(
-        "status", [&] { return StatusJson(topology); },
+        "status", [&] { return StatusJson(CInventory(topology, context.Machine())); },
         [&] { return (terminal ? "\033[H\033[J" : "") + StatusText(context, topology); });
     if (!watch) return EXIT_DONE;
     context.Session().FetchEvents();
@@ -65,7 +66,7 @@ int ShowStatus(CContext& context, bool watch) {
 int ListObjects(CContext& context, const SKind& kind) {
   const CTopology topology(context.Session());
   context.Show(
-      kind.m_Schema, [&] { return ListJson(topology, kind.m_Kind); },
+      kind.m_Schema, [&] { return ListJson(CInventory(topology, context.Machine()), kind.m_Kind); },
       [&] { return kind.m_Table(context, topology); });
   return EXIT_DONE;
 }
@@ -75,7 +76,7 @@ int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND k
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
   context.Show(
-      "object", [&] { return ObjectJson(topology, object); },
+      "object", [&] { return ObjectJson(CInventory(topology, context.Machine()), object); },
       [&] { return ObjectText(context, topology, object, ""); });
   return EXIT_DONE;
 }

@@ -102,6 +102,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddHealth(all);
   AddFollowing(all);
   AddChanging(all);
+  AddPlayground(all);
 }
 
 int Run(const SOptions& options, const Command& command) {
