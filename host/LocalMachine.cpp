@@ -5,23 +5,15 @@
 #include <libudev.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cctype>
 #include <fstream>
 #include <iterator>
 
 #include "KVTX/System.h"
+#include "host/Printable.h"
 
 namespace rvxctl {
 
 namespace {
-
-/// What was read from a disk, fit for a terminal.
-std::string Printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-  return text;
-}
 
 /// File-system and RAID signatures and the partition table of a device, as libblkid knows them.
 std::vector<std::string> Signatures(const std::string& device) {

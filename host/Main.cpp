@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "host/CommandLine.h"
+#include "host/Printable.h"
 
 namespace rvxctl {
 
@@ -55,7 +56,7 @@ void AddOptions(CLI::App& app, SOptions& options) {
 template <class TStep>
 int Guarded(CContext& context, TStep step) {
   const auto report = [&](const CError& error) {
-    std::cerr << "rvxctl: " << error.what() << "\n";
+    std::cerr << "rvxctl: " << Printable(error.what(), true) << "\n";
     if (context.Options().m_Json && !context.Terminal().HasPrinted())
       context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
     return error.m_ExitStatus;

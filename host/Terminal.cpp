@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "host/Error.h"
+#include "host/Printable.h"
 
 namespace rvxctl {
 
@@ -51,7 +52,7 @@ void Confirm(const std::string& question) {
   if (::isatty(STDIN_FILENO) != 1)
     throw CError(EXIT_NOT_CONFIRMED,
                  "nothing was changed: this needs a yes, and there is no terminal to ask on; say --yes");
-  std::cerr << question << " [y/N] " << std::flush;
+  std::cerr << Printable(question) << " [y/N] " << std::flush;
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "Y" && answer != "yes")

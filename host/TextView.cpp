@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/Printable.h"
 #include "host/Table.h"
 #include "host/Texts.h"
 #include "host/Values.h"
@@ -92,7 +93,7 @@ std::string ObjectText(const CContext& context, const CTopology& topology, const
 }
 
 std::string StatusText(const CContext& context, const CTopology& topology) {
-  return TextOf(topology.Adapter(), PI::PROP_NAME) + ": " +
+  return Printable(TextOf(topology.Adapter(), PI::PROP_NAME)) + ": " +
          Colored(StateCell(context, topology.Adapter(), PI::PROP_STATUS)) + ", " +
          std::to_string(topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).size()) + " disks, " +
          std::to_string(topology.OfKind(PI::OBJ_LOGICAL_DRIVE).size()) + " arrays\n\n" +
@@ -109,7 +110,7 @@ std::string EventLine(const Json& event) {
                      SeverityName(event["severity"].get<unsigned int>()) + " object " +
                      name("objectName", "object") + " source " + name("sourceName", "source") + " [";
   line += event["placeholders"][0].get<std::string>() + "|" + event["placeholders"][1].get<std::string>();
-  return line + "] " + event["text"].get<std::string>() + "\n";
+  return Printable(line + "] " + event["text"].get<std::string>()) + "\n";
 }
 
 }  // namespace rvxctl
