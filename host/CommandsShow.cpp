@@ -1,6 +1,8 @@
 /// @file
 /// Commands that show the topology and its objects.
 
+#include <algorithm>
+
 #include "host/CommandLine.h"
 #include "host/Levels.h"
 #include "host/Reasons.h"
@@ -18,14 +20,31 @@ struct SKind {
   PI::_OBJECT_KIND m_Kind;
   const char* m_Name;  ///< of its commands
   const char* m_Help;
+  const char* m_ListHelp;
+  const char* m_ShowHelp;
   const char* m_Argument;
   const char* m_ArgumentHelp;
   const char* m_Schema;
   std::string (*m_Table)(const CContext&, const CTopology&);
 };
-constexpr SKind DISKS{
-    PI::OBJ_PHYSICAL_DRIVE, "disk", "managed disks", "DISK", "the disk", "disks", DiskTable};
-constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE, "array", "arrays", "ARRAY", "the array", "arrays", ArrayTable};
+constexpr SKind DISKS{PI::OBJ_PHYSICAL_DRIVE,
+                      "disk",
+                      "managed disks",
+                      "all managed disks, a line each",
+                      "the properties of one disk",
+                      "DISK",
+                      "the disk",
+                      "disks",
+                      DiskTable};
+constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE,
+                       "array",
+                       "arrays",
+                       "all arrays, a line each",
+                       "the properties of one array",
+                       "ARRAY",
+                       "the array",
+                       "arrays",
+                       ArrayTable};
 
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
@@ -78,6 +97,14 @@ int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND k
   return EXIT_DONE;
 }
 
+/// The operation's text; the catalogue's question where another one has the same text.
+std::string TitleOf(const PI::CObject& object, const PI::COperation& operation) {
+  const auto count = std::ranges::count(object.m_Operations, operation.m_Code, &PI::COperation::m_Code);
+  const auto question = Texts::Find(operation.m_ConfirmationCode);
+  if (count < 2 || !question) return Texts::Of(operation.m_Code);
+  return question->substr(0, question->find('?'));
+}
+
 int ShowOperations(CContext& context, const std::string& address) {
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address);
@@ -95,7 +122,7 @@ int ShowOperations(CContext& context, const std::string& address) {
                     {"why", allowed ? Json(nullptr) : Json(why)},
                     {"confirmation",
                      asks ? Json(Texts::Find(operation.m_ConfirmationCode).value_or("")) : Json(nullptr)}});
-    rows.push_back({Texts::Of(operation.m_Code), allowed ? "yes" : "no", why});
+    rows.push_back({TitleOf(object, operation), allowed ? "yes" : "no", why});
   }
   context.Show("operations", data,
                Table({"OPERATION", "ALLOWED", "WHY NOT"}, rows, context.Terminal().Width()));
@@ -178,11 +205,11 @@ int ShowLevels(CContext& context) {
 /// "list" and "show".
 void AddKind(CGroup& all, const SKind& kind) {
   CGroup group = all.Add(kind.m_Name, kind.m_Help);
-  group.Leaf("list", "a line each", [&kind](CContext& context) { return ListObjects(context, kind); });
-  const auto [show, address] = group.Leaf<std::string>("show", "the properties of one",
-                                                       [&kind](CContext& context, const std::string& wanted) {
-                                                         return ShowObject(context, wanted, kind.m_Kind);
-                                                       });
+  group.Leaf("list", kind.m_ListHelp, [&kind](CContext& context) { return ListObjects(context, kind); });
+  const auto [show, address] =
+      group.Leaf<std::string>("show", kind.m_ShowHelp, [&kind](CContext& context, const std::string& wanted) {
+        return ShowObject(context, wanted, kind.m_Kind);
+      });
   show->add_option(kind.m_Argument, address, kind.m_ArgumentHelp)->required();
 }
 
@@ -193,8 +220,8 @@ void AddProperties(CGroup& all) {
   get->add_option("ID", wanted.m_ID, "the property's number");
   const auto [set, seconds] =
       group.Add("set", "changes a property")
-          .Add("plugin", "of the plug-in")
-          .Leaf<int>("poll-interval", "seconds between two looks at the system, 2 to 255", SetPollInterval);
+          .Add("plugin", "a property of the plug-in")
+          .Leaf<int>("poll-interval", "2 to 255 s between two looks at the system", SetPollInterval);
   set->add_option("N", seconds, "seconds")->required();
 }
 
@@ -204,15 +231,15 @@ void AddShowing(CGroup& all) {
   all.Leaf("topology", "every object with its properties", ShowTopology);
   const auto [status, watch] = all.Leaf<bool>("status", "adapter, arrays and disks at a glance", ShowStatus);
   status->add_flag("--watch", watch, "again every two seconds until interrupted");
-  all.Add("plugin", "the plug-in itself").Leaf("show", "its properties", [](CContext& context) {
-    return ShowObject(context, "plugin", PI::OBJ_PLUGIN);
-  });
-  all.Add("adapter", "the virtual adapter").Leaf("show", "its properties", [](CContext& context) {
-    return ShowObject(context, "adapter", PI::OBJ_ADAPTER);
-  });
+  all.Add("plugin", "the plug-in itself")
+      .Leaf("show", "the properties of the plug-in",
+            [](CContext& context) { return ShowObject(context, "plugin", PI::OBJ_PLUGIN); });
+  all.Add("adapter", "the virtual adapter")
+      .Leaf("show", "the properties of the adapter",
+            [](CContext& context) { return ShowObject(context, "adapter", PI::OBJ_ADAPTER); });
   AddKind(all, DISKS);
-  const auto [operations, object] = all.Leaf<std::string>(
-      "operations", "what an object offers, and whether it is allowed now", ShowOperations);
+  const auto [operations, object] =
+      all.Leaf<std::string>("operations", "what an object offers, what is allowed now", ShowOperations);
   operations->add_option("OBJECT", object, "the object")->required();
   AddProperties(all);
   all.Leaf("levels", "RAID levels that can be made", ShowLevels);

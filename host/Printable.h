@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// Texts from disks, files and command lines on a terminal: a label may hold what moves its cursor, renames its
-/// window or turns the direction of writing. All texts are UTF-8, whatever the person's language.
+/// Texts from disks, files and command lines on a terminal: a label may hold what moves its cursor, renames
+/// its window or turns the direction of writing. All texts are UTF-8, whatever the person's language.
 
 #include <clocale>
 #include <string>
@@ -26,8 +26,8 @@ class CUtf8 {
 /// `lines` says that the text has several.
 std::string Printable(const std::string& text, bool lines = false);
 
-/// How many columns a printable text takes: a Chinese character takes two, a combining accent none. Colours of
-/// our own (host/Table.h) take none.
+/// How many columns a printable text takes: a Chinese character takes two, a combining accent none. Colours
+/// of our own (host/Table.h) take none.
 std::size_t WidthOf(const std::string& text);
 
 /// As many whole characters of the printable text as fit into the columns. Colours stay whole and are ended.

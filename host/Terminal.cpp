@@ -15,11 +15,12 @@
 namespace rvxctl {
 
 CTerminal::CTerminal(bool tracing) {
+  const bool isOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
   int spare = ::open("/dev/null", O_RDWR);
   while (spare >= 0 && spare <= STDERR_FILENO) spare = ::open("/dev/null", O_RDWR);
   if (spare >= 0) ::close(spare);
   m_IsTerminal = ::isatty(STDOUT_FILENO) == 1;
-  const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+  const int own = isOpen ? ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3) : -1;
   m_File = own < 0 ? nullptr : ::fdopen(own, "w");
   const int other = tracing ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (other >= 0) {
@@ -30,6 +31,10 @@ CTerminal::CTerminal(bool tracing) {
 
 CTerminal::~CTerminal() {
   if (m_File != nullptr) std::fclose(m_File);
+}
+
+void CTerminal::RequireOpen() const {
+  if (m_File == nullptr) throw CError(EXIT_PLUGIN_ERROR, "standard output is closed");
 }
 
 void CTerminal::Print(const std::string& text) {

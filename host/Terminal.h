@@ -16,7 +16,10 @@ class CTerminal {
   ~CTerminal();
   CTerminal(const CTerminal&) = delete;
   CTerminal& operator=(const CTerminal&) = delete;
-  /// Throws CError when the text cannot be written.
+  /// Throws CError when the program was started without a standard output: nothing that it does could be
+  /// told.
+  void RequireOpen() const;
+  /// Throws CError when the text cannot be written; with EXIT_SIGNAL + SIGPIPE when its reader has gone.
   void Print(const std::string& text);
   bool HasPrinted() const { return m_HasPrinted; }
   bool IsTerminal() const { return m_IsTerminal; }

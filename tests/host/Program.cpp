@@ -63,7 +63,7 @@ int CProgram::Wait() {
   int status = 0;
   ::waitpid(m_Process, &status, 0);
   m_Process = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 Words RvxctlWords(const Words& words, const Words& surroundings) {
