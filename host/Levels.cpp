@@ -4,28 +4,11 @@
 #include <cctype>
 
 #include "host/Error.h"
+#include "host/Keys.h"
 
 namespace rvxctl {
 
 namespace {
-
-/// Words alone: which of these can be made is the plug-in's to say.
-constexpr struct SWord {
-  unsigned int m_Choice;
-  const char* m_Word;
-} WORDS[] = {{PI::LEVEL_RAID0, "raid0"},
-             {PI::LEVEL_RAID1, "raid1"},
-             {PI::LEVEL_RAID4, "raid4"},
-             {PI::LEVEL_RAID5, "raid5"},
-             {PI::LEVEL_RAID6, "raid6"},
-             {PI::LEVEL_RAID10, "raid10"},
-             {PI::STRIPE_4K, "4"},
-             {PI::STRIPE_8K, "8"},
-             {PI::STRIPE_16K, "16"},
-             {PI::STRIPE_32K, "32"},
-             {PI::STRIPE_64K, "64"},
-             {PI::STRIPE_128K, "128"},
-             {PI::LEVEL_CONCATENATION, "linear"}};
 
 unsigned int ChoiceOf(const char* option, const std::vector<unsigned int>& offered, const std::string& word) {
   std::string known, hint;
@@ -49,10 +32,7 @@ std::vector<PI::CLevel> OfferedLevels(const CTopology& topology) {
   return {};
 }
 
-std::string WordOf(unsigned int choice) {
-  const auto* const found = std::ranges::find(WORDS, choice, &SWord::m_Choice);
-  return found == std::end(WORDS) ? std::to_string(choice) : found->m_Word;
-}
+std::string WordOf(unsigned int choice) { return Keys::OfChoice(choice, PI::OBJ_LOGICAL_DRIVE); }
 
 unsigned int LevelOf(const std::vector<PI::CLevel>& offered, const std::string& word) {
   std::vector<unsigned int> levels;
