@@ -2,11 +2,13 @@
 /// Commands that change the machine.
 
 #include <algorithm>
+#include <set>
 
 #include "host/Change.h"
 #include "host/CommandLine.h"
 #include "host/Levels.h"
 #include "host/Progress.h"
+#include "host/Rules.h"
 #include "host/Values.h"
 
 namespace rvxctl {
@@ -15,13 +17,13 @@ namespace {
 
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr std::chrono::seconds APPEAR_LIMIT{30};
-/// Bytes of a member; above it the size in a mirror's superblock is wrong.
-constexpr unsigned long MIRROR_LIMIT = 1UL << 40;
+constexpr std::chrono::seconds DELETION_LIMIT{3};
+constexpr std::uint64_t MIRROR_LIMIT_KIB = std::uint64_t{1} << 30;
 
 /// Looks until the topology answers the question, or the time runs out.
 template <class TQuestion>
-bool Await(CSession& session, TQuestion question) {
-  const auto end = std::chrono::steady_clock::now() + APPEAR_LIMIT;
+bool Await(CSession& session, TQuestion question, std::chrono::seconds limit = APPEAR_LIMIT) {
+  const auto end = std::chrono::steady_clock::now() + limit;
   for (; std::chrono::steady_clock::now() < end; session.Pause(LOOK_INTERVAL)) {
     session.Renew();
     if (question(CTopology(session))) return true;
@@ -29,21 +31,32 @@ bool Await(CSession& session, TQuestion question) {
   return false;
 }
 
-/// The array with this name; null when there is none.
-const PI::CObject* FindArray(const CTopology& topology, const std::string& name) {
-  const auto arrays = topology.OfKind(PI::OBJ_LOGICAL_DRIVE);
-  const auto found = std::find_if(arrays.begin(), arrays.end(),
-                                  [&](const PI::CObject* array) { return NameOf(*array) == name; });
-  return found == arrays.end() ? nullptr : *found;
+/// What comes behind a change that is done: who breaks it off is told so, as text and document.
+template <class TStep>
+void BehindChange(CContext& context, const std::string& done, const Json& data, TStep step) {
+  try {
+    step();
+  } catch (const CError& error) {
+    if (error.m_ExitStatus < EXIT_SIGNAL) throw;
+    const CError told(error.m_ExitStatus, done + "; " + error.what());
+    Json document = data;
+    document["done"] = done;
+    if (context.Options().m_Json) context.Show("change", document, "", Json::array({ErrorJson(told)}));
+    throw told;
+  }
 }
 
 /// Follows the rebuild or resync that a change set off. A change has one answer: with --json nothing is shown
 /// on the way.
-void FollowToEnd(CContext& context, unsigned long id, const std::string& done) {
-  context.Session().Start();
+void FollowToEnd(CContext& context, const std::string& array, const std::string& done, const Json& data) {
+  CSession& session = context.Session();
+  session.Start();
   const EProgress progress = context.Options().m_Json ? EProgress::HIDDEN : EProgress::SHOWN;
-  if (const int status = FollowRun(context, id, progress); status != EXIT_DONE)
-    throw CError(status, done + ", but the run did not complete");
+  BehindChange(context, done + " and goes on: 'rvxctl array watch " + array + "' follows it", data, [&] {
+    const unsigned long id = CTopology(session).Find(array, PI::OBJ_LOGICAL_DRIVE).m_ID;
+    if (const int status = FollowRun(context, id, progress); status != EXIT_DONE)
+      throw CError(status, done + ", but the run did not complete");
+  });
 }
 
 int ShowDone(CContext& context, const std::string& text, Json data = Json::object()) {
@@ -59,6 +72,13 @@ std::string Listed(const std::vector<const PI::CObject*>& objects) {
   return names;
 }
 
+/// As CarryOut, for a change that is done or not: false after a dry run, and a failure is thrown.
+bool Execute(CContext& context, const Proposal& propose, const SConsent& consent) {
+  const auto execution = CarryOut(context, propose, consent);
+  if (execution && execution->m_Failure) throw CError(*execution->m_Failure);
+  return execution.has_value();
+}
+
 struct SCreation {
   std::string m_Level;
   std::optional<std::string> m_Stripe;
@@ -66,63 +86,97 @@ struct SCreation {
   SConsent m_Consent;
 };
 
-/// What is lost by it, and what a person may not expect of it.
-std::string LossOf(const PI::CLogicalDrive& request, const std::vector<SDiskPlan>& disks) {
-  const auto isLarge = [](const SDiskPlan& disk) { return disk.m_Bytes > MIRROR_LIMIT; };
-  std::string loss = "What is on these disks is lost.";
-  if (request.m_RaidLevel == PI::LEVEL_RAID1 && std::any_of(disks.begin(), disks.end(), isLarge))
-    loss += " A mirror of disks above 1 TiB is refused, or comes out much smaller than they are.";
-  return loss;
+/// The request as the rules look at it. Throws CError for what is not offered.
+Rules::SNewArray WantedBy(const CInventory& inventory, const SCreation& wanted) {
+  const std::vector<PI::CLevel> levels = OfferedLevels(inventory.Topology());
+  const unsigned int level = LevelOf(levels, wanted.m_Level);
+  Rules::SNewArray array{*std::ranges::find(levels, level, &PI::CLevel::m_Level),
+                         wanted.m_Level,
+                         std::nullopt,
+                         {},
+                         wanted.m_Disks};
+  if (wanted.m_Stripe) array.m_Stripe = StripeOf(levels, *wanted.m_Stripe);
+  for (const std::string& address : wanted.m_Disks)
+    array.m_Disks.push_back(&inventory.FindForChange(address, PI::OBJ_PHYSICAL_DRIVE));
+  return array;
 }
 
-/// Waits for the array that was not there before.
-int ShowCreated(CContext& context, const CTopology& before, const SConsent& consent) {
-  unsigned long id = 0;
-  std::string name;
-  Await(context.Session(), [&](const CTopology& now) {
-    for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
-      if (FindArray(before, NameOf(*array)) == nullptr) {
-        id = array->m_ID;
-        name = NameOf(*array);
-      }
-    return id != 0;
-  });
-  if (id == 0)
-    return ShowDone(context, "The array was created, but has not shown up yet; see 'rvxctl array list'.");
-  if (consent.m_Wait) FollowToEnd(context, id, name + " is created");
-  return ShowDone(context, "Created " + name + ".", {{"array", name}, {"id", HexadecimalID(id)}});
+/// What is lost by it, and what a person may not expect of it.
+std::string LossOf(const CInventory& inventory, const Rules::SNewArray& wanted) {
+  const std::string loss = "What is on these disks is lost.";
+  if (wanted.m_Level.m_Level != PI::LEVEL_RAID1) return loss;
+  const std::uint64_t smallest = Rules::SmallestKiB(inventory, wanted);
+  const auto size = Rules::MirrorKiB(inventory, wanted);
+  // Above 1 TiB the size in a mirror's superblock is another one.
+  if (smallest <= MIRROR_LIMIT_KIB || !size) return loss;
+  return loss + " The mirror will have " + SizeText(static_cast<long>(*size >> 10)) + ", not the " +
+         SizeText(static_cast<long>(smallest >> 10)) + " of its smallest disk.";
+}
+
+SChange CreationOf(const CInventory& inventory, const SCreation& wanted) {
+  const Rules::SNewArray array = WantedBy(inventory, wanted);
+  if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireCreatable(inventory, array);
+  PI::CLogicalDrive request;
+  request.m_RaidLevel = array.m_Level.m_Level;
+  if (array.m_Stripe) request.m_StripeSize = *array.m_Stripe;
+  request.m_Containers.emplace_back();
+  std::vector<SDiskPlan> plans;
+  for (const PI::CObject* const disk : array.m_Disks) {
+    request.m_Containers.front().m_Drives.emplace_back(disk->m_ID);
+    plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *disk));
+  }
+  return {"create a " + wanted.m_Level + " array of " + Listed(array.m_Disks),
+          inventory.Topology().Adapter(),
+          PI::OP_CREATE_LOGICAL_DRIVE,
+          plans,
+          LossOf(inventory, array),
+          wanted.m_Level,
+          [request](PI::COperation& operation) mutable { operation.m_pRequest = &request; }};
 }
 
 int CreateArray(CContext& context, const SCreation& wanted) {
-  const CTopology topology(context.Session());
-  const std::vector<PI::CLevel> levels = OfferedLevels(topology);
-  PI::CLogicalDrive request;
-  request.m_RaidLevel = LevelOf(levels, wanted.m_Level);
-  if (wanted.m_Stripe) request.m_StripeSize = StripeOf(levels, *wanted.m_Stripe);
-  request.m_Containers.emplace_back();
-  std::vector<const PI::CObject*> disks;
-  std::vector<SDiskPlan> plans;
-  for (const std::string& address : wanted.m_Disks) {
-    disks.push_back(&topology.Find(address, PI::OBJ_PHYSICAL_DRIVE));
-    request.m_Containers.front().m_Drives.emplace_back(disks.back()->m_ID);
-    plans.push_back(PlanOf(context.Machine(), *disks.back()));
-  }
-  const SChange change{"create a " + wanted.m_Level + " array of " + Listed(disks),
-                       topology,
-                       topology.Adapter(),
-                       PI::OP_CREATE_LOGICAL_DRIVE,
-                       plans,
-                       LossOf(request, plans),
-                       wanted.m_Level,
-                       [&](PI::COperation& operation) { operation.m_pRequest = &request; }};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  return ShowCreated(context, topology, wanted.m_Consent);
+  CSession& session = context.Session();
+  std::set<std::string> before;
+  std::vector<std::string> disks;
+  const Proposal propose = [&](const CInventory& inventory) {
+    before.clear();
+    for (const SArrayEntry& array : inventory.Arrays()) before.insert(array.m_Name);
+    const SChange change = CreationOf(inventory, wanted);
+    disks.clear();
+    for (const SDiskPlan& disk : change.m_Disks) disks.push_back(disk.m_Name);
+    return change;
+  };
+  if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  std::string name;
+  Json data = {{"array", nullptr}, {"disks", disks}};
+  std::string size;
+  const auto look = [&](const CTopology& now) {
+    for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
+      if (!before.contains(NameOf(*array))) {
+        name = NameOf(*array);
+        size = SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY));
+        const auto bytes = CInventory(now, context.Machine()).FactsOf(*array).m_Bytes;
+        data["array"] = name;
+        data["id"] = HexadecimalID(array->m_ID);
+        data["size"] = size;
+        data["bytes"] = bytes ? Json(*bytes) : Json(nullptr);
+      }
+    return !name.empty();
+  };
+  BehindChange(context, "the array is created: 'rvxctl array list' shows it", data,
+               [&] { Await(session, look); });
+  if (name.empty())
+    return ShowDone(context, "The array was created, but has not shown up yet; see 'rvxctl array list'.",
+                    data);
+  if (wanted.m_Consent.m_Wait) FollowToEnd(context, name, name + " is created", data);
+  return ShowDone(context, "Created " + name + ": " + size + ".", data);
 }
 
 struct SDeletion {
   std::string m_Array;
   bool m_Last{false};
   bool m_All{false};
+  bool m_PartitionMembers{false};
   SConsent m_Consent;
 };
 
@@ -134,7 +188,8 @@ struct SDoomed {
   std::vector<const PI::CObject*> m_Arrays;
 };
 
-SDoomed DoomedBy(const CTopology& topology, const SDeletion& wanted) {
+SDoomed DoomedBy(const CInventory& inventory, const SDeletion& wanted) {
+  const CTopology& topology = inventory.Topology();
   const auto arrays = topology.OfKind(PI::OBJ_LOGICAL_DRIVE);
   if (wanted.m_All) return {PI::OP_DELETE_ALL_LOGICAL_DRIVES, topology.Adapter(), "all arrays", arrays};
   if (wanted.m_Last)
@@ -142,44 +197,89 @@ SDoomed DoomedBy(const CTopology& topology, const SDeletion& wanted) {
             topology.Adapter(),
             "the last array",
             {arrays.empty() ? arrays.end() : arrays.end() - 1, arrays.end()}};
-  const PI::CObject& array = topology.Find(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
+  const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
   return {PI::OP_DELETE_LOGICAL_DRIVE, array, "", {&array}};
+}
+
+SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const SDoomed& doomed) {
+  std::vector<SDiskPlan> plans;
+  std::string loss = "What is stored on it is lost.";
+  for (const PI::CObject* const array : doomed.m_Arrays) {
+    if (!wanted.m_Consent.m_PlugInAlone)
+      Rules::RequireDeletable(inventory, *array, wanted.m_PartitionMembers);
+    // Its file system and mounts are what is lost.
+    plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
+    for (const SMember& member : inventory.EntryOf(*array).m_Members) {
+      if (member.m_Disk != nullptr)
+        plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *member.m_Disk));
+      else
+        loss += " The member " + member.m_Name + " is no managed disk and keeps its superblock.";
+    }
+  }
+  const std::string which = doomed.m_Which;
+  const std::string names = Listed(doomed.m_Arrays);
+  return {"delete " + which + (which.empty() || names.empty() ? "" : ": ") + names, doomed.m_Asked,
+          doomed.m_Code, plans, loss};
+}
+
+/// What is gone and what is left, whatever the plug-in answered: its answer for several is that of the last.
+int ShowDeleted(CContext& context, const std::vector<std::string>& wanted, const SExecution& execution) {
+  std::vector<std::string> left;
+  // md's end of an array takes effect at once; a moment more is for whoever looks at it just then.
+  const auto look = [&](const CTopology& now) {
+    left.clear();
+    for (const std::string& name : wanted)
+      if (now.FindArray(name) != nullptr) left.push_back(name);
+    return left.empty() || execution.m_Failure;
+  };
+  BehindChange(context, "the deletion is carried out: 'rvxctl array list' shows what is left", Json::object(),
+               [&] { Await(context.Session(), look, DELETION_LIMIT); });
+  Json deleted = Json::array();
+  std::string gone;
+  for (const std::string& name : wanted)
+    if (std::ranges::find(left, name) == left.end()) {
+      deleted.push_back(name);
+      gone += (gone.empty() ? "" : ", ") + name;
+    }
+  if (!execution.m_Failure && left.empty())
+    return ShowDone(context, "Deleted " + gone + ".", {{"deleted", deleted}, {"left", Json::array()}});
+  Json stayed = Json::array();
+  std::string names;
+  const CTopology now(context.Session());
+  const CInventory inventory(now, context.Machine());
+  for (const std::string& name : left) {
+    std::string why = "md did not stop it";
+    try {
+      Rules::RequireDeletable(inventory, *now.FindArray(name), true);
+    } catch (const CError& reason) {
+      why = reason.what();
+    }
+    stayed.push_back({{"array", name}, {"why", why}});
+    names += (names.empty() ? "" : "; ") + name + " (" + why + ")";
+  }
+  const std::string text = (gone.empty() ? "Nothing was deleted." : "Deleted: " + gone + ".") +
+                           (left.empty() ? "" : " Still there: " + names + ".");
+  const CError error = execution.m_Failure.value_or(CError(EXIT_PLUGIN_ERROR, "not all arrays are deleted"));
+  const CError told(error.m_ExitStatus, std::string(error.what()) + "\n" + text, error.m_Status);
+  if (!context.Options().m_Json) throw told;
+  context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"done", text}}, "",
+               Json::array({ErrorJson(told)}));
+  throw told;
 }
 
 int DeleteArray(CContext& context, const SDeletion& wanted) {
   if (!wanted.m_Array.empty() + wanted.m_Last + wanted.m_All != 1)
     throw CError(EXIT_USAGE, "say which array: ARRAY, --last or --all");
-  CSession& session = context.Session();
-  const CTopology topology(session);
-  const SDoomed doomed = DoomedBy(topology, wanted);
-  std::vector<SDiskPlan> plans;
-  for (const PI::CObject* const array : doomed.m_Arrays) {
-    // Its file system and mounts are what is lost.
-    plans.push_back(PlanOf(context.Machine(), *array));
-    for (const unsigned long id : array->m_Children)
-      if (const PI::CObject* const disk = topology.FindID(id))
-        plans.push_back(PlanOf(context.Machine(), *disk));
-  }
-  const std::string which = doomed.m_Which;
-  const std::string names = Listed(doomed.m_Arrays);
-  const SChange change{"delete " + which + (which.empty() || names.empty() ? "" : ": ") + names,
-                       topology,
-                       doomed.m_Asked,
-                       doomed.m_Code,
-                       plans,
-                       "What is stored on it is lost."};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  // The plug-in's answer for all of them is that of the last one; what is still there then was refused.
-  std::vector<const PI::CObject*> left;
-  const bool gone = Await(session, [&](const CTopology& now) {
-    left.clear();
-    for (const PI::CObject* const array : doomed.m_Arrays)
-      if (FindArray(now, NameOf(*array)) != nullptr) left.push_back(array);
-    return left.empty();
-  });
-  if (!gone)
-    throw CError(EXIT_PLUGIN_ERROR, "still there: " + Listed(left) + "; 'rvxctl operations' may tell why");
-  return ShowDone(context, "Deleted " + names + ".");
+  context.Session();
+  std::vector<std::string> names;
+  const Proposal propose = [&](const CInventory& inventory) {
+    const SDoomed doomed = DoomedBy(inventory, wanted);
+    names.clear();
+    for (const PI::CObject* const array : doomed.m_Arrays) names.push_back(NameOf(*array));
+    return DeletionOf(inventory, wanted, doomed);
+  };
+  const auto execution = CarryOut(context, propose, wanted.m_Consent);
+  return execution ? ShowDeleted(context, names, *execution) : EXIT_DONE;
 }
 
 struct SSpare {
@@ -188,61 +288,85 @@ struct SSpare {
   SConsent m_Consent;
 };
 
-/// The number by which an array is asked for; throws CError when another one has it, too.
-unsigned long OwnNumberOf(const CTopology& topology, const PI::CObject& array) {
-  const auto number = NumberOf(array, PI::PROP_ARRAY_NUMBER);
-  for (const PI::CObject* const other : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
-    if (other->m_ID != array.m_ID && NumberOf(*other, PI::PROP_ARRAY_NUMBER) == number)
-      throw CError(EXIT_NOT_ALLOWED,
-                   NameOf(array) + " and " + NameOf(*other) +
-                       " have the same number, and the plug-in is told the number alone: stop " +
-                       "one of them, or use mdadm --add");
-  return static_cast<unsigned long>(number.value_or(-1));
+/// A degraded array begins to rebuild onto its new spare soon.
+void FollowRebuild(CContext& context, const std::string& array, const std::string& done, const Json& data) {
+  const auto wait = [&] {
+    Await(context.Session(), [&](const CTopology& now) {
+      const PI::CObject* const object = now.FindArray(array);
+      if (object == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
+      return NumberOf(*object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING ||
+             NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
+    });
+  };
+  BehindChange(context, done, data, wait);
+  FollowToEnd(context, array, done, data);
 }
 
-/// A degraded array begins to rebuild onto its new spare soon.
-void FollowRebuild(CContext& context, const std::string& array, const std::string& done) {
-  unsigned long id = 0;
-  Await(context.Session(), [&](const CTopology& now) {
-    const PI::CObject* const object = FindArray(now, array);
-    if (object == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
-    id = object->m_ID;
-    return NumberOf(*object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING ||
-           NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
-  });
-  FollowToEnd(context, id, done);
+/// What a disk is now: "sdc is a hot spare of md_d0"
+std::string RoleText(const CInventory& inventory, const std::string& disk, const std::string& array) {
+  const PI::CObject* const object = inventory.Topology().FindArray(array);
+  if (object == nullptr) return array + " is gone";
+  for (const SMember& member : inventory.EntryOf(*object).m_Members) {
+    if (member.m_Name != disk) continue;
+    switch (member.m_Role) {
+      case ERole::SPARE:
+        return disk + " is a hot spare of " + array;
+      case ERole::ACTIVE:
+        return disk + " is an active member of " + array;
+      case ERole::REBUILDING:
+        return disk + " is being rebuilt in " + array;
+      case ERole::FAILED:
+        return disk + " has failed in " + array;
+    }
+  }
+  return disk + " is no member of " + array;
 }
 
 int AddSpare(CContext& context, const SSpare& wanted) {
-  const CTopology topology(context.Session());
-  const PI::CObject& disk = topology.Find(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
-  const PI::CObject& array = topology.Find(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-  const unsigned long number = OwnNumberOf(topology, array);
-  const SChange change{"make " + NameOf(disk) + " a hot spare of " + NameOf(array),
-                       topology,
-                       disk,
-                       PI::OP_CREATE_DEDICATED_HOTSPARE,
-                       {PlanOf(context.Machine(), disk)},
-                       "What is on the disk is lost.",
-                       {},
-                       [&](PI::COperation& operation) { operation.m_Parameters.at(0).SetValue(number); }};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  const std::string done = NameOf(disk) + " is a hot spare of " + NameOf(array);
-  if (wanted.m_Consent.m_Wait) FollowRebuild(context, NameOf(array), done);
-  return ShowDone(context, done + ".");
+  CSession& session = context.Session();
+  std::string diskName;
+  std::string arrayName;
+  const Proposal propose = [&](const CInventory& inventory) -> SChange {
+    const PI::CObject& disk = inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
+    const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
+    diskName = NameOf(disk);
+    arrayName = NameOf(array);
+    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireSpare(inventory, disk, array);
+    const auto number = static_cast<unsigned long>(NumberOf(array, PI::PROP_ARRAY_NUMBER).value_or(-1));
+    return {"make " + diskName + " a hot spare of " + arrayName,
+            disk,
+            PI::OP_CREATE_DEDICATED_HOTSPARE,
+            {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
+            "What is on the disk is lost.",
+            {},
+            [number](PI::COperation& operation) { operation.m_Parameters.at(0).SetValue(number); }};
+  };
+  if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  const Json data = {{"disk", diskName}, {"array", arrayName}};
+  if (wanted.m_Consent.m_Wait)
+    FollowRebuild(context, arrayName, diskName + " is added to " + arrayName, data);
+  else
+    session.Renew();
+  const CTopology now(session);
+  const CInventory inventory(now, context.Machine());
+  return ShowDone(context, RoleText(inventory, diskName, arrayName) + ".", data);
 }
 
 int ReleaseSpare(CContext& context, const SSpare& wanted) {
-  const CTopology topology(context.Session());
-  const PI::CObject& disk = topology.Find(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
-  const SChange change{"release " + NameOf(disk) + " from its array and wipe its superblock",
-                       topology,
-                       disk,
-                       PI::OP_DELETE_DEDICATED_HOTSPARE,
-                       {PlanOf(context.Machine(), disk)},
-                       "What is on the disk is lost."};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  return ShowDone(context, NameOf(disk) + " is released.");
+  context.Session();
+  std::string name;
+  const Proposal propose = [&](const CInventory& inventory) -> SChange {
+    const PI::CObject& disk = inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
+    name = NameOf(disk);
+    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireRelease(inventory, disk);
+    return {"release " + name + " from its array and wipe its superblock",
+            disk,
+            PI::OP_DELETE_DEDICATED_HOTSPARE,
+            {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
+            "What is on the disk is lost."};
+  };
+  if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  return ShowDone(context, name + " is released.", {{"disk", name}});
 }
 
 struct SRebuild {
@@ -250,32 +374,33 @@ struct SRebuild {
   SConsent m_Consent;
 };
 
-int StartRebuild(CContext& context, const SRebuild& wanted) {
-  const CTopology topology(context.Session());
-  const PI::CObject& array = topology.Find(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-  const SChange change{"start the rebuild of " + NameOf(array), topology, array, PI::OP_START_REBUILD};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  if (wanted.m_Consent.m_Wait) FollowToEnd(context, array.m_ID, "the rebuild is started");
-  return ShowDone(context, "The rebuild of " + NameOf(array) + " is started.");
+int ChangeRebuild(CContext& context, const SRebuild& wanted, bool start) {
+  context.Session();
+  std::string name;
+  const Proposal propose = [&](const CInventory& inventory) -> SChange {
+    const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
+    name = NameOf(array);
+    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireRebuild(inventory, array, start);
+    if (start) return {"start the rebuild of " + name, array, PI::OP_START_REBUILD};
+    return {"cancel the rebuild of " + name, array, PI::OP_CANCEL_REBUILD, {}, "The array stays degraded."};
+  };
+  if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  if (start && wanted.m_Consent.m_Wait)
+    FollowToEnd(context, name, "the rebuild is started", {{"array", name}});
+  return ShowDone(context, "The rebuild of " + name + (start ? " is started." : " is cancelled."),
+                  {{"array", name}});
 }
 
-int CancelRebuild(CContext& context, const SRebuild& wanted) {
-  const CTopology topology(context.Session());
-  const PI::CObject& array = topology.Find(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-  const SChange change{"cancel the rebuild of " + NameOf(array),
-                       topology,
-                       array,
-                       PI::OP_CANCEL_REBUILD,
-                       {},
-                       "The array stays degraded."};
-  if (!CarryOut(context, change, wanted.m_Consent)) return EXIT_DONE;
-  return ShowDone(context, "The rebuild of " + NameOf(array) + " is cancelled.");
-}
+int StartRebuild(CContext& context, const SRebuild& wanted) { return ChangeRebuild(context, wanted, true); }
+int CancelRebuild(CContext& context, const SRebuild& wanted) { return ChangeRebuild(context, wanted, false); }
 
 int Rescan(CContext& context) {
   CSession& session = context.Session();
   const CTopology topology(session);
-  CarryOut(context, {"rescan the system", topology, topology.Adapter(), PI::OP_RESCAN_ADAPTER}, {});
+  PI::COperation rescan;
+  rescan.m_Code = rescan.m_SecondCode = PI::OP_RESCAN_ADAPTER;
+  if (const unsigned int status = session.Run(topology.Adapter().m_ID, rescan); status != PI::OK)
+    throw PluginError(status, "rescan");
   session.Start();
   if (!AwaitPass(session, topology.Plugin().m_UpdateCounter))
     throw CError(EXIT_BUSY, "the rescan has not ended within 30 s");
@@ -287,7 +412,11 @@ int Rescan(CContext& context) {
 
 void AddConsent(CLI::App* leaf, SConsent& consent) {
   leaf->add_flag("--yes", consent.m_Yes, "do not ask");
-  leaf->add_flag("--dry-run", consent.m_DryRun, "show plan and check, change nothing");
+  leaf->add_flag("--dry-run", consent.m_DryRun, "show the plan and whether it is allowed");
+  leaf->add_option("--if-unchanged", consent.m_IfUnchanged, "only in the state of a plan with this token")
+      ->type_name("TOKEN");
+  // For tests of the plug-in's own answers.
+  leaf->add_flag("--plugin-alone", consent.m_PlugInAlone, "leave out rvxctl's own rules")->group("");
 }
 
 void AddWaiting(CLI::App* leaf, SConsent& consent) {
@@ -311,6 +440,8 @@ void AddArrays(CGroup group) {
   remove->add_option("ARRAY", deletion.m_Array, "the array");
   remove->add_flag("--last", deletion.m_Last, "the last one of the list");
   remove->add_flag("--all", deletion.m_All, "every array");
+  remove->add_flag("--force-partition-members", deletion.m_PartitionMembers,
+                   "although members are partitions: the ends of their disks are overwritten");
   AddConsent(remove, deletion.m_Consent);
 }
 

@@ -2,6 +2,7 @@
 /// Commands that follow what happens.
 
 #include <algorithm>
+#include <array>
 #include <optional>
 
 #include "host/CommandLine.h"
@@ -20,6 +21,8 @@ constexpr std::chrono::milliseconds WATCHED_INTERVAL{1000};
 /// before it makes it skip its pass. The fetch then waits for the end of the pass.
 constexpr std::chrono::milliseconds CHANGE_INTERVAL{10};
 constexpr int CHANGE_FETCHES = 50;
+/// Events that are told with the members that failed.
+constexpr std::array LOSSES = {PI::EVT_LOGICALDRIVE_DEGRADED, PI::EVT_LOGICALDRIVE_FAILED};
 
 struct SEvents {
   bool m_Follow{false};
@@ -27,16 +30,17 @@ struct SEvents {
 };
 
 /// Prints events, or adds them to the list. Names are those of the last look: an event does not wait for the
-/// next one unless it is about an object that is new.
-void Tell(CContext& context, const SEvents& wanted, std::optional<CTopology>& topology, Json& all) {
+/// next one unless it is about an object that is new, or a loss, whose members are told.
+void Tell(CContext& context, std::optional<CTopology>& topology, Json& all) {
   const std::vector<PI::CEvent> events = context.Session().FetchEvents();
-  if (std::ranges::any_of(events,
-                          [&](const PI::CEvent& event) { return !topology->FindID(event.m_ObjectID); }))
+  if (std::ranges::any_of(events, [&](const PI::CEvent& event) {
+        return !topology->FindID(event.m_ObjectID) || std::ranges::find(LOSSES, event.m_Code) != LOSSES.end();
+      }))
     topology.emplace(context.Session());
   for (const PI::CEvent& event : events) {
     const Json one = EventJson(*topology, event);
-    if (wanted.m_Lines || (wanted.m_Follow && context.Options().m_Json))
-      context.Terminal().Print(one.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+    if (context.IsStream())
+      context.Show("event", one, "");
     else if (context.Options().m_Json)
       all.push_back(one);
     else
@@ -45,13 +49,14 @@ void Tell(CContext& context, const SEvents& wanted, std::optional<CTopology>& to
 }
 
 int ShowEvents(CContext& context, const SEvents& wanted) {
+  if (wanted.m_Lines || (wanted.m_Follow && context.Options().m_Json)) context.BeginStream();
   CSession& session = context.Session();
   std::optional<CTopology> topology(session);
   auto md = context.Machine().WatchMd();
   session.Start();
   if (!wanted.m_Follow) AwaitPass(session, topology->Plugin().m_UpdateCounter);
   Json all = Json::array();
-  Tell(context, wanted, topology, all);
+  Tell(context, topology, all);
   for (int soon = 0; wanted.m_Follow; soon = std::max(soon - 1, 0)) {
     if (!md.IsOpen()) md = context.Machine().WatchMd();  // md may be loaded later
     const auto interval = md.IsOpen() ? WATCHED_INTERVAL : FETCH_INTERVAL;
@@ -60,13 +65,14 @@ int ShowEvents(CContext& context, const SEvents& wanted) {
       soon = CHANGE_FETCHES;
       session.Pause(CHANGE_INTERVAL);
     }
-    Tell(context, wanted, topology, all);
+    Tell(context, topology, all);
   }
-  if (context.Options().m_Json && !wanted.m_Lines) context.Show("events", all, "");
+  if (context.Options().m_Json && !context.IsStream()) context.Show("events", all, "");
   return EXIT_DONE;
 }
 
 int WatchArray(CContext& context, const std::string& address) {
+  if (context.Options().m_Json) context.BeginStream();
   CSession& session = context.Session();
   const unsigned long id = CTopology(session).Find(address, PI::OBJ_LOGICAL_DRIVE).m_ID;
   session.Start();

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "host/CommandLine.h"
+#include "host/Keys.h"
 #include "host/Levels.h"
 #include "host/Reasons.h"
 #include "host/Table.h"
@@ -50,7 +51,7 @@ int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
   const auto data = [&] {
     Json objects = Json::array();
-    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(object));
+    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(topology, object));
     return Json{{"objects", std::move(objects)}};
   };
   const auto text = [&] {
@@ -66,6 +67,7 @@ int ShowTopology(CContext& context) {
 }
 
 int ShowStatus(CContext& context, bool watch) {
+  if (watch && context.Options().m_Json) context.BeginStream();
   if (watch) context.Session().Start();
   while (true) {
     const CTopology topology(context.Session());
@@ -92,7 +94,7 @@ int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND k
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
   context.Show(
-      "object", [&] { return ObjectJson(object); },
+      "object", [&] { return ObjectJson(topology, object); },
       [&] { return ObjectText(context, topology, object, ""); });
   return EXIT_DONE;
 }
@@ -116,6 +118,7 @@ int ShowOperations(CContext& context, const std::string& address) {
     const bool asks = operation.m_ConfirmationCode > 1;
     const std::string why = allowed ? "" : RefusalText(topology, object, operation.m_Code, status);
     data.push_back({{"code", operation.m_Code},
+                    {"key", Keys::OfOperation(operation.m_Code)},
                     {"text", Texts::Of(operation.m_Code)},
                     {"allowed", allowed},
                     {"status", status},
@@ -145,7 +148,7 @@ int GetProperty(CContext& context, const SProperty& wanted) {
   Json data = Json::array();
   Rows rows;
   for (const PI::CProperty& property : properties) {
-    data.push_back(PropertyJson(property));
+    data.push_back(PropertyJson(property, object.m_Kind));
     rows.push_back({std::to_string(property.m_ID), LabelOf(property),
                     IsUnknown(property) ? "unknown" : TextOf(property)});
   }
@@ -181,17 +184,17 @@ int ShowLevels(CContext& context) {
     Json stripes = Json::array();
     std::string list;
     for (const unsigned int stripe : level.m_StripeSizes) {
-      stripes.push_back({{"value", stripe}, {"text", Texts::Of(stripe)}});
+      stripes.push_back({{"value", stripe}, {"key", WordOf(stripe)}, {"text", Texts::Of(stripe)}});
       list += (list.empty() ? "" : ", ") + Texts::Of(stripe);
     }
     const bool hasDefault = level.m_DefaultStripeSize != 0;
     data.push_back({{"level", level.m_Level},
+                    {"key", WordOf(level.m_Level)},
                     {"text", Texts::Of(level.m_Level)},
                     {"minimumDrives", level.m_MinimumDrives},
                     {"maximumDrives", level.m_MaximumDrives},
                     {"stripeSizes", stripes},
-                    {"defaultStripeSize", hasDefault ? Json(level.m_DefaultStripeSize) : Json(nullptr)},
-                    {"name", WordOf(level.m_Level)}});
+                    {"defaultStripeSize", hasDefault ? Json(level.m_DefaultStripeSize) : Json(nullptr)}});
     rows.push_back({Texts::Of(level.m_Level), std::to_string(level.m_MinimumDrives),
                     std::to_string(level.m_MaximumDrives), list.empty() ? "-" : list,
                     hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-", WordOf(level.m_Level)});

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/JsonView.h"
-#include "host/LocalMachine.h"
+#include "host/Machine.h"
 #include "host/Options.h"
 #include "host/Session.h"
 #include "host/Terminal.h"
@@ -22,17 +22,23 @@ class CContext {
 
   const SOptions& Options() const { return m_Options; }
   CTerminal& Terminal() const { return m_Terminal; }
-  const CLocalMachine& Machine() const { return *m_Machine; }
   /// The person and the terminal want colours.
   bool HasColor() const { return m_Color; }
   CSession& Session();
-  /// Prints the result in the form that was asked for; `name` names the JSON schema.
+  /// The machine that the plug-in works on. Behind a first Session().
+  const CMachine& Machine() const { return *m_Machine; }
+  /// From now on each result, and what goes wrong, is a line of JSON by itself: for what goes on until it is
+  /// ended.
+  void BeginStream() { m_Stream.emplace(0); }
+  bool IsStream() const { return m_Stream.has_value(); }
+  /// Prints the result in the form that was asked for; `name` names the JSON schema, or a line's type.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
   /// The same of forms that are made when they are wanted: one of the two is.
   template <std::invocable TData, std::invocable TText>
   void Show(const std::string& name, TData data, TText text) {
-    m_Terminal.Print(m_Options.m_Json ? Envelope(name, data(), Json::array()) : text());
+    const bool isJson = m_Options.m_Json || IsStream();
+    Show(name, isJson ? data() : Json(), isJson ? std::string() : text());
   }
   /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
   void Close();
@@ -41,8 +47,10 @@ class CContext {
   SOptions m_Options;
   CTerminal& m_Terminal;
   bool m_Color;
-  std::unique_ptr<const CLocalMachine> m_Machine;
   std::optional<CSession> m_Session;
+  std::unique_ptr<OS::COperatingSystem> m_Here;
+  std::optional<const CMachine> m_Machine;
+  std::optional<unsigned long> m_Stream;  ///< the next line's number
 };
 
 }  // namespace rvxctl

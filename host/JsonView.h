@@ -14,10 +14,16 @@ using Json = nlohmann::ordered_json;
 
 /// The document of a result or of a failure.
 std::string Envelope(const std::string& name, const Json& data, const Json& errors = Json::array());
+/// A line of a stream: what it tells of, and its place in the stream.
+std::string StreamLine(unsigned long sequence, const std::string& type, const Json& data);
 Json ErrorJson(const CError& error);
 
-Json PropertyJson(const PI::CProperty& property);
-Json ObjectJson(const PI::CObject& object);
+/// @param kind of the object that has it
+Json PropertyJson(const PI::CProperty& property, unsigned int kind);
+/// What programs want of a disk or array, each fact a field.
+Json EntryJson(const CTopology& topology, const PI::CObject& object);
+/// The same with all properties and operations, of any object.
+Json ObjectJson(const CTopology& topology, const PI::CObject& object);
 /// All objects of a kind.
 Json ListJson(const CTopology& topology, PI::_OBJECT_KIND kind);
 /// Adapter, arrays and disks at a glance.

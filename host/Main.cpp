@@ -11,6 +11,7 @@
 #include "host/CommandLine.h"
 #include "host/Help.h"
 #include "host/Printable.h"
+#include "host/Signals.h"
 
 namespace rvxctl {
 
@@ -37,10 +38,10 @@ int Guarded(CContext& context, TStep step) {
     // Who closes a pipe has read enough.
     if (error.m_ExitStatus == EXIT_SIGNAL + SIGPIPE) return error.m_ExitStatus;
     std::cerr << "rvxctl: " << Printable(error.what(), true) << "\n";
-    if (!context.Options().m_Json || context.Terminal().HasPrinted()) return error.m_ExitStatus;
     try {
-      context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
-    } catch (const CError&) {  // it cannot be told there either, and was told above
+      if (context.IsStream() || (context.Options().m_Json && !context.Terminal().HasPrinted()))
+        context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
+    } catch (const CError&) {  // it may have been the output itself that failed
     }
     return error.m_ExitStatus;
   };
@@ -134,12 +135,7 @@ int Main(const std::vector<std::string>& words) {
 int EndedAsWanted(int status) {
   const int signal = status - EXIT_SIGNAL;
   if (signal <= 0) return status;
-  std::signal(signal, SIG_DFL);
-  sigset_t one;
-  sigemptyset(&one);
-  sigaddset(&one, signal);
-  ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
-  std::raise(signal);
+  EndBy(signal);
   return status;
 }
 

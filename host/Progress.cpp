@@ -79,12 +79,12 @@ class CProgressPrinter {
   }
   void Line(const std::string& text, int percent, const std::string& remaining) {
     if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
-    const rvxctl::Json json = {
-        {"array", m_Array},
-        {"percent", percent},
-        {"remaining", remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(remaining)},
-        {"text", text}};
-    m_Context.Terminal().Print(json.dump() + "\n");
+    m_Context.Show("progress",
+                   {{"array", m_Array},
+                    {"percent", percent},
+                    {"remaining", remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(remaining)},
+                    {"text", text}},
+                   "");
   }
 
   CContext& m_Context;

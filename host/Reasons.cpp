@@ -92,12 +92,12 @@ std::string RefusalText(const CTopology& topology, const PI::CObject& object, un
   return Texts::OfStatus(status) + (reason.empty() ? "" : " (" + reason + ")");
 }
 
-std::string HintForCheck(const CLocalMachine& machine, unsigned int status) {
-  return MdMayHelp(status) && machine.MdStat() == "" ? NO_MD : "";
+std::string HintForCheck(const std::optional<std::string>& mdstat, unsigned int status) {
+  return MdMayHelp(status) && !mdstat ? NO_MD : "";
 }
 
-std::string HintForExecution(const CLocalMachine& machine, unsigned int operation, unsigned int status,
-                             const std::string& level) {
+std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned int operation,
+                             unsigned int status, const std::string& level) {
   if (!MdMayHelp(status)) return {};
   if (IsDeletion(operation))
     return "md stops only an array that nothing uses. One that was stopped before the failure is gone: "
@@ -105,9 +105,8 @@ std::string HintForExecution(const CLocalMachine& machine, unsigned int operatio
   if (operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return "md takes no disk that is too small, none into an array without redundancy, and none this way "
            "into a mirror without a chunk size, as mdadm makes it: use mdadm --add there.";
-  const auto mdstat = machine.MdStat();
-  if (mdstat == "") return NO_MD;
-  return mdstat && operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(*mdstat, level) : std::string();
+  if (!mdstat) return NO_MD;
+  return operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(*mdstat, level) : std::string();
 }
 
 }  // namespace rvxctl

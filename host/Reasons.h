@@ -2,9 +2,9 @@
 /// @file
 /// Refusals in words: what in the present state is behind one, and what can be done about it.
 
+#include <optional>
 #include <string>
 
-#include "host/LocalMachine.h"
 #include "host/Topology.h"
 
 namespace rvxctl {
@@ -17,10 +17,11 @@ std::string ReasonOf(const CTopology& topology, const PI::CObject& object, unsig
 std::string RefusalText(const CTopology& topology, const PI::CObject& object, unsigned int operation,
                         unsigned int status);
 
-/// What a person can do on this machine about a refusal by the check; empty when that is not known.
-std::string HintForCheck(const CLocalMachine& machine, unsigned int status);
+/// What a person can do about a refusal by the check, beside what md says now (none: md is not in the
+/// kernel); empty when that is not known.
+std::string HintForCheck(const std::optional<std::string>& mdstat, unsigned int status);
 /// The same about an execution that failed. `level` is md's name of the level that was asked for, or empty.
-std::string HintForExecution(const CLocalMachine& machine, unsigned int operation, unsigned int status,
-                             const std::string& level);
+std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned int operation,
+                             unsigned int status, const std::string& level);
 
 }  // namespace rvxctl

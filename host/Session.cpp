@@ -15,6 +15,7 @@
 
 #include "host/Error.h"
 #include "host/Installation.h"
+#include "host/Signals.h"
 #include "host/Texts.h"
 #include "libraries/common/Environment.h"
 #include "libraries/common/FileDescriptor.h"
@@ -28,6 +29,7 @@ using KVT::Internal::FindVariable;
 constexpr char CONFIG_VARIABLE[] = "ZQ_CONFIG_DIR";
 /// What the simulated build exports beside the plug-in's entries: null is success, else what is wrong.
 using MachineFunction = const char*(const char* file);
+using SystemFunction = OS::COperatingSystem*();
 
 /// A folder for the settings of a simulated machine, which are not those of this machine. The simulated build
 /// would make one by itself, for all of its run: this one is there for the one setting, so that a run that is
@@ -69,14 +71,6 @@ class CSettingsFolder {
 /// An answer that must be OK.
 void Require(unsigned int status, const char* what) {
   if (status != PI::OK) throw PluginError(status, what);
-}
-
-sigset_t EndSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
 }
 
 }  // namespace
@@ -143,15 +137,17 @@ void CSession::End() {
     throw CError(EXIT_PLUGIN_ERROR, std::string("the simulated machine is not saved: ") + why);
 }
 
-void CSession::HoldSignals() {
-  const sigset_t signals = EndSignals();
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+OS::COperatingSystem& CSession::SimulatedMachine() const {
+  const auto machine = reinterpret_cast<SystemFunction*>(::dlsym(m_Library, "rvxMachine"));
+  OS::COperatingSystem* const system = machine == nullptr ? nullptr : machine();
+  if (system == nullptr) throw CannotLoad("this build has no simulated machine");
+  return *system;
 }
 
 void CSession::Start() {
   if (m_Started) return;
   m_Started = true;
-  HoldSignals();
+  HoldEndSignals();
   for (PI::CAdapterID& id : m_AdapterIDs) id.m_AdapterNumber = 0;
   Execute(PI::CMD_SET_ADAPTER_IDS, 0, &m_AdapterIDs);
 }
@@ -210,6 +206,12 @@ unsigned int CSession::Check(unsigned long id, PI::COperation& operation) {
 
 unsigned int CSession::Run(unsigned long id, PI::COperation& operation) {
   return Execute(PI::CMD_EXECUTE_OPERATION, id, &operation);
+}
+
+unsigned int CSession::Change(unsigned long id, PI::COperation& operation, const std::string& what) {
+  HoldEndSignals();
+  const CPatience patience(what);
+  return Run(id, operation);
 }
 
 unsigned int CSession::Set(unsigned long id, PI::CProperty& property) {

@@ -9,6 +9,7 @@
 #include "PI/Object.h"
 #include "PI/PluginApi.h"
 #include "host/Options.h"
+#include "system/OperatingSystem.h"
 
 namespace rvxctl {
 
@@ -20,10 +21,8 @@ class CSession : public INotificationTarget {
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
 
-  /// From now on SIGINT and SIGTERM no longer end the program but Pause, so that the plug-in is always
-  /// de-initialised.
-  void HoldSignals();
-  /// Takes up the server's full sequence: the plug-in's threads run from now on, and signals are held.
+  /// Takes up the server's full sequence: the plug-in's threads run from now on, and signals
+  /// that ask for an end no longer end the program but Pause, so that the plug-in is always de-initialised.
   void Start();
   /// Takes a fresh instance of the plug-in, which sees the machine as it is now: identifiers are new. For a
   /// session that was not started, it is quicker than a pass of threads that must be ended again.
@@ -35,6 +34,9 @@ class CSession : public INotificationTarget {
   /// simulated machine back when that was asked for. Throws CError when the machine cannot be written.
   void End();
 
+  /// The machine that a simulated build works on. Throws CError when this build has none.
+  OS::COperatingSystem& SimulatedMachine() const;
+
   /// The plug-in, the adapter, then disks and arrays.
   std::vector<PI::CObject> Topology();
   std::vector<PI::CProperty> Properties(unsigned long id);
@@ -44,6 +46,9 @@ class CSession : public INotificationTarget {
   /// Status of the check or execution, which the caller judges.
   unsigned int Check(unsigned long id, PI::COperation& operation);
   unsigned int Run(unsigned long id, PI::COperation& operation);
+  /// The same of what changes the machine: no signal breaks it off before the third. `what` tells a person
+  /// what it is.
+  unsigned int Change(unsigned long id, PI::COperation& operation, const std::string& what);
   /// Sets a property. On a simulated machine without a folder for settings (ZQ_CONFIG_DIR) the value lasts as
   /// long as this instance of the plug-in. Throws CError when not even that can be had.
   unsigned int Set(unsigned long id, PI::CProperty& property);

@@ -21,30 +21,55 @@ const PI::CObject* CTopology::FindID(unsigned long id) const {
   return found == m_Objects.end() ? nullptr : &*found;
 }
 
-const PI::CObject& CTopology::Find(const std::string& address, PI::_OBJECT_KIND kind) const {
-  std::string known;
+const PI::CObject* CTopology::FindNamed(const std::string& name, PI::_OBJECT_KIND kind) const {
+  const auto found = std::ranges::find_if(
+      m_Objects, [&](const PI::CObject& object) { return object.m_Kind == kind && NameOf(object) == name; });
+  return found == m_Objects.end() ? nullptr : &*found;
+}
+
+const PI::CObject* CTopology::FindDisk(const std::string& name) const {
+  return FindNamed(name, PI::OBJ_PHYSICAL_DRIVE);
+}
+
+const PI::CObject* CTopology::FindArray(const std::string& name) const {
+  return FindNamed(name, PI::OBJ_LOGICAL_DRIVE);
+}
+
+const PI::CObject* CTopology::Match(const std::string& address, PI::_OBJECT_KIND kind) const {
   boost::system::error_code error;
   const std::string target =
       address.starts_with("/") ? boost::filesystem::canonical(address, error).string() : std::string();
   for (const PI::CObject& object : m_Objects) {
     if (kind != PI::OBJ_NONE && object.m_Kind != kind) continue;
     const std::string name = NameOf(object);
-    const PI::CProperty* const key = FindProperty(object, PI::PROP_DEVICE_KEY);
-    const auto* const keyText = key == nullptr ? nullptr : std::get_if<std::string>(&key->m_Value);
-    char* end = nullptr;
-    const bool isID =
-        std::strtoul(address.c_str(), &end, 0) == object.m_ID && end != address.c_str() && *end == '\0';
     const std::string path = "/dev/" + name;
-    if (address == name || address == path || target == path || isID ||
-        (keyText != nullptr && address == *keyText))
-      return object;
-    known += (known.empty() ? "" : ", ") + name;
+    if (address == name || address == path || target == path ||
+        address == TextOf(object, PI::PROP_DEVICE_KEY) || IdentifierOf(address) == object.m_ID)
+      return &object;
   }
+  return nullptr;
+}
+
+const PI::CObject& CTopology::Find(const std::string& address, PI::_OBJECT_KIND kind) const {
+  if (const PI::CObject* const object = Match(address, kind)) return *object;
+  ThrowUnknown(address, kind);
+}
+
+void CTopology::ThrowUnknown(const std::string& address, PI::_OBJECT_KIND kind) const {
+  std::string known;
+  for (const PI::CObject& object : m_Objects)
+    if (kind == PI::OBJ_NONE || object.m_Kind == kind) known += (known.empty() ? "" : ", ") + NameOf(object);
   const char* const what = kind == PI::OBJ_PHYSICAL_DRIVE  ? "disk"
                            : kind == PI::OBJ_LOGICAL_DRIVE ? "array"
                                                            : "object";
   throw CError(EXIT_NO_OBJECT, std::string("there is no ") + what + " \"" + address + "\"; there " +
                                    (known.empty() ? "is none at all" : "are: " + known));
+}
+
+std::optional<unsigned long> IdentifierOf(const std::string& address) {
+  char* end = nullptr;
+  const unsigned long id = std::strtoul(address.c_str(), &end, 0);
+  return address.empty() || *end != '\0' ? std::nullopt : std::optional(id);
 }
 
 const PI::CObject* CTopology::ArrayOf(const PI::CObject& disk) const {

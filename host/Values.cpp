@@ -72,6 +72,14 @@ std::string ActivityText(const PI::CObject& array) {
   return text;
 }
 
+std::optional<int> ProgressOf(const PI::CObject& array) {
+  const auto activity = NumberOf(array, PI::PROP_ACTIVITY);
+  const bool resync = activity == PI::ACTIVITY_RESYNCING;
+  if (!resync && activity != PI::ACTIVITY_REBUILDING) return std::nullopt;
+  const auto percent = NumberOf(array, resync ? PI::PROP_RESYNC_PROGRESS : PI::PROP_REBUILD_PROGRESS);
+  return percent ? std::optional(static_cast<int>(*percent)) : std::nullopt;
+}
+
 std::string LabelOf(const PI::CProperty& property) {
   // Where one label serves several properties of an object, the property's own text tells them apart.
   const bool shared =

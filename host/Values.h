@@ -18,6 +18,8 @@ std::string TextOf(const PI::CObject& object, PI::_PROPERTY_ID id);
 std::string TextOf(const PI::CProperty& property);
 /// What runs on an array and how far it is: "Resyncing 34%".
 std::string ActivityText(const PI::CObject& array);
+/// Percent of the resync or rebuild that runs on an array.
+std::optional<int> ProgressOf(const PI::CObject& array);
 std::string LabelOf(const PI::CProperty& property);
 /// A property whose value the plug-in does not know, such as SMART figures of a disk without SMART.
 bool IsUnknown(const PI::CProperty& property);

@@ -89,3 +89,5 @@ const char* rvxSaveMachine(const char* file) {
     ReplaceDescription(file, s_Machine->Describe());
   });
 }
+
+OS::COperatingSystem* rvxMachine() { return s_Machine.get(); }

@@ -244,6 +244,12 @@ void CheckSync(SMachine& machine, SArray& array, const TJson& json) {
 const TKeys<SArray>& ArrayKeys() {
   static const TKeys<SArray> keys = {
       {"name", ReadName, Value("", &SArray::m_Name).m_Write, true},
+      {"instance",
+       [](SMachine& machine, SArray& array, const TJson& json) {
+         array.m_Instance = NumberOf<std::uint64_t>(json, 1, MOST_INSTANCE);
+         CheckDevices(machine, json);
+       },
+       Value("", &SArray::m_Instance).m_Write},
       Value("running", &SArray::m_Running),
       Value("clean", &SArray::m_Clean),
       Value("broken", &SArray::m_Broken),
@@ -281,7 +287,6 @@ const TKeys<SArray>& ArrayKeys() {
 
 void AddArrayFrom(SMachine& machine, const TJson& json) {
   SArray& array = machine.m_Arrays.emplace_back();
-  array.m_Instance = ++machine.m_LastInstance;
   array.m_Running = true;
   array.m_MajorVersion = 1;
   array.m_MinorVersion = 0;
@@ -289,6 +294,7 @@ void AddArrayFrom(SMachine& machine, const TJson& json) {
   if (!json.contains("uuid"))
     for (unsigned char& byte : array.m_Uuid) byte = static_cast<unsigned char>(NextRandom(machine));
   ReadKeys(ArrayKeys(), machine, array, json);
+  TakeInstance(machine, array.m_Instance);
   if (!json.contains("created") && array.m_Running)
     array.m_Created = (machine.m_ClockStart + machine.m_Time) / 1000;
   if (!json.contains("updated")) array.m_Updated = array.m_Created;

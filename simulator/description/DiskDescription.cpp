@@ -7,6 +7,7 @@
 #include <boost/algorithm/hex.hpp>
 #include <boost/format.hpp>
 #include <cstdio>
+#include <set>
 
 namespace Simulation {
 namespace {
@@ -117,6 +118,15 @@ TJson WriteData(const SMachine& machine, const SDisk& disk) {
   return WriteList(DataKeys(), machine, list);
 }
 
+void ReadWwn(SMachine&, SDisk& disk, const TJson& json) {
+  disk.m_Wwn = json.get<std::string>();
+  const std::string digits = disk.m_Wwn.substr(std::min<std::size_t>(disk.m_Wwn.size(), 2));
+  const bool fits = digits.size() == 16 || digits.size() == 32;
+  if (!disk.m_Wwn.starts_with("0x") || !fits ||
+      digits.find_first_not_of("0123456789abcdef") != std::string::npos)
+    Fail(json, "is not 0x and 16 or 32 hexadecimal digits");
+}
+
 void ReadController(SMachine& machine, SDisk& disk, const TJson& json) {
   const auto& all = machine.m_Controllers;
   const auto found =
@@ -149,6 +159,9 @@ const TKeys<SDisk>& DiskKeys() {
       Value("vendor", &SDisk::m_Vendor),
       Value("model", &SDisk::m_Model),
       Value("serial", &SDisk::m_Serial),
+      {"wwn", ReadWwn,
+       [](const SMachine&, const SDisk& disk) { return disk.m_Wwn.empty() ? TJson() : TJson(disk.m_Wwn); }},
+      Number("instance", &SDisk::m_Instance, 1, MOST_INSTANCE),
       Choice("medium", &SDisk::m_SolidState, {{"rotating", false}, {"solid-state", true}}),
       Choice<SDisk, std::string>("state", &SDisk::m_State,
                                  {{"running", "running"},
@@ -211,6 +224,7 @@ TJson WritePartitions(const SMachine& machine, const std::vector<SPartition>& pa
 void CheckDevices(SMachine& machine, const TJson& json) {
   std::map<std::string, dev_t> names;
   std::map<dev_t, std::string> numbers;
+  std::set<std::uint64_t> instances;
   for (const SBlock& block : AllBlocks(machine)) {
     const unsigned int majorNumber = major(block.m_Device);
     const bool isMds = majorNumber == MD_MAJOR_NUMBER || majorNumber == machine.m_MdpMajor;
@@ -220,6 +234,8 @@ void CheckDevices(SMachine& machine, const TJson& json) {
     if (!names.emplace(block.m_Name, block.m_Device).second) Fail(json, "there is another " + block.m_Name);
     const auto [other, isFirst] = numbers.emplace(block.m_Device, block.m_Name);
     if (!isFirst) Fail(json, "the number of " + block.m_Name + " is that of " + other->second);
+    if (block.m_Partition == nullptr && !instances.insert(block.Instance()).second)
+      Fail(json, "the instance of " + block.m_Name + " is another device's");
   }
 }
 

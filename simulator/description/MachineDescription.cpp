@@ -115,7 +115,7 @@ const TKeys<SMachine>& MachineKeys() {
       {"instances",
        [](SMachine& machine, SMachine&, const TJson& json) {
          machine.m_LastInstance =
-             std::max(machine.m_LastInstance, NumberOf<std::uint64_t>(json, 0, EVERYTHING / 2));
+             std::max(machine.m_LastInstance, NumberOf<std::uint64_t>(json, 0, MOST_INSTANCE));
        },
        Value("", &SMachine::m_LastInstance).m_Write},
       List("nodes", NodeKeys(), &SMachine::m_Nodes, AddNode),

@@ -15,14 +15,19 @@ namespace {
 constexpr std::uint64_t KIB = 1024;
 constexpr const char* SAS_PORT = "port-%1%:%2%/end_device-%1%:%2%/";
 // An AHCI port is a host of its own, a PIIX channel takes two disks, on other controllers all share one host.
-constexpr std::array DRIVERS = {SDriver{"ahci", true, 1, "/ata%4%", ""},
-                                SDriver{"ata_piix", true, 2, "/ata%4%", ""},
-                                SDriver{"mptsas", false, EVERYTHING, "", SAS_PORT},
-                                SDriver{"mpt2sas", false, EVERYTHING, "", SAS_PORT},
-                                SDriver{"mpt3sas", false, EVERYTHING, "", SAS_PORT},
-                                SDriver{"virtio-pci", false, EVERYTHING, "/virtio%1%", ""},
-                                SDriver{"xhci_hcd", false, EVERYTHING, "/usb1/1-1/1-1:1.0", ""},
-                                SDriver{"", false, EVERYTHING, "", ""}};
+// The port is counted over all controllers, as the hosts are: a disk keeps it when another one is pulled.
+constexpr const char* ATA_PATH = "-ata-%1%.%2%";
+constexpr const char* SAS_PATH = "-sas-phy%2%-lun-0";
+constexpr const char* SCSI_PATH = "-scsi-0:0:%2%:0";
+constexpr std::array DRIVERS = {
+    SDriver{"ahci", true, 1, "/ata%4%", "", ATA_PATH},
+    SDriver{"ata_piix", true, 2, "/ata%4%", "", ATA_PATH},
+    SDriver{"mptsas", false, EVERYTHING, "", SAS_PORT, SAS_PATH},
+    SDriver{"mpt2sas", false, EVERYTHING, "", SAS_PORT, SAS_PATH},
+    SDriver{"mpt3sas", false, EVERYTHING, "", SAS_PORT, SAS_PATH},
+    SDriver{"virtio-pci", false, EVERYTHING, "/virtio%1%", "", SCSI_PATH},
+    SDriver{"xhci_hcd", false, EVERYTHING, "/usb1/1-1/1-1:1.0", "", "-usb-0:1:1.0-scsi-0:0:%2%:0"},
+    SDriver{"", false, EVERYTHING, "", "", SCSI_PATH}};
 
 /// Calls `visit(block, offset in block, offset in range, count)` for every block that a range touches.
 template <typename TVisit>
@@ -241,8 +246,13 @@ std::uint64_t NextRandom(SMachine& machine) {
   return machine.m_Random = std::minstd_rand(static_cast<std::uint_fast32_t>(machine.m_Random))();
 }
 
+void TakeInstance(SMachine& machine, std::uint64_t& instance) {
+  if (instance == 0) instance = machine.m_LastInstance + 1;
+  machine.m_LastInstance = std::max(machine.m_LastInstance, instance);
+}
+
 void Attach(SMachine& machine, SDisk disk) {
-  disk.m_Instance = ++machine.m_LastInstance;
+  TakeInstance(machine, disk.m_Instance);
   if (disk.m_Host == NO_HOST) {
     const std::size_t perHost = FindDriver(machine.m_Controllers[disk.m_Controller].m_Driver).m_PerHost;
     unsigned int next = 0;

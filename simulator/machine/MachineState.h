@@ -45,6 +45,7 @@ struct SDriver {
   std::size_t m_PerHost;    ///< so many share a SCSI host
   const char* m_AboveHost;  ///< in sysfs, between controller and host; %4% is the number of an ATA port
   const char* m_BelowHost;  ///< between host and target
+  const char* m_PathID;     ///< what udev puts behind the controller: %1% is the ATA port, %2% the target
 };
 /// One that is not known gets what most do.
 const SDriver& FindDriver(const std::string& name);
@@ -79,6 +80,7 @@ struct SDisk {
   std::string m_Vendor;
   std::string m_Model;
   std::string m_Serial;
+  std::string m_Wwn;  ///< "0x" and 16 or 32 digits; empty: none
   bool m_SolidState{false};
   std::string m_State{"running"};
   bool m_Asleep{false};  ///< answers "not ready" until a start command
@@ -86,7 +88,7 @@ struct SDisk {
   std::string m_Mount;
   unsigned int m_Host{NO_HOST};
   unsigned int m_Target{};
-  std::uint64_t m_Instance{};  ///< tells a disk from a later one of the same name
+  std::uint64_t m_Instance{};  ///< tells a disk from a later one of the same name; Linux's DISKSEQ
   std::optional<std::vector<SSmartAttribute>> m_Smart;
   std::vector<SPartition> m_Partitions;
   CSparseBytes m_Bytes;
@@ -227,7 +229,9 @@ int WriteBlock(const SBlock& block, std::uint64_t offset, const void* bytes, std
 
 /// Next value of the machine's pseudo-random sequence.
 std::uint64_t NextRandom(SMachine& machine);
-/// Gives a new disk its instance, and its SCSI address unless it has one.
+/// Gives a new device the next instance, unless it has one.
+void TakeInstance(SMachine& machine, std::uint64_t& instance);
+/// Takes in a new disk; it gets an instance and a SCSI address unless it has them.
 void Attach(SMachine& machine, SDisk disk);
 
 }  // namespace Simulation

@@ -7,6 +7,8 @@
 #include <boost/format.hpp>
 
 #include "simulator/machine/MdStat.h"
+#include "simulator/machine/MdSysfs.h"
+#include "simulator/machine/UdevRecord.h"
 
 namespace Simulation {
 namespace {
@@ -58,6 +60,10 @@ std::optional<SEntry> BlockFile(SMachine& machine, const std::string& path) {
   if (array == nullptr) return std::nullopt;
   if (rest.empty()) return LinkEntry("../devices/virtual/block/" + name);
   if (rest == "size") return TextEntry(std::to_string(array->m_ArraySectors) + "\n");
+  if (rest == "md") return DirectoryEntry();
+  const auto attribute =
+      rest.starts_with("md/") ? MdAttribute(machine, *array, rest.substr(3)) : std::optional<std::string>();
+  if (attribute) return TextEntry(*attribute);
   return std::nullopt;
 }
 
@@ -125,14 +131,7 @@ SProgramResult RunUdevadm(SMachine& machine, const std::string& arguments) {
   std::string devicePath =
       "/devices/virtual/block/" + (block->m_Array != nullptr ? block->m_Array->m_Name : "");
   if (block->m_Disk != nullptr) devicePath = DevicePath(machine, *block->m_Disk);
-  if (block->m_Partition != nullptr) devicePath += "/" + block->m_Name;
-  const char* type = block->m_Partition != nullptr ? "partition" : "disk";
-  std::vector<std::string> lines = {"P: " + devicePath, "N: " + block->m_Name,
-                                    "E: DEVNAME=/dev/" + block->m_Name, std::string("E: DEVTYPE=") + type,
-                                    "E: SUBSYSTEM=block"};
-  if (block->m_Disk != nullptr) lines.push_back("E: ID_SERIAL_SHORT=" + block->m_Disk->m_Serial);
-  lines.emplace_back();
-  return {1, lines};
+  return {1, UdevRecord(machine, *block, devicePath)};
 }
 
 SProgramResult RunSdparm(SMachine& machine, const std::string& arguments) {

@@ -62,6 +62,14 @@ TEST_F(CContract, ARunningMirrorReportsItselfAndHoldsItsMembers) {
     EXPECT_THAT(Member(number), Pair(-1, 8));
     EXPECT_EQ(DiskInfo(number).major + DiskInfo(number).minor, 0);
   }
+  EXPECT_TRUE(Eventually([&] { return Attribute("array_state") == "clean\n"; })) << Attribute("array_state");
+  for (const auto& [attribute, text] : {std::pair{"level", "raid1\n"},
+                                        {"raid_disks", "2\n"},
+                                        {"degraded", "0\n"},
+                                        {"sync_action", "idle\n"},
+                                        {"sync_completed", "none\n"},
+                                        {"sync_speed", "none\n"}})
+    EXPECT_EQ(Attribute(attribute), text) << attribute;
   EXPECT_EQ(Request(RUN_ARRAY), EBUSY);
   ASSERT_EQ(Request(STOP_ARRAY), 0);
   EXPECT_TRUE(IsFree(0) && IsFree(1));
@@ -79,6 +87,7 @@ TEST_F(CContract, LevelsWithoutRedundancyBearNoLoss) {
     ASSERT_EQ(Create(plan), 0);
     EXPECT_EQ(BlocksOf(Name()), 4096U) << "whole chunks of both members";
     EXPECT_EQ(MdStat(), shown);
+    EXPECT_EQ(OpenError("/sys/block/" + Name() + "/md/sync_action", O_RDONLY), ENOENT);
     const mdu_array_info_t info = ArrayInfo();
     EXPECT_THAT((std::vector{info.size, info.level, info.layout}), ElementsAre(0, level, layout));
     WriteSuper(2, Superblock(2, plan));
@@ -115,6 +124,7 @@ TEST_F(CContract, AHalfBuiltArrayKeepsItsMembersUntilItIsStopped) {
   mdu_array_info_t info{};
   EXPECT_EQ(Request(GET_ARRAY_INFO, &info), ENODEV);
   EXPECT_EQ(BlocksOf(Name()), 0U);
+  EXPECT_EQ(Attribute("array_state") + Attribute("level"), "inactive\n");
   EXPECT_EQ(MdStat(), "inactive 0[0](S)|      " + std::to_string((SuperSector(0) - 256) / 2) +
                           " blocks super 1.0|       ");
   ASSERT_EQ(Request(STOP_ARRAY), 0);
@@ -185,6 +195,9 @@ TEST_F(CContract, ASpareTakesTheFailedMembersPlace) {
                                  "      \\[=*>\\.*\\]  recovery =[ 0-9]{3}\\.[0-9]% .*\\|      "));
   EXPECT_THAT(Member(1), Pair(-1, 1));
   EXPECT_THAT(Member(2), Pair(1, 0));
+  EXPECT_THAT(Attribute("sync_completed"),
+              MatchesRegex("[0-9]+ / " + std::to_string(SuperSector(0) - 256) + "\n"));
+  EXPECT_EQ(Attribute("sync_action") + Attribute("degraded"), "recover\n1\n");
   EXPECT_THAT(Counts(), ElementsAre(2, 3, 1, 2, 1, 1));
   EXPECT_EQ(ArrayInfo().state & 1, 1);
   EXPECT_EQ(Device(HOT_REMOVE_DISK, DiskDevice(2)), EBUSY) << "the member that is being rebuilt";

@@ -80,6 +80,15 @@ TEST_F(CContract, UdevTellsWhereADiskHangs) {
   ASSERT_FALSE(lines.empty());
   ASSERT_THAT(lines[0], MatchesRegex("P: /devices/pci.*/ata[0-9]+/host[0-9]+/target.*/block/" + Disk(0)));
   EXPECT_THAT(lines, Contains("N: " + Disk(0)));
+  const auto value = [&](const std::string& key) {
+    for (const std::string& line : lines)
+      if (line.starts_with("E: " + key + "=")) return line.substr(key.size() + 4);
+    return "no " + key;
+  };
+  EXPECT_THAT(value("DISKSEQ"), MatchesRegex("[0-9]+"));
+  EXPECT_THAT(lines, Contains("S: disk/by-id/ata-" + value("ID_MODEL") + "_" + value("ID_SERIAL_SHORT")));
+  EXPECT_THAT(lines, Contains("S: disk/by-path/" + value("ID_PATH")));
+  EXPECT_THAT(value("ID_PATH"), MatchesRegex("pci-0000:[0-9a-f:.]+-ata-[0-9]+\\.0"));
   const std::string controller = "/sys" + lines[0].substr(3, lines[0].find("/ata") - 3);
   EXPECT_EQ(Text(controller + "/vendor"), "0x8086\n");
   EXPECT_THAT(Os().ReadLink(controller + "/driver").value_or(""), EndsWith("/bus/pci/drivers/ahci"));

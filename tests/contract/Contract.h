@@ -84,6 +84,8 @@ class CContract : public testing::Test {
   /// The array's lines of /proc/mdstat, joined by "|", without its name and with the disks' numbers in place
   /// of their names; empty when it is not listed.
   std::string MdStat();
+  /// A file that md has for the array in sysfs.
+  std::string Attribute(const char* name) { return Text("/sys/block/" + m_Name + "/md/" + name); }
   /// Requests on the array. The result is 0, errno, or what md answers when that is above 0.
   int Request(unsigned long request, void* argument = nullptr);
   int Device(unsigned long request, dev_t device);

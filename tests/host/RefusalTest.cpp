@@ -84,21 +84,96 @@ TEST(Refusal, OfCommandLinesObjectsAndStates) {
       {"plain", "prop get sda 30999", 3, {"no property 30999; 'rvxctl prop get OBJECT' lists"}},
       {"arrays", "spare add sdg md_d9", 3, {"no array \"md_d9\"; there are: md_d0, md_d1, md_d2"}},
       {"plain", "array delete --last --yes", 1, {"20049 ERR_NOT_AVAILABLE", "\nthere is no array"}},
-      {"arrays", "spare release sdc --yes", 6, {"20005", "\nsdc belongs to md_d1; its status is \"In use\""}},
-      {"arrays", "spare add sdf md_d0 --yes", 1, {"20003", "\nmd takes no disk that is too small"}},
+      {"arrays",
+       "spare release sda --yes --plugin-alone",
+       6,
+       {"20005", "\nsda belongs to md_d0; its status is"}},
+      {"arrays", "spare add sdf md_d0 --yes --plugin-alone", 1, {"20003", "\nmd takes no disk that is too"}},
       {"arrays", "rebuild start md_d0", 6, {"20023", "\nmd_d0 is RAID 0 (striping)"}},
       {"arrays", "rebuild start md_d2", 6, {"20024", "\nmd_d2: In order"}},
       {"arrays", "rebuild cancel md_d1", 6, {"20025 ERR_NO_REBUILD_RUNNING: No rebuild is running"}},
       {"recovering", "array delete md_d0 --yes", 5, {"20020 ERR_BUSY", "\nmd_d0: Rebuilding 0%"}},
-      {"arrays", "array delete md_d2", 4, {"nothing was changed", "say --yes"}},
-      {"arrays", "array delete md_d2 --yes", 1, {"20003", "\nmd stops only an array that nothing uses."}},
-      {"arrays", "array create --level raid1 sdf sda --yes", 1, {"a raid1 array of sdf, sda", "20006"}},
+      {"arrays", "array delete md_d0", 4, {"nothing was changed", "say --yes"}},
+      {"arrays", "array delete md_d2 --yes --plugin-alone", 1, {"20003", "\nmd stops only an array that"}},
+      {"arrays", "array create --level raid1 sdf sda --yes --plugin-alone", 1, {"of sdf, sda", "20006"}},
   };
   for (const auto& [machine, command, status, told] : cases) {
     std::istringstream text(command);
     Words words{std::istream_iterator<std::string>(text), {}};
     words.insert(words.begin(), Simulate(machine));
     ExpectFailure(words, status, told);
+  }
+}
+
+/// Requests, the exit status of each and what is said. The machine is "rules".
+const std::tuple<const char*, int, const char*> REQUESTS[] = {
+    {"array create --level raid1 sda", 2, "a raid1 is made of exactly 2 disks, and 1 is named"},
+    {"array create --level raid1 sda sdb sdc", 2, "exactly 2 disks, and 3 are named"},
+    {"array create --level raid0 sda", 2, "a raid0 is made of 2 to 384 disks, and 1 is named"},
+    {"array create --level linear sdb", 2, "a linear is made of 2 to 384 disks"},
+    {"array create --level raid1 sda /dev/sda", 2, "sda is named twice: as \"sda\" and as \"/dev/sda\""},
+    {"array create --level raid0 sdb sda S-A", 2, "sda is named twice: as \"sda\" and as \"S-A\""},
+    {"array create --level raid0 --stripe 5 sda sdb", 2, "5 is none of"},
+    {"array create --level raid5 sda sdb", 2, "raid5 is none of raid0, raid1, linear"},
+    {"array create --level raid1 0x0127000000000002 sdb", 2, "is the identifier of sda in this run alone"},
+    {"array delete 0x0127000000000020", 3, "there is no array"},
+    {"array create --level raid1 sda sdz", 3, "there is no disk \"sdz\""},
+    {"array create --level raid1 sda twin", 2, "\"twin\" is sdb and sdc: name the disk"},
+    {"array create --level raid1 sda sdd", 6, "sdd is a member of md_d0; only a disk that nothing uses"},
+    {"array create --level raid1 sda sdh", 6, "sdh is a hot spare of md_d1"},
+    {"array create --level raid1 sda sdi", 6, "sdi is a failed member of md_d2"},
+    {"array create --level raid1 sda sdk", 6, "sdk1 is mounted at /srv/data"},
+    {"array create --level raid1 sda sdl", 6, "sdl is held open by another program"},
+    {"array create --level raid1 sda sdm", 6, "sdm is not ready: Failed"},
+    {"array create --level raid0 sda sdn", 6, "sdn is too small: 160 KiB, and a member needs 204 KiB"},
+    {"array create --level raid1 sdo sdp", 6, "md refuses this mirror: its smallest disk has 1.8 TiB"},
+    {"array create --level raid1 S-A sdb", 0, "Created md_d6: 63 MiB."},
+    {"array create --level raid0 sda sdb sdc", 0, "Created md_d6"},
+    {"array create --level linear sda sdo", 0, "Created md_d6"},
+    {"array create --level raid0 --stripe 8 sda sdb", 0, "Created md_d6"},
+    {"array create --level raid1 sdq sdr", 0, "Created md_d6: 952.0 GiB."},
+    {"spare add sda md_d0", 6, "md_d0 is RAID 0 (striping): a level without redundancy takes no spare"},
+    {"spare add sda md_d1", 6, "md_d1 is a mirror without a chunk size, as mdadm makes it"},
+    {"spare add sda md_d4", 6, "md_d4 has metadata 1.2"},
+    {"spare add sdn md_d2", 6, "sdn is too small: 160 KiB, and a member of md_d2 needs 63 MiB"},
+    {"spare add sdd md_d2", 6, "sdd is a member of md_d0"},
+    {"spare add sdi md_d2", 6, "sdi is a failed member of md_d2"},
+    {"spare add sdb md_d2", 0, "sdb is "},
+    {"spare add S-A md_d2", 0, "sda is "},
+    {"spare release sdg", 6, "sdg is a working member of md_d1; only a spare or a failed member"},
+    {"spare release sda", 6, "sda belongs to no array; its status is \"Ready\""},
+    {"spare release sdh", 0, "sdh is released."},
+    {"spare release sdi", 0, "sdi is released."},
+    {"array delete md_d0", 0, "Deleted md_d0."},
+    {"array delete md_d3", 6, "md_d3 is in use: md_d3 is mounted at /srv/array"},
+    {"array delete md_d4", 6, "md_d4 has metadata 1.2, and only an array with version 1.0 can be deleted"},
+    {"array delete md_d5", 6,
+     "the member sdt1 of md_d5 is a partition: the blank superblock would be written"},
+    {"array delete md_d5 --force-partition-members", 0, "Deleted md_d5."},
+    {"array delete --all", 6, "md_d3 is in use"},
+    {"rebuild start md_d2", 6, "release sdi ('rvxctl spare release sdi')"},
+    {"rebuild start md_d0", 6, "20023"},
+    {"rebuild cancel md_d2", 6, "20025"},
+};
+
+TEST(Refusal, ADryRunSaysWhatTheChangeWillDo) {
+  for (const auto& [command, status, told] : REQUESTS) {
+    SCOPED_TRACE(command);
+    std::istringstream text(command);
+    Words words{std::istream_iterator<std::string>(text), {}};
+    words.insert(words.begin(), Simulate("rules"));
+    words.emplace_back("--dry-run");
+    const SResult dry = Rvxctl(words);
+    words.back() = "--yes";
+    const SResult done = Rvxctl(words);
+    EXPECT_EQ(dry.m_Status, status) << dry.m_Err;
+    EXPECT_EQ(done.m_Status, status) << done.m_Err;
+    EXPECT_THAT(status == 0 ? done.m_Out : done.m_Err, HasSubstr(told));
+    if (status == 0) {
+      EXPECT_THAT(dry.m_Out, HasSubstr("This is allowed. Nothing was changed."));
+    } else {
+      EXPECT_EQ(dry.m_Err, done.m_Err);
+    }
   }
 }
 

@@ -48,7 +48,7 @@ TEST(Sequence, AMirrorFromCreationToDeletion) {
   const SResult created =
       machine.Run({"array", "create", "--level", "raid1", "sda", "sdb", "--yes", "--wait"});
   EXPECT_EQ(created.m_Status, 0) << created.m_Err;
-  EXPECT_THAT(created.m_Out, HasSubstr("md_d0: completed\nCreated md_d0."));
+  EXPECT_THAT(created.m_Out, HasSubstr("md_d0: completed\nCreated md_d0: 63 MiB."));
   EXPECT_EQ(machine.Run({"spare", "add", "sdc", "md_d0", "--yes"}).m_Status, 0);
   EXPECT_THAT(machine.Disks(), HasSubstr("sdc   Hot spare"));
   EXPECT_EQ(machine.Run({"spare", "release", "sdc", "--yes"}).m_Status, 0);
@@ -77,7 +77,13 @@ TEST(Events, ComeOnceAndInOrder) {
   ::kill(program.Process(), SIGINT);
   EXPECT_EQ(program.Wait(), -SIGINT);
   std::vector<int> codes;
-  for (const json& event : Lines(program.Out())) {
+  std::vector<json> lines = Lines(program.Out());
+  EXPECT_EQ(lines.back()["type"], "error") << "an end by a signal is told in the stream";
+  EXPECT_EQ(lines.back()["sequence"], lines.size() - 1);
+  EXPECT_EQ(lines.back()["data"]["exitStatus"], 130);
+  lines.pop_back();
+  for (const json& line : lines) {
+    const json& event = line["data"];
     EXPECT_THAT(event["time"].get<std::string>(), testing::MatchesRegex(R"(....-..-..T..:..:..\....Z)"));
     EXPECT_EQ(event["source"], "0x0127000000000001");
     const bool named = event["objectName"] == event["placeholders"][1].get<std::string>().substr(0, 3);
@@ -85,7 +91,8 @@ TEST(Events, ComeOnceAndInOrder) {
     if (event["code"] != 10459)
       codes.push_back(event["code"]);  // repeats as long as md holds the failed member
   }
-  EXPECT_THAT(program.Out(), HasSubstr("\"Disk sdc was ready and is now in use.\""));
+  EXPECT_THAT(program.Out(), HasSubstr("\"Disk sdc is in use; until now it was ready or not known.\""));
+  EXPECT_THAT(program.Out(), HasSubstr("managed or not in sync yet. Failed: sdb\""));
   EXPECT_THAT(codes, testing::ElementsAre(10454, 10033, 10032, 10078));
   EXPECT_THAT(Rvxctl({Simulate("short_resync"), "events"}).m_Out, HasSubstr(" 10085 information object "))
       << "of one pass";
@@ -101,7 +108,7 @@ TEST(Watch, EndsAsTheWorkEnds) {
     const SResult result = CKeptMachine(machine, script).Run({"--json", "array", "watch", "md_d0"});
     EXPECT_EQ(result.m_Status, status) << machine << result.m_Err;
     const std::vector<json> lines = Lines("{}\n" + result.m_Out);
-    EXPECT_THAT(lines.back().value("text", ""), HasSubstr(last)) << machine;
+    EXPECT_THAT(lines.back().value("data", json()).value("text", ""), HasSubstr(last)) << machine;
   }
 }
 

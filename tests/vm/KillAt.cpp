@@ -1,8 +1,9 @@
 /// @file
-/// Preloaded into a process, ends it with SIGKILL right before the n-th of its calls that change md or a
+/// Preloaded into a process, sends it a signal right before the n-th of its calls that change md or a
 /// disk: md's ioctls that make, extend, start and stop an array, and writes to block devices.
 ///
-/// RVX_KILL_AT is n, counted from 1; without it nothing is killed. RVX_KILL_LOG is a file that gets the name
+/// RVX_KILL_AT is n, counted from 1; without it nothing is sent. RVX_KILL_SIGNAL is the signal, SIGKILL when
+/// not given. RVX_KILL_LOG is a file that gets the name
 /// of each such call, a line each, the deadly one included.
 
 #include <dlfcn.h>
@@ -42,7 +43,9 @@ void Count(const std::string& name) {
   static std::atomic<int> count{0};
   if (const char* const log = std::getenv("RVX_KILL_LOG")) std::ofstream(log, std::ios::app) << name << '\n';
   const char* const at = std::getenv("RVX_KILL_AT");
-  if (++count == (at == nullptr ? 0 : std::atoi(at))) ::kill(::getpid(), SIGKILL);
+  const char* const signal = std::getenv("RVX_KILL_SIGNAL");
+  if (++count == (at == nullptr ? 0 : std::atoi(at)))
+    ::kill(::getpid(), signal == nullptr ? SIGKILL : std::atoi(signal));
 }
 
 }  // namespace

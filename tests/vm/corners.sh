@@ -6,7 +6,7 @@ source "$RVX_SOURCE/tests/vm/lib.sh"
 a0=${disk[AHCI-0]} a1=${disk[AHCI-1]} a2=${disk[AHCI-2]} s1=${disk[SAS-1]} s2=${disk[SAS-2]}
 
 equal_numbers() {
-    local others
+    local others status=0
     expect_eq "a mirror takes the number 0" md_d0 "$(make raid1 - "$a1" "$s1")"
     check "mdadm makes another array of that number" mdadm --create /dev/md0 --run --assume-clean --level=1 \
         --raid-devices=2 --metadata=1.0 "/dev/$a2" "/dev/$s2"
@@ -16,7 +16,9 @@ equal_numbers() {
         "$(listed md_d0 30126 && listed md0 30126)"
     check "the other one is at rest" wait_for 20 "grep -qE '^(clean|active-idle)' /sys/block/md0/md/array_state"
     others=$(fingerprint "$a2" "$s2")
-    check "deleting one" rvx array delete md_d0 --yes
+    rvx array delete md_d0 --yes 2>/tmp/said || status=$?
+    expect_eq "rvxctl deletes neither by its number" 6 "$status"
+    check "the plug-in alone deletes one" rvx array delete md_d0 --yes --plugin-alone
     expect_eq "leaves every byte of the other's members" "$others" "$(fingerprint "$a2" "$s2")"
     expect_no_array "$a1" "$s1"
     expect_eq "and the other runs on" md0 "$(arrays)"
@@ -50,10 +52,37 @@ swapped_disk() {
     echo y >&3
     exec 3>&-
     wait "$asking" || status=$?
-    expect_eq "the creation is refused" "1" "$status"
-    expect_match "with the plug-in's number" 20003 "$(</tmp/screen)"
-    expect_eq "and no disk changed" "$before" "$(fingerprint "$a0" "$a1" "$s1")"
-    check "md is clean again" mdadm --stop /dev/md_d0
+    expect_eq "the creation is refused" "5" "$status"
+    expect_match "in words" 'changed meanwhile, nothing was done' "$(</tmp/screen)"
+    expect_eq "no disk changed" "$before" "$(fingerprint "$a0" "$a1" "$s1")"
+    expect_eq "and md was not asked" "" "$(arrays)"
+    find_disks
+    a0=${disk[AHCI-0]} a1=${disk[AHCI-1]}
+}
+
+# Two people at once: each disk is in one array or in none, and who came second is told.
+two_creations() {
+    local first=0 second=0 program
+    rvx array create --level raid1 --yes "$a1" "$s1" >/tmp/one 2>&1 &
+    program=$!
+    rvx array create --level raid1 --yes "$a2" "$s1" >/tmp/two 2>&1 || second=$?
+    wait "$program" || first=$?
+    expect_match "one is made, and the other refused" '^(0 [56]|[56] 0)$' "$first $second"
+    expect_eq "md has one array of two" "1 2" "$(arrays | wc -l) $(grep -oE 'sd[a-z]+\[' /proc/mdstat | wc -l)"
+    wait_for_sync
+    check "it is deleted" rvx array delete --all --yes
+}
+
+# A lost terminal in the middle of a creation: it is carried to its end.
+hang_up() {
+    local status=0
+    LD_PRELOAD=$RVX_BUILD/tests/vm/librvx_kill_at.so RVX_KILL_AT=3 RVX_KILL_SIGNAL=1 RVX_KILL_LOG=/tmp/calls \
+        rvx array create --level raid1 --yes "$a1" "$s1" >/tmp/out 2>/tmp/said || status=$?
+    expect_eq "rvxctl ends by the signal" 129 "$status"
+    expect_match "and says that the array is created" 'array is created' "$(</tmp/said)"
+    expect_match "it runs with both members" 'active raid1 .*\[.*\[' "$(grep '^md_d0' /proc/mdstat)"
+    wait_for_sync
+    check "it is deleted" rvx array delete md_d0 --yes
 }
 
 no_threads() {
@@ -76,3 +105,5 @@ mount -t devpts devpts /dev/pts # rvxctl asks on a terminal only
 equal_numbers
 no_threads
 swapped_disk
+two_creations
+hang_up

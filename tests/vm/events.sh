@@ -137,7 +137,7 @@ expect_eq "each event came once, and no other" "$(printf '%s\n' "${expected[@]}"
     "$(awk '$2 != 10459 { print $2, $3 }' /tmp/events | sort)"
 expect_eq "what repeats is about the failed member that stayed in its array" "$failed" \
     "$(awk -v "out=$second" '$2 == 10459 && $3 != out { print $3 }' /tmp/events | sort -u)"
-check "each line is an event" jq -se 'all(.code > 10000 and (.text | length) > 0 and (.time | endswith("Z")))' /tmp/raw
+check "each line is an event" jq -se 'all(.data | .code > 10000 and (.text | length) > 0 and (.time | endswith("Z")))' /tmp/raw
 
 changed=$(now)
 kill "$follower" "$monitor"

@@ -32,6 +32,8 @@ TEST(MachineDescription, ComplaintsNameThePlace) {
       {R"({"mdp_major": 4096})", "(/mdp_major) is no whole number from 10 to 4095"},
       {Machine(R"(, "partitions": [{"size": 65536}])"), "(/disks/1/partitions/0) ends behind the device"},
       {Machine(R"(, "device": "8:0")"), "(/disks/1) the number of sdb is that of sda"},
+      {Machine(R"(, "instance": 1)"), "(/disks/1) the instance of sdb is another device's"},
+      {Machine(R"(, "wwn": "0x5000C500A1B2C3D4")"), "(/disks/1/wwn) is not 0x and"},
       {Array(R"("name": "md0", "level": "raid1")"),
        "(/arrays/0) an array that runs needs \"members\" or \"raid_disks\""},
       {Array(R"("name": "md0", "level": "raid1", "members": ["sda", "sda"])"),
@@ -62,6 +64,26 @@ TEST(MachineDescription, AnEqualMachineComesBack) {
     second.Advance(1000000);
     EXPECT_EQ(first.Describe(), second.Describe()) << "and goes on as the first one does";
   }
+}
+
+TEST(MachineDescription, ADiskIsToldFromALaterOneOfItsName) {
+  const std::string second =
+      R"({"name": "sdb", "controller": "sata", "size": 65536, "serial": "S 2", "wwn": "0x5000c500a1b2c3d4"})";
+  Simulation::CSimulatedSystem machine(Machine(""));
+  const auto record = [](OS::COperatingSystem& os) {
+    std::vector<std::string> lines;
+    os.ExecuteCommand("/usr/bin/udevadm", "info -q all -n /dev/sdb", lines);
+    return lines;
+  };
+  EXPECT_THAT(record(machine), testing::IsSupersetOf({"E: DISKSEQ=2", "S: disk/by-id/ata-DISK_RVX00002"}));
+  machine.Apply(R"({"remove_disk": "sdb"})");
+  machine.Apply(R"({"add_disk": )" + second + "}");
+  EXPECT_THAT(record(machine),
+              testing::IsSupersetOf({"E: DISKSEQ=3", "E: ID_SERIAL_SHORT=S_2", "E: ID_WWN=0x5000c500a1b2c3d4",
+                                     "S: disk/by-id/wwn-0x5000c500a1b2c3d4"}));
+  machine.Apply(R"({"remove_disk": "sda"})");
+  Simulation::CSimulatedSystem saved(machine.Describe());
+  EXPECT_EQ(record(saved), record(machine));
 }
 
 TEST(MachineDescription, IsReadFromRegularFilesOnly) {

@@ -1,0 +1,141 @@
+#include "host/Inventory.h"
+
+#include <algorithm>
+
+#include "host/Error.h"
+#include "host/Levels.h"
+#include "host/Values.h"
+
+namespace rvxctl {
+
+namespace {
+
+ERole RoleOf(const SMdMember& member, const PI::CObject* disk) {
+  if (member.m_Faulty) return ERole::FAILED;
+  if (disk != nullptr && NumberOf(*disk, PI::PROP_STATUS) == PI::STATUS_REBUILDING) return ERole::REBUILDING;
+  return member.m_Spare ? ERole::SPARE : ERole::ACTIVE;
+}
+
+/// Where md does not list the array any more.
+ERole RoleOf(const PI::CObject& disk) {
+  const auto status = NumberOf(disk, PI::PROP_STATUS);
+  return status == PI::STATUS_SPARE        ? ERole::SPARE
+         : status == PI::STATUS_REBUILDING ? ERole::REBUILDING
+         : status == PI::STATUS_OK         ? ERole::ACTIVE
+                                           : ERole::FAILED;
+}
+
+SArrayEntry EntryOfArray(const CTopology& topology, const PI::CObject& object,
+                         const std::vector<SMdArray>& arrays) {
+  const auto level = NumberOf(object, PI::PROP_RAID_LEVEL);
+  SArrayEntry entry{object, NameOf(object),
+                    level ? WordOf(static_cast<unsigned int>(*level)) : std::string()};
+  if (const SMdArray* const md = FindArray(arrays, entry.m_Name)) {
+    entry.m_Md = *md;
+    for (const SMdMember& member : md->m_Members) {
+      const PI::CObject* const disk = topology.FindDisk(member.m_Name);
+      entry.m_Members.push_back({member.m_Name, disk, RoleOf(member, disk)});
+    }
+  } else {
+    for (const unsigned long id : object.m_Children)
+      if (const PI::CObject* const disk = topology.FindID(id))
+        entry.m_Members.push_back({NameOf(*disk), disk, RoleOf(*disk)});
+  }
+  // md lists members as they came; people look for names.
+  std::ranges::stable_sort(entry.m_Members, {}, [](const SMember& member) {
+    return std::pair(member.m_Role == ERole::SPARE, std::pair(member.m_Name.size(), member.m_Name));
+  });
+  entry.m_Present =
+      static_cast<unsigned int>(std::ranges::count(entry.m_Members, ERole::ACTIVE, &SMember::m_Role));
+  entry.m_Wanted = entry.m_Present;
+  if (entry.m_Md && entry.m_Md->m_Slots) {
+    entry.m_Wanted = *entry.m_Md->m_Slots;
+    entry.m_Present = entry.m_Md->m_Working.value_or(entry.m_Present);
+  }
+  return entry;
+}
+
+}  // namespace
+
+const char* WordOf(ERole role) {
+  constexpr const char* WORDS[] = {"active", "spare", "failed", "rebuilding"};
+  return WORDS[static_cast<std::size_t>(role)];
+}
+
+std::string SArrayEntry::MembersText() const {
+  std::string text;
+  for (const SMember& member : m_Members) {
+    text += (text.empty() ? "" : " ") + member.m_Name;
+    if (member.m_Role == ERole::SPARE) text += "(S)";
+    if (member.m_Role == ERole::FAILED) text += "(F)";
+  }
+  return text;
+}
+
+std::string SArrayEntry::ActivityText() const {
+  if (m_Md && m_Md->m_Run) {
+    const SMdRun& run = *m_Md->m_Run;
+    const std::string words = " (md: " + run.m_Action + "=" + run.m_Waiting + ")";
+    if (run.m_Waiting == "PENDING") return "Waiting for the first write" + words;
+    if (run.m_Waiting == "DELAYED") return "Waiting for another array" + words;
+    if (!run.m_Waiting.empty()) return "Waiting" + words;
+    if (run.m_Action == "check") return "Checking (md: check)";
+    if (run.m_Action == "reshape") return "Reshaping (md: reshape)";
+  }
+  std::string text = rvxctl::ActivityText(m_Object);
+  if (m_Md && m_Md->m_ReadOnly == "auto-read-only") text += ", read-only until written (md: auto-read-only)";
+  if (m_Md && m_Md->m_ReadOnly == "read-only") text += ", read-only (md)";
+  return text;
+}
+
+std::vector<std::string> SArrayEntry::Failed() const {
+  std::vector<std::string> names;
+  for (const SMember& member : m_Members)
+    if (member.m_Role == ERole::FAILED) names.push_back(member.m_Name);
+  return names;
+}
+
+CInventory::CInventory(const CTopology& topology, const CMachine& machine)
+    : m_Topology(topology), m_Machine(machine) {
+  const std::vector<SMdArray> md = ParseMdStat(machine.MdStat().value_or(""));
+  for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
+    m_Arrays.push_back(EntryOfArray(topology, *array, md));
+}
+
+const SArrayEntry& CInventory::EntryOf(const PI::CObject& array) const {
+  return *std::ranges::find_if(m_Arrays, [&](const SArrayEntry& entry) { return &entry.m_Object == &array; });
+}
+
+const PI::CObject& CInventory::Find(const std::string& address, PI::_OBJECT_KIND kind) const {
+  if (const PI::CObject* const object = m_Topology.Match(address, kind)) return *object;
+  const PI::CObject* found = nullptr;
+  for (const PI::CObject* const disk : m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {
+    if (kind != PI::OBJ_NONE && kind != PI::OBJ_PHYSICAL_DRIVE) break;
+    const SDeviceFacts facts = FactsOf(*disk);
+    const bool byID = std::ranges::any_of(facts.m_ByID, [&](const std::string& path) {
+      return path == address || path.ends_with("/" + address);
+    });
+    if (address != facts.m_Serial && address != facts.m_WWN && !byID) continue;
+    if (found != nullptr)
+      throw CError(EXIT_USAGE,
+                   "\"" + address + "\" is " + NameOf(*found) + " and " + NameOf(*disk) + ": name the disk");
+    found = disk;
+  }
+  if (found == nullptr) m_Topology.ThrowUnknown(address, kind);
+  return *found;
+}
+
+const PI::CObject& CInventory::FindForChange(const std::string& address, PI::_OBJECT_KIND kind) const {
+  const PI::CObject& object = Find(address, kind);
+  if (IdentifierOf(address) == object.m_ID)
+    throw CError(EXIT_USAGE, address + " is the identifier of " + NameOf(object) +
+                                 " in this run alone, and another run may mean another by it: name it by "
+                                 "kernel name, path, serial number or /dev/disk/by-id");
+  return object;
+}
+
+SDeviceFacts CInventory::FactsOf(const PI::CObject& object) const {
+  return m_Machine.Facts(TextOf(object, PI::PROP_DEVICE_PATH));
+}
+
+}  // namespace rvxctl

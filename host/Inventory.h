@@ -1,0 +1,71 @@
+#pragma once
+/// @file
+/// Disks and arrays as people and programs are told of them: the plug-in's answers, beside them what md, udev
+/// and the kernel say.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/Machine.h"
+#include "host/MdStat.h"
+#include "host/Topology.h"
+
+namespace rvxctl {
+
+/// What a disk is to its array.
+enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING };
+/// "active", "spare", "failed", "rebuilding".
+const char* WordOf(ERole role);
+
+struct SMember {
+  std::string m_Name;         ///< also of a partition, or of a disk that is not managed
+  const PI::CObject* m_Disk;  ///< null: not managed as a whole
+  ERole m_Role;
+};
+
+/// An array. Its references live as long as the topology.
+struct SArrayEntry {
+  const PI::CObject& m_Object;
+  std::string m_Name;
+  std::string m_Level;             ///< as on the command line: "raid1"
+  std::optional<SMdArray> m_Md{};  ///< none: md does not list it
+  std::vector<SMember> m_Members{};
+  unsigned int m_Present{0};  ///< members that work
+  unsigned int m_Wanted{0};   ///< members that it was made of
+
+  /// "sda sdb(F) sde(S)", as md marks them.
+  std::string MembersText() const;
+  /// What runs and how far it is, or what it waits for: "Resyncing 12%". What only md tells is marked so:
+  /// "Waiting for another array (md: resync=DELAYED)".
+  std::string ActivityText() const;
+  /// The failed members' names.
+  std::vector<std::string> Failed() const;
+};
+
+class CInventory {
+ public:
+  CInventory(const CTopology& topology, const CMachine& machine);
+
+  const CTopology& Topology() const { return m_Topology; }
+  const CMachine& Machine() const { return m_Machine; }
+  /// In the topology's order.
+  const std::vector<SArrayEntry>& Arrays() const { return m_Arrays; }
+  /// The entry of an array's object.
+  const SArrayEntry& EntryOf(const PI::CObject& array) const;
+  /// As CTopology::Find; a disk's serial number, WWN and name below /dev/disk/by-id too, where one disk alone
+  /// has it. Throws CError.
+  const PI::CObject& Find(const std::string& address, PI::_OBJECT_KIND kind) const;
+  /// The same of an object that is to be changed: an identifier, which another run gives to another object,
+  /// is refused.
+  const PI::CObject& FindForChange(const std::string& address, PI::_OBJECT_KIND kind) const;
+  /// What kernel and udev know of a disk or array: read now.
+  SDeviceFacts FactsOf(const PI::CObject& object) const;
+
+ private:
+  const CTopology& m_Topology;
+  const CMachine& m_Machine;
+  std::vector<SArrayEntry> m_Arrays;
+};
+
+}  // namespace rvxctl

@@ -1,0 +1,64 @@
+#include "host/Signals.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+
+namespace rvxctl {
+
+namespace {
+
+/// How long the end of the watched call may wait for its watcher.
+constexpr timespec LOOK_INTERVAL{0, 20'000'000};
+
+}  // namespace
+
+sigset_t EndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&signals, signal);
+  return signals;
+}
+
+void HoldEndSignals() {
+  const sigset_t signals = EndSignals();
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void EndBy(int signal) {
+  sigset_t one;
+  sigemptyset(&one);
+  sigaddset(&one, signal);
+  std::signal(signal, SIG_DFL);
+  ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+  std::raise(signal);
+}
+
+CPatience::CPatience(std::string what)
+    : m_What(std::move(what)), m_Watcher([this](const std::stop_token& end) { Watch(end); }) {}
+
+CPatience::~CPatience() {
+  m_Watcher.request_stop();
+  m_Watcher.join();
+  if (m_First != 0) ::kill(::getpid(), m_First);
+}
+
+void CPatience::Watch(const std::stop_token& end) {
+  const sigset_t signals = EndSignals();
+  for (int count = 0; !end.stop_requested();) {
+    const int signal = ::sigtimedwait(&signals, nullptr, &LOOK_INTERVAL);
+    if (signal <= 0) continue;
+    if (++count == 1)
+      m_First = signal;
+    else if (count == 2)
+      std::fprintf(stderr,
+                   "rvxctl: waiting for the kernel to answer %s; it cannot be broken off without harm. Once "
+                   "more ends rvxctl, and the change may be left half-done.\n",
+                   m_What.c_str());
+    else
+      EndBy(signal);
+  }
+}
+
+}  // namespace rvxctl

@@ -1,0 +1,36 @@
+#pragma once
+/// @file
+/// The signals that ask for an end, held while the machine is changed.
+
+#include <csignal>
+#include <string>
+#include <thread>
+
+namespace rvxctl {
+
+/// Interrupt, termination, hang-up of the terminal, quit.
+sigset_t EndSignals();
+/// From now on they no longer end the program but wait for who asks for them.
+void HoldEndSignals();
+/// Ends the program by the signal, as if it had never been held. Comes back when that signal ends nothing.
+void EndBy(int signal);
+
+/// Watches the held signals while a call cannot be broken off, such as one that waits in the kernel. The
+/// first is kept for whoever asks behind it; the second tells what is waited for; the third ends the program.
+class CPatience {
+ public:
+  /// `what`: "the change: create a raid1 array of sda, sdb"
+  explicit CPatience(std::string what);
+  ~CPatience();
+  CPatience(const CPatience&) = delete;
+  CPatience& operator=(const CPatience&) = delete;
+
+ private:
+  void Watch(const std::stop_token& end);
+
+  const std::string m_What;
+  int m_First{0};
+  std::jthread m_Watcher;
+};
+
+}  // namespace rvxctl
