@@ -51,6 +51,8 @@ class CGroup {
 
 /// Commands that show the topology and its objects; they make the group "array" too.
 void AddShowing(CGroup& all);
+/// Commands that tell how the machine is; behind those that show.
+void AddHealth(CGroup& all);
 /// Commands that follow what happens.
 void AddFollowing(CGroup& all);
 /// Commands that change the machine.

@@ -67,6 +67,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddOptions(app, options);
   CGroup all(app, command);
   AddShowing(all);
+  AddHealth(all);
   AddFollowing(all);
   AddChanging(all);
   const auto [help, wanted] =

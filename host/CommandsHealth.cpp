@@ -1,0 +1,93 @@
+/// @file
+/// Commands that tell how the machine is, for monitoring and for who stands before the rack.
+
+#include <boost/filesystem.hpp>
+#include <fstream>
+
+#include "host/CommandLine.h"
+#include "host/Health.h"
+#include "host/Values.h"
+
+namespace rvxctl {
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+/// As monitoring reads it: one line and an exit status, also when the machine could not be looked at.
+int CheckHealth(CContext& context, const SSmartLimits& limits) {
+  const auto line = [](EHealth health, const std::string& text) {
+    std::string word = WordOf(health);
+    std::ranges::transform(word, word.begin(), [](unsigned char c) { return std::toupper(c); });
+    std::string one = text;
+    std::ranges::replace(one, '\n', ' ');
+    std::ranges::replace(one, '|', '/');  // what stands behind a bar are figures
+    return "RAID " + word + " - " + one;
+  };
+  try {
+    const CTopology topology(context.Session());
+    const CInventory inventory(topology, context.Machine());
+    const SHealth health = HealthOf(inventory, limits);
+    std::string text = health.m_Headline;
+    for (const SProblem& problem : health.m_Problems) text += "; " + problem.m_Object + ": " + problem.m_Text;
+    context.Show("check", health.ToJson(),
+                 line(health.m_Health, text) + " | " + PerformanceData(inventory) + "\n");
+    return static_cast<int>(health.m_Health);
+  } catch (const CError& error) {
+    if (error.m_ExitStatus >= EXIT_SIGNAL) throw;
+    SHealth unknown;
+    unknown.m_Health = EHealth::UNKNOWN;
+    unknown.m_Headline = error.what();
+    context.Show("check", unknown.ToJson(), line(EHealth::UNKNOWN, std::string(error.what())) + "\n",
+                 Json::array({ErrorJson(error)}));
+    return static_cast<int>(EHealth::UNKNOWN);
+  }
+}
+
+struct SLocate {
+  std::string m_Disk;
+  std::string m_Switch;
+};
+
+/// The enclosure's attribute for a disk's light; empty when no enclosure knows the disk.
+fs::path LightOf(const std::string& disk) {
+  boost::system::error_code error;
+  for (fs::directory_iterator entry("/sys/block/" + disk + "/device", error), end; !error && entry != end;
+       entry.increment(error))
+    if (entry->path().filename().string().starts_with("enclosure_device:")) return entry->path() / "locate";
+  return {};
+}
+
+int LocateDisk(CContext& context, const SLocate& wanted) {
+  const CTopology topology(context.Session());
+  const CInventory inventory(topology, context.Machine());
+  const std::string name = NameOf(inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE));
+  const fs::path light = context.Machine().IsHere() ? LightOf(name) : fs::path();
+  if (light.empty())
+    throw CError(EXIT_NOT_ALLOWED, "no enclosure of this machine has a light for " + name +
+                                       ": its serial number ('rvxctl disk show " + name +
+                                       "') stands on its label");
+  std::ofstream file(light.string());
+  file << (wanted.m_Switch == "on" ? "1" : "0") << std::flush;
+  if (!file) throw CError(EXIT_PLUGIN_ERROR, "the enclosure did not take it: " + light.string());
+  const std::string done = "The light of " + name + " is " + wanted.m_Switch + ".";
+  context.Show("change", {{"disk", name}, {"light", wanted.m_Switch}, {"done", done}}, done + "\n");
+  return EXIT_DONE;
+}
+
+}  // namespace
+
+void AddHealth(CGroup& all) {
+  const auto [check, limits] = all.Leaf<SSmartLimits>(
+      "check", "one line for monitoring; exit 0 in order, 1 warning, 2 critical, 3 unknown", CheckHealth);
+  check->add_option("--warn-smart", limits.m_Wear, "percent of a disk's life above which it is warned of")
+      ->type_name("N")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str();
+  const auto [locate, wanted] =
+      all.At("disk").Leaf<SLocate>("locate", "switches the light of a disk's slot", LocateDisk);
+  locate->add_option("DISK", wanted.m_Disk, "the disk")->required();
+  locate->add_option("SWITCH", wanted.m_Switch, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+}
+
+}  // namespace rvxctl

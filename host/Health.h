@@ -1,0 +1,48 @@
+#pragma once
+/// @file
+/// How the machine is, told from its arrays, disks, activity and SMART figures: the plug-in's own word for
+/// the adapter is always "In order".
+
+#include <string>
+#include <vector>
+
+#include "host/Inventory.h"
+#include "host/JsonView.h"
+
+namespace rvxctl {
+
+/// The worse, the greater; the numbers are exit statuses of `check`, as monitoring plug-ins have them.
+enum class EHealth : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
+/// "ok", "warning", "critical", "unknown".
+const char* WordOf(EHealth health);
+
+struct SProblem {
+  EHealth m_Health;
+  std::string m_Kind;    ///< counted under this in the headline: "array degraded"
+  std::string m_Object;  ///< "md_d0"
+  std::string m_Text;    ///< "1 of 2 members works; sdb has failed"
+  std::string m_Next;    ///< what to do; empty: nothing
+};
+
+/// What SMART warnings begin at.
+struct SSmartLimits {
+  long m_Wear{95};    ///< percent of its life that a solid-state disk has used; more is a warning
+  long m_Reserve{9};  ///< percent of its spare blocks that are left; as many or fewer are a warning
+};
+
+struct SHealth {
+  EHealth m_Health{EHealth::OK};
+  /// "1 array degraded, 1 disk failed"; "all in order".
+  std::string m_Headline;
+  std::vector<SProblem> m_Problems;  ///< the worst first
+  std::vector<std::string> m_Notes;  ///< what goes on without being a problem: "md_d1: Resyncing 12%"
+
+  Json ToJson() const;
+};
+
+SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits = {});
+
+/// Figures for a monitoring plug-in's line, behind the bar: "arrays=2;;;0 degraded=1;;;0 ...".
+std::string PerformanceData(const CInventory& inventory);
+
+}  // namespace rvxctl
