@@ -441,7 +441,7 @@ void AddArrays(CGroup group) {
   remove->add_flag("--last", deletion.m_Last, "the last one of the list");
   remove->add_flag("--all", deletion.m_All, "every array");
   remove->add_flag("--force-partition-members", deletion.m_PartitionMembers,
-                   "although members are partitions: the ends of their disks are overwritten");
+                   "overwrite the ends of disks with such members");
   AddConsent(remove, deletion.m_Consent);
 }
 

@@ -16,6 +16,8 @@ namespace rvxctl {
 
 namespace {
 
+constexpr std::chrono::seconds WATCH_INTERVAL{2};
+
 /// A kind of objects that there are several of.
 struct SKind {
   PI::_OBJECT_KIND m_Kind;
@@ -26,7 +28,7 @@ struct SKind {
   const char* m_Argument;
   const char* m_ArgumentHelp;
   const char* m_Schema;
-  std::string (*m_Table)(const CContext&, const CTopology&);
+  std::string (*m_Table)(const CContext&, const CInventory&, const Objects&);
 };
 constexpr SKind DISKS{PI::OBJ_PHYSICAL_DRIVE,
                       "disk",
@@ -59,7 +61,8 @@ int ShowTopology(CContext& context) {
     for (const PI::CObject& object : topology.Objects())
       all += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
              ObjectText(context, topology, object, "  ") + "\n";
-    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) all += DiskTable(context, topology);
+    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty())
+      all += DiskTable(context, CInventory(topology, context.Machine()), {});
     return all;
   };
   context.Show("topology", data, text);
@@ -69,23 +72,46 @@ int ShowTopology(CContext& context) {
 int ShowStatus(CContext& context, bool watch) {
   if (watch && context.Options().m_Json) context.BeginStream();
   if (watch) context.Session().Start();
+  const bool isScreen = watch && context.Terminal().IsTerminal();
   while (true) {
     const CTopology topology(context.Session());
-    const bool terminal = watch && context.Terminal().IsTerminal() && !context.Options().m_Json;
+    const CInventory inventory(topology, context.Machine());
     context.Show(
         "status", [&] { return StatusJson(topology); },
-        [&] { return (terminal ? "\033[H\033[J" : "") + StatusText(context, topology); });
+        [&] {
+          if (!isScreen) return StatusText(context, inventory, EOrder::BY_NAME);
+          return Screen(StatusText(context, inventory, EOrder::PROBLEMS_FIRST), context.Terminal().Size());
+        });
     if (!watch) return EXIT_DONE;
     context.Session().FetchEvents();
-    context.Session().Pause(std::chrono::seconds(2));
+    context.Session().Pause(WATCH_INTERVAL);
   }
 }
 
-int ListObjects(CContext& context, const SKind& kind) {
+struct SList {
+  SFilter m_Filter;
+  SListStyle m_Style;
+};
+
+int ListObjects(CContext& context, const SKind& kind, const SList& list) {
   const CTopology topology(context.Session());
-  context.Show(
-      kind.m_Schema, [&] { return ListJson(topology, kind.m_Kind); },
-      [&] { return kind.m_Table(context, topology); });
+  const CInventory inventory(topology, context.Machine());
+  const Objects objects = Listed(inventory, kind.m_Kind, list.m_Filter);
+  const auto isListed = [&](const Json& object) {
+    return std::ranges::any_of(objects, [&](const auto* one) { return NameOf(*one) == object["name"]; });
+  };
+  const auto data = [&] {
+    Json chosen = Json::array();
+    for (const Json& object : ListJson(topology, kind.m_Kind))
+      if (isListed(object)) chosen.push_back(object);
+    return chosen;
+  };
+  const SListStyle& style = list.m_Style;
+  const bool isPlain = style.m_Columns.empty() && !style.m_Bytes && !style.m_NoHeadings;
+  context.Show(kind.m_Schema, data, [&] {
+    return isPlain ? kind.m_Table(context, inventory, objects)
+                   : ListText(context, inventory, kind.m_Kind, objects, style);
+  });
   return EXIT_DONE;
 }
 
@@ -208,7 +234,18 @@ int ShowLevels(CContext& context) {
 /// "list" and "show".
 void AddKind(CGroup& all, const SKind& kind) {
   CGroup group = all.Add(kind.m_Name, kind.m_Help);
-  group.Leaf("list", kind.m_ListHelp, [&kind](CContext& context) { return ListObjects(context, kind); });
+  const auto [listing, list] = group.Leaf<SList>(
+      "list", kind.m_ListHelp,
+      [&kind](CContext& context, const SList& wanted) { return ListObjects(context, kind, wanted); });
+  listing->add_option("--columns", list.m_Style.m_Columns, "these columns alone, a word a cell")
+      ->type_name("A,B,C");
+  listing->add_flag("--bytes", list.m_Style.m_Bytes, "sizes as numbers of bytes");
+  listing->add_flag("--no-headings", list.m_Style.m_NoHeadings, "without the first line");
+  if (kind.m_Kind == PI::OBJ_PHYSICAL_DRIVE) {
+    listing->add_flag("--ready", list.m_Filter.m_Ready, "free disks alone");
+    listing->add_flag("--failed", list.m_Filter.m_Failed, "failed and missing disks alone");
+    listing->add_option("--array", list.m_Filter.m_Array, "the disks of one array alone")->type_name("ARRAY");
+  }
   const auto [show, address] =
       group.Leaf<std::string>("show", kind.m_ShowHelp, [&kind](CContext& context, const std::string& wanted) {
         return ShowObject(context, wanted, kind.m_Kind);

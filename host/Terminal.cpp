@@ -8,6 +8,8 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <sstream>
+#include <vector>
 
 #include "host/Error.h"
 #include "host/Printable.h"
@@ -48,9 +50,27 @@ void CTerminal::Print(const std::string& text) {
                std::string("cannot write to standard output: ") + std::strerror(error));
 }
 
-std::size_t CTerminal::Width() const {
+SScreenSize CTerminal::Size() const {
   winsize size{};  // libsmartcols would ask descriptor 1, which is the plug-in's
-  return m_File != nullptr && ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+  if (m_File == nullptr || ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) != 0) return {0, 0};
+  return {size.ws_col, size.ws_row};
+}
+
+std::string Screen(const std::string& text, SScreenSize size) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  if (size.m_Rows != 0 && lines.size() > size.m_Rows) {
+    const std::size_t left = lines.size() - size.m_Rows + 1;
+    lines.resize(size.m_Rows - 1);
+    lines.push_back("... " + std::to_string(left) + " more lines: 'rvxctl status' shows them");
+  }
+  std::string screen = "\033[H\033[J";
+  for (const std::string& line : lines) {
+    if (&line != &lines.front()) screen += "\r\n";  // none behind the last one: the screen would roll
+    screen += size.m_Columns == 0 ? line : Cut(line, size.m_Columns);
+  }
+  return screen;
 }
 
 void Confirm(const std::string& question) {

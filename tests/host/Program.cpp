@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,11 @@ bool CProgram::ReadUntil(const std::string& text) {
 
 void CProgram::Type(const std::string& text) const {
   if (::write(m_Output, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
+}
+
+void CProgram::Resize(unsigned short rows, unsigned short columns) const {
+  const winsize size{rows, columns, 0, 0};
+  if (::ioctl(m_Output, TIOCSWINSZ, &size) != 0) throw std::runtime_error("no terminal");
 }
 
 int CProgram::Wait() {

@@ -24,6 +24,7 @@ class CProgram {
   /// Reads until the text was written; false when the program ends before.
   bool ReadUntil(const std::string& text);
   void Type(const std::string& text) const;
+  void Resize(unsigned short rows, unsigned short columns) const;
   /// Reads to the end. The exit status, -n when signal n ended it.
   int Wait();
 

@@ -19,7 +19,7 @@ TEST(Show, EveryCommandGivesOneDocumentAndATable) {
       {{"adapter", "show"}, "rvxctl.object", "Multiple Devices"},
       {{"disk", "list"}, "rvxctl.disks", "Ready (SSD)"},
       {{"disk", "show", "sda"}, "rvxctl.object", "64 MiB"},
-      {{"array", "list"}, "rvxctl.arrays", "RAID 0 (striping)"},
+      {{"array", "list"}, "rvxctl.arrays", "1/2      sdc"},
       {{"operations", "md_d2"}, "rvxctl.operations", "Delete the array"},
       {{"operations", "sda"}, "rvxctl.operations", "Put a missing disk back into its array"},
       {{"prop", "get", "sda"}, "rvxctl.properties", "Capacity"},
