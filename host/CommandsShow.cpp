@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "host/CommandLine.h"
+#include "host/Health.h"
 #include "host/Keys.h"
 #include "host/Levels.h"
 #include "host/Reasons.h"
@@ -51,8 +52,8 @@ constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE,
 
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
+  const CInventory inventory(topology, context.Machine());
   const auto data = [&] {
-    const CInventory inventory(topology, context.Machine());
     Json objects = Json::array();
     for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(inventory, object));
     return Json{{"objects", std::move(objects)}};
@@ -61,16 +62,31 @@ int ShowTopology(CContext& context) {
     std::string all;
     for (const PI::CObject& object : topology.Objects())
       all += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
-             ObjectText(context, topology, object, "  ") + "\n";
-    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty())
-      all += DiskTable(context, CInventory(topology, context.Machine()), {});
+             ObjectText(context, inventory, object, "  ") + "\n";
+    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) all += DiskTable(context, inventory, {});
     return all;
   };
   context.Show("topology", data, text);
   return EXIT_DONE;
 }
 
-int ShowStatus(CContext& context, bool watch) {
+struct SStatus {
+  bool m_Watch{false};
+  bool m_OnlyProblems{false};
+};
+
+/// Health first; of arrays and disks all, or those that have problems.
+Json StatusData(const CInventory& inventory, bool onlyProblems) {
+  const SHealth health = HealthOf(inventory);
+  Json data = health.ToJson();
+  data.update(StatusJson(
+      inventory, [&](const PI::CObject& object) { return !onlyProblems || health.Concerns(object); }));
+  return data;
+}
+
+int ShowStatus(CContext& context, const SStatus& wanted) {
+  const bool watch = wanted.m_Watch;
+  const auto order = [&](EOrder usual) { return wanted.m_OnlyProblems ? EOrder::ONLY_PROBLEMS : usual; };
   if (watch && context.Options().m_Json) context.BeginStream();
   if (watch) context.Session().Start();
   const bool isScreen = watch && context.Terminal().IsTerminal();
@@ -78,10 +94,11 @@ int ShowStatus(CContext& context, bool watch) {
     const CTopology topology(context.Session());
     const CInventory inventory(topology, context.Machine());
     context.Show(
-        "status", [&] { return StatusJson(inventory); },
+        "status", [&] { return StatusData(inventory, wanted.m_OnlyProblems); },
         [&] {
-          if (!isScreen) return StatusText(context, inventory, EOrder::BY_NAME);
-          return Screen(StatusText(context, inventory, EOrder::PROBLEMS_FIRST), context.Terminal().Size());
+          if (!isScreen) return StatusText(context, inventory, order(EOrder::BY_NAME));
+          return Screen(StatusText(context, inventory, order(EOrder::PROBLEMS_FIRST)),
+                        context.Terminal().Size());
         });
     if (!watch) return EXIT_DONE;
     context.Session().FetchEvents();
@@ -119,10 +136,11 @@ int ListObjects(CContext& context, const SKind& kind, const SList& list) {
 /// All properties of one object; `kind` narrows what an address may name.
 int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND kind) {
   const CTopology topology(context.Session());
-  const PI::CObject& object = topology.Find(address, kind);
+  const CInventory inventory(topology, context.Machine());
+  const PI::CObject& object = inventory.Find(address, kind);
   context.Show(
       "object", [&] { return ObjectJson(CInventory(topology, context.Machine()), object); },
-      [&] { return ObjectText(context, topology, object, ""); });
+      [&] { return ObjectText(context, inventory, object, ""); });
   return EXIT_DONE;
 }
 
@@ -136,7 +154,7 @@ std::string TitleOf(const PI::CObject& object, const PI::COperation& operation) 
 
 int ShowOperations(CContext& context, const std::string& address) {
   const CTopology topology(context.Session());
-  const PI::CObject& object = topology.Find(address);
+  const PI::CObject& object = CInventory(topology, context.Machine()).Find(address, PI::OBJ_NONE);
   Json data = Json::array();
   Rows rows;
   for (PI::COperation operation : object.m_Operations) {
@@ -166,7 +184,7 @@ struct SProperty {
 
 int GetProperty(CContext& context, const SProperty& wanted) {
   const CTopology topology(context.Session());
-  const PI::CObject& object = topology.Find(wanted.m_Object);
+  const PI::CObject& object = CInventory(topology, context.Machine()).Find(wanted.m_Object, PI::OBJ_NONE);
   std::vector<PI::CProperty> properties;
   if (wanted.m_ID == PI::PROP_ALL)
     properties = context.Session().Properties(object.m_ID);
@@ -270,8 +288,10 @@ void AddProperties(CGroup& all) {
 
 void AddShowing(CGroup& all) {
   all.Leaf("topology", "every object with its properties", ShowTopology);
-  const auto [status, watch] = all.Leaf<bool>("status", "adapter, arrays and disks at a glance", ShowStatus);
-  status->add_flag("--watch", watch, "again every two seconds until interrupted");
+  const auto [status, wanted] =
+      all.Leaf<SStatus>("status", "how the machine is; arrays and disks at a glance", ShowStatus);
+  status->add_flag("--watch", wanted.m_Watch, "again every two seconds until interrupted");
+  status->add_flag("--only-problems", wanted.m_OnlyProblems, "only what needs somebody's hand");
   all.Add("plugin", "the plug-in itself")
       .Leaf("show", "the properties of the plug-in",
             [](CContext& context) { return ShowObject(context, "plugin", PI::OBJ_PLUGIN); });

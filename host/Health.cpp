@@ -71,10 +71,13 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
     for (const SArrayEntry& array : inventory.Arrays())
       for (const SMember& member : array.m_Members)
         if (member.m_Disk == &disk) holder = &array;
-    const std::string release =
-        holder == nullptr ? "replace it" : "'rvxctl spare release " + name + "', then replace it";
+    // What to do about a member that failed is said of its array.
+    const bool said = holder != nullptr && health.Concerns(holder->m_Object);
+    const std::string next = said                ? ""
+                             : holder == nullptr ? "replace it"
+                                                 : "'rvxctl spare release " + name + "', then replace it";
     problem(EHealth::CRITICAL, status == PI::STATUS_FAILED ? "disk failed" : "disk missing",
-            holder == nullptr ? "in no array" : "still held by " + holder->m_Name, release);
+            holder == nullptr ? "in no array" : "still held by " + holder->m_Name, next);
   }
   const auto wear = SmartOf(disk, PI::PROP_SMART_WEAR);
   if (wear && *wear > limits.m_Wear)
@@ -124,6 +127,10 @@ SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits) {
     health.m_Headline = "no disk on a supported controller";
   }
   return health;
+}
+
+bool SHealth::Concerns(const PI::CObject& object) const {
+  return std::ranges::find(m_Problems, NameOf(object), &SProblem::m_Object) != m_Problems.end();
 }
 
 Json SHealth::ToJson() const {

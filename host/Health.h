@@ -37,6 +37,8 @@ struct SHealth {
   std::vector<SProblem> m_Problems;  ///< the worst first
   std::vector<std::string> m_Notes;  ///< what goes on without being a problem: "md_d1: Resyncing 12%"
 
+  /// Whether a problem is about this disk or array.
+  bool Concerns(const PI::CObject& object) const;
   Json ToJson() const;
 };
 

@@ -80,22 +80,6 @@ Json SizeJson(const PI::CObject& object, PI::_PROPERTY_ID id) {
   return size ? BytesJson(static_cast<unsigned long>(*size), 20) : Json(nullptr);
 }
 
-/// What the plug-in's time remaining rests on. Before it has seen progress it says a minute for each percent
-/// that is missing, which tells nothing of this run.
-const char* EstimateBasis(const PI::CObject& array) {
-  const auto percent = ProgressOf(array);
-  int hours = 0;
-  int minutes = 0;
-  int seconds = 0;
-  const std::string time = TextOf(array, PI::PROP_TIME_REMAINING);
-  if (!percent || std::sscanf(time.c_str(), "%d:%d:%d", &hours, &minutes, &seconds) != 3) return nullptr;
-  constexpr long MINUTE = 60;
-  const long missing = 100 - *percent;
-  const long left = (hours * MINUTE + minutes) * MINUTE + seconds;
-  // The looks of one command lie less than a second apart.
-  return left >= missing * MINUTE && left < missing * (MINUTE + 1) ? "assumed" : "computed";
-}
-
 void AddArray(const SArrayEntry& entry, Json& json) {
   const PI::CObject& array = entry.m_Object;
   json["level"] = TextOrNull(entry.m_Level);
@@ -218,11 +202,11 @@ Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind) {
   return list;
 }
 
-Json StatusJson(const CInventory& inventory) {
+Json StatusJson(const CInventory& inventory, const std::function<bool(const PI::CObject&)>& isWanted) {
   const auto entries = [&](PI::_OBJECT_KIND kind) {
     Json list = Json::array();
     for (const PI::CObject* const object : inventory.Topology().OfKind(kind))
-      list.push_back(EntryJson(inventory, *object));
+      if (isWanted(*object)) list.push_back(EntryJson(inventory, *object));
     return list;
   };
   return {{"adapter", EntryJson(inventory, inventory.Topology().Adapter())},

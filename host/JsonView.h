@@ -2,6 +2,7 @@
 /// @file
 /// What scripts read: one JSON document a command.
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -27,7 +28,7 @@ Json ObjectJson(const CInventory& inventory, const PI::CObject& object);
 /// All objects of a kind.
 Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind);
 /// Adapter, arrays and disks at a glance.
-Json StatusJson(const CInventory& inventory);
+Json StatusJson(const CInventory& inventory, const std::function<bool(const PI::CObject&)>& isWanted);
 Json EventJson(const CInventory& inventory, const PI::CEvent& event);
 
 }  // namespace rvxctl

@@ -1,8 +1,9 @@
 #include "host/Progress.h"
 
 #include <algorithm>
-#include <boost/format.hpp>
 
+#include "host/Estimate.h"
+#include "host/Inventory.h"
 #include "host/Printable.h"
 #include "host/Values.h"
 
@@ -25,15 +26,19 @@ using Clock = std::chrono::steady_clock;
 struct SRun {
   std::string m_Name;  ///< "Resyncing"
   int m_Percent;
-  std::string m_Remaining;
+  double m_Exact;           ///< as md says it, else the same
+  std::string m_Remaining;  ///< the plug-in's
 };
 
-std::optional<SRun> RunOf(const PI::CObject& array) {
+std::optional<SRun> RunOf(const SArrayEntry& entry) {
+  const PI::CObject& array = entry.m_Object;
   const auto activity = NumberOf(array, PI::PROP_ACTIVITY);
   const bool resync = activity == PI::ACTIVITY_RESYNCING;
   if (!resync && activity != PI::ACTIVITY_REBUILDING) return std::nullopt;
   const auto percent = NumberOf(array, resync ? PI::PROP_RESYNC_PROGRESS : PI::PROP_REBUILD_PROGRESS);
+  const double exact = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Percent.value_or(0) : 0;
   return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(percent.value_or(0)),
+              std::max(exact, static_cast<double>(percent.value_or(0))),
               TextOf(array, PI::PROP_TIME_REMAINING)};
 }
 
@@ -48,18 +53,14 @@ class CProgressPrinter {
 
   void Show(const SRun& run) {
     if (m_Quiet) return;
-    if (m_FirstPercent < 0) {
-      m_FirstPercent = run.m_Percent;
-      m_Begin = Clock::now();
-    }
+    m_Estimate.Add(run.m_Exact, Clock::now());
+    const std::string left = TextOf(m_Estimate.Left());
     if (m_Bar) {
       m_Context.Terminal().Print("\r\033[K" + BarLine(Printable(m_Array + " " + run.m_Name), run.m_Percent,
-                                                      Rate(run), Remaining(run),
-                                                      m_Context.Terminal().Width()));
+                                                      left, m_Context.Terminal().Width()));
     } else if (run.m_Percent / LINE_STEP != m_LastStep) {
       m_LastStep = run.m_Percent / LINE_STEP;
-      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%" + Rate(run) + Remaining(run), run.m_Percent,
-           run.m_Remaining);
+      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%, " + left, run.m_Percent, run.m_Remaining);
     }
   }
   void End(const std::string& text, int percent) {
@@ -70,31 +71,31 @@ class CProgressPrinter {
 
  private:
   bool Json() const { return m_Context.Options().m_Json; }
-  std::string Rate(const SRun& run) const {
-    const double minutes = std::chrono::duration<double>(Clock::now() - m_Begin).count() / 60;
-    const int gained = run.m_Percent - m_FirstPercent;
-    return gained > 0 && minutes > 0 ? (boost::format(", %.1f %%/min") % (gained / minutes)).str() : "";
-  }
-  static std::string Remaining(const SRun& run) {
-    return run.m_Remaining.empty() ? "" : ", " + run.m_Remaining;
-  }
   void Line(const std::string& text, int percent, const std::string& remaining) {
     if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
     m_Context.Show("progress",
                    {{"array", m_Array},
                     {"percent", percent},
                     {"remaining", remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(remaining)},
+                    {"estimate", EstimateJson()},
                     {"text", text}},
                    "");
+  }
+
+  rvxctl::Json EstimateJson() const {
+    const auto left = m_Estimate.Left();
+    if (!left) return nullptr;
+    return {{"seconds", left->m_Likely.count()},
+            {"least", left->m_Least.count()},
+            {"most", left->m_Most.count()}};
   }
 
   CContext& m_Context;
   std::string m_Array;
   bool m_Quiet;
   bool m_Bar;
-  int m_FirstPercent{-1};
   int m_LastStep{-1};
-  Clock::time_point m_Begin;
+  CEstimate m_Estimate;
 };
 
 /// What the events say about the end of the run.
@@ -117,10 +118,9 @@ bool AwaitPass(CSession& session, unsigned long before) {
   return false;
 }
 
-std::string BarLine(const std::string& what, int percent, const std::string& rate,
-                    const std::string& remaining, std::size_t columns) {
+std::string BarLine(const std::string& what, int percent, const std::string& left, std::size_t columns) {
   const std::string share = std::to_string(percent) + "%";
-  for (const std::string& figures : {share + rate + remaining, share + remaining, share}) {
+  for (const std::string& figures : {share + ", " + left, share}) {
     const std::size_t taken = WidthOf(what + " [] " + figures) + 1;  // the cursor stands behind it
     if (columns != 0 && taken + LEAST_BAR > columns) continue;
     const std::size_t bar = columns == 0 ? BAR_WIDTH : std::min(BAR_WIDTH, columns - taken);
@@ -145,7 +145,7 @@ int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
       printer->End(*completed ? "completed" : "aborted", *completed ? 100 : std::max(percent, 0));
       return *completed ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    if (const auto run = RunOf(*array)) {
+    if (const auto run = RunOf(CInventory(topology, context.Machine()).EntryOf(*array))) {
       percent = run->m_Percent;
       printer->Show(*run);
       looks = 0;

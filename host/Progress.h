@@ -13,9 +13,8 @@ namespace rvxctl {
 bool AwaitPass(CSession& session, unsigned long before);
 
 /// A run's line on a terminal of `columns` columns, 0 for no limit: one that is longer would be left behind,
-/// a copy at each look. The bar shrinks first; then the rate goes, the time that remains, the bar itself.
-std::string BarLine(const std::string& what, int percent, const std::string& rate,
-                    const std::string& remaining, std::size_t columns);
+/// a copy at each look. The bar shrinks first; then the time that is left goes, then the bar itself.
+std::string BarLine(const std::string& what, int percent, const std::string& left, std::size_t columns);
 
 /// Whether a run is shown as it goes on.
 enum class EProgress { SHOWN, HIDDEN };

@@ -59,7 +59,18 @@ std::string ArrayTable(const CContext& context, const CInventory& inventory, con
   return ListText(context, inventory, PI::OBJ_LOGICAL_DRIVE, arrays);
 }
 
-std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
+/// What kernel and udev know of a disk, beside the plug-in's properties.
+void AddFacts(const SDeviceFacts& facts, const std::string& indent, Rows& pairs) {
+  const auto add = [&](const char* label, const std::string& text) {
+    if (!text.empty()) pairs.push_back({indent + label, text});
+  };
+  add("Serial number", facts.m_Serial);
+  add("WWN", facts.m_WWN);
+  add("SCSI address", facts.m_Address);
+  for (const std::string& path : facts.m_ByID) add("Path by identity", path);
+}
+
+std::string ObjectText(const CContext& context, const CInventory& inventory, const PI::CObject& object,
                        const std::string& indent) {
   Rows pairs = {{indent + "Identifier", HexadecimalID(object.m_ID)}};
   for (const PI::CProperty& property : object.m_Properties) {
@@ -68,41 +79,63 @@ std::string ObjectText(const CContext& context, const CTopology& topology, const
     if (property.m_UnitTextID == PI::UNIT_MIB)
       if (const auto number = NumberOf(object, property.m_ID); number && *number >= 1024)
         text += " (" + SizeText(number) + ")";
+    const char* const basis = property.m_ID == PI::PROP_TIME_REMAINING ? EstimateBasis(object) : nullptr;
+    if (basis != nullptr && basis[0] == 'a') text = "not known yet";
     pairs.push_back({indent + LabelOf(property), text});
   }
   if (object.m_Busy) pairs.push_back({indent + "Busy", "a change is being carried out"});
-  std::string text = Table({}, pairs, context.Terminal().Width());
-  if (object.m_Kind != PI::OBJ_LOGICAL_DRIVE) return text;
-  return text + indent + "Disks: " + topology.Names(object.m_Children) + "\n";
+  if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE) AddFacts(inventory.FactsOf(object), indent, pairs);
+  if (object.m_Kind == PI::OBJ_LOGICAL_DRIVE) {
+    const SArrayEntry& entry = inventory.EntryOf(object);
+    pairs.push_back({indent + "Members", entry.MembersText()});
+    pairs.push_back({indent + "Members that work",
+                     std::to_string(entry.m_Present) + " of " + std::to_string(entry.m_Wanted)});
+    if (const std::string activity = entry.ActivityText(); activity != ActivityText(object))
+      pairs.push_back({indent + "Activity by md", activity});
+  }
+  return Table({}, pairs, context.Terminal().Width());
+}
+
+/// "1 array degraded (8 disks, 2 arrays)", and what to do about each.
+std::string HealthText(const CContext& context, const CInventory& inventory, const SHealth& health) {
+  const auto count = [&](PI::_OBJECT_KIND kind, const std::string& what) {
+    const std::size_t number = inventory.Topology().OfKind(kind).size();
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+  };
+  constexpr Color COLORS_OF_HEALTH[] = {GREEN, YELLOW, RED, YELLOW};
+  SCell headline = health.m_Headline;
+  if (context.HasColor()) headline.m_Color = COLORS_OF_HEALTH[static_cast<std::size_t>(health.m_Health)];
+  std::string text = Printable(TextOf(inventory.Topology().Adapter(), PI::PROP_NAME)) + ": " +
+                     Colored(headline) + " (" + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " +
+                     count(PI::OBJ_LOGICAL_DRIVE, "array") + ")\n";
+  for (const SProblem& problem : health.m_Problems) {
+    text += Printable("  " + problem.m_Object + ": " + problem.m_Text) + "\n";
+    if (!problem.m_Next.empty()) text += Printable("    " + problem.m_Next) + "\n";
+  }
+  return text;
 }
 
 std::string StatusText(const CContext& context, const CInventory& inventory, EOrder order) {
-  const CTopology& topology = inventory.Topology();
   const Objects arrays = Listed(inventory, PI::OBJ_LOGICAL_DRIVE);
   const Objects disks = Listed(inventory, PI::OBJ_PHYSICAL_DRIVE);
-  std::string text = Printable(TextOf(topology.Adapter(), PI::PROP_NAME)) + ": " +
-                     Colored(StateCell(context, topology.Adapter(), PI::PROP_STATUS)) + ", " +
-                     std::to_string(disks.size()) + " disks, " + std::to_string(arrays.size()) + " arrays\n";
+  const SHealth health = HealthOf(inventory);
+  std::string text = HealthText(context, inventory, health);
   const auto tables = [&](const Objects& someArrays, const Objects& someDisks) {
     for (const std::string& table :
          {ArrayTable(context, inventory, someArrays), DiskTable(context, inventory, someDisks)})
       if (!table.empty()) text += "\n" + table;
   };
-  const SHealth health = HealthOf(inventory);
+  const auto some = [&](Objects objects, bool bad) {
+    std::erase_if(objects, [&](const PI::CObject* object) { return health.Concerns(*object) != bad; });
+    return objects;
+  };
+  if (order == EOrder::ONLY_PROBLEMS && health.m_Problems.empty()) return text;
   if (order == EOrder::BY_NAME || health.m_Problems.empty()) {
     tables(arrays, disks);
     return text;
   }
-  const auto isBad = [&](const PI::CObject* object) {
-    return std::ranges::find(health.m_Problems, NameOf(*object), &SProblem::m_Object) !=
-           health.m_Problems.end();
-  };
-  const auto some = [&](Objects objects, bool bad) {
-    std::erase_if(objects, [&](const PI::CObject* object) { return isBad(object) != bad; });
-    return objects;
-  };
   tables(some(arrays, true), some(disks, true));
-  tables(some(arrays, false), some(disks, false));
+  if (order == EOrder::PROBLEMS_FIRST) tables(some(arrays, false), some(disks, false));
   return text;
 }
 

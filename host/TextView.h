@@ -16,11 +16,12 @@ SCell StateCell(const CContext& context, const PI::CObject& object, PI::_PROPERT
 std::string DiskTable(const CContext& context, const CInventory& inventory, const Objects& disks);
 std::string ArrayTable(const CContext& context, const CInventory& inventory, const Objects& arrays);
 
-enum class EOrder { BY_NAME, PROBLEMS_FIRST };
-/// Adapter, arrays and disks at a glance; what needs somebody's hand before all others, if that is wanted.
+enum class EOrder { BY_NAME, PROBLEMS_FIRST, ONLY_PROBLEMS };
+/// How the machine is and what to do next, then arrays and disks: what needs somebody's hand before all
+/// others, or alone, if that is wanted.
 std::string StatusText(const CContext& context, const CInventory& inventory, EOrder order);
-/// The properties of an object that are meant to be shown, and an array's disks, a line each.
-std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
+/// The properties of an object that are meant to be shown, a line each, then what kernel and udev know of it.
+std::string ObjectText(const CContext& context, const CInventory& inventory, const PI::CObject& object,
                        const std::string& indent);
 /// An event of EventJson.
 std::string EventLine(const Json& event);

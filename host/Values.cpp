@@ -1,6 +1,7 @@
 #include "host/Values.h"
 
 #include <boost/format.hpp>
+#include <cstdio>
 #include <ctime>
 
 #include "host/Texts.h"
@@ -105,6 +106,20 @@ bool IsUnknown(const PI::CProperty& property) {
     default:
       return false;
   }
+}
+
+const char* EstimateBasis(const PI::CObject& array) {
+  const auto percent = ProgressOf(array);
+  int hours = 0;
+  int minutes = 0;
+  int seconds = 0;
+  const std::string time = TextOf(array, PI::PROP_TIME_REMAINING);
+  if (!percent || std::sscanf(time.c_str(), "%d:%d:%d", &hours, &minutes, &seconds) != 3) return nullptr;
+  constexpr long MINUTE = 60;
+  const long missing = 100 - *percent;
+  const long left = (hours * MINUTE + minutes) * MINUTE + seconds;
+  // The looks of one command lie less than a second apart.
+  return left >= missing * MINUTE && left < missing * (MINUTE + 1) ? "assumed" : "computed";
 }
 
 std::string NameOf(const PI::CObject& object) {

@@ -23,6 +23,10 @@ std::optional<int> ProgressOf(const PI::CObject& array);
 std::string LabelOf(const PI::CProperty& property);
 /// A property whose value the plug-in does not know, such as SMART figures of a disk without SMART.
 bool IsUnknown(const PI::CProperty& property);
+/// What the plug-in's time remaining rests on: "computed", from progress that it has seen, or "assumed":
+/// before it has seen any it says a minute for each percent that is missing, which tells nothing of this run.
+/// Null when nothing runs.
+const char* EstimateBasis(const PI::CObject& array);
 /// "sda" or "md_d0"; "plugin" and "adapter" for these two.
 std::string NameOf(const PI::CObject& object);
 std::string HexadecimalID(unsigned long id);

@@ -42,6 +42,19 @@ TEST(Refusal, Machines) {
   for (const auto& [words, message] : cases) ExpectFailure(words, 2, {message});
 }
 
+TEST(Refusal, APlaygroundIsNotWrittenOverAnotherFile) {
+  const CTemporaryFolder folder;
+  const std::string file = folder.Write("mine", "precious");
+  ExpectFailure({"--simulate=" + file, "playground", "demo"}, 2, {"mine is there already"});
+  EXPECT_EQ(folder.Read("mine"), "precious");
+  ExpectFailure({"playground", "demo"}, 2, {"--simulate=FILE"});
+  for (const char* machine : {"degraded", "200"}) {
+    const std::string option = "--simulate=" + folder.Path(machine);
+    EXPECT_EQ(Rvxctl({option, "playground", machine}).m_Status, 0);
+    EXPECT_THAT(Rvxctl({option, "array", "list"}).m_Out, HasSubstr("Degraded"));
+  }
+}
+
 TEST(Refusal, WithoutRightsTheMachineIsNotTouched) {
   Words words = RvxctlWords({"--json", "status"});
   // The capability lets another user reach a build tree in a closed folder; what counts is who runs it.

@@ -70,6 +70,33 @@ TEST(Show, TopologyTellsWhatScriptsNeed) {
   EXPECT_EQ(PropertyOf(ObjectOf(topology, "plugin"), 30005)["maximum"], 255);
 }
 
+TEST(Show, ProgramsGetWordsAndFields) {
+  const json status = Rvxctl({"--simulate", "--json", "status"}).Json()["data"];
+  const json& array = Find(status["arrays"], "name", "md_d1");
+  for (const auto& [key, value] : {std::pair<const char*, json>{"level", "raid1"},
+                                   {"status", "in-order"},
+                                   {"statusNumber", 40093},
+                                   {"activity", "resyncing"},
+                                   {"membersWanted", 2}})
+    EXPECT_EQ(array[key], value) << key;
+  EXPECT_EQ(Find(array["members"], "name", "sde")["role"], "spare");
+  const json& disk = Find(status["disks"], "name", "sdc");
+  EXPECT_EQ(disk["status"], "in-use") << "the number of an array in order";
+  EXPECT_EQ(disk["array"], "md_d1");
+  EXPECT_EQ(disk["serial"], "DEMO0003");
+  const json slow = Rvxctl({Simulate("recovering"), "--json", "status"}).Json()["data"]["arrays"][0];
+  EXPECT_EQ(slow["progress"], 0);
+  EXPECT_EQ(slow["timeRemaining"], "01:40:00");
+  EXPECT_EQ(slow["estimateBasis"], "assumed") << "a minute for each percent";
+}
+
+TEST(Show, EachLookOfAStreamIsALine) {
+  CProgram program(RvxctlWords({Simulate("arrays"), "--json", "status", "--watch"}));
+  EXPECT_TRUE(program.ReadUntil("\"sequence\":1,\"type\":\"status\"")) << program.Out();
+  EXPECT_THAT(program.Out(),
+              testing::StartsWith(R"({"schema":{"name":"rvxctl.stream","version":2},"sequence":0,)"));
+}
+
 TEST(Show, ObjectsAreFoundByAllTheirNames) {
   const json topology = Rvxctl({Simulate("plain"), "--json", "topology"}).Json();
   const json& disk = ObjectOf(topology, "sdc");
