@@ -55,6 +55,8 @@ void AddShowing(CGroup& all);
 void AddHealth(CGroup& all);
 /// Commands that follow what happens.
 void AddFollowing(CGroup& all);
+/// The command that writes simulated machines.
+void AddPlayground(CGroup& all);
 /// Commands that change the machine.
 void AddChanging(CGroup& all);
 

@@ -2,7 +2,6 @@
 /// Commands that follow what happens.
 
 #include <algorithm>
-#include <array>
 #include <optional>
 
 #include "host/CommandLine.h"
@@ -21,8 +20,6 @@ constexpr std::chrono::milliseconds WATCHED_INTERVAL{1000};
 /// before it makes it skip its pass. The fetch then waits for the end of the pass.
 constexpr std::chrono::milliseconds CHANGE_INTERVAL{10};
 constexpr int CHANGE_FETCHES = 50;
-/// Events that are told with the members that failed.
-constexpr std::array LOSSES = {PI::EVT_LOGICALDRIVE_DEGRADED, PI::EVT_LOGICALDRIVE_FAILED};
 
 struct SEvents {
   bool m_Follow{false};
@@ -30,15 +27,16 @@ struct SEvents {
 };
 
 /// Prints events, or adds them to the list. Names are those of the last look: an event does not wait for the
-/// next one unless it is about an object that is new, or a loss, whose members are told.
+/// next one unless it is about an object that is new.
 void Tell(CContext& context, std::optional<CTopology>& topology, Json& all) {
   const std::vector<PI::CEvent> events = context.Session().FetchEvents();
-  if (std::ranges::any_of(events, [&](const PI::CEvent& event) {
-        return !topology->FindID(event.m_ObjectID) || std::ranges::find(LOSSES, event.m_Code) != LOSSES.end();
-      }))
+  if (std::ranges::any_of(events,
+                          [&](const PI::CEvent& event) { return !topology->FindID(event.m_ObjectID); }))
     topology.emplace(context.Session());
+  if (events.empty()) return;
+  const CInventory inventory(*topology, context.Machine());
   for (const PI::CEvent& event : events) {
-    const Json one = EventJson(*topology, event);
+    const Json one = EventJson(inventory, event);
     if (context.IsStream())
       context.Show("event", one, "");
     else if (context.Options().m_Json)

@@ -52,8 +52,9 @@ constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE,
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
   const auto data = [&] {
+    const CInventory inventory(topology, context.Machine());
     Json objects = Json::array();
-    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(topology, object));
+    for (const PI::CObject& object : topology.Objects()) objects.push_back(ObjectJson(inventory, object));
     return Json{{"objects", std::move(objects)}};
   };
   const auto text = [&] {
@@ -77,7 +78,7 @@ int ShowStatus(CContext& context, bool watch) {
     const CTopology topology(context.Session());
     const CInventory inventory(topology, context.Machine());
     context.Show(
-        "status", [&] { return StatusJson(topology); },
+        "status", [&] { return StatusJson(inventory); },
         [&] {
           if (!isScreen) return StatusText(context, inventory, EOrder::BY_NAME);
           return Screen(StatusText(context, inventory, EOrder::PROBLEMS_FIRST), context.Terminal().Size());
@@ -102,7 +103,7 @@ int ListObjects(CContext& context, const SKind& kind, const SList& list) {
   };
   const auto data = [&] {
     Json chosen = Json::array();
-    for (const Json& object : ListJson(topology, kind.m_Kind))
+    for (const Json& object : ListJson(inventory, kind.m_Kind))
       if (isListed(object)) chosen.push_back(object);
     return chosen;
   };
@@ -120,7 +121,7 @@ int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND k
   const CTopology topology(context.Session());
   const PI::CObject& object = topology.Find(address, kind);
   context.Show(
-      "object", [&] { return ObjectJson(topology, object); },
+      "object", [&] { return ObjectJson(CInventory(topology, context.Machine()), object); },
       [&] { return ObjectText(context, topology, object, ""); });
   return EXIT_DONE;
 }

@@ -1,5 +1,6 @@
 #include "host/JsonView.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <cmath>
 #include <cstdio>
 
@@ -95,16 +96,12 @@ const char* EstimateBasis(const PI::CObject& array) {
   return left >= missing * MINUTE && left < missing * (MINUTE + 1) ? "assumed" : "computed";
 }
 
-/// What a member is to its array, by its status.
-Json RoleJson(const PI::CObject& disk) {
-  return NumberOf(disk, PI::PROP_STATUS) == PI::STATUS_OK ? Json("active") : KeyJson(disk, PI::PROP_STATUS);
-}
-
-void AddArray(const CTopology& topology, const PI::CObject& array, Json& json) {
-  json["level"] = KeyJson(array, PI::PROP_RAID_LEVEL);
+void AddArray(const SArrayEntry& entry, Json& json) {
+  const PI::CObject& array = entry.m_Object;
+  json["level"] = TextOrNull(entry.m_Level);
   json["bytes"] = SizeJson(array, PI::PROP_ARRAY_CAPACITY);
   json["activity"] = KeyJson(array, PI::PROP_ACTIVITY);
-  json["activityText"] = ActivityText(array);
+  json["activityText"] = entry.ActivityText();
   const auto progress = ProgressOf(array);
   json["progress"] = progress ? Json(*progress) : Json(nullptr);
   const PI::CProperty* const time = FindProperty(array, PI::PROP_TIME_REMAINING);
@@ -112,33 +109,30 @@ void AddArray(const CTopology& topology, const PI::CObject& array, Json& json) {
   json["timeRemaining"] = isKnown ? Json(std::get<std::string>(time->m_Value)) : Json(nullptr);
   const char* const basis = isKnown ? EstimateBasis(array) : nullptr;
   json["estimateBasis"] = basis == nullptr ? Json(nullptr) : Json(basis);
+  json["membersWanted"] = entry.m_Wanted;
+  json["membersPresent"] = entry.m_Present;
   json["members"] = Json::array();
-  for (const unsigned long id : array.m_Children)
-    if (const PI::CObject* const disk = topology.FindID(id))
-      json["members"].push_back(
-          {{"name", NameOf(*disk)}, {"role", RoleJson(*disk)}, {"status", KeyJson(*disk, PI::PROP_STATUS)}});
+  for (const SMember& member : entry.m_Members)
+    json["members"].push_back(
+        {{"name", member.m_Name},
+         {"role", WordOf(member.m_Role)},
+         {"status", member.m_Disk == nullptr ? Json(nullptr) : KeyJson(*member.m_Disk, PI::PROP_STATUS)}});
 }
 
-void AddDisk(const CTopology& topology, const PI::CObject& disk, Json& json) {
+void AddDisk(const CInventory& inventory, const PI::CObject& disk, Json& json) {
   json["bytes"] = SizeJson(disk, PI::PROP_CAPACITY);
   json["usableBytes"] = SizeJson(disk, PI::PROP_USABLE_CAPACITY);
   json["vendor"] = TextOrNull(TextOf(disk, PI::PROP_VENDOR));
   json["model"] = TextOrNull(TextOf(disk, PI::PROP_MODEL));
+  const SDeviceFacts facts = inventory.FactsOf(disk);
+  json["serial"] = TextOrNull(facts.m_Serial);
+  json["wwn"] = TextOrNull(facts.m_WWN);
+  json["byId"] = facts.m_ByID;
+  json["address"] = TextOrNull(facts.m_Address);
   json["medium"] = KeyJson(disk, PI::PROP_MEDIUM);
   json["attachment"] = KeyJson(disk, PI::PROP_ATTACHMENT);
-  const PI::CObject* const array = topology.ArrayOf(disk);
+  const PI::CObject* const array = inventory.Topology().ArrayOf(disk);
   json["array"] = array == nullptr ? Json(nullptr) : Json(NameOf(*array));
-}
-
-/// The names of an array's members that failed.
-Json FailedMembers(const CTopology& topology, const PI::CObject& array) {
-  Json names = Json::array();
-  for (const unsigned long id : array.m_Children) {
-    const PI::CObject* const disk = topology.FindID(id);
-    if (disk != nullptr && NumberOf(*disk, PI::PROP_STATUS) == PI::STATUS_FAILED)
-      names.push_back(NameOf(*disk));
-  }
-  return names;
 }
 
 }  // namespace
@@ -185,7 +179,7 @@ Json PropertyJson(const PI::CProperty& property, unsigned int kind) {
   return json;
 }
 
-Json EntryJson(const CTopology& topology, const PI::CObject& object) {
+Json EntryJson(const CInventory& inventory, const PI::CObject& object) {
   const auto status = NumberOf(object, PI::PROP_STATUS);
   Json json = {{"id", HexadecimalID(object.m_ID)},
                {"kind", object.m_Kind},
@@ -194,13 +188,13 @@ Json EntryJson(const CTopology& topology, const PI::CObject& object) {
                {"status", KeyJson(object, PI::PROP_STATUS)},
                {"statusNumber", status ? Json(*status) : Json(nullptr)},
                {"statusText", TextOrNull(TextOf(object, PI::PROP_STATUS))}};
-  if (object.m_Kind == PI::OBJ_LOGICAL_DRIVE) AddArray(topology, object, json);
-  if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE) AddDisk(topology, object, json);
+  if (object.m_Kind == PI::OBJ_LOGICAL_DRIVE) AddArray(inventory.EntryOf(object), json);
+  if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE) AddDisk(inventory, object, json);
   return json;
 }
 
-Json ObjectJson(const CTopology& topology, const PI::CObject& object) {
-  Json json = EntryJson(topology, object);
+Json ObjectJson(const CInventory& inventory, const PI::CObject& object) {
+  Json json = EntryJson(inventory, object);
   json["kindText"] = Texts::Of(object.m_Kind);
   json["parents"] = Ids(object.m_Parents);
   json["children"] = Ids(object.m_Children);
@@ -217,33 +211,35 @@ Json ObjectJson(const CTopology& topology, const PI::CObject& object) {
   return json;
 }
 
-Json ListJson(const CTopology& topology, PI::_OBJECT_KIND kind) {
+Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind) {
   Json list = Json::array();
-  for (const PI::CObject* const object : topology.OfKind(kind)) list.push_back(ObjectJson(topology, *object));
+  for (const PI::CObject* const object : inventory.Topology().OfKind(kind))
+    list.push_back(ObjectJson(inventory, *object));
   return list;
 }
 
-Json StatusJson(const CTopology& topology) {
+Json StatusJson(const CInventory& inventory) {
   const auto entries = [&](PI::_OBJECT_KIND kind) {
     Json list = Json::array();
-    for (const PI::CObject* const object : topology.OfKind(kind))
-      list.push_back(EntryJson(topology, *object));
+    for (const PI::CObject* const object : inventory.Topology().OfKind(kind))
+      list.push_back(EntryJson(inventory, *object));
     return list;
   };
-  return {{"adapter", EntryJson(topology, topology.Adapter())},
+  return {{"adapter", EntryJson(inventory, inventory.Topology().Adapter())},
           {"arrays", entries(PI::OBJ_LOGICAL_DRIVE)},
           {"disks", entries(PI::OBJ_PHYSICAL_DRIVE)}};
 }
 
-Json EventJson(const CTopology& topology, const PI::CEvent& event) {
+Json EventJson(const CInventory& inventory, const PI::CEvent& event) {
+  const CTopology& topology = inventory.Topology();
   const PI::CObject* const object = topology.FindID(event.m_ObjectID);
   const PI::CObject* const source = topology.FindID(event.m_SourceID);
   std::string text = Texts::OfEvent(event);
-  const bool isLoss = object != nullptr && (event.m_Code == PI::EVT_LOGICALDRIVE_DEGRADED ||
-                                            event.m_Code == PI::EVT_LOGICALDRIVE_FAILED);
-  const Json failed = isLoss ? FailedMembers(topology, *object) : Json::array();
-  for (const Json& name : failed)
-    text += (&name == &failed.front() ? " Failed: " : ", ") + name.get<std::string>();
+  const bool isLoss =
+      object != nullptr && object->m_Kind == PI::OBJ_LOGICAL_DRIVE &&
+      (event.m_Code == PI::EVT_LOGICALDRIVE_DEGRADED || event.m_Code == PI::EVT_LOGICALDRIVE_FAILED);
+  const auto failed = isLoss ? inventory.EntryOf(*object).Failed() : std::vector<std::string>();
+  if (!failed.empty()) text += " Failed: " + boost::algorithm::join(failed, ", ");
   return {{"time", TimeText(event.m_Time)},
           {"code", event.m_Code},
           {"key", Keys::OfEvent(event.m_Code)},

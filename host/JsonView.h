@@ -6,7 +6,7 @@
 #include <string>
 
 #include "host/Error.h"
-#include "host/Topology.h"
+#include "host/Inventory.h"
 
 namespace rvxctl {
 
@@ -21,13 +21,13 @@ Json ErrorJson(const CError& error);
 /// @param kind of the object that has it
 Json PropertyJson(const PI::CProperty& property, unsigned int kind);
 /// What programs want of a disk or array, each fact a field.
-Json EntryJson(const CTopology& topology, const PI::CObject& object);
+Json EntryJson(const CInventory& inventory, const PI::CObject& object);
 /// The same with all properties and operations, of any object.
-Json ObjectJson(const CTopology& topology, const PI::CObject& object);
+Json ObjectJson(const CInventory& inventory, const PI::CObject& object);
 /// All objects of a kind.
-Json ListJson(const CTopology& topology, PI::_OBJECT_KIND kind);
+Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind);
 /// Adapter, arrays and disks at a glance.
-Json StatusJson(const CTopology& topology);
-Json EventJson(const CTopology& topology, const PI::CEvent& event);
+Json StatusJson(const CInventory& inventory);
+Json EventJson(const CInventory& inventory, const PI::CEvent& event);
 
 }  // namespace rvxctl

@@ -11,6 +11,7 @@
 
 #include "PI/Numbers.h"
 #include "host/Keys.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -44,6 +45,7 @@ TEST(Keys, EveryDeclaredNumberHasAWordAndNoneOfAKindHasTwoNumbers) {
       {"_OPERATION_CODE", ofAll(Keys::OfOperation), 15},
       {"_SEVERITY", ofAll(Keys::OfSeverity), 3}};
   auto declared = DeclaredNumbers();
+  const std::string manual = ReadFile(RVX_SOURCE_DIR "/docs/json.md");
   for (const auto& [enumeration, key, atLeast] : cases) {
     std::set<unsigned int>& numbers = declared[enumeration];
     numbers.erase(PI::OBJ_NONE);
@@ -56,6 +58,7 @@ TEST(Keys, EveryDeclaredNumberHasAWordAndNoneOfAKindHasTwoNumbers) {
       for (const unsigned int number : numbers) {
         const std::string word = key(number, kind);
         if (word == std::to_string(number)) continue;
+        EXPECT_THAT(manual, testing::ContainsRegex("`" + word + "`[ |]*" + std::to_string(number)));
         EXPECT_TRUE(known.emplace(word, number).second) << word << ": " << number << ", " << known[word];
         wordless.erase(number);
       }

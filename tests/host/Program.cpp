@@ -1,6 +1,7 @@
 #include "Program.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -9,6 +10,31 @@
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+
+namespace {
+
+/// What programs told programs: at the end all of it must be as the schema says.
+class CDocuments : public testing::Environment {
+ public:
+  void Add(const std::string& text) {
+    if (text.starts_with("{")) m_All += text;
+  }
+  void TearDown() override {
+    if (m_All.empty()) return;
+    const CTemporaryFolder folder;
+    CProgram check({"/usr/bin/python3", RVX_SOURCE_DIR "/tests/host/validate.py",
+                    RVX_SOURCE_DIR "/docs/schema/rvxctl-2.schema.json", folder.Write("documents", m_All)});
+    EXPECT_EQ(check.Wait(), 0) << check.Out() << check.Err();
+  }
+
+ private:
+  std::string m_All;
+};
+
+CDocuments& s_Documents =
+    dynamic_cast<CDocuments&>(*testing::AddGlobalTestEnvironment(new CDocuments));  // the framework's own
+
+}  // namespace
 
 CProgram::CProgram(Words words, bool terminal) {
   std::vector<char*> arguments;
@@ -69,6 +95,7 @@ int CProgram::Wait() {
   int status = 0;
   ::waitpid(m_Process, &status, 0);
   m_Process = -1;
+  s_Documents.Add(m_Out);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
