@@ -198,13 +198,24 @@ std::vector<std::string> OptionNames(const SLine& line) {
   return names;
 }
 
+/// The values of the next operand where it has only some, which CLI11 keeps as a text alone: "TEXT:{on,off}".
+std::vector<std::string> ChoicesOf(const SLine& line) {
+  const auto operands =
+      line.m_App->get_options([](const CLI::Option* option) { return option->get_positional(); });
+  if (line.m_Operands.size() >= operands.size()) return {};
+  const std::string type = operands[line.m_Operands.size()]->get_type_name();
+  const std::size_t begin = type.find('{'), end = type.find('}');
+  return end == std::string::npos ? std::vector<std::string>()
+                                  : CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
+}
+
 std::vector<std::string> OperandsOf(const SLine& line) {
   const auto commands = line.m_App->get_subcommands(nullptr);
   std::vector<std::string> names;
   for (const CLI::App* const command : commands) names.push_back(command->get_name());
   if (!names.empty()) return names;
   if (line.m_Command == CREATION) return Fit(line, T::DISK | T::READY);
-  if (line.m_Command == "disk locate" && line.m_Operands.size() == 1) return {"on", "off"};
+  if (const auto choices = ChoicesOf(line); !choices.empty()) return choices;
   if (line.m_Command == "help") {
     const CLI::App* at = line.m_App->get_parent();
     for (const std::string& word : line.m_Operands)

@@ -37,6 +37,7 @@ constexpr struct SExample {
                 {"disk show", "rvxctl disk show sda"},
                 {"disk locate", "rvxctl disk locate sda on"},
                 {"check", "rvxctl check"},
+                {"playground", "rvxctl --simulate=machine.json playground demo"},
                 {"array list", "rvxctl array list --columns name,status,members"},
                 {"array show", "rvxctl array show md_d0"},
                 {"operations", "rvxctl operations md_d0"},

@@ -64,6 +64,7 @@ TEST(Completion, OffersWhatTheOperationCanTake) {
                                                        {"disk list --array ''", "md_d0\nmd_d1\n"},
                                                        {"disk list --columns mo", "model\n"},
                                                        {"disk locate sda o", "off\non\n"},
+                                                       {"playground dem", "demo\n"},
                                                        {"operations p", "plugin\n"},
                                                        {"help array sh", "show\n"},
                                                        {"--simulate=/nowhere spare add ''", ""}};
