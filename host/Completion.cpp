@@ -92,6 +92,10 @@ unsigned int TraitsOf(const SMdArray& array) {
   return traits;
 }
 
+bool IsOneOf(std::optional<long> value, std::initializer_list<long> values) {
+  return value && std::ranges::find(values, *value) != values.end();
+}
+
 /// Those of a simulated machine, by the plug-in that works on it.
 std::vector<SCandidate> SimulatedCandidates(const SOptions& options) {
   CSession session(options);
@@ -99,14 +103,14 @@ std::vector<SCandidate> SimulatedCandidates(const SOptions& options) {
   std::vector<SCandidate> candidates{{"plugin", T::WHOLE_MODEL}, {"adapter", T::WHOLE_MODEL}};
   for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {
     const auto status = NumberOf(*disk, PI::PROP_STATUS);
-    const bool isLoose = status == PI::STATUS_SPARE || status == PI::STATUS_FAILED;
+    const bool isLoose = IsOneOf(status, {PI::STATUS_SPARE, PI::STATUS_FAILED});
     candidates.push_back({NameOf(*disk), T::DISK | (status == PI::STATUS_READY ? T::READY : 0U) |
                                              (isLoose ? T::RELEASABLE : 0U)});
   }
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE)) {
     const auto status = NumberOf(*array, PI::PROP_STATUS);
     const auto level = NumberOf(*array, PI::PROP_RAID_LEVEL);
-    const bool isPlain = level == PI::LEVEL_RAID0 || level == PI::LEVEL_CONCATENATION;
+    const bool isPlain = IsOneOf(level, {PI::LEVEL_RAID0, PI::LEVEL_CONCATENATION});
     candidates.push_back({NameOf(*array), T::ARRAY | (isPlain ? 0U : T::REDUNDANT) |
                                               (status == PI::STATUS_DEGRADED ? T::DEGRADED : 0U) |
                                               (status == PI::STATUS_REBUILDING ? T::REBUILDING : 0U)});
@@ -215,7 +219,7 @@ std::vector<std::string> OperandsOf(const SLine& line) {
   for (const CLI::App* const command : commands) names.push_back(command->get_name());
   if (!names.empty()) return names;
   if (line.m_Command == CREATION) return Fit(line, T::DISK | T::READY);
-  if (const auto choices = ChoicesOf(line); !choices.empty()) return choices;
+  if (auto choices = ChoicesOf(line); !choices.empty()) return choices;
   if (line.m_Command == "help") {
     const CLI::App* at = line.m_App->get_parent();
     for (const std::string& word : line.m_Operands)
