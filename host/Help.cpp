@@ -37,6 +37,7 @@ constexpr struct SExample {
                 {"disk show", "rvxctl disk show sda"},
                 {"disk locate", "rvxctl disk locate sda on"},
                 {"check", "rvxctl check"},
+                {"playground", "rvxctl --simulate=machine.json playground demo"},
                 {"array list", "rvxctl array list --columns name,status,members"},
                 {"array show", "rvxctl array show md_d0"},
                 {"operations", "rvxctl operations md_d0"},
@@ -163,7 +164,7 @@ std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
   const auto rest = app.remaining(true);
   const auto option =
       std::ranges::find_if(rest, [](const std::string& word) { return word.starts_with("-"); });
-  if (const std::string hint = SimulateHint(words); !hint.empty()) return hint;
+  if (std::string hint = SimulateHint(words); !hint.empty()) return hint;
   if (option != rest.end()) {
     const std::string name = option->substr(0, option->find('='));
     return "unknown option " + name + Suggestion(name, OptionsOf(deepest)) + help;

@@ -153,7 +153,7 @@ std::vector<const SColumn*> NamedColumns(PI::_OBJECT_KIND kind, const std::strin
     const auto found = std::ranges::find(all, name, [](const SColumn* column) { return column->m_Name; });
     if (found == all.end()) {
       std::string known;
-      for (const std::string& one : ColumnNames(kind)) known += (known.empty() ? "" : ",") + one;
+      for (const std::string& one : ColumnNames(kind)) known.append(known.empty() ? "" : ",").append(one);
       throw CError(EXIT_USAGE, "--columns: there is no column \"" + name + "\"; there are: " + known);
     }
     named.push_back(*found);

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "host/CommandLine.h"
+#include "host/Completion.h"
 #include "host/Help.h"
 #include "host/Printable.h"
 #include "host/Signals.h"
@@ -123,11 +124,25 @@ Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vec
   }
 }
 
+/// For a shell, in the middle of what a person types: nothing is said but names, whatever happens.
+int Complete(const CLI::App& app, const std::vector<std::string>& words) {
+  try {
+    CTerminal terminal(false);
+    if (std::freopen("/dev/null", "w", stderr) == nullptr) return EXIT_DONE;
+    std::string names;
+    for (const std::string& name : Completions(app, words)) names += Printable(name) + "\n";
+    terminal.Print(names);
+  } catch (const std::exception&) {  // nothing to offer
+  }
+  return EXIT_DONE;
+}
+
 int Main(const std::vector<std::string>& words) {
   SOptions options;
   Command chosen;
   CLI::App app("md software RAID through the framework's plug-in", "rvxctl");
   Describe(app, options, chosen);
+  if (!words.empty() && words.front() == "complete") return Complete(app, {words.begin() + 1, words.end()});
   const Command command = Parsed(app, options, chosen, words);
   return Run(options, command);
 }

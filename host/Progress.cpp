@@ -120,12 +120,18 @@ bool AwaitPass(CSession& session, unsigned long before) {
 
 std::string BarLine(const std::string& what, int percent, const std::string& left, std::size_t columns) {
   const std::string share = std::to_string(percent) + "%";
-  for (const std::string& figures : {share + ", " + left, share}) {
-    const std::size_t taken = WidthOf(what + " [] " + figures) + 1;  // the cursor stands behind it
+  std::string timed = share;
+  timed.append(", ").append(left);
+  for (const std::string& figures : {timed, share}) {
+    std::string line = what;
+    line.append(" [");
+    // The brackets, a blank, and the cursor behind it all.
+    const std::size_t taken = WidthOf(line) + WidthOf(figures) + 3;
     if (columns != 0 && taken + LEAST_BAR > columns) continue;
     const std::size_t bar = columns == 0 ? BAR_WIDTH : std::min(BAR_WIDTH, columns - taken);
     const std::size_t filled = bar * static_cast<std::size_t>(std::clamp(percent, 0, 100)) / 100;
-    return what + " [" + std::string(filled, '#') + std::string(bar - filled, '.') + "] " + figures;
+    line.append(filled, '#').append(bar - filled, '.').append("] ").append(figures);
+    return line;
   }
   return Cut(share + " " + what, columns - 1);
 }

@@ -30,24 +30,18 @@ void CollectCommands(const std::string& above, Words& commands) {
     CollectCommands(above + " " + name, commands);
 }
 
-TEST(Package, ManPageAndCompletionKnowEveryCommand) {
+TEST(Package, TheManPageKnowsEveryCommand) {
   Words commands;
   CollectCommands("", commands);
   EXPECT_GT(commands.size(), 20U);
   const std::string manual = ReadFile(RVX_SOURCE_DIR "/docs/rvxctl.8");
   for (const std::string& command : commands) {
     EXPECT_THAT(manual, HasSubstr(".It Cm" + command));
-    // Asks the completion for the last word of the command.
-    const std::size_t last = command.rfind(' ');
-    const std::string script =
-        "source \"$0\"; COMP_WORDS=(rvxctl --simulate = machine" + command.substr(0, last) +
-        " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _rvxctl; echo \" ${COMPREPLY[*]} \"";
-    EXPECT_THAT(ResultOf({"bash", "-c", script, RVX_SOURCE_DIR "/packaging/rvxctl.bash"}).m_Out,
-                HasSubstr(command.substr(last) + " "));
   }
 }
 
 TEST(Package, EveryHelpHasAnExampleThatRunsAndFitsTheTerminal) {
+  const CTemporaryFolder folder;
   Words commands;
   CollectCommands("", commands);
   for (const std::string& command : commands) {
@@ -55,8 +49,9 @@ TEST(Package, EveryHelpHasAnExampleThatRunsAndFitsTheTerminal) {
                                " | awk 'length > 80 {exit 9} /^  rvxctl / {print substr($0, 9)}'";
     const SResult example = ResultOf({"bash", "-c", script, RVXCTL});
     EXPECT_EQ(example.m_Status, 0) << command << " has a line that is too long";
-    EXPECT_THAT(example.m_Out, testing::StartsWith(command)) << command;
-    const int status = ResultOf({"bash", "-c", "\"$0\" --simulate" + example.m_Out, RVXCTL}).m_Status;
+    EXPECT_THAT(example.m_Out, HasSubstr(command)) << command;
+    const std::string run = "cd '" + folder.Path() + "'; \"$0\" --simulate" + example.m_Out;
+    const int status = ResultOf({"bash", "-c", run, RVXCTL}).m_Status;
     // Those that are asked about end as not confirmed; the demonstration is busy, and its kernel rebuilds by
     // itself.
     EXPECT_THAT(status, testing::AnyOf(0, 4, 5, 6)) << command;
@@ -82,7 +77,9 @@ TEST(Package, InstalledPiecesFindEachOther) {
   const CTemporaryFolder folder;
   const SResult install = ResultOf({"cmake", "--install", RVX_BINARY_DIR, "--prefix", folder.Path("usr")});
   ASSERT_EQ(install.m_Status, 0) << install.m_Err;
-  for (const char* file : {"share/zq/piRVX.nls", "share/man/man8/rvxctl.8"})
+  for (const char* file :
+       {"share/zq/piRVX.nls", "share/man/man8/rvxctl.8", "share/bash-completion/completions/rvxctl",
+        "share/zsh/vendor-completions/_rvxctl", "share/fish/vendor_completions.d/rvxctl.fish"})
     EXPECT_TRUE(std::filesystem::exists(folder.Path("usr/") + file)) << file;
   const SResult result = ResultOf({folder.Path("usr/bin/rvxctl"), "--simulate", "levels"});
   EXPECT_THAT(result.m_Out, HasSubstr("RAID 1 (mirror)")) << result.m_Err;
