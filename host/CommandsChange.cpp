@@ -412,7 +412,7 @@ int Rescan(CContext& context) {
 
 void AddConsent(CLI::App* leaf, SConsent& consent) {
   leaf->add_flag("--yes", consent.m_Yes, "do not ask");
-  leaf->add_flag("--dry-run", consent.m_DryRun, "show the plan and whether it is allowed, change nothing");
+  leaf->add_flag("--dry-run", consent.m_DryRun, "show the plan and whether it is allowed");
   leaf->add_option("--if-unchanged", consent.m_IfUnchanged, "only in the state of a plan with this token")
       ->type_name("TOKEN");
   // For tests of the plug-in's own answers.
@@ -421,16 +421,16 @@ void AddConsent(CLI::App* leaf, SConsent& consent) {
 
 void AddWaiting(CLI::App* leaf, SConsent& consent) {
   AddConsent(leaf, consent);
-  leaf->add_flag("--wait", consent.m_Wait, "follow the work that this sets off to its end");
+  leaf->add_flag("--wait", consent.m_Wait, "follow what this sets off to its end");
 }
 
 void AddArrays(CGroup group) {
   const auto [create, creation] =
-      group.Leaf<SCreation>("create", "makes an array of free disks; what is on them is lost", CreateArray);
+      group.Leaf<SCreation>("create", "makes an array; what is on its disks is lost", CreateArray);
   create->add_option("--level", creation.m_Level, "such as raid1; 'rvxctl levels' names all")
       ->required()
       ->type_name("LEVEL");
-  create->add_option("--stripe", creation.m_Stripe, "KiB, of the sizes that 'rvxctl levels' tells")
+  create->add_option("--stripe", creation.m_Stripe, "in KiB, of what 'rvxctl levels' tells")
       ->type_name("KIB");
   create->add_option("DISK", creation.m_Disks, "the disks, in order")->required();
   AddWaiting(create, creation.m_Consent);
@@ -441,29 +441,31 @@ void AddArrays(CGroup group) {
   remove->add_flag("--last", deletion.m_Last, "the last one of the list");
   remove->add_flag("--all", deletion.m_All, "every array");
   remove->add_flag("--force-partition-members", deletion.m_PartitionMembers,
-                   "although members are partitions: the ends of their disks are overwritten");
+                   "overwrite the ends of disks with such members");
   AddConsent(remove, deletion.m_Consent);
 }
 
 void AddSpares(CGroup group) {
   const auto [add, spare] =
-      group.Leaf<SSpare>("add", "makes a free disk a spare; what is on it is lost", AddSpare);
+      group.Leaf<SSpare>("add", "makes a disk a spare; what is on it is lost", AddSpare);
   add->add_option("DISK", spare.m_Disk, "the disk")->required();
   add->add_option("ARRAY", spare.m_Array, "the array")->required();
   AddWaiting(add, spare.m_Consent);
 
   const auto [release, member] =
-      group.Leaf<SSpare>("release", "takes a spare or failed member out of its array", ReleaseSpare);
+      group.Leaf<SSpare>("release", "takes a spare or failed disk out of its array", ReleaseSpare);
   release->add_option("DISK", member.m_Disk, "the disk")->required();
   AddConsent(release, member.m_Consent);
 }
 
 void AddRebuilds(CGroup group) {
-  const auto [start, started] = group.Leaf<SRebuild>("start", "of a failed member", StartRebuild);
+  const auto [start, started] =
+      group.Leaf<SRebuild>("start", "starts the rebuild of a degraded array", StartRebuild);
   start->add_option("ARRAY", started.m_Array, "the array")->required();
   AddWaiting(start, started.m_Consent);
 
-  const auto [cancel, cancelled] = group.Leaf<SRebuild>("cancel", "of the one that runs", CancelRebuild);
+  const auto [cancel, cancelled] =
+      group.Leaf<SRebuild>("cancel", "cancels the rebuild that runs", CancelRebuild);
   cancel->add_option("ARRAY", cancelled.m_Array, "the array")->required();
   AddConsent(cancel, cancelled.m_Consent);
 }

@@ -83,8 +83,8 @@ void AddFollowing(CGroup& all) {
   const auto [events, wanted] = all.Leaf<SEvents>("events", "what happened, an event a line", ShowEvents);
   events->add_flag("--follow", wanted.m_Follow, "until interrupted");
   events->add_flag("--json-lines", wanted.m_Lines, "a JSON object a line");
-  const auto [watch, array] = all.At("array").Leaf<std::string>(
-      "watch", "follows a rebuild or resync to its end (1: it was aborted)", WatchArray);
+  const auto [watch, array] =
+      all.At("array").Leaf<std::string>("watch", "follows a rebuild or resync to its end", WatchArray);
   watch->add_option("ARRAY", array, "the array")->required();
 }
 

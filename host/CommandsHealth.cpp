@@ -78,9 +78,9 @@ int LocateDisk(CContext& context, const SLocate& wanted) {
 }  // namespace
 
 void AddHealth(CGroup& all) {
-  const auto [check, limits] = all.Leaf<SSmartLimits>(
-      "check", "one line for monitoring; exit 0 in order, 1 warning, 2 critical, 3 unknown", CheckHealth);
-  check->add_option("--warn-smart", limits.m_Wear, "percent of a disk's life above which it is warned of")
+  const auto [check, limits] =
+      all.Leaf<SSmartLimits>("check", "one line for monitoring, exit status 0 to 3", CheckHealth);
+  check->add_option("--warn-smart", limits.m_Wear, "more percent of a disk's life are a warning")
       ->type_name("N")
       ->check(CLI::Range(0, 100))
       ->capture_default_str();

@@ -1,6 +1,8 @@
 /// @file
 /// Commands that show the topology and its objects.
 
+#include <algorithm>
+
 #include "host/CommandLine.h"
 #include "host/Keys.h"
 #include "host/Levels.h"
@@ -14,19 +16,38 @@ namespace rvxctl {
 
 namespace {
 
+constexpr std::chrono::seconds WATCH_INTERVAL{2};
+
 /// A kind of objects that there are several of.
 struct SKind {
   PI::_OBJECT_KIND m_Kind;
   const char* m_Name;  ///< of its commands
   const char* m_Help;
+  const char* m_ListHelp;
+  const char* m_ShowHelp;
   const char* m_Argument;
   const char* m_ArgumentHelp;
   const char* m_Schema;
-  std::string (*m_Table)(const CContext&, const CTopology&);
+  std::string (*m_Table)(const CContext&, const CInventory&, const Objects&);
 };
-constexpr SKind DISKS{
-    PI::OBJ_PHYSICAL_DRIVE, "disk", "managed disks", "DISK", "the disk", "disks", DiskTable};
-constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE, "array", "arrays", "ARRAY", "the array", "arrays", ArrayTable};
+constexpr SKind DISKS{PI::OBJ_PHYSICAL_DRIVE,
+                      "disk",
+                      "managed disks",
+                      "all managed disks, a line each",
+                      "the properties of one disk",
+                      "DISK",
+                      "the disk",
+                      "disks",
+                      DiskTable};
+constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE,
+                       "array",
+                       "arrays",
+                       "all arrays, a line each",
+                       "the properties of one array",
+                       "ARRAY",
+                       "the array",
+                       "arrays",
+                       ArrayTable};
 
 int ShowTopology(CContext& context) {
   const CTopology topology(context.Session());
@@ -41,7 +62,8 @@ int ShowTopology(CContext& context) {
     for (const PI::CObject& object : topology.Objects())
       all += Texts::Of(object.m_Kind) + " " + NameOf(object) + "\n" +
              ObjectText(context, topology, object, "  ") + "\n";
-    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) all += DiskTable(context, topology);
+    if (topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).empty())
+      all += DiskTable(context, CInventory(topology, context.Machine()), {});
     return all;
   };
   context.Show("topology", data, text);
@@ -51,23 +73,46 @@ int ShowTopology(CContext& context) {
 int ShowStatus(CContext& context, bool watch) {
   if (watch && context.Options().m_Json) context.BeginStream();
   if (watch) context.Session().Start();
+  const bool isScreen = watch && context.Terminal().IsTerminal();
   while (true) {
     const CTopology topology(context.Session());
-    const bool terminal = watch && context.Terminal().IsTerminal() && !context.Options().m_Json;
+    const CInventory inventory(topology, context.Machine());
     context.Show(
-        "status", [&] { return StatusJson(CInventory(topology, context.Machine())); },
-        [&] { return (terminal ? "\033[H\033[J" : "") + StatusText(context, topology); });
+        "status", [&] { return StatusJson(inventory); },
+        [&] {
+          if (!isScreen) return StatusText(context, inventory, EOrder::BY_NAME);
+          return Screen(StatusText(context, inventory, EOrder::PROBLEMS_FIRST), context.Terminal().Size());
+        });
     if (!watch) return EXIT_DONE;
     context.Session().FetchEvents();
-    context.Session().Pause(std::chrono::seconds(2));
+    context.Session().Pause(WATCH_INTERVAL);
   }
 }
 
-int ListObjects(CContext& context, const SKind& kind) {
+struct SList {
+  SFilter m_Filter;
+  SListStyle m_Style;
+};
+
+int ListObjects(CContext& context, const SKind& kind, const SList& list) {
   const CTopology topology(context.Session());
-  context.Show(
-      kind.m_Schema, [&] { return ListJson(CInventory(topology, context.Machine()), kind.m_Kind); },
-      [&] { return kind.m_Table(context, topology); });
+  const CInventory inventory(topology, context.Machine());
+  const Objects objects = Listed(inventory, kind.m_Kind, list.m_Filter);
+  const auto isListed = [&](const Json& object) {
+    return std::ranges::any_of(objects, [&](const auto* one) { return NameOf(*one) == object["name"]; });
+  };
+  const auto data = [&] {
+    Json chosen = Json::array();
+    for (const Json& object : ListJson(inventory, kind.m_Kind))
+      if (isListed(object)) chosen.push_back(object);
+    return chosen;
+  };
+  const SListStyle& style = list.m_Style;
+  const bool isPlain = style.m_Columns.empty() && !style.m_Bytes && !style.m_NoHeadings;
+  context.Show(kind.m_Schema, data, [&] {
+    return isPlain ? kind.m_Table(context, inventory, objects)
+                   : ListText(context, inventory, kind.m_Kind, objects, style);
+  });
   return EXIT_DONE;
 }
 
@@ -79,6 +124,14 @@ int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND k
       "object", [&] { return ObjectJson(CInventory(topology, context.Machine()), object); },
       [&] { return ObjectText(context, topology, object, ""); });
   return EXIT_DONE;
+}
+
+/// The operation's text; the catalogue's question where another one has the same text.
+std::string TitleOf(const PI::CObject& object, const PI::COperation& operation) {
+  const auto count = std::ranges::count(object.m_Operations, operation.m_Code, &PI::COperation::m_Code);
+  const auto question = Texts::Find(operation.m_ConfirmationCode);
+  if (count < 2 || !question) return Texts::Of(operation.m_Code);
+  return question->substr(0, question->find('?'));
 }
 
 int ShowOperations(CContext& context, const std::string& address) {
@@ -99,7 +152,7 @@ int ShowOperations(CContext& context, const std::string& address) {
                     {"why", allowed ? Json(nullptr) : Json(why)},
                     {"confirmation",
                      asks ? Json(Texts::Find(operation.m_ConfirmationCode).value_or("")) : Json(nullptr)}});
-    rows.push_back({Texts::Of(operation.m_Code), allowed ? "yes" : "no", why});
+    rows.push_back({TitleOf(object, operation), allowed ? "yes" : "no", why});
   }
   context.Show("operations", data,
                Table({"OPERATION", "ALLOWED", "WHY NOT"}, rows, context.Terminal().Width()));
@@ -182,11 +235,22 @@ int ShowLevels(CContext& context) {
 /// "list" and "show".
 void AddKind(CGroup& all, const SKind& kind) {
   CGroup group = all.Add(kind.m_Name, kind.m_Help);
-  group.Leaf("list", "a line each", [&kind](CContext& context) { return ListObjects(context, kind); });
-  const auto [show, address] = group.Leaf<std::string>("show", "the properties of one",
-                                                       [&kind](CContext& context, const std::string& wanted) {
-                                                         return ShowObject(context, wanted, kind.m_Kind);
-                                                       });
+  const auto [listing, list] = group.Leaf<SList>(
+      "list", kind.m_ListHelp,
+      [&kind](CContext& context, const SList& wanted) { return ListObjects(context, kind, wanted); });
+  listing->add_option("--columns", list.m_Style.m_Columns, "these columns alone, a word a cell")
+      ->type_name("A,B,C");
+  listing->add_flag("--bytes", list.m_Style.m_Bytes, "sizes as numbers of bytes");
+  listing->add_flag("--no-headings", list.m_Style.m_NoHeadings, "without the first line");
+  if (kind.m_Kind == PI::OBJ_PHYSICAL_DRIVE) {
+    listing->add_flag("--ready", list.m_Filter.m_Ready, "free disks alone");
+    listing->add_flag("--failed", list.m_Filter.m_Failed, "failed and missing disks alone");
+    listing->add_option("--array", list.m_Filter.m_Array, "the disks of one array alone")->type_name("ARRAY");
+  }
+  const auto [show, address] =
+      group.Leaf<std::string>("show", kind.m_ShowHelp, [&kind](CContext& context, const std::string& wanted) {
+        return ShowObject(context, wanted, kind.m_Kind);
+      });
   show->add_option(kind.m_Argument, address, kind.m_ArgumentHelp)->required();
 }
 
@@ -197,8 +261,8 @@ void AddProperties(CGroup& all) {
   get->add_option("ID", wanted.m_ID, "the property's number");
   const auto [set, seconds] =
       group.Add("set", "changes a property")
-          .Add("plugin", "of the plug-in")
-          .Leaf<int>("poll-interval", "seconds between two looks at the system, 2 to 255", SetPollInterval);
+          .Add("plugin", "a property of the plug-in")
+          .Leaf<int>("poll-interval", "2 to 255 s between two looks at the system", SetPollInterval);
   set->add_option("N", seconds, "seconds")->required();
 }
 
@@ -208,15 +272,15 @@ void AddShowing(CGroup& all) {
   all.Leaf("topology", "every object with its properties", ShowTopology);
   const auto [status, watch] = all.Leaf<bool>("status", "adapter, arrays and disks at a glance", ShowStatus);
   status->add_flag("--watch", watch, "again every two seconds until interrupted");
-  all.Add("plugin", "the plug-in itself").Leaf("show", "its properties", [](CContext& context) {
-    return ShowObject(context, "plugin", PI::OBJ_PLUGIN);
-  });
-  all.Add("adapter", "the virtual adapter").Leaf("show", "its properties", [](CContext& context) {
-    return ShowObject(context, "adapter", PI::OBJ_ADAPTER);
-  });
+  all.Add("plugin", "the plug-in itself")
+      .Leaf("show", "the properties of the plug-in",
+            [](CContext& context) { return ShowObject(context, "plugin", PI::OBJ_PLUGIN); });
+  all.Add("adapter", "the virtual adapter")
+      .Leaf("show", "the properties of the adapter",
+            [](CContext& context) { return ShowObject(context, "adapter", PI::OBJ_ADAPTER); });
   AddKind(all, DISKS);
-  const auto [operations, object] = all.Leaf<std::string>(
-      "operations", "what an object offers, and whether it is allowed now", ShowOperations);
+  const auto [operations, object] =
+      all.Leaf<std::string>("operations", "what an object offers, what is allowed now", ShowOperations);
   operations->add_option("OBJECT", object, "the object")->required();
   AddProperties(all);
   all.Leaf("levels", "RAID levels that can be made", ShowLevels);

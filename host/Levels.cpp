@@ -1,6 +1,7 @@
 #include "host/Levels.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "host/Error.h"
 #include "host/Keys.h"
@@ -10,13 +11,16 @@ namespace rvxctl {
 namespace {
 
 unsigned int ChoiceOf(const char* option, const std::vector<unsigned int>& offered, const std::string& word) {
-  std::string known;
+  std::string known, hint;
   for (const unsigned int choice : offered) {
     if (WordOf(choice) == word) return choice;
     known += (known.empty() ? "" : ", ") + WordOf(choice);
+    if (const std::string number = WordOf(choice);  // "64k", "64KiB"
+        word.starts_with(number) && std::isalpha(static_cast<unsigned char>(word[number.size()])) != 0)
+      hint = "; write " + std::string(option) + " " + number + ", the number of KiB alone";
   }
   throw CError(EXIT_USAGE, std::string(option) + ": " + word + " is none of " +
-                               (known.empty() ? "nothing" : known) +
+                               (known.empty() ? "nothing" : known) + hint +
                                "; 'rvxctl levels' tells what can be made");
 }
 

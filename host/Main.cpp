@@ -6,8 +6,12 @@
 #include <algorithm>
 #include <csignal>
 #include <iostream>
+#include <sstream>
 
 #include "host/CommandLine.h"
+#include "host/Help.h"
+#include "host/Printable.h"
+#include "host/Signals.h"
 
 namespace rvxctl {
 
@@ -15,37 +19,13 @@ namespace {
 
 constexpr char VERSION[] = "rvxctl " RVX_VERSION;
 
-constexpr char FOOTER[] =
-    R"(Objects are named by kernel name (sda, md_d0), path, device key or identifier; "plugin" and "adapter" too.
-
-Examples:
-  rvxctl --simulate topology            a machine that exists only in memory
-  rvxctl status                         adapter, arrays and disks of this machine
-  rvxctl array create --level raid1 sdb sdc --wait
-  rvxctl spare add sdd md_d0
-  rvxctl events --follow --json-lines
-
-Exit status: 0 done; 1 the plug-in answered with an error; 2 usage; 3 no such object; 4 not confirmed; 5 busy;
-6 not supported or not allowed; 8 not enough rights; 9 the plug-in cannot be loaded; 128+n ended by signal n.
-)";
-
-/// Shows the option that may have a value as a person writes it.
-class CFormatter : public CLI::Formatter {
- public:
-  std::string make_option_name(const CLI::Option* option, bool positional) const override {
-    const std::string name = Formatter::make_option_name(option, positional);
-    return name == "--simulate{-}" ? "--simulate[=FILE]" : name;
-  }
-};
-
 void AddOptions(CLI::App& app, SOptions& options) {
   app.add_flag("--json", options.m_Json, "one JSON document on standard output");
-  app.add_flag("--simulate{-}", options.m_Machine,
-               "use a simulated machine: the demonstration, or FILE's description")
+  app.add_flag("--simulate{-}", options.m_Machine, "a simulated machine: the demonstration or FILE")
       ->each([&](const std::string&) { options.m_Simulate = true; });
-  app.add_flag("--save", options.m_Save, "keep the simulated machine's state in its file");
+  app.add_flag("--save", options.m_Save, "keep the simulated machine in its file");
   app.add_option("--plugin", options.m_Plugin, "the plug-in's library")->type_name("PATH");
-  app.add_option("--trace", options.m_Trace, "trace classes to standard error, a sum of 2, 4, 8 and 16")
+  app.add_option("--trace", options.m_Trace, "trace to standard error: 2 + 4 + 8 + 16")
       ->type_name("MASK")
       ->check(CLI::Range(0, 30));
   app.add_flag("--no-color", options.m_Plain, "no colours (also: NO_COLOR)");
@@ -55,7 +35,9 @@ void AddOptions(CLI::App& app, SOptions& options) {
 template <class TStep>
 int Guarded(CContext& context, TStep step) {
   const auto report = [&](const CError& error) {
-    std::cerr << "rvxctl: " << error.what() << "\n";
+    // Who closes a pipe has read enough.
+    if (error.m_ExitStatus == EXIT_SIGNAL + SIGPIPE) return error.m_ExitStatus;
+    std::cerr << "rvxctl: " << Printable(error.what(), true) << "\n";
     try {
       if (context.IsStream() || (context.Options().m_Json && !context.Terminal().HasPrinted()))
         context.Show("error", nullptr, "", Json::array({ErrorJson(error)}));
@@ -72,29 +54,15 @@ int Guarded(CContext& context, TStep step) {
   }
 }
 
-/// What is wrong with the command line and what to do about it.
-std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error) {
-  std::string path = "rvxctl";
-  const CLI::App* deepest = &app;
-  for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = deepest->get_subcommands()) {
-    deepest = chosen.front();
-    path += " " + deepest->get_name();
-  }
-  const auto rest = app.remaining(true);
-  const bool wantsCommand = !deepest->get_subcommands(nullptr).empty();
-  std::string what = error.what();
-  if (wantsCommand && !rest.empty() && !rest.front().starts_with("-"))
-    what = "unknown command \"" + rest.front() + "\"";
-  else if (wantsCommand && rest.empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
-    what = "a command is missing after \"" + path + "\"";
-  return what + "; '" + path + " --help' tells what there is";
+int ShowHelp(CContext& context, const CLI::App& app, const std::vector<std::string>& command) {
+  context.Terminal().Print(HelpOf(app, command));
+  return EXIT_DONE;
 }
 
 void Describe(CLI::App& app, SOptions& options, Command& command) {
-  app.footer(FOOTER);
   app.set_version_flag("--version", VERSION);
   app.require_subcommand(1);
-  app.formatter(std::make_shared<CFormatter>());
+  app.formatter(HelpFormatter());
   app.fallthrough();
   AddOptions(app, options);
   CGroup all(app, command);
@@ -103,6 +71,12 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddFollowing(all);
   AddChanging(all);
   AddPlayground(all);
+  const auto [help, wanted] =
+      all.Leaf<std::vector<std::string>>("help", "what there is, or what a command takes",
+                                         [&app](CContext& context, const std::vector<std::string>& words) {
+                                           return ShowHelp(context, app, words);
+                                         });
+  help->add_option("COMMAND", wanted, "the command");
 }
 
 int Run(const SOptions& options, const Command& command) {
@@ -114,6 +88,7 @@ int Run(const SOptions& options, const Command& command) {
   CTerminal terminal(options.m_Trace != 0);
   CContext context(options, terminal);
   const int status = Guarded(context, [&] {
+    terminal.RequireOpen();
     if (options.m_Save && options.m_Machine.empty())
       throw CError(EXIT_USAGE, "--save needs a file: --simulate=FILE");
     return command(context);
@@ -125,24 +100,49 @@ int Run(const SOptions& options, const Command& command) {
   return status == EXIT_DONE ? closed : status;
 }
 
-int Main(int count, char** words) {
-  SOptions options;
-  Command command;
-  CLI::App app("md software RAID through the framework's plug-in", "rvxctl");
-  Describe(app, options, command);
+/// What the words of the command line ask for: a command, help, or to be told what is wrong with them.
+Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vector<std::string>& words) {
   try {
-    app.parse(count, words);
+    app.parse(std::vector<std::string>(words.rbegin(), words.rend()));  // as CLI11 wants them
+    if (options.m_Machine == "-") options.m_Machine.clear();
+    return chosen;
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-    options.m_Json = std::find(words, words + count, std::string("--json")) != words + count;
-    command = [message = UsageMessage(app, error)](CContext&) -> int { throw CError(EXIT_USAGE, message); };
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+      std::ostringstream text;
+      app.exit(error, text, text);
+      options = {};
+      return [text = text.str()](CContext& context) {
+        context.Terminal().Print(text);
+        return EXIT_DONE;
+      };
+    }
+    options = {};
+    options.m_Json = std::ranges::find(words, "--json") != words.end();
+    return
+        [message = UsageMessage(app, error, words)](CContext&) -> int { throw CError(EXIT_USAGE, message); };
   }
-  if (options.m_Machine == "-") options.m_Machine.clear();
+}
+
+int Main(const std::vector<std::string>& words) {
+  SOptions options;
+  Command chosen;
+  CLI::App app("md software RAID through the framework's plug-in", "rvxctl");
+  Describe(app, options, chosen);
+  const Command command = Parsed(app, options, chosen, words);
   return Run(options, command);
+}
+
+/// Who started the program, a shell or a service manager, tells an end that was wanted by the signal that
+/// ended it: everything is cleaned up, so that signal may do it now.
+int EndedAsWanted(int status) {
+  const int signal = status - EXIT_SIGNAL;
+  if (signal <= 0) return status;
+  EndBy(signal);
+  return status;
 }
 
 }  // namespace
 
 }  // namespace rvxctl
 
-int main(int count, char** words) { return rvxctl::Main(count, words); }
+int main(int count, char** words) { return rvxctl::EndedAsWanted(rvxctl::Main({words + 1, words + count})); }

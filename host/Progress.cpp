@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/format.hpp>
 
+#include "host/Printable.h"
 #include "host/Values.h"
 
 namespace rvxctl {
@@ -13,7 +14,8 @@ constexpr std::chrono::milliseconds LOOK_INTERVAL{500};
 constexpr int LINE_STEP = 5;  ///< percent
 /// How many looks the event of a run's end may stay out: a fetch that meets the worker's pass brings nothing.
 constexpr int LOOKS_FOR_END = 20;
-constexpr int BAR_WIDTH = 40;
+constexpr std::size_t BAR_WIDTH = 40;
+constexpr std::size_t LEAST_BAR = 8;
 constexpr std::chrono::milliseconds PASS_INTERVAL{250};
 constexpr std::chrono::seconds PASS_LIMIT{30};
 
@@ -51,14 +53,13 @@ class CProgressPrinter {
       m_Begin = Clock::now();
     }
     if (m_Bar) {
-      const int filled = BAR_WIDTH * run.m_Percent / 100;
-      m_Context.Terminal().Print("\r\033[K" + m_Array + " " + run.m_Name + " [" +
-                                 std::string(static_cast<std::size_t>(filled), '#') +
-                                 std::string(static_cast<std::size_t>(BAR_WIDTH - filled), '.') + "] " +
-                                 Figures(run));
+      m_Context.Terminal().Print("\r\033[K" + BarLine(Printable(m_Array + " " + run.m_Name), run.m_Percent,
+                                                      Rate(run), Remaining(run),
+                                                      m_Context.Terminal().Width()));
     } else if (run.m_Percent / LINE_STEP != m_LastStep) {
       m_LastStep = run.m_Percent / LINE_STEP;
-      Line(run.m_Name + " " + Figures(run), run.m_Percent, run.m_Remaining);
+      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%" + Rate(run) + Remaining(run), run.m_Percent,
+           run.m_Remaining);
     }
   }
   void End(const std::string& text, int percent) {
@@ -69,13 +70,13 @@ class CProgressPrinter {
 
  private:
   bool Json() const { return m_Context.Options().m_Json; }
-  std::string Figures(const SRun& run) const {
+  std::string Rate(const SRun& run) const {
     const double minutes = std::chrono::duration<double>(Clock::now() - m_Begin).count() / 60;
     const int gained = run.m_Percent - m_FirstPercent;
-    std::string text = std::to_string(run.m_Percent) + "%";
-    if (gained > 0 && minutes > 0) text += (boost::format(", %.1f %%/min") % (gained / minutes)).str();
-    if (!run.m_Remaining.empty()) text += ", " + run.m_Remaining;
-    return text;
+    return gained > 0 && minutes > 0 ? (boost::format(", %.1f %%/min") % (gained / minutes)).str() : "";
+  }
+  static std::string Remaining(const SRun& run) {
+    return run.m_Remaining.empty() ? "" : ", " + run.m_Remaining;
   }
   void Line(const std::string& text, int percent, const std::string& remaining) {
     if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
@@ -114,6 +115,19 @@ bool AwaitPass(CSession& session, unsigned long before) {
     if (CTopology(session).Plugin().m_UpdateCounter != before) return true;
   }
   return false;
+}
+
+std::string BarLine(const std::string& what, int percent, const std::string& rate,
+                    const std::string& remaining, std::size_t columns) {
+  const std::string share = std::to_string(percent) + "%";
+  for (const std::string& figures : {share + rate + remaining, share + remaining, share}) {
+    const std::size_t taken = WidthOf(what + " [] " + figures) + 1;  // the cursor stands behind it
+    if (columns != 0 && taken + LEAST_BAR > columns) continue;
+    const std::size_t bar = columns == 0 ? BAR_WIDTH : std::min(BAR_WIDTH, columns - taken);
+    const std::size_t filled = bar * static_cast<std::size_t>(std::clamp(percent, 0, 100)) / 100;
+    return what + " [" + std::string(filled, '#') + std::string(bar - filled, '.') + "] " + figures;
+  }
+  return Cut(share + " " + what, columns - 1);
 }
 
 int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {

@@ -2,6 +2,8 @@
 /// @file
 /// Following what runs.
 
+#include <string>
+
 #include "host/Context.h"
 
 namespace rvxctl {
@@ -9,6 +11,11 @@ namespace rvxctl {
 /// Waits until a pass of the plug-in's worker has moved the plug-in's counter on from `before`; false when
 /// none did within 30 s.
 bool AwaitPass(CSession& session, unsigned long before);
+
+/// A run's line on a terminal of `columns` columns, 0 for no limit: one that is longer would be left behind,
+/// a copy at each look. The bar shrinks first; then the rate goes, the time that remains, the bar itself.
+std::string BarLine(const std::string& what, int percent, const std::string& rate,
+                    const std::string& remaining, std::size_t columns);
 
 /// Whether a run is shown as it goes on.
 enum class EProgress { SHOWN, HIDDEN };

@@ -72,17 +72,19 @@ void RequireMd(const CInventory& inventory, const SNewArray& wanted) {
     Forbidden("/dev cannot be written to: the array's device node could not be made there");
 }
 
-/// md asks how RAID 0 of unequal members is laid out, and stops half-way when nobody has said.
+/// md asks how RAID 0 is laid out where two members or more go on behind the end of the smallest, and stops
+/// half-way when nobody has said.
 void RequireLayout(const CInventory& inventory, const SNewArray& wanted) {
   if (wanted.m_Word != "raid0") return;
-  const auto chunks = [&](const PI::CObject* disk) { return KiBOf(inventory, *disk) / wanted.ChunkKiB(); };
-  const auto& disks = wanted.m_Disks;
-  if (std::ranges::all_of(disks, [&](const PI::CObject* disk) { return chunks(disk) == chunks(disks[0]); }))
-    return;
+  std::vector<std::uint64_t> chunks;
+  for (const PI::CObject* const disk : wanted.m_Disks)
+    chunks.push_back(Md::UsableSize(KiBOf(inventory, *disk)) / wanted.ChunkKiB());
+  const std::uint64_t least = *std::ranges::min_element(chunks);
+  if (std::ranges::count_if(chunks, [least](std::uint64_t count) { return count > least; }) < 2) return;
   const CMachine& machine = inventory.Machine();
   const auto layout = machine.Line("/sys/module/raid0/parameters/default_layout");
   if (layout == "0" || (!layout && machine.MdStat().value_or("").find("[raid0]") == std::string::npos))
-    Forbidden("the disks are not of one size, and md was not told how to lay out such a raid0: " +
+    Forbidden("the disks have several sizes, and md was not told how to lay out such a raid0: " +
               std::string(layout ? "echo 2 >/sys/module/raid0/parameters/default_layout"
                                  : "modprobe raid0 default_layout=2"));
 }

@@ -153,12 +153,13 @@ void CSession::Start() {
 }
 
 bool CSession::Pause(std::chrono::milliseconds time, int file) const {
-  const sigset_t signals = EndSignals();
+  sigset_t signals = EndSignals();
+  sigaddset(&signals, SIGWINCH);
   const KVT::Internal::CFileDescriptor asked(::signalfd(-1, &signals, SFD_CLOEXEC));
   std::array<pollfd, 2> sources{{{asked.Get(), POLLIN, 0}, {file, POLLPRI, 0}}};
   ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
   const timespec now{};
-  if (const int signal = ::sigtimedwait(&signals, nullptr, &now); signal > 0)
+  if (const int signal = ::sigtimedwait(&signals, nullptr, &now); signal > 0 && signal != SIGWINCH)
     throw CError(EXIT_SIGNAL + signal, std::string("ended by ") + ::strsignal(signal));
   return (sources[1].revents & POLLPRI) != 0;
 }

@@ -22,7 +22,8 @@ sigset_t EndSignals() {
 }
 
 void HoldEndSignals() {
-  const sigset_t signals = EndSignals();
+  sigset_t signals = EndSignals();
+  sigaddset(&signals, SIGWINCH);  // it ends nothing, but a pause, so that a screen follows its terminal
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 

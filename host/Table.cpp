@@ -2,11 +2,12 @@
 
 #include <libsmartcols.h>
 
-#include <clocale>
 #include <cstdlib>
 #include <memory>
 #include <new>
 #include <sstream>
+
+#include "host/Printable.h"
 
 namespace rvxctl {
 
@@ -15,29 +16,13 @@ namespace {
 /// Columns below which a text is easier to read when the terminal breaks it.
 constexpr std::size_t LEAST_ROOM = 20;
 
-/// The catalogue is UTF-8 whatever the person's language; the process itself stays in the classic locale.
-class CUtf8 {
- public:
-  CUtf8() : m_Before(::uselocale(Locale())) {}
-  ~CUtf8() { ::uselocale(m_Before); }
-  CUtf8(const CUtf8&) = delete;
-  CUtf8& operator=(const CUtf8&) = delete;
-
- private:
-  static locale_t Locale() {
-    static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    return locale;
-  }
-  locale_t m_Before;
-};
-
 using CTable = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
 
 void Require(int error) {
   if (error != 0) throw std::bad_alloc();
 }
 
-CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::size_t width) {
+CTable Filled(const std::vector<SHeading>& heading, const Rows& rows, std::size_t width) {
   CTable table(scols_new_table(), &scols_unref_table);
   if (!table) throw std::bad_alloc();
   scols_table_set_column_separator(table.get(), "  ");
@@ -46,15 +31,16 @@ CTable Filled(const std::vector<std::string>& heading, const Rows& rows, std::si
   scols_table_set_termforce(table.get(), width == 0 ? SCOLS_TERMFORCE_NEVER : SCOLS_TERMFORCE_ALWAYS);
   scols_table_set_termwidth(table.get(), width);
   const std::size_t columns = rows.empty() ? 0 : rows.front().size();
-  for (std::size_t column = 0; column < columns; ++column)
-    if (scols_table_new_column(table.get(), heading.empty() ? "" : heading[column].c_str(), 0,
-                               column + 1 == columns ? SCOLS_FL_WRAP : 0) == nullptr)
-      throw std::bad_alloc();
+  for (std::size_t column = 0; column < columns; ++column) {
+    const SHeading title = heading.empty() ? SHeading("") : heading[column];
+    const int flags = (column + 1 == columns ? SCOLS_FL_WRAP : 0) | (title.m_Shrinks ? SCOLS_FL_TRUNC : 0);
+    if (scols_table_new_column(table.get(), title.m_Text, 0, flags) == nullptr) throw std::bad_alloc();
+  }
   for (const auto& row : rows) {
     libscols_line* const line = scols_table_new_line(table.get(), nullptr);
     if (line == nullptr) throw std::bad_alloc();
     for (std::size_t column = 0; column < row.size(); ++column) {
-      Require(scols_line_set_data(line, column, row[column].m_Text.c_str()));
+      Require(scols_line_set_data(line, column, Printable(row[column].m_Text).c_str()));
       if (*row[column].m_Color != '\0')
         Require(scols_cell_set_color(scols_line_get_cell(line, column), row[column].m_Color));
     }
@@ -74,15 +60,16 @@ std::string Printed(const CTable& table) {
   return text;
 }
 
-/// The words in lines of at most `room` bytes each, but for a word that is longer.
+/// The words in lines of at most `room` columns each, but for a word that is longer.
 std::string Wrapped(const std::string& text, std::size_t room) {
   std::istringstream words(text);
   std::string wrapped;
   std::size_t taken = 0;
-  for (std::string word; words >> word; taken += word.size()) {
-    const bool fits = taken == 0 || taken + 1 + word.size() <= room;
+  for (std::string word; words >> word;) {
+    const std::size_t width = WidthOf(word);
+    const bool fits = taken == 0 || taken + 1 + width <= room;
     if (!wrapped.empty()) wrapped += fits ? ' ' : '\n';
-    taken = fits && taken != 0 ? taken + 1 : 0;
+    taken = (fits && taken != 0 ? taken + 1 : 0) + width;
     wrapped += word;
   }
   return wrapped;
@@ -95,14 +82,13 @@ void WrapWords(const CTable& table, const Rows& rows, libscols_column* column) {
   scols_column_set_safechars(column, "\n");
   scols_column_set_wrapfunc(column, scols_wrapnl_chunksize, scols_wrapnl_nextchunk, nullptr);
   for (std::size_t row = 0; row < rows.size(); ++row)
-    if (rows[row][last].m_Text.size() > room)
-      Require(scols_line_set_data(scols_table_get_line(table.get(), row), last,
-                                  Wrapped(rows[row][last].m_Text, room).c_str()));
+    if (const std::string text = Printable(rows[row][last].m_Text); WidthOf(text) > room)
+      Require(scols_line_set_data(scols_table_get_line(table.get(), row), last, Wrapped(text, room).c_str()));
 }
 
 }  // namespace
 
-std::string Table(const std::vector<std::string>& heading, const Rows& rows, std::size_t width) {
+std::string Table(const std::vector<SHeading>& heading, const Rows& rows, std::size_t width) {
   const CUtf8 utf8;
   const CTable table = Filled(heading, rows, width);
   std::string text = Printed(table);
@@ -115,7 +101,8 @@ std::string Table(const std::vector<std::string>& heading, const Rows& rows, std
 }
 
 std::string Colored(const SCell& cell) {
-  return *cell.m_Color == '\0' ? cell.m_Text : cell.m_Color + cell.m_Text + "\033[0m";
+  const std::string text = Printable(cell.m_Text);
+  return *cell.m_Color == '\0' ? text : cell.m_Color + text + "\033[0m";
 }
 
 }  // namespace rvxctl

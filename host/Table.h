@@ -23,12 +23,17 @@ struct SCell {
 };
 using Rows = std::vector<std::vector<SCell>>;
 
-/// Columns of equal width, below a heading unless that is empty, a line a row. On a terminal of `width`
-/// columns a row that is too long goes on below its last cell; 0 is no limit. What no terminal can show is
-/// shown as a number.
-std::string Table(const std::vector<std::string>& heading, const Rows& rows, std::size_t width);
+struct SHeading {
+  SHeading(const char* text, bool shrinks = false) : m_Text(text), m_Shrinks(shrinks) {}
+  const char* m_Text;
+  bool m_Shrinks;  ///< its cells are cut, before anything else is, where the terminal is too narrow
+};
 
-/// A text in a colour by itself.
+/// Columns of equal width, below a heading unless that is empty, a line a row. On a terminal of `width`
+/// columns a row that is too long goes on below its last cell; 0 is no limit. Cells are made printable.
+std::string Table(const std::vector<SHeading>& heading, const Rows& rows, std::size_t width);
+
+/// A text in a colour by itself, made printable.
 std::string Colored(const SCell& cell);
 
 }  // namespace rvxctl

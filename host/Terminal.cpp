@@ -8,17 +8,21 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <sstream>
+#include <vector>
 
 #include "host/Error.h"
+#include "host/Printable.h"
 
 namespace rvxctl {
 
 CTerminal::CTerminal(bool tracing) {
+  const bool isOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
   int spare = ::open("/dev/null", O_RDWR);
   while (spare >= 0 && spare <= STDERR_FILENO) spare = ::open("/dev/null", O_RDWR);
   if (spare >= 0) ::close(spare);
   m_IsTerminal = ::isatty(STDOUT_FILENO) == 1;
-  const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+  const int own = isOpen ? ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3) : -1;
   m_File = own < 0 ? nullptr : ::fdopen(own, "w");
   const int other = tracing ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (other >= 0) {
@@ -29,6 +33,10 @@ CTerminal::CTerminal(bool tracing) {
 
 CTerminal::~CTerminal() {
   if (m_File != nullptr) std::fclose(m_File);
+}
+
+void CTerminal::RequireOpen() const {
+  if (m_File == nullptr) throw CError(EXIT_PLUGIN_ERROR, "standard output is closed");
 }
 
 void CTerminal::Print(const std::string& text) {
@@ -42,16 +50,34 @@ void CTerminal::Print(const std::string& text) {
                std::string("cannot write to standard output: ") + std::strerror(error));
 }
 
-std::size_t CTerminal::Width() const {
+SScreenSize CTerminal::Size() const {
   winsize size{};  // libsmartcols would ask descriptor 1, which is the plug-in's
-  return m_File != nullptr && ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+  if (m_File == nullptr || ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) != 0) return {0, 0};
+  return {size.ws_col, size.ws_row};
+}
+
+std::string Screen(const std::string& text, SScreenSize size) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  if (size.m_Rows != 0 && lines.size() > size.m_Rows) {
+    const std::size_t left = lines.size() - size.m_Rows + 1;
+    lines.resize(size.m_Rows - 1);
+    lines.push_back("... " + std::to_string(left) + " more lines: 'rvxctl status' shows them");
+  }
+  std::string screen = "\033[H\033[J";
+  for (const std::string& line : lines) {
+    if (&line != &lines.front()) screen += "\r\n";  // none behind the last one: the screen would roll
+    screen += size.m_Columns == 0 ? line : Cut(line, size.m_Columns);
+  }
+  return screen;
 }
 
 void Confirm(const std::string& question) {
   if (::isatty(STDIN_FILENO) != 1)
     throw CError(EXIT_NOT_CONFIRMED,
                  "nothing was changed: this needs a yes, and there is no terminal to ask on; say --yes");
-  std::cerr << question << " [y/N] " << std::flush;
+  std::cerr << Printable(question) << " [y/N] " << std::flush;
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "Y" && answer != "yes")

@@ -7,6 +7,15 @@
 
 namespace rvxctl {
 
+struct SScreenSize {
+  std::size_t m_Columns;
+  std::size_t m_Rows;
+};
+
+/// The text in place of what the screen shows: lines are cut at its edge, and where they are too many the
+/// last one tells how many are not shown. Zeros are no limit.
+std::string Screen(const std::string& text, SScreenSize size);
+
 /// Standard output. The plug-in gets another one: it prints a line of its own when it initialises.
 class CTerminal {
  public:
@@ -16,12 +25,16 @@ class CTerminal {
   ~CTerminal();
   CTerminal(const CTerminal&) = delete;
   CTerminal& operator=(const CTerminal&) = delete;
-  /// Throws CError when the text cannot be written.
+  /// Throws CError when the program was started without a standard output: nothing that it does could be
+  /// told.
+  void RequireOpen() const;
+  /// Throws CError when the text cannot be written; with EXIT_SIGNAL + SIGPIPE when its reader has gone.
   void Print(const std::string& text);
   bool HasPrinted() const { return m_HasPrinted; }
   bool IsTerminal() const { return m_IsTerminal; }
-  /// Columns of the terminal as it is now; 0 when it is none or does not tell.
-  std::size_t Width() const;
+  /// The terminal as it is now; zeros when it is none or does not tell.
+  SScreenSize Size() const;
+  std::size_t Width() const { return Size().m_Columns; }
 
  private:
   std::FILE* m_File{nullptr};

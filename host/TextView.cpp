@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "host/Table.h"
+#include "host/Health.h"
+#include "host/Printable.h"
 #include "host/Texts.h"
 #include "host/Values.h"
 
@@ -32,7 +33,12 @@ constexpr struct SStateColor {
     {PI::ADAPTER_DEGRADED, YELLOW}, {PI::STATUS_REBUILDING, YELLOW}, {PI::ACTIVITY_RESYNCING, YELLOW},
     {PI::STATUS_OK, GREEN},         {PI::ADAPTER_OK, GREEN},         {PI::STATUS_READY, GREEN}};
 
-/// A status or activity, in its colour where colours are wanted.
+const char* SeverityName(unsigned int severity) {
+  return severity >= PI::SEV_ERROR ? "error" : severity == PI::SEV_WARNING ? "warning" : "information";
+}
+
+}  // namespace
+
 SCell StateCell(const CContext& context, const PI::CObject& object, PI::_PROPERTY_ID id) {
   SCell cell = id == PI::PROP_ACTIVITY ? ActivityText(object) : TextOf(object, id);
   const auto state = NumberOf(object, id);
@@ -43,35 +49,14 @@ SCell StateCell(const CContext& context, const PI::CObject& object, PI::_PROPERT
   return cell;
 }
 
-const char* SeverityName(unsigned int severity) {
-  return severity >= PI::SEV_ERROR ? "error" : severity == PI::SEV_WARNING ? "warning" : "information";
+std::string DiskTable(const CContext& context, const CInventory& inventory, const Objects& disks) {
+  if (inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) return WhyNoDisk(context);
+  return ListText(context, inventory, PI::OBJ_PHYSICAL_DRIVE, disks);
 }
 
-}  // namespace
-
-std::string DiskTable(const CContext& context, const CTopology& topology) {
-  Rows rows;
-  for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {
-    const PI::CObject* const array = topology.ArrayOf(*disk);
-    rows.push_back({NameOf(*disk), StateCell(context, *disk, PI::PROP_STATUS),
-                    SizeText(NumberOf(*disk, PI::PROP_CAPACITY)), TextOf(*disk, PI::PROP_VENDOR),
-                    TextOf(*disk, PI::PROP_MODEL), TextOf(*disk, PI::PROP_MEDIUM),
-                    TextOf(*disk, PI::PROP_ATTACHMENT), array == nullptr ? "-" : NameOf(*array)});
-  }
-  return rows.empty() ? WhyNoDisk(context)
-                      : Table({"DISK", "STATUS", "SIZE", "VENDOR", "MODEL", "MEDIUM", "ATTACHED", "ARRAY"},
-                              rows, context.Terminal().Width());
-}
-
-std::string ArrayTable(const CContext& context, const CTopology& topology) {
-  Rows rows;
-  for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
-    rows.push_back({NameOf(*array), StateCell(context, *array, PI::PROP_STATUS),
-                    TextOf(*array, PI::PROP_RAID_LEVEL), SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY)),
-                    StateCell(context, *array, PI::PROP_ACTIVITY), topology.Names(array->m_Children)});
-  return rows.empty() ? "There is no array.\n"
-                      : Table({"ARRAY", "STATUS", "LEVEL", "SIZE", "ACTIVITY", "DISKS"}, rows,
-                              context.Terminal().Width());
+std::string ArrayTable(const CContext& context, const CInventory& inventory, const Objects& arrays) {
+  if (inventory.Topology().OfKind(PI::OBJ_LOGICAL_DRIVE).empty()) return "There is no array.\n";
+  return ListText(context, inventory, PI::OBJ_LOGICAL_DRIVE, arrays);
 }
 
 std::string ObjectText(const CContext& context, const CTopology& topology, const PI::CObject& object,
@@ -91,12 +76,34 @@ std::string ObjectText(const CContext& context, const CTopology& topology, const
   return text + indent + "Disks: " + topology.Names(object.m_Children) + "\n";
 }
 
-std::string StatusText(const CContext& context, const CTopology& topology) {
-  return TextOf(topology.Adapter(), PI::PROP_NAME) + ": " +
-         Colored(StateCell(context, topology.Adapter(), PI::PROP_STATUS)) + ", " +
-         std::to_string(topology.OfKind(PI::OBJ_PHYSICAL_DRIVE).size()) + " disks, " +
-         std::to_string(topology.OfKind(PI::OBJ_LOGICAL_DRIVE).size()) + " arrays\n\n" +
-         ArrayTable(context, topology) + "\n" + DiskTable(context, topology);
+std::string StatusText(const CContext& context, const CInventory& inventory, EOrder order) {
+  const CTopology& topology = inventory.Topology();
+  const Objects arrays = Listed(inventory, PI::OBJ_LOGICAL_DRIVE);
+  const Objects disks = Listed(inventory, PI::OBJ_PHYSICAL_DRIVE);
+  std::string text = Printable(TextOf(topology.Adapter(), PI::PROP_NAME)) + ": " +
+                     Colored(StateCell(context, topology.Adapter(), PI::PROP_STATUS)) + ", " +
+                     std::to_string(disks.size()) + " disks, " + std::to_string(arrays.size()) + " arrays\n";
+  const auto tables = [&](const Objects& someArrays, const Objects& someDisks) {
+    for (const std::string& table :
+         {ArrayTable(context, inventory, someArrays), DiskTable(context, inventory, someDisks)})
+      if (!table.empty()) text += "\n" + table;
+  };
+  const SHealth health = HealthOf(inventory);
+  if (order == EOrder::BY_NAME || health.m_Problems.empty()) {
+    tables(arrays, disks);
+    return text;
+  }
+  const auto isBad = [&](const PI::CObject* object) {
+    return std::ranges::find(health.m_Problems, NameOf(*object), &SProblem::m_Object) !=
+           health.m_Problems.end();
+  };
+  const auto some = [&](Objects objects, bool bad) {
+    std::erase_if(objects, [&](const PI::CObject* object) { return isBad(object) != bad; });
+    return objects;
+  };
+  tables(some(arrays, true), some(disks, true));
+  tables(some(arrays, false), some(disks, false));
+  return text;
 }
 
 std::string EventLine(const Json& event) {
@@ -109,7 +116,7 @@ std::string EventLine(const Json& event) {
                      SeverityName(event["severity"].get<unsigned int>()) + " object " +
                      name("objectName", "object") + " source " + name("sourceName", "source") + " [";
   line += event["placeholders"][0].get<std::string>() + "|" + event["placeholders"][1].get<std::string>();
-  return line + "] " + event["text"].get<std::string>() + "\n";
+  return Printable(line + "] " + event["text"].get<std::string>()) + "\n";
 }
 
 }  // namespace rvxctl

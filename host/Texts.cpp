@@ -1,6 +1,7 @@
 #include "host/Texts.h"
 
 #include <boost/algorithm/string/replace.hpp>
+#include <iostream>
 
 namespace rvxctl::Texts {
 
@@ -17,7 +18,9 @@ const CLanguageSupport::CLngFile& Catalog() {
   static const auto catalog = [] {
     auto file = Module() != nullptr ? Module()->GetLanguageFile()
                                     : CLanguageSupport::CLngFile("piRVX.nls", 'e' | 'n' << 8, "utf-8", {});
-    file.Load();
+    if (!file.Load())
+      std::cerr << "rvxctl: there is no catalogue piRVX.nls where ZQ_CATALOG_DIR or the installation has it: "
+                   "numbers stand for its texts\n";
     return file;
   }();
   return catalog;

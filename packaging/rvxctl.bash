@@ -22,7 +22,7 @@ _rvxctl() {
         [ "$word" != = ] || before='='
     done
     case $path in
-        '') offered='topology status plugin adapter disk array operations prop levels events spare rebuild rescan playground --version' ;;
+        '') offered='topology status plugin adapter disk array operations prop levels events spare rebuild rescan playground help --version' ;;
         ' plugin' | ' adapter') offered=show ;;
         ' disk') offered='list show' ;;
         ' array') offered='list show create delete watch' ;;

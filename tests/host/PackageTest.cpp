@@ -47,6 +47,23 @@ TEST(Package, ManPageAndCompletionKnowEveryCommand) {
   }
 }
 
+TEST(Package, EveryHelpHasAnExampleThatRunsAndFitsTheTerminal) {
+  Words commands;
+  CollectCommands("", commands);
+  for (const std::string& command : commands) {
+    const std::string script = "set -o pipefail; \"$0\" help" + command +
+                               " | awk 'length > 80 {exit 9} /^  rvxctl / {print substr($0, 9)}'";
+    const SResult example = ResultOf({"bash", "-c", script, RVXCTL});
+    EXPECT_EQ(example.m_Status, 0) << command << " has a line that is too long";
+    EXPECT_THAT(example.m_Out, testing::StartsWith(command)) << command;
+    if (command == " playground") continue;  // it writes a file
+    const int status = ResultOf({"bash", "-c", "\"$0\" --simulate" + example.m_Out, RVXCTL}).m_Status;
+    // Those that are asked about end as not confirmed; the demonstration is busy, and its kernel rebuilds by
+    // itself.
+    EXPECT_THAT(status, testing::AnyOf(0, 4, 5, 6)) << command;
+  }
+}
+
 TEST(Package, TheCatalogueHasATextForEveryNumber) {
   const std::string root = RVX_SOURCE_DIR;
   const auto texts = Matches(ReadFile(root + "/catalog/piRVX.nls"), R"((?:^|\n)(\d+) = \S)");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -83,6 +84,11 @@ void CProgram::Type(const std::string& text) const {
   if (::write(m_Output, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
 }
 
+void CProgram::Resize(unsigned short rows, unsigned short columns) const {
+  const winsize size{rows, columns, 0, 0};
+  if (::ioctl(m_Output, TIOCSWINSZ, &size) != 0) throw std::runtime_error("no terminal");
+}
+
 int CProgram::Wait() {
   while (ReadSome()) {
   }
@@ -90,7 +96,7 @@ int CProgram::Wait() {
   ::waitpid(m_Process, &status, 0);
   m_Process = -1;
   s_Documents.Add(m_Out);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 Words RvxctlWords(const Words& words, const Words& surroundings) {

@@ -24,7 +24,8 @@ class CProgram {
   /// Reads until the text was written; false when the program ends before.
   bool ReadUntil(const std::string& text);
   void Type(const std::string& text) const;
-  /// Reads to the end. The exit status, 128 + n when signal n ended it.
+  void Resize(unsigned short rows, unsigned short columns) const;
+  /// Reads to the end. The exit status, -n when signal n ended it.
   int Wait();
 
   pid_t Process() const { return m_Process; }

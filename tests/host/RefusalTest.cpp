@@ -71,6 +71,11 @@ TEST(Refusal, OfCommandLinesObjectsAndStates) {
   const std::string relative = (std::filesystem::current_path() / "libpiRVXsim.so").string();
   const std::tuple<const char*, std::string, int, Told> cases[] = {
       {"plain", "array bogus", 2, {"unknown command \"bogus\"; 'rvxctl array --help'"}},
+      {"plain", "array craete", 2, {"\"craete\" (did you mean create?);"}},
+      {"plain", "", 2, {"a command is missing", "\n  rescan      looks"}},
+      {"plain", "--jsno", 2, {"unknown option --jsno (did you mean --json?); 'rvxctl --help'"}},
+      {"plain", "status --wacth=1", 2, {"unknown option --wacth (did you mean --watch?);"}},
+      {"plain", "status --simulate m.json", 2, {"write --simulate=m.json"}},
       {"plain", "prop set", 2, {"a command is missing after \"rvxctl prop set\""}},
       {"plain", "disk show", 2, {"DISK is required"}},
       {"plain", "array create --level raid9 sda sdb", 2, {"--level: raid9 is none of raid0, raid1, linear;"}},
@@ -78,6 +83,7 @@ TEST(Refusal, OfCommandLinesObjectsAndStates) {
        "array create --level raid0 --stripe 5 sda sdb",
        2,
        {": 5 is none of 4, 8, 16, 32, 64, 128;"}},
+      {"plain", "array create --level raid0 --stripe 64k sda sdb", 2, {"write --stripe 64, the number"}},
       {"plain", "array delete", 2, {"say which array"}},
       {"plain", "array delete md_d0 --all", 2, {"say which array"}},
       {"plain", "prop set plugin poll-interval 1", 2, {"between 2 and 255"}},

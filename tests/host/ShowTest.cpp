@@ -19,8 +19,9 @@ TEST(Show, EveryCommandGivesOneDocumentAndATable) {
       {{"adapter", "show"}, "rvxctl.object", "Multiple Devices"},
       {{"disk", "list"}, "rvxctl.disks", "Ready (SSD)"},
       {{"disk", "show", "sda"}, "rvxctl.object", "64 MiB"},
-      {{"array", "list"}, "rvxctl.arrays", "RAID 0 (striping)"},
+      {{"array", "list"}, "rvxctl.arrays", "1/2      sdc"},
       {{"operations", "md_d2"}, "rvxctl.operations", "Delete the array"},
+      {{"operations", "sda"}, "rvxctl.operations", "Put a missing disk back into its array"},
       {{"prop", "get", "sda"}, "rvxctl.properties", "Capacity"},
       {{"prop", "get", "plugin", "30005"}, "rvxctl.properties", "10 s"},
       {{"levels"}, "rvxctl.levels", "RAID 1 (mirror)"},
@@ -131,12 +132,18 @@ TEST(Show, ANarrowTerminalGetsWholeWordsBelowEachOther) {
 }
 
 TEST(Show, OutputThatCannotBeWrittenIsAnError) {
-  const std::pair<const char*, int> cases[] = {{"topology > /dev/full", 1},
-                                               {"status --watch | head -n 1; exit $PIPESTATUS", 141},
-                                               {"disk list <&- >&-", 0}};
-  for (const auto& [words, status] : cases) {
+  const std::tuple<const char*, int, const char*> cases[] = {
+      {"topology > /dev/full", 1, "No space left"},
+      {"disk show none --json > /dev/full", 3, "no disk"},
+      {"status --watch | head -n 1; exit $PIPESTATUS", 141, nullptr},
+      {"disk list <&- >&-", 1, "standard output is closed"},
+      {"--help > /dev/full", 1, "No space left"}};
+  for (const auto& [words, status, told] : cases) {
     const std::string command = std::string("\"$@\" --simulate ") + words;
-    EXPECT_EQ(ResultOf({"bash", "-c", command, "", RvxctlWords({}).back()}).m_Status, status) << words;
+    const SResult result = ResultOf({"bash", "-c", command, "", RvxctlWords({}).back()});
+    EXPECT_EQ(result.m_Status, status) << words;
+    EXPECT_TRUE(told == nullptr ? result.m_Err.empty() : result.m_Err.find(told) != std::string::npos)
+        << words << result.m_Err;
   }
 }
 

@@ -86,12 +86,14 @@ field() { sed -nE "s/^ *$1 : *//p" <<<"$2"; }
 # arrays: the names that md knows, one a line.
 arrays() { sed -n 's/^\(md[^ ]*\) : .*/\1/p' /proc/mdstat; }
 
-# make LEVEL STRIPE DISK...: rvxctl's new array; prints its name. A stripe size of "-" is none.
+# make LEVEL STRIPE DISK...: rvxctl's new array, in the state that a dry run saw; prints its name. A stripe size of "-"
+# is none.
 make() {
-    local level=$1 stripe=(--stripe "$2")
+    local level=$1 stripe=(--stripe "$2") token
     [ "$2" != - ] || stripe=()
     shift 2
-    rvx --json array create --level "$level" "${stripe[@]}" --yes "$@" 2>/tmp/said | jq -r .data.array
+    token=$(rvx --json array create --level "$level" "${stripe[@]}" --dry-run "$@" | jq -r .data.token) || return 1
+    rvx --json array create --level "$level" "${stripe[@]}" --yes --if-unchanged "$token" "$@" 2>/tmp/said | jq -r .data.array
 }
 
 wait_for_sync() {

@@ -1,0 +1,25 @@
+#pragma once
+/// @file
+/// What rvxctl tells about its own command line.
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace rvxctl {
+
+/// The look of --help: an example for each command, what holds for all of them at the top alone.
+std::shared_ptr<CLI::Formatter> HelpFormatter();
+
+/// What is wrong with the words of the command line, and what to write instead. `words` are those behind the
+/// program's name.
+std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
+                         const std::vector<std::string>& words);
+
+/// What to write where a file follows --simulate as a word of its own; empty where none does.
+std::string SimulateHint(const std::vector<std::string>& words);
+
+/// The help of a command, "array create". Throws CError(EXIT_USAGE) when there is none of that name.
+std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command);
+
+}  // namespace rvxctl
