@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <boost/format.hpp>
 #include <cerrno>
 #include <cstring>
 
@@ -107,9 +108,10 @@ void WriteNew(const std::string& path, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t count = ::write(file.Get(), text.data() + done, text.size() - done);
     if (count < 0) {
-      const CError error = failure();
+      const int error = errno;
       ::unlink(path.c_str());
-      throw error;
+      errno = error;
+      throw failure();
     }
     done += static_cast<std::size_t>(count);
   }
@@ -122,8 +124,9 @@ int WritePlayground(CContext& context, const std::string& name) {
     if (name != playground.m_Name) continue;
     WriteNew(path, playground.m_Machine().dump(2) + "\n");
     context.Show("playground", {{"file", path}, {"machine", name}},
-                 "Wrote " + path + ": " + playground.m_Text + ".\nTry: rvxctl --simulate=" + path +
-                     " --save status\n");
+                 (boost::format("Wrote %1%: %2%.\nTry: rvxctl --simulate=%1% --save status\n") % path %
+                  playground.m_Text)
+                     .str());
   }
   return EXIT_DONE;
 }
