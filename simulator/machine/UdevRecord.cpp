@@ -98,8 +98,7 @@ std::vector<std::string> UdevRecord(const SMachine& machine, const SBlock& block
   std::vector<std::string> lines = {"P: " + devicePath, "N: " + block.m_Name};
   for (const std::string& link : links) lines.push_back("S: " + link);
   lines.push_back("Q: " + properties["DISKSEQ"]);
-  for (const auto& [key, value] : properties)
-    lines.emplace_back("E: ").append(key).append("=").append(value);
+  for (const auto& [key, value] : properties) lines.emplace_back("E: ").append(key).append("=").append(value);
   lines.emplace_back();  // it ends a record
   return lines;
 }

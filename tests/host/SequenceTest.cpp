@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <sstream>
+#include <thread>
 
 #include "Program.h"
 
@@ -125,6 +126,38 @@ TEST(Interruption, EndsInTimeByTheSignal) {
     EXPECT_EQ(program.Wait(), -(signal == 0 ? SIGINT : signal)) << first;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
   }
+}
+
+TEST(Question, WhatChangedMeanwhileIsNotDone) {
+  const CKeptMachine machine("plain", R"(, "script": [{"at": 1500, "remove_disk": "sda"},
+      {"at": 1500, "add_disk": {"name": "sda", "size": 65536, "controller": "sata", "model": "ST64 TEST"}}])");
+  CProgram program(machine.WordsOf({"array", "create", "--level", "raid0", "sda", "sdb"}), true);
+  ASSERT_TRUE(program.ReadUntil("[y/N]"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1600));  // its clock is that on the wall
+  program.Type("y\n");
+  EXPECT_EQ(program.Wait(), 5) << program.Out();
+  EXPECT_THAT(program.Out(), HasSubstr("changed meanwhile, nothing was done"));
+  const auto create = [&](const char* second, const std::string& how, const std::string& token) {
+    return machine.Run(
+        {"array", "create", "--level", "raid0", "sda", second, how, "--if-unchanged=" + token, "--json"});
+  };
+  const std::string token =
+      machine.Run({"array", "create", "--level", "raid0", "sda", "sdb", "--dry-run", "--json"})
+          .Json()["data"]["token"];
+  EXPECT_EQ(create("sdc", "--yes", token).m_Status, 5);
+  EXPECT_EQ(create("sdb", "--dry-run", token).m_Status, 0);
+  EXPECT_EQ(create("sdb", "--yes", token).Json()["data"]["array"], "md_d0");
+}
+
+TEST(Sequence, ADeletionThatEndsHalfWayTellsWhatIsLeft) {
+  const CKeptMachine machine("arrays");
+  const SResult result = machine.Run({"array", "delete", "--all", "--yes", "--plugin-alone", "--json"});
+  EXPECT_EQ(result.m_Status, 1);
+  EXPECT_EQ(result.Json()["data"]["deleted"], json::array({"md_d0", "md_d1"}));
+  EXPECT_EQ(result.Json()["data"]["left"][0]["array"], "md_d2");
+  EXPECT_THAT(result.Json()["data"]["left"][0]["why"].get<std::string>(),
+              HasSubstr("md_d2 is mounted at /srv/data"));
+  EXPECT_THAT(result.m_Err, HasSubstr("Deleted: md_d0, md_d1. Still there: md_d2 ("));
 }
 
 TEST(Question, OnlyAYesChangesSomething) {

@@ -43,6 +43,30 @@ TEST(Show, EveryCommandGivesOneDocumentAndATable) {
   }
 }
 
+TEST(Show, CheckIsALineAndAStatusForMonitoring) {
+  const std::tuple<const char*, const char*, int, const char*> cases[] = {
+      {"plain", "50", 0, "RAID OK - all in order | arrays=0;;;0 "},
+      {"arrays", "95", 2,
+       "RAID CRITICAL - 1 array degraded; md_d1: 1 of 2 members works | arrays=3;;;0 arrays_degraded=1"},
+      {"rules", "95", 2,
+       "RAID CRITICAL - 1 array degraded, 2 disks failed; md_d2: 1 of 2 members works; failed: sdi; "},
+      {"recovering", "95", 1,
+       "RAID WARNING - 1 array rebuilding; md_d0: 1 of 2 members works; Rebuilding 0%"},
+      {"worn", "95", 0, "RAID OK - "},
+      {"worn", "50", 1, "RAID WARNING - 1 disk wearing out; sda: 60% of its life is used"},
+      {"empty", "95", 3, "RAID UNKNOWN - no disk on a supported controller | "},
+      {"nowhere", "95", 3, "nowhere.json: No such file or directory"}};
+  for (const auto& [machine, limit, status, line] : cases) {
+    const SResult result = Rvxctl({Simulate(machine), "check", "--warn-smart", limit});
+    EXPECT_EQ(result.m_Status, status) << machine;
+    EXPECT_THAT(result.m_Out, HasSubstr(line));
+    EXPECT_EQ(std::ranges::count(result.m_Out, '\n'), 1) << machine;
+  }
+  const SResult only = Rvxctl({Simulate("rules"), "status", "--only-problems"});
+  EXPECT_THAT(only.m_Out, AllOf(HasSubstr("'rvxctl spare release sdi', replace the disk"),
+                                HasSubstr("\nsdm "), Not(HasSubstr("\nsda "))));
+}
+
 const json& Find(const json& list, const char* key, const json& value) {
   for (const json& one : list)
     if (one[key] == value) return one;
