@@ -52,7 +52,10 @@ struct SLook {
     if (m_Change.m_Complete) m_Change.m_Complete(m_Operation);
     m_Check = context.Session().Check(m_Change.m_Object.m_ID, m_Operation);
     if (m_Check == PI::OK) m_Warning = WarningOf(m_Offered, m_Operation);
-    m_Token = TokenOf(m_Change.m_Disks, m_Change.m_What + "\n" + std::to_string(m_Check) + m_Warning);
+    std::string rest = std::to_string(m_Change.m_Code) + " " + std::to_string(m_Check);
+    for (const std::string& one : {m_Change.m_What, m_Change.m_Loss, m_Change.m_Basis, m_Warning})
+      rest.append("\n").append(one);
+    m_Token = TokenOf(m_Change.m_Disks, rest);
   }
 
   const CTopology m_Topology;
@@ -88,6 +91,8 @@ std::string TextOf(const CContext& context, const SLook& look) {
 
 void ShowDryRun(CContext& context, const SLook& look) {
   const bool allowed = look.m_Check == PI::OK;
+  std::string answer = allowed ? "allowed" : "refused: " + Texts::OfStatus(look.m_Check);
+  if (answer.ends_with('.')) answer.pop_back();
   const Json data = {
       {"plan", look.m_Change.m_What},
       {"disks", PlanJson(look.m_Change.m_Disks)},
@@ -97,10 +102,7 @@ void ShowDryRun(CContext& context, const SLook& look) {
       {"token", look.m_Token}};
   Json errors = Json::array();
   if (!allowed) errors.push_back(ErrorJson(CheckRefused(context, look)));
-  context.Show("plan", data,
-               TextOf(context, look) + "This is " +
-                   (allowed ? std::string("allowed") : "refused: " + Texts::OfStatus(look.m_Check)) +
-                   ". Nothing was changed.\n",
+  context.Show("plan", data, TextOf(context, look) + "This is " + answer + ". Nothing was changed.\n",
                errors);
 }
 
@@ -112,9 +114,9 @@ void ShowDryRun(CContext& context, const SLook& look) {
 
 /// Looks again with a fresh instance of the plug-in: the same must be shown.
 std::unique_ptr<SLook> LookAgain(CContext& context, const Proposal& propose, const SLook& before) {
-  context.Session().Renew();
   std::unique_ptr<SLook> now;
   try {
+    context.Session().Renew();
     now = std::make_unique<SLook>(context, propose);
   } catch (const CError& error) {
     RefuseChanged(error.what());
@@ -132,7 +134,9 @@ CFileDescriptor LockChanges(const CMachine& machine) {
     throw CError(EXIT_PLUGIN_ERROR, std::string("cannot open ") + LOCK_FILE + ": " + std::strerror(errno) +
                                         "; it keeps two changes apart");
   if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
-    throw CError(EXIT_BUSY, "another rvxctl is changing this machine; nothing was done");
+    throw CError(EXIT_BUSY, errno == EWOULDBLOCK
+                                ? std::string("another rvxctl is changing this machine; nothing was done")
+                                : std::string("cannot lock ") + LOCK_FILE + ": " + std::strerror(errno));
   return file;
 }
 
@@ -148,9 +152,10 @@ std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, c
   const bool asks = !look->m_Change.m_Loss.empty();
   if (asks) std::cerr << TextOf(context, *look);
   if (asks && !consent.m_Yes) Confirm(Texts::Find(look->m_Offered.m_ConfirmationCode).value_or("Go on?"));
+  if (!look->m_Change.m_Question.empty() && !consent.m_Yes) Confirm(look->m_Change.m_Question);
   const CFileDescriptor lock = LockChanges(context.Machine());
-  // Without a question nobody had the time to think, and the first look is the last.
-  if (asks && !consent.m_Yes) look = LookAgain(context, propose, *look);
+  // Under the lock, and also where nobody was asked: another one's change may have come first.
+  look = LookAgain(context, propose, *look);
   // Before the plug-in's threads run: what was consented to is carried out on the model that was shown.
   const SChange& change = look->m_Change;
   const unsigned int status =

@@ -31,6 +31,8 @@ struct SChange {
   std::vector<SDiskPlan> m_Disks{};
   std::string m_Loss{};                                  ///< empty: nothing is lost, and nobody is asked
   std::string m_Level{};                                 ///< md's name of the level, for hints
+  std::string m_Basis{};                                 ///< what else must be the same at the second look
+  std::string m_Question{};                              ///< asked behind the first one
   std::function<void(PI::COperation&)> m_Complete = {};  ///< fills in what the caller of an operation gives
 };
 
@@ -43,8 +45,8 @@ struct SExecution {
   std::optional<CError> m_Failure;
 };
 
-/// Rules, check, plan, consent, second look, execution. None after a dry run; throws CError when nothing was
-/// executed.
+/// Rules, check, plan, consent, lock, second look, execution. None after a dry run; throws CError when
+/// nothing was executed.
 std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, const SConsent& consent);
 
 }  // namespace rvxctl

@@ -31,14 +31,14 @@ bool Await(CSession& session, TQuestion question, std::chrono::seconds limit = A
   return false;
 }
 
-/// What comes behind a change that is done: who breaks it off is told so, as text and document.
+/// What comes behind a change that is done: where it fails or is broken off, text and document say that the
+/// change is done.
 template <class TStep>
 void BehindChange(CContext& context, const std::string& done, const Json& data, TStep step) {
   try {
     step();
   } catch (const CError& error) {
-    if (error.m_ExitStatus < EXIT_SIGNAL) throw;
-    const CError told(error.m_ExitStatus, done + "; " + error.what());
+    const CError told(error.m_ExitStatus, done + "; " + error.what(), error.m_Status);
     Json document = data;
     document["done"] = done;
     if (context.Options().m_Json) context.Show("change", document, "", Json::array({ErrorJson(told)}));
@@ -55,7 +55,7 @@ void FollowToEnd(CContext& context, const std::string& array, const std::string&
   BehindChange(context, done + " and goes on: 'rvxctl array watch " + array + "' follows it", data, [&] {
     const unsigned long id = CTopology(session).Find(array, PI::OBJ_LOGICAL_DRIVE).m_ID;
     if (const int status = FollowRun(context, id, progress); status != EXIT_DONE)
-      throw CError(status, done + ", but the run did not complete");
+      throw CError(status, "the run did not complete");
   });
 }
 
@@ -70,6 +70,34 @@ std::string Listed(const std::vector<const PI::CObject*>& objects) {
   std::string names;
   for (const PI::CObject* const object : objects) names += (names.empty() ? "" : ", ") + NameOf(*object);
   return names;
+}
+
+/// What tells an array from another one of its name.
+std::string BasisOf(const CInventory& inventory, const PI::CObject& array) {
+  const SDeviceFacts facts = inventory.FactsOf(array);
+  std::string text = facts.m_Number + " " + facts.m_Sequence + " " + inventory.EntryOf(array).MembersText();
+  for (const std::string& path : facts.m_ByID) text += " " + path;
+  return text + "\n";
+}
+
+/// Those of the disks that have md's superblock still: at the next start they are taken for members again.
+std::vector<std::string> StillMembers(const CInventory& inventory, const std::vector<std::string>& disks) {
+  std::vector<std::string> members;
+  for (const std::string& name : disks) {
+    const auto contents = inventory.Machine().Contents("/dev/" + name).m_All;
+    if (std::ranges::any_of(contents,
+                            [](const std::string& one) { return one.starts_with("linux_raid_member"); }))
+      members.push_back(name);
+  }
+  return members;
+}
+
+CError NotWiped(const std::vector<std::string>& disks) {
+  std::string names;
+  for (const std::string& name : disks) names += (names.empty() ? "" : ", ") + name;
+  return {EXIT_PLUGIN_ERROR, "the superblock could not be wiped from " + names +
+                                 ": at the next start md may take it for a member again; "
+                                 "mdadm --zero-superblock wipes it"};
 }
 
 /// As CarryOut, for a change that is done or not: false after a dry run, and a failure is thrown.
@@ -131,6 +159,8 @@ SChange CreationOf(const CInventory& inventory, const SCreation& wanted) {
           plans,
           LossOf(inventory, array),
           wanted.m_Level,
+          "chunks of " + std::to_string(array.ChunkKiB()) + " KiB",
+          {},
           [request](PI::COperation& operation) mutable { operation.m_pRequest = &request; }};
 }
 
@@ -151,11 +181,12 @@ int CreateArray(CContext& context, const SCreation& wanted) {
   Json data = {{"array", nullptr}, {"disks", disks}};
   std::string size;
   const auto look = [&](const CTopology& now) {
+    const CInventory inventory(now, context.Machine());
     for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
-      if (!before.contains(NameOf(*array))) {
+      if (inventory.EntryOf(*array).HasMembers(disks) && !before.contains(NameOf(*array))) {
         name = NameOf(*array);
         size = SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY));
-        const auto bytes = CInventory(now, context.Machine()).FactsOf(*array).m_Bytes;
+        const auto bytes = inventory.FactsOf(*array).m_Bytes;
         data["array"] = name;
         data["id"] = HexadecimalID(array->m_ID);
         data["size"] = size;
@@ -201,29 +232,50 @@ SDoomed DoomedBy(const CInventory& inventory, const SDeletion& wanted) {
   return {PI::OP_DELETE_LOGICAL_DRIVE, array, "", {&array}};
 }
 
+/// The managed disk that a member is, or is a partition of; null when it is neither.
+const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member) {
+  if (member.m_Disk != nullptr) return member.m_Disk;
+  for (const PI::CObject* const disk : inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE))
+    if (Rules::IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
+  return nullptr;
+}
+
 SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const SDoomed& doomed) {
   std::vector<SDiskPlan> plans;
   std::string loss = "What is stored on it is lost.";
+  std::string basis;
+  std::string overwritten;
   for (const PI::CObject* const array : doomed.m_Arrays) {
     if (!wanted.m_Consent.m_PlugInAlone)
       Rules::RequireDeletable(inventory, *array, wanted.m_PartitionMembers);
     // Its file system and mounts are what is lost.
     plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
     for (const SMember& member : inventory.EntryOf(*array).m_Members) {
-      if (member.m_Disk != nullptr)
-        plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *member.m_Disk));
-      else
-        loss += " The member " + member.m_Name + " is no managed disk and keeps its superblock.";
+      const PI::CObject* const whole = WholeDiskOf(inventory, member);
+      if (whole != nullptr) plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *whole));
+      if (member.m_Disk == nullptr) loss += " The member " + member.m_Name + " keeps its superblock.";
+      if (member.m_Disk == nullptr && whole != nullptr)
+        overwritten += (overwritten.empty() ? "" : ", ") + NameOf(*whole);
     }
+    basis += BasisOf(inventory, *array);
   }
+  if (!overwritten.empty())
+    loss += " 1 KiB near the end of the whole disk is overwritten, whatever lies there: " + overwritten + ".";
   const std::string which = doomed.m_Which;
   const std::string names = Listed(doomed.m_Arrays);
-  return {"delete " + which + (which.empty() || names.empty() ? "" : ": ") + names, doomed.m_Asked,
-          doomed.m_Code, plans, loss};
+  return {"delete " + which + (which.empty() || names.empty() ? "" : ": ") + names,
+          doomed.m_Asked,
+          doomed.m_Code,
+          plans,
+          loss,
+          {},
+          basis,
+          overwritten.empty() ? "" : "Overwrite the end of " + overwritten + "?"};
 }
 
 /// What is gone and what is left, whatever the plug-in answered: its answer for several is that of the last.
-int ShowDeleted(CContext& context, const std::vector<std::string>& wanted, const SExecution& execution) {
+int ShowDeleted(CContext& context, const std::vector<std::string>& wanted,
+                const std::vector<std::string>& disks, const SExecution& execution) {
   std::vector<std::string> left;
   // md's end of an array takes effect at once; a moment more is for whoever looks at it just then.
   const auto look = [&](const CTopology& now) {
@@ -241,12 +293,14 @@ int ShowDeleted(CContext& context, const std::vector<std::string>& wanted, const
       deleted.push_back(name);
       gone += (gone.empty() ? "" : ", ") + name;
     }
-  if (!execution.m_Failure && left.empty())
+  const CTopology now(context.Session());
+  const CInventory inventory(now, context.Machine());
+  const std::vector<std::string> marked =
+      left.empty() ? StillMembers(inventory, disks) : std::vector<std::string>();
+  if (!execution.m_Failure && left.empty() && marked.empty())
     return ShowDone(context, "Deleted " + gone + ".", {{"deleted", deleted}, {"left", Json::array()}});
   Json stayed = Json::array();
   std::string names;
-  const CTopology now(context.Session());
-  const CInventory inventory(now, context.Machine());
   for (const std::string& name : left) {
     std::string why = "md did not stop it";
     try {
@@ -259,10 +313,11 @@ int ShowDeleted(CContext& context, const std::vector<std::string>& wanted, const
   }
   const std::string text = (gone.empty() ? "Nothing was deleted." : "Deleted: " + gone + ".") +
                            (left.empty() ? "" : " Still there: " + names + ".");
-  const CError error = execution.m_Failure.value_or(CError(EXIT_PLUGIN_ERROR, "not all arrays are deleted"));
+  const CError error = execution.m_Failure.value_or(
+      marked.empty() ? CError(EXIT_PLUGIN_ERROR, "not all arrays are deleted") : NotWiped(marked));
   const CError told(error.m_ExitStatus, std::string(error.what()) + "\n" + text, error.m_Status);
   if (!context.Options().m_Json) throw told;
-  context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"done", text}}, "",
+  context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"notWiped", marked}, {"done", text}}, "",
                Json::array({ErrorJson(told)}));
   throw told;
 }
@@ -272,14 +327,20 @@ int DeleteArray(CContext& context, const SDeletion& wanted) {
     throw CError(EXIT_USAGE, "say which array: ARRAY, --last or --all");
   context.Session();
   std::vector<std::string> names;
+  std::vector<std::string> disks;
   const Proposal propose = [&](const CInventory& inventory) {
     const SDoomed doomed = DoomedBy(inventory, wanted);
     names.clear();
-    for (const PI::CObject* const array : doomed.m_Arrays) names.push_back(NameOf(*array));
+    disks.clear();
+    for (const PI::CObject* const array : doomed.m_Arrays) {
+      names.push_back(NameOf(*array));
+      for (const SMember& member : inventory.EntryOf(*array).m_Members)
+        if (member.m_Disk != nullptr) disks.push_back(member.m_Name);
+    }
     return DeletionOf(inventory, wanted, doomed);
   };
   const auto execution = CarryOut(context, propose, wanted.m_Consent);
-  return execution ? ShowDeleted(context, names, *execution) : EXIT_DONE;
+  return execution ? ShowDeleted(context, names, disks, *execution) : EXIT_DONE;
 }
 
 struct SSpare {
@@ -298,7 +359,7 @@ void FollowRebuild(CContext& context, const std::string& array, const std::strin
              NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
     });
   };
-  BehindChange(context, done, data, wait);
+  BehindChange(context, done + ": 'rvxctl array watch " + array + "' follows it", data, wait);
   FollowToEnd(context, array, done, data);
 }
 
@@ -339,6 +400,8 @@ int AddSpare(CContext& context, const SSpare& wanted) {
             {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
             "What is on the disk is lost.",
             {},
+            BasisOf(inventory, array),
+            {},
             [number](PI::COperation& operation) { operation.m_Parameters.at(0).SetValue(number); }};
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
@@ -366,6 +429,14 @@ int ReleaseSpare(CContext& context, const SSpare& wanted) {
             "What is on the disk is lost."};
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
+  // The plug-in's answer says nothing of what md and the disk said.
+  context.Session().Renew();
+  const CTopology now(context.Session());
+  const CInventory inventory(now, context.Machine());
+  for (const SArrayEntry& array : inventory.Arrays())
+    if (std::ranges::find(array.m_Members, name, &SMember::m_Name) != array.m_Members.end())
+      throw CError(EXIT_PLUGIN_ERROR, name + " is still in " + array.m_Name + ": md did not let it go");
+  if (const auto members = StillMembers(inventory, {name}); !members.empty()) throw NotWiped(members);
   return ShowDone(context, name + " is released.", {{"disk", name}});
 }
 

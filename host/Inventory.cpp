@@ -88,6 +88,14 @@ std::string SArrayEntry::ActivityText() const {
   return text;
 }
 
+bool SArrayEntry::HasMembers(std::vector<std::string> names) const {
+  std::vector<std::string> own;
+  for (const SMember& member : m_Members) own.push_back(member.m_Name);
+  std::ranges::sort(own);
+  std::ranges::sort(names);
+  return own == names;
+}
+
 std::vector<std::string> SArrayEntry::Failed() const {
   std::vector<std::string> names;
   for (const SMember& member : m_Members)
@@ -107,6 +115,7 @@ const SArrayEntry& CInventory::EntryOf(const PI::CObject& array) const {
 }
 
 const PI::CObject& CInventory::Find(const std::string& address, PI::_OBJECT_KIND kind) const {
+  if (address.empty()) throw CError(EXIT_USAGE, "an empty name names nothing: is a script's variable unset?");
   if (const PI::CObject* const object = m_Topology.Match(address, kind)) return *object;
   const PI::CObject* found = nullptr;
   for (const PI::CObject* const disk : m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {

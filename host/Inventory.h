@@ -39,6 +39,8 @@ struct SArrayEntry {
   /// What runs and how far it is, or what it waits for: "Resyncing 12%". What only md tells is marked so:
   /// "Waiting for another array (md: resync=DELAYED)".
   std::string ActivityText() const;
+  /// Whether its members are these disks and no others.
+  bool HasMembers(std::vector<std::string> names) const;
   /// The failed members' names.
   std::vector<std::string> Failed() const;
 };

@@ -98,7 +98,10 @@ int Run(const SOptions& options, const Command& command) {
     context.Close();
     return EXIT_DONE;
   });
-  return status == EXIT_DONE ? closed : status;
+  if (status != EXIT_DONE || closed != EXIT_DONE) return status == EXIT_DONE ? closed : status;
+  // One that came while a change could not be broken off: a script must not go on as if nobody had asked.
+  const int signal = TakeEndSignal();
+  return signal == 0 ? EXIT_DONE : EXIT_SIGNAL + signal;
 }
 
 /// What the words of the command line ask for: a command, help, or to be told what is wrong with them.

@@ -14,7 +14,7 @@ void ParseHead(const std::string& text, SMdArray& array) {
   std::istringstream words(text);
   for (std::string word; words >> word;) {
     const std::size_t bracket = word.find('[');
-    if (word == "active") {
+    if (word == "active" || word == "broken") {
       array.m_Active = true;
     } else if (word.starts_with("(")) {
       array.m_ReadOnly = word.substr(1, word.size() - 2);

@@ -151,15 +151,24 @@ int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
       printer->End(*completed ? "completed" : "aborted", *completed ? 100 : std::max(percent, 0));
       return *completed ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    if (const auto run = RunOf(CInventory(topology, context.Machine()).EntryOf(*array))) {
+    const CInventory inventory(topology, context.Machine());
+    const SArrayEntry& entry = inventory.EntryOf(*array);
+    const std::string waiting = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Waiting : "";
+    if (waiting == "PENDING") {
+      printer->End(entry.ActivityText() + ": nothing begins before that", std::max(percent, 0));
+      return EXIT_DONE;
+    }
+    if (!waiting.empty()) {
+      printer->Show({entry.ActivityText(), std::max(percent, 0), 0, ""});
+      looks = 0;
+    } else if (const auto run = RunOf(entry)) {
       percent = run->m_Percent;
       printer->Show(*run);
       looks = 0;
     } else if (percent < 0 || ++looks > LOOKS_FOR_END) {
       printer->End("no rebuild or resync is running; " + TextOf(*array, PI::PROP_STATUS),
                    std::max(percent, 0));
-      return percent < 0 || NumberOf(*array, PI::PROP_STATUS) == PI::STATUS_OK ? EXIT_DONE
-                                                                               : EXIT_PLUGIN_ERROR;
+      return NumberOf(*array, PI::PROP_STATUS) == PI::STATUS_OK ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
     session.Pause(LOOK_INTERVAL);
   }

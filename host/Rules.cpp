@@ -3,13 +3,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Src/md/Array.h"
+#include "Src/md/Members.h"
 #include "Src/md/ProcTexts.h"
 #include "Src/md/Superblock.h"
 #include "host/Levels.h"
 #include "host/Texts.h"
 #include "host/Values.h"
+#include "system/Descriptor.h"
 
 namespace rvxctl::Rules {
 
@@ -68,6 +71,10 @@ void RequireMd(const CInventory& inventory, const SNewArray& wanted) {
   if (const auto devices = OS::ReadText(machine.System(), "/proc/devices");
       devices && Md::ParseMdMajor(*devices) < 0)
     Forbidden("this kernel has no partitionable md devices (no \"mdp\" in /proc/devices): modprobe md-mod");
+  if (machine.Line("/sys/module/md_mod/parameters/create_on_open") == "N")
+    Forbidden(
+        "md makes no array when its device node is opened: echo Y "
+        ">/sys/module/md_mod/parameters/create_on_open");
   if (machine.IsHere() && ::access("/dev", W_OK) != 0)
     Forbidden("/dev cannot be written to: the array's device node could not be made there");
 }
@@ -84,21 +91,26 @@ void RequireLayout(const CInventory& inventory, const SNewArray& wanted) {
   const CMachine& machine = inventory.Machine();
   const auto layout = machine.Line("/sys/module/raid0/parameters/default_layout");
   if (layout == "0" || (!layout && machine.MdStat().value_or("").find("[raid0]") == std::string::npos))
-    Forbidden("the disks have several sizes, and md was not told how to lay out such a raid0: " +
-              std::string(layout ? "echo 2 >/sys/module/raid0/parameters/default_layout"
-                                 : "modprobe raid0 default_layout=2"));
+    Forbidden(
+        "the disks have several sizes, and md was not told how to lay out such a raid0: " +
+        std::string(layout ? "echo 2 >/sys/module/raid0/parameters/default_layout"
+                           : "modprobe raid0 default_layout=2, or modprobe raid0 where modprobe.d says so"));
 }
 
 std::string Sizes(std::uint64_t kibibytes) {
   return kibibytes < 1024 ? std::to_string(kibibytes) + " KiB" : SizeText(static_cast<long>(kibibytes >> 10));
 }
 
-/// The name of a partition of that disk: "sda1" or "nvme0n1p1".
-bool IsPartitionOf(const std::string& name, const std::string& disk) {
-  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
-  std::string rest = name.substr(disk.size());
-  if (rest.size() > 1 && rest.front() == 'p') rest.erase(0, 1);
-  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
+/// What md uses of each member; 0 when it does not tell: its record has 32 bits for it.
+std::uint64_t ComponentKiB(const CMachine& machine, const std::string& array, const mdu_array_info_s& info) {
+  if (const auto size = machine.Line("/sys/block/" + array + "/md/component_size"))
+    return std::strtoull(size->c_str(), nullptr, 10);
+  return info.size > 0 ? static_cast<std::uint64_t>(info.size) : 0;
+}
+
+void RequireWritable(const SArrayEntry& array) {
+  if (array.m_Md && array.m_Md->m_ReadOnly == "read-only")
+    Forbidden(array.m_Name + " is read-only, and md changes nothing of it: mdadm --readwrite");
 }
 
 void RequireOwnNumber(const CInventory& inventory, const PI::CObject& array) {
@@ -111,7 +123,7 @@ void RequireOwnNumber(const CInventory& inventory, const PI::CObject& array) {
 }
 
 /// The request alone, whatever the state.
-void RequireDistinct(const SNewArray& wanted) {
+void RequireDistinct(const CInventory& inventory, const SNewArray& wanted) {
   const std::size_t count = wanted.m_Disks.size();
   const unsigned int least = wanted.m_Level.m_MinimumDrives;
   const unsigned int most = wanted.m_Level.m_MaximumDrives;
@@ -121,13 +133,30 @@ void RequireDistinct(const SNewArray& wanted) {
                          : std::to_string(least) + " to " + std::to_string(most)) +
           " disks, and " + std::to_string(count) + (count == 1 ? " is" : " are") + " named");
   for (std::size_t i = 0; i < count; ++i)
-    for (std::size_t j = 0; j < i; ++j)
+    for (std::size_t j = 0; j < i; ++j) {
+      const std::string wwn = inventory.FactsOf(*wanted.m_Disks[i]).m_WWN;
+      if (wanted.m_Disks[i] != wanted.m_Disks[j] && !wwn.empty() &&
+          wwn == inventory.FactsOf(*wanted.m_Disks[j]).m_WWN)
+        Wrong(NameOf(*wanted.m_Disks[j]) + " and " + NameOf(*wanted.m_Disks[i]) + " have one WWN (" + wwn +
+              "): they are two paths to the same disk");
       if (wanted.m_Disks[i] == wanted.m_Disks[j])
         Wrong(NameOf(*wanted.m_Disks[i]) + " is named twice: as \"" + wanted.m_Addresses[j] + "\" and as \"" +
               wanted.m_Addresses[i] + "\"");
+    }
 }
 
 }  // namespace
+
+bool IsPartitionOf(const std::string& name, const std::string& disk) {
+  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
+  std::string rest = name.substr(disk.size());
+  // A "p" stands between where the disk's own name ends in a digit.
+  if (std::isdigit(static_cast<unsigned char>(disk.back())) != 0) {
+    if (rest.size() < 2 || rest.front() != 'p') return false;
+    rest.erase(0, 1);
+  }
+  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
+}
 
 std::uint64_t SmallestKiB(const CInventory& inventory, const SNewArray& wanted) {
   std::uint64_t smallest = ~std::uint64_t{0};
@@ -151,7 +180,7 @@ std::optional<std::uint64_t> MirrorKiB(const CInventory& inventory, const SNewAr
 }
 
 void RequireCreatable(const CInventory& inventory, const SNewArray& wanted) {
-  RequireDistinct(wanted);
+  RequireDistinct(inventory, wanted);
   for (const PI::CObject* const disk : wanted.m_Disks) {
     RequireFree(inventory, *disk);
     const std::uint64_t least = std::uint64_t{wanted.ChunkKiB()} + 140;
@@ -162,8 +191,9 @@ void RequireCreatable(const CInventory& inventory, const SNewArray& wanted) {
   RequireMd(inventory, wanted);
   RequireLayout(inventory, wanted);
   if (wanted.m_Word == "raid1" && !MirrorKiB(inventory, wanted))
-    Forbidden("md refuses this mirror: its smallest disk has " + Sizes(SmallestKiB(inventory, wanted)) +
-              ", and between 1 and 2 TiB, or 3 and 4, the size that the plug-in writes is wrong");
+    Forbidden(
+        "md refuses this mirror: its smallest disk has " + Sizes(SmallestKiB(inventory, wanted)) +
+        ", and between an odd number of TiB and the next even one the size that the plug-in writes is wrong");
 }
 
 void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI::CObject& array) {
@@ -178,11 +208,22 @@ void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI
     Forbidden(entry.m_Name + " has metadata " +
               (entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) +
               ", and the plug-in knows version 1.0 alone: use mdadm --add");
-  const auto info = Md::CArray(inventory.Machine().System(), PathOf(array)).Info();
+  RequireWritable(entry);
+  const Md::CArray device(inventory.Machine().System(), PathOf(array));
+  const auto info = device.Info();
   if (!info) return;
   if (info->level == 1 && info->chunk_size == 0)
     Forbidden(entry.m_Name + " is a mirror without a chunk size, as mdadm makes it: use mdadm --add");
-  const auto needed = static_cast<std::uint64_t>(static_cast<std::uint32_t>(info->size));
+  // The plug-in copies the superblock of this one.
+  const Md::TDisk working = Md::FindWorkingMember(device.Disks(), info->raid_disks);
+  const auto isWorking = [&](const PI::CObject* one) {
+    return working && inventory.FactsOf(*one).m_Number ==
+                          std::to_string(working->major) + ":" + std::to_string(working->minor);
+  };
+  if (std::ranges::none_of(inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE), isWorking))
+    Forbidden("the first working member of " + entry.m_Name +
+              " is a partition or no managed disk, and its superblock cannot be copied: use mdadm --add");
+  const std::uint64_t needed = ComponentKiB(inventory.Machine(), entry.m_Name, *info);
   if (Md::UsableSize(KiBOf(inventory, disk)) < needed)
     Forbidden(NameOf(disk) + " is too small: " + Sizes(KiBOf(inventory, disk)) + ", and a member of " +
               entry.m_Name + " needs " + Sizes(needed + 140));
@@ -195,14 +236,21 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
       if (member.m_Role == ERole::ACTIVE || member.m_Role == ERole::REBUILDING)
         Forbidden(NameOf(disk) + " is a working member of " + array.m_Name +
                   "; only a spare or a failed member can be released");
+      RequireWritable(array);
       return RequireOwnNumber(inventory, array.m_Object);
     }
+  for (const SArrayEntry& array : inventory.Arrays())
+    for (const SMember& member : array.m_Members)
+      if (IsPartitionOf(member.m_Name, NameOf(disk)))
+        Forbidden(member.m_Name + ", a partition of " + NameOf(disk) + ", is the member of " + array.m_Name +
+                  ": use mdadm --remove");
 }
 
 void RequireRebuild(const CInventory& inventory, const PI::CObject& array, bool start) {
   const SArrayEntry& entry = inventory.EntryOf(array);
   const std::vector<std::string> failed = entry.Failed();
-  if (start && NumberOf(array, PI::PROP_STATUS) == PI::STATUS_DEGRADED)
+  const auto status = NumberOf(array, PI::PROP_STATUS);
+  if (start && (status == PI::STATUS_DEGRADED || status == PI::STATUS_FAILED))
     Forbidden("this kernel does not start a rebuild on the plug-in's request; " +
               (failed.empty() ? std::string("add a spare: 'rvxctl spare add DISK ")
                               : "release " + failed.front() + " ('rvxctl spare release " + failed.front() +
@@ -221,6 +269,15 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
     Forbidden(entry.m_Name + " has metadata " +
               (entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) +
               ", and only an array with version 1.0 can be deleted: use mdadm --stop and --zero-superblock");
+  // The plug-in looks at every array whose name contains this one's.
+  for (const SMdArray& other : ParseMdStat(inventory.Machine().MdStat().value_or("")))
+    if (other.m_Name != entry.m_Name && other.m_Name.find(entry.m_Name) != std::string::npos &&
+        other.m_Active && other.m_Metadata != "1.0")
+      Forbidden(entry.m_Name + " cannot be told apart from " + other.m_Name +
+                ", whose metadata is not version 1.0: use mdadm --stop and --zero-superblock");
+  if (const OS::CDescriptor held(inventory.Machine().System(), PathOf(array), O_RDONLY | O_EXCL);
+      !held.IsOpen() && errno == EBUSY)
+    Forbidden(entry.m_Name + " is held open by another program");
   bool managed = false;
   for (const SMember& member : entry.m_Members) {
     managed = managed || member.m_Disk != nullptr;

@@ -27,6 +27,15 @@ void HoldEndSignals() {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+int TakeEndSignal() {
+  sigset_t waiting;
+  sigemptyset(&waiting);
+  ::sigpending(&waiting);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+    if (sigismember(&waiting, signal) == 1) return signal;
+  return 0;
+}
+
 void EndBy(int signal) {
   sigset_t one;
   sigemptyset(&one);

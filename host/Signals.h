@@ -12,6 +12,8 @@ namespace rvxctl {
 sigset_t EndSignals();
 /// From now on they no longer end the program but wait for who asks for them.
 void HoldEndSignals();
+/// The held signal that came meanwhile; 0 when none did.
+int TakeEndSignal();
 /// Ends the program by the signal, as if it had never been held. Comes back when that signal ends nothing.
 void EndBy(int signal);
 

@@ -78,7 +78,7 @@ hang_up() {
     local status=0
     LD_PRELOAD=$RVX_BUILD/tests/vm/librvx_kill_at.so RVX_KILL_AT=3 RVX_KILL_SIGNAL=1 RVX_KILL_LOG=/tmp/calls \
         rvx array create --level raid1 --yes "$a1" "$s1" >/tmp/out 2>/tmp/said || status=$?
-    expect_eq "rvxctl gives its answer" "0 Created md_d0: 15 MiB." "$status $(</tmp/out)"
+    expect_eq "rvxctl gives its answer and ends by the signal" "129 Created md_d0: 15 MiB." "$status $(</tmp/out)"
     expect_match "it runs with both members" 'active raid1 .*\[.*\[' "$(grep '^md_d0' /proc/mdstat)"
     wait_for_sync
     check "it is deleted" rvx array delete md_d0 --yes
