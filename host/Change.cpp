@@ -144,7 +144,7 @@ CFileDescriptor LockChanges(const CMachine& machine) {
 
 std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, const SConsent& consent) {
   auto look = std::make_unique<SLook>(context, propose);
-  if (!consent.m_IfUnchanged.empty() && consent.m_IfUnchanged != look->m_Token)
+  if (consent.m_IfUnchanged && consent.m_IfUnchanged != look->m_Token)
     RefuseChanged("the token is of another state");
   if (consent.m_DryRun) ShowDryRun(context, *look);
   if (look->m_Check != PI::OK) throw CheckRefused(context, *look);

@@ -19,8 +19,9 @@ struct SConsent {
   bool m_Yes{false};
   bool m_DryRun{false};
   bool m_Wait{false};
-  bool m_PlugInAlone{false};    ///< no rules but the plug-in's and the kernel's
-  std::string m_IfUnchanged{};  ///< a plan's token: nothing is done where another would be given now
+  bool m_PlugInAlone{false};  ///< no rules but the plug-in's and the kernel's
+  std::optional<std::string>
+      m_IfUnchanged{};  ///< a plan's token: nothing is done where another would be given now
 };
 
 /// Which operation of which object, and what to tell before.

@@ -53,6 +53,9 @@ class CGroup {
 void AddShowing(CGroup& all);
 /// Commands that tell how the machine is; behind those that show.
 void AddHealth(CGroup& all);
+/// The answer of `check` when nothing could be looked at, or its words are wrong: UNKNOWN, which monitoring
+/// tells from a warning.
+int ShowUnknown(CContext& context, const CError& error);
 /// Commands that follow what happens.
 void AddFollowing(CGroup& all);
 /// The command that writes simulated machines.

@@ -222,6 +222,8 @@ struct SDoomed {
 SDoomed DoomedBy(const CInventory& inventory, const SDeletion& wanted) {
   const CTopology& topology = inventory.Topology();
   const auto arrays = topology.OfKind(PI::OBJ_LOGICAL_DRIVE);
+  if ((wanted.m_All || wanted.m_Last) && arrays.empty() && !wanted.m_Consent.m_PlugInAlone)
+    throw CError(EXIT_NO_OBJECT, "there is no array");
   if (wanted.m_All) return {PI::OP_DELETE_ALL_LOGICAL_DRIVES, topology.Adapter(), "all arrays", arrays};
   if (wanted.m_Last)
     return {PI::OP_DELETE_LAST_LOGICAL_DRIVE,
@@ -378,6 +380,9 @@ std::string RoleText(const CInventory& inventory, const std::string& disk, const
         return disk + " is being rebuilt in " + array;
       case ERole::FAILED:
         return disk + " has failed in " + array;
+      case ERole::MISSING:
+      case ERole::OFFLINE:
+        return disk + " is " + WordOf(member.m_Role) + " in " + array;
     }
   }
   return disk + " is no member of " + array;
@@ -476,9 +481,12 @@ int Rescan(CContext& context) {
   if (!AwaitPass(session, topology.Plugin().m_UpdateCounter))
     throw CError(EXIT_BUSY, "the rescan has not ended within 30 s");
   const CTopology now(session);
-  return ShowDone(context, "Rescanned: " + std::to_string(now.OfKind(PI::OBJ_PHYSICAL_DRIVE).size()) +
-                               " disks, " + std::to_string(now.OfKind(PI::OBJ_LOGICAL_DRIVE).size()) +
-                               " arrays.");
+  const auto count = [&](PI::_OBJECT_KIND kind, const std::string& what) {
+    const std::size_t number = now.OfKind(kind).size();
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+  };
+  return ShowDone(context, "Rescanned: " + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " +
+                               count(PI::OBJ_LOGICAL_DRIVE, "array") + ".");
 }
 
 void AddConsent(CLI::App* leaf, SConsent& consent) {

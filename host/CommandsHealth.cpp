@@ -6,6 +6,7 @@
 
 #include "host/CommandLine.h"
 #include "host/Health.h"
+#include "host/Printable.h"
 #include "host/Values.h"
 
 namespace rvxctl {
@@ -14,33 +15,32 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-/// As monitoring reads it: one line and an exit status, also when the machine could not be looked at.
+/// "RAID OK - all in order"
+std::string CheckLine(EHealth health, const std::string& text) {
+  std::string word = WordOf(health);
+  std::ranges::transform(word, word.begin(), [](unsigned char c) { return std::toupper(c); });
+  std::string one = text;
+  std::ranges::replace(one, '\n', ' ');
+  std::ranges::replace(one, '|', '/');  // what stands behind a bar are figures
+  return "RAID " + word + " - " + Printable(one);
+}
+
+/// As monitoring reads it: one line and an exit status.
 int CheckHealth(CContext& context, const SSmartLimits& limits) {
-  const auto line = [](EHealth health, const std::string& text) {
-    std::string word = WordOf(health);
-    std::ranges::transform(word, word.begin(), [](unsigned char c) { return std::toupper(c); });
-    std::string one = text;
-    std::ranges::replace(one, '\n', ' ');
-    std::ranges::replace(one, '|', '/');  // what stands behind a bar are figures
-    return "RAID " + word + " - " + one;
-  };
   try {
     const CTopology topology(context.Session());
     const CInventory inventory(topology, context.Machine());
     const SHealth health = HealthOf(inventory, limits);
     std::string text = health.m_Headline;
     for (const SProblem& problem : health.m_Problems) text += "; " + problem.m_Object + ": " + problem.m_Text;
+    for (const std::string& note : health.m_Notes) text += "; " + note;
     context.Show("check", health.ToJson(),
-                 line(health.m_Health, text) + " | " + PerformanceData(inventory) + "\n");
+                 CheckLine(health.m_Health, text) + " | " + PerformanceData(inventory, health) + "\n");
     return static_cast<int>(health.m_Health);
   } catch (const CError& error) {
     if (error.m_ExitStatus >= EXIT_SIGNAL) throw;
-    SHealth unknown;
-    unknown.m_Health = EHealth::UNKNOWN;
-    unknown.m_Headline = error.what();
-    context.Show("check", unknown.ToJson(), line(EHealth::UNKNOWN, std::string(error.what())) + "\n",
-                 Json::array({ErrorJson(error)}));
-    return static_cast<int>(EHealth::UNKNOWN);
+    if (context.Terminal().HasPrinted()) throw CError(static_cast<int>(EHealth::UNKNOWN), error.what());
+    return ShowUnknown(context, error);
   }
 }
 
@@ -76,6 +76,15 @@ int LocateDisk(CContext& context, const SLocate& wanted) {
 }
 
 }  // namespace
+
+int ShowUnknown(CContext& context, const CError& error) {
+  SHealth unknown;
+  unknown.m_Health = EHealth::UNKNOWN;
+  unknown.m_Headline = error.what();
+  context.Show("check", unknown.ToJson(), CheckLine(EHealth::UNKNOWN, error.what()) + "\n",
+               Json::array({ErrorJson(error)}));
+  return static_cast<int>(EHealth::UNKNOWN);
+}
 
 void AddHealth(CGroup& all) {
   const auto [check, limits] =

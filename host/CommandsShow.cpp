@@ -164,7 +164,7 @@ int ShowOperations(CContext& context, const std::string& address) {
     const std::string why = allowed ? "" : RefusalText(topology, object, operation.m_Code, status);
     data.push_back({{"code", operation.m_Code},
                     {"key", Keys::OfOperation(operation.m_Code)},
-                    {"text", Texts::Of(operation.m_Code)},
+                    {"text", TitleOf(object, operation)},
                     {"allowed", allowed},
                     {"status", status},
                     {"why", allowed ? Json(nullptr) : Json(why)},

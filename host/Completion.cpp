@@ -110,10 +110,11 @@ std::vector<SCandidate> SimulatedCandidates(const SOptions& options) {
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE)) {
     const auto status = NumberOf(*array, PI::PROP_STATUS);
     const auto level = NumberOf(*array, PI::PROP_RAID_LEVEL);
+    const bool rebuilds = NumberOf(*array, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING;
     const bool isPlain = IsOneOf(level, {PI::LEVEL_RAID0, PI::LEVEL_CONCATENATION});
     candidates.push_back({NameOf(*array), T::ARRAY | (isPlain ? 0U : T::REDUNDANT) |
                                               (status == PI::STATUS_DEGRADED ? T::DEGRADED : 0U) |
-                                              (status == PI::STATUS_REBUILDING ? T::REBUILDING : 0U)});
+                                              (rebuilds ? T::REBUILDING : 0U)});
   }
   return candidates;
 }

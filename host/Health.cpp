@@ -1,6 +1,7 @@
 #include "host/Health.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 
 #include "host/Values.h"
 
@@ -15,42 +16,77 @@ std::string Joined(const std::vector<std::string>& texts, const char* separator 
 }
 
 std::string Members(const SArrayEntry& array) {
-  return std::to_string(array.m_Present) + " of " + std::to_string(array.m_Wanted) + " members " +
-         (array.m_Present == 1 ? "works" : "work");
+  std::string text = std::to_string(array.m_Present) + " of " + std::to_string(array.m_Wanted) + " members " +
+                     (array.m_Present == 1 ? "works" : "work");
+  for (const auto& [role, word] : {std::pair{ERole::FAILED, "; failed: "},
+                                   {ERole::MISSING, "; missing: "},
+                                   {ERole::OFFLINE, "; offline: "}})
+    if (const auto names = array.Of(role); !names.empty()) text += word + Joined(names);
+  return text;
 }
 
-/// "release sdb, replace it, then 'rvxctl spare add DISK md_d0'"
+/// How many members the level can do without.
+unsigned int ToleranceOf(const SArrayEntry& array) {
+  if (array.m_Level == "raid1") return array.m_Wanted - std::min(array.m_Wanted, 1U);
+  if (array.m_Level == "raid10") return array.m_Wanted / 2;
+  if (array.m_Level == "raid6") return 2;
+  return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
+}
+
+/// What makes a degraded array whole again; with mdadm where the plug-in cannot.
 std::string ReplacementFor(const SArrayEntry& array) {
-  const std::vector<std::string> failed = array.Failed();
-  const std::string add = "'rvxctl spare add DISK " + array.m_Name + "'";
+  const std::vector<std::string> failed = array.Of(ERole::FAILED);
+  const bool own =
+      array.m_Md && array.m_Md->m_Metadata == "1.0" &&
+      std::ranges::all_of(array.m_Members, [](const SMember& member) { return member.m_Disk != nullptr; });
+  const std::string add = own ? "'rvxctl spare add DISK " + array.m_Name + "'"
+                              : "'mdadm --manage /dev/" + array.m_Name + " --add DISK'";
   if (failed.empty()) return "add a disk: " + add;
-  return "'rvxctl spare release " + failed.front() + "', replace the disk, then " + add;
+  std::string step;
+  for (const std::string& name : failed)
+    step += (own ? "'rvxctl spare release " + name + "', "
+                 : "'mdadm --manage /dev/" + array.m_Name + " --remove /dev/" + name + "', ");
+  return step + "replace the disk, then " + add;
 }
 
 void LookAtArray(const SArrayEntry& array, SHealth& health) {
-  const auto status = NumberOf(array.m_Object, PI::PROP_STATUS);
   const auto problem = [&](EHealth how, const char* kind, std::string text, std::string next) {
     health.m_Problems.push_back({how, kind, array.m_Name, std::move(text), std::move(next)});
   };
-  std::string text = Members(array);
-  if (const auto failed = array.Failed(); !failed.empty()) text += "; failed: " + Joined(failed);
+  const auto status = NumberOf(array.m_Object, PI::PROP_STATUS);
+  const std::string text = Members(array);
   const std::string activity = array.ActivityText();
-  const bool active = NumberOf(array.m_Object, PI::PROP_ACTIVITY) != PI::ACTIVITY_NONE ||
-                      array.m_Md.value_or(SMdArray{}).m_Run;
-  const bool rebuilds = NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING;
-  if (status == PI::STATUS_FAILED || (array.m_Md && !array.m_Md->m_Active))
+  const bool redundant = ToleranceOf(array) != 0;
+  const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
+  const bool runs = !array.m_Md || (array.m_Md->m_Active && !array.m_Md->m_Broken);
+  if (!runs || lost > ToleranceOf(array) || (!array.m_Md && status == PI::STATUS_FAILED))
     problem(EHealth::CRITICAL, "array failed", text,
             "bring its missing disks back; what cannot be brought back comes from a backup");
-  else if (rebuilds)
+  else if (NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING)
     problem(EHealth::WARNING, "array rebuilding", text + "; " + activity,
             "wait: 'rvxctl array watch " + array.m_Name + "'");
-  else if (status == PI::STATUS_DEGRADED || array.m_Present < array.m_Wanted)
-    problem(EHealth::CRITICAL, "array degraded", text + (active ? "; " + activity : ""),
-            ReplacementFor(array));
+  else if (lost != 0 || (redundant && status == PI::STATUS_DEGRADED))
+    problem(EHealth::CRITICAL, "array degraded",
+            text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""), ReplacementFor(array));
+  else if (!redundant && status != PI::STATUS_OK)
+    health.m_Notes.push_back(array.m_Name + ": works, but not all members are managed disks");
   else if (status != PI::STATUS_OK)
     problem(EHealth::WARNING, "array not in order", TextOf(array.m_Object, PI::PROP_STATUS), "");
-  else if (activity != TextOf(array.m_Object, PI::PROP_ACTIVITY) || active)
+  else if (activity != TextOf(array.m_Object, PI::PROP_ACTIVITY))
     health.m_Notes.push_back(array.m_Name + ": " + activity);
+}
+
+/// What was never started, or is half-built: the plug-in does not list it.
+void LookForInactive(const CInventory& inventory, SHealth& health) {
+  for (const SMdArray& md : ParseMdStat(inventory.Machine().MdStat().value_or(""))) {
+    if (md.m_Active || inventory.Topology().FindArray(md.m_Name) != nullptr) continue;
+    std::vector<std::string> members;
+    for (const SMdMember& member : md.m_Members) members.push_back(member.m_Name);
+    health.m_Problems.push_back({EHealth::CRITICAL, "array inactive", md.m_Name,
+                                 "md holds " + Joined(members) + " for it, and it does not run",
+                                 "'mdadm --run /dev/" + md.m_Name + "' starts it, 'mdadm --stop /dev/" +
+                                     md.m_Name + "' frees the disks of one that is half-built"});
+  }
 }
 
 /// A figure of SMART that the disk reports.
@@ -71,22 +107,25 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
     for (const SArrayEntry& array : inventory.Arrays())
       for (const SMember& member : array.m_Members)
         if (member.m_Disk == &disk) holder = &array;
-    // What to do about a member that failed is said of its array.
-    const bool said = holder != nullptr && health.Concerns(holder->m_Object);
-    const std::string next = said                ? ""
-                             : holder == nullptr ? "replace it"
-                                                 : "'rvxctl spare release " + name + "', then replace it";
+    // What to do about a member that failed is said of its array, but while that rebuilds.
+    const bool degraded =
+        holder != nullptr && std::ranges::any_of(health.m_Problems, [&](const SProblem& one) {
+          return one.m_Object == holder->m_Name && one.m_Next.find(name) != std::string::npos;
+        });
+    const std::string next =
+        degraded            ? ""
+        : holder == nullptr ? "replace it"
+                            : "'rvxctl spare release " + name + "' when no rebuild runs, then replace it";
     problem(EHealth::CRITICAL, status == PI::STATUS_FAILED ? "disk failed" : "disk missing",
             holder == nullptr ? "in no array" : "still held by " + holder->m_Name, next);
   }
   const auto wear = SmartOf(disk, PI::PROP_SMART_WEAR);
-  if (wear && *wear > limits.m_Wear)
-    problem(EHealth::WARNING, "disk wearing out", std::to_string(*wear) + "% of its life is used",
-            "replace it soon");
+  std::vector<std::string> worn;
+  if (wear && *wear > limits.m_Wear) worn.push_back(std::to_string(*wear) + "% of its life is used");
   const auto reserve = SmartOf(disk, PI::PROP_SMART_RESERVE);
   if (reserve && *reserve <= limits.m_Reserve)
-    problem(EHealth::WARNING, "disk wearing out", std::to_string(*reserve) + "% of its spare blocks are left",
-            "replace it soon");
+    worn.push_back(std::to_string(*reserve) + "% of its spare blocks are left");
+  if (!worn.empty()) problem(EHealth::WARNING, "disk wearing out", Joined(worn), "replace it soon");
 }
 
 /// "2 arrays degraded": the plural goes behind the first word.
@@ -118,6 +157,7 @@ SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits) {
   SHealth health;
   const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
   for (const SArrayEntry& array : inventory.Arrays()) LookAtArray(array, health);
+  LookForInactive(inventory, health);
   for (const PI::CObject* const disk : disks) LookAtDisk(inventory, *disk, limits, health);
   std::ranges::stable_sort(health.m_Problems, std::ranges::greater{}, &SProblem::m_Health);
   health.m_Headline = HeadlineOf(health.m_Problems);
@@ -137,27 +177,30 @@ Json SHealth::ToJson() const {
   Json problems = Json::array();
   for (const SProblem& problem : m_Problems)
     problems.push_back({{"health", WordOf(problem.m_Health)},
-                        {"kind", problem.m_Kind},
+                        {"kind", boost::replace_all_copy(problem.m_Kind, " ", "-")},
                         {"object", problem.m_Object},
                         {"text", problem.m_Text},
                         {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)}});
   return {{"health", WordOf(m_Health)}, {"headline", m_Headline}, {"problems", problems}, {"notes", m_Notes}};
 }
 
-std::string PerformanceData(const CInventory& inventory) {
+std::string PerformanceData(const CInventory& inventory, const SHealth& health) {
   const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
-  const auto count = [](const auto& objects, PI::_CHOICE status) {
+  const auto in = [&](PI::_CHOICE status) {
     return std::ranges::count_if(
-        objects, [&](const PI::CObject* object) { return NumberOf(*object, PI::PROP_STATUS) == status; });
+        disks, [&](const PI::CObject* disk) { return NumberOf(*disk, PI::PROP_STATUS) == status; });
   };
-  const auto arrays = inventory.Topology().OfKind(PI::OBJ_LOGICAL_DRIVE);
-  const std::pair<const char*, long> figures[] = {{"arrays", static_cast<long>(arrays.size())},
-                                                  {"arrays_degraded", count(arrays, PI::STATUS_DEGRADED)},
-                                                  {"arrays_failed", count(arrays, PI::STATUS_FAILED)},
-                                                  {"disks", static_cast<long>(disks.size())},
-                                                  {"disks_failed", count(disks, PI::STATUS_FAILED)},
-                                                  {"spares", count(disks, PI::STATUS_SPARE)},
-                                                  {"disks_ready", count(disks, PI::STATUS_READY)}};
+  const auto of = [&](const char* kind) {
+    return std::ranges::count(health.m_Problems, kind, &SProblem::m_Kind);
+  };
+  const std::pair<const char*, long> figures[] = {
+      {"arrays", static_cast<long>(inventory.Arrays().size())},
+      {"arrays_degraded", of("array degraded") + of("array rebuilding")},
+      {"arrays_failed", of("array failed") + of("array inactive")},
+      {"disks", static_cast<long>(disks.size())},
+      {"disks_failed", of("disk failed") + of("disk missing")},
+      {"spares", in(PI::STATUS_SPARE)},
+      {"disks_ready", in(PI::STATUS_READY)}};
   std::string text;
   for (const auto& [label, figure] : figures)
     text += (text.empty() ? "" : " ") + std::string(label) + "=" + std::to_string(figure) + ";;;0";

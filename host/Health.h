@@ -45,6 +45,6 @@ struct SHealth {
 SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits = {});
 
 /// Figures for a monitoring plug-in's line, behind the bar: "arrays=2;;;0 degraded=1;;;0 ...".
-std::string PerformanceData(const CInventory& inventory);
+std::string PerformanceData(const CInventory& inventory, const SHealth& health);
 
 }  // namespace rvxctl

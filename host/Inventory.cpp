@@ -10,8 +10,12 @@ namespace rvxctl {
 
 namespace {
 
-ERole RoleOf(const SMdMember& member, const PI::CObject* disk) {
+ERole RoleOf(const CMachine& machine, const SMdMember& member, const PI::CObject* disk) {
   if (member.m_Faulty) return ERole::FAILED;
+  struct stat node {};
+  if (disk == nullptr && machine.System().Status("/dev/" + member.m_Name, node) != 0) return ERole::MISSING;
+  const auto state = machine.Line("/sys/block/" + member.m_Name + "/device/state");
+  if (state && (*state == "offline" || *state == "transport-offline")) return ERole::OFFLINE;
   if (disk != nullptr && NumberOf(*disk, PI::PROP_STATUS) == PI::STATUS_REBUILDING) return ERole::REBUILDING;
   return member.m_Spare ? ERole::SPARE : ERole::ACTIVE;
 }
@@ -25,16 +29,18 @@ ERole RoleOf(const PI::CObject& disk) {
                                            : ERole::FAILED;
 }
 
-SArrayEntry EntryOfArray(const CTopology& topology, const PI::CObject& object,
+SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, const PI::CObject& object,
                          const std::vector<SMdArray>& arrays) {
   const auto level = NumberOf(object, PI::PROP_RAID_LEVEL);
   SArrayEntry entry{object, NameOf(object),
                     level ? WordOf(static_cast<unsigned int>(*level)) : std::string()};
   if (const SMdArray* const md = FindArray(arrays, entry.m_Name)) {
     entry.m_Md = *md;
+    if (machine.Line("/sys/block/" + entry.m_Name + "/md/array_state") == "broken")
+      entry.m_Md->m_Broken = true;
     for (const SMdMember& member : md->m_Members) {
       const PI::CObject* const disk = topology.FindDisk(member.m_Name);
-      entry.m_Members.push_back({member.m_Name, disk, RoleOf(member, disk)});
+      entry.m_Members.push_back({member.m_Name, disk, RoleOf(machine, member, disk)});
     }
   } else {
     for (const unsigned long id : object.m_Children)
@@ -47,10 +53,13 @@ SArrayEntry EntryOfArray(const CTopology& topology, const PI::CObject& object,
   });
   entry.m_Present =
       static_cast<unsigned int>(std::ranges::count(entry.m_Members, ERole::ACTIVE, &SMember::m_Role));
-  entry.m_Wanted = entry.m_Present;
+  const std::size_t gone = entry.Of(ERole::MISSING).size() + entry.Of(ERole::OFFLINE).size();
   if (entry.m_Md && entry.m_Md->m_Slots) {
     entry.m_Wanted = *entry.m_Md->m_Slots;
-    entry.m_Present = entry.m_Md->m_Working.value_or(entry.m_Present);
+    const unsigned int working = entry.m_Md->m_Working.value_or(entry.m_Present);
+    entry.m_Present = working - std::min(working, static_cast<unsigned int>(gone));
+  } else {
+    entry.m_Wanted = static_cast<unsigned int>(entry.m_Members.size());
   }
   return entry;
 }
@@ -58,7 +67,7 @@ SArrayEntry EntryOfArray(const CTopology& topology, const PI::CObject& object,
 }  // namespace
 
 const char* WordOf(ERole role) {
-  constexpr const char* WORDS[] = {"active", "spare", "failed", "rebuilding"};
+  constexpr const char* WORDS[] = {"active", "spare", "failed", "rebuilding", "missing", "offline"};
   return WORDS[static_cast<std::size_t>(role)];
 }
 
@@ -68,6 +77,8 @@ std::string SArrayEntry::MembersText() const {
     text += (text.empty() ? "" : " ") + member.m_Name;
     if (member.m_Role == ERole::SPARE) text += "(S)";
     if (member.m_Role == ERole::FAILED) text += "(F)";
+    if (member.m_Role == ERole::MISSING || member.m_Role == ERole::OFFLINE)
+      text += std::string("(") + WordOf(member.m_Role) + ")";
   }
   return text;
 }
@@ -75,15 +86,15 @@ std::string SArrayEntry::MembersText() const {
 std::string SArrayEntry::ActivityText() const {
   if (m_Md && m_Md->m_Run) {
     const SMdRun& run = *m_Md->m_Run;
-    const std::string words = " (md: " + run.m_Action + "=" + run.m_Waiting + ")";
+    const std::string words = " (md)";
     if (run.m_Waiting == "PENDING") return "Waiting for the first write" + words;
     if (run.m_Waiting == "DELAYED") return "Waiting for another array" + words;
     if (!run.m_Waiting.empty()) return "Waiting" + words;
-    if (run.m_Action == "check") return "Checking (md: check)";
-    if (run.m_Action == "reshape") return "Reshaping (md: reshape)";
+    if (run.m_Action == "check") return "Checking (md)";
+    if (run.m_Action == "reshape") return "Reshaping (md)";
   }
   std::string text = rvxctl::ActivityText(m_Object);
-  if (m_Md && m_Md->m_ReadOnly == "auto-read-only") text += ", read-only until written (md: auto-read-only)";
+  if (m_Md && m_Md->m_ReadOnly == "auto-read-only") text += ", read-only until written (md)";
   if (m_Md && m_Md->m_ReadOnly == "read-only") text += ", read-only (md)";
   return text;
 }
@@ -96,10 +107,10 @@ bool SArrayEntry::HasMembers(std::vector<std::string> names) const {
   return own == names;
 }
 
-std::vector<std::string> SArrayEntry::Failed() const {
+std::vector<std::string> SArrayEntry::Of(ERole role) const {
   std::vector<std::string> names;
   for (const SMember& member : m_Members)
-    if (member.m_Role == ERole::FAILED) names.push_back(member.m_Name);
+    if (member.m_Role == role) names.push_back(member.m_Name);
   return names;
 }
 
@@ -107,7 +118,7 @@ CInventory::CInventory(const CTopology& topology, const CMachine& machine)
     : m_Topology(topology), m_Machine(machine) {
   const std::vector<SMdArray> md = ParseMdStat(machine.MdStat().value_or(""));
   for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
-    m_Arrays.push_back(EntryOfArray(topology, *array, md));
+    m_Arrays.push_back(EntryOfArray(topology, machine, *array, md));
 }
 
 const SArrayEntry& CInventory::EntryOf(const PI::CObject& array) const {

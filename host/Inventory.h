@@ -14,8 +14,9 @@
 namespace rvxctl {
 
 /// What a disk is to its array.
-enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING };
-/// "active", "spare", "failed", "rebuilding".
+/// MISSING: md counts on it, but the machine has no such device; OFFLINE: the kernel sends it nothing.
+enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING, MISSING, OFFLINE };
+/// "active", "spare", "failed", "rebuilding", "missing", "offline".
 const char* WordOf(ERole role);
 
 struct SMember {
@@ -34,15 +35,15 @@ struct SArrayEntry {
   unsigned int m_Present{0};  ///< members that work
   unsigned int m_Wanted{0};   ///< members that it was made of
 
-  /// "sda sdb(F) sde(S)", as md marks them.
+  /// "sda sdb(F) sde(S)", as md marks them; what it does not know is a word: "sdc(missing)".
   std::string MembersText() const;
   /// What runs and how far it is, or what it waits for: "Resyncing 12%". What only md tells is marked so:
-  /// "Waiting for another array (md: resync=DELAYED)".
+  /// "Waiting for another array (md)".
   std::string ActivityText() const;
   /// Whether its members are these disks and no others.
   bool HasMembers(std::vector<std::string> names) const;
-  /// The failed members' names.
-  std::vector<std::string> Failed() const;
+  /// The names of the members with this role.
+  std::vector<std::string> Of(ERole role) const;
 };
 
 class CInventory {

@@ -222,7 +222,7 @@ Json EventJson(const CInventory& inventory, const PI::CEvent& event) {
   const bool isLoss =
       object != nullptr && object->m_Kind == PI::OBJ_LOGICAL_DRIVE &&
       (event.m_Code == PI::EVT_LOGICALDRIVE_DEGRADED || event.m_Code == PI::EVT_LOGICALDRIVE_FAILED);
-  const auto failed = isLoss ? inventory.EntryOf(*object).Failed() : std::vector<std::string>();
+  const auto failed = isLoss ? inventory.EntryOf(*object).Of(ERole::FAILED) : std::vector<std::string>();
   if (!failed.empty()) text += " Failed: " + boost::algorithm::join(failed, ", ");
   return {{"time", TimeText(event.m_Time)},
           {"code", event.m_Code},

@@ -61,7 +61,10 @@ SCell NumberCell(const SRow& row) { return row.Facts().m_Number; }
 
 SCell ArrayOfDisk(const SRow& row) {
   const SArrayEntry* array = nullptr;
-  return row.Membership(&array) == nullptr ? "" : array->m_Name;
+  if (row.Membership(&array) != nullptr) return array->m_Name;
+  // A partition of it is the member.
+  const PI::CObject* const other = row.m_Inventory.Topology().ArrayOf(row.m_Object);
+  return other == nullptr ? "" : NameOf(*other);
 }
 
 SCell MediumCell(const SRow& row) {

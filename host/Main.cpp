@@ -122,8 +122,12 @@ Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vec
     }
     options = {};
     options.m_Json = std::ranges::find(words, "--json") != words.end();
-    return
-        [message = UsageMessage(app, error, words)](CContext&) -> int { throw CError(EXIT_USAGE, message); };
+    const CError wrong(EXIT_USAGE, UsageMessage(app, error, words));
+    const bool isCheck = std::ranges::find(words, "check") != words.end();
+    return [wrong, isCheck](CContext& context) {
+      if (isCheck) return ShowUnknown(context, wrong);
+      throw CError(wrong);
+    };
   }
 }
 

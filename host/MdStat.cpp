@@ -16,6 +16,7 @@ void ParseHead(const std::string& text, SMdArray& array) {
     const std::size_t bracket = word.find('[');
     if (word == "active" || word == "broken") {
       array.m_Active = true;
+      array.m_Broken = word == "broken";
     } else if (word.starts_with("(")) {
       array.m_ReadOnly = word.substr(1, word.size() - 2);
     } else if (bracket != std::string::npos) {

@@ -26,6 +26,7 @@ struct SMdRun {
 struct SMdArray {
   std::string m_Name;
   bool m_Active{false};
+  bool m_Broken{false};    ///< it runs, but has lost more than its level can
   std::string m_ReadOnly;  ///< "read-only", "auto-read-only"; empty: it takes writes
   std::string m_Level;     ///< "raid1"; empty of an inactive one
   std::vector<SMdMember> m_Members;

@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 struct SRun {
   std::string m_Name;  ///< "Resyncing"
   int m_Percent;
-  double m_Exact;           ///< as md says it, else the same
+  double m_Exact;
   std::string m_Remaining;  ///< the plug-in's
 };
 
@@ -36,9 +36,11 @@ std::optional<SRun> RunOf(const SArrayEntry& entry) {
   const bool resync = activity == PI::ACTIVITY_RESYNCING;
   if (!resync && activity != PI::ACTIVITY_REBUILDING) return std::nullopt;
   const auto percent = NumberOf(array, resync ? PI::PROP_RESYNC_PROGRESS : PI::PROP_REBUILD_PROGRESS);
-  const double exact = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Percent.value_or(0) : 0;
-  return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(percent.value_or(0)),
-              std::max(exact, static_cast<double>(percent.value_or(0))),
+  // md's own figure is of now, the plug-in's of its last pass.
+  const double told = static_cast<double>(percent.value_or(0));
+  const double exact =
+      entry.m_Md && entry.m_Md->m_Run ? std::max(told, entry.m_Md->m_Run->m_Percent.value_or(0)) : told;
+  return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(exact), exact,
               TextOf(array, PI::PROP_TIME_REMAINING)};
 }
 

@@ -248,7 +248,7 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
 
 void RequireRebuild(const CInventory& inventory, const PI::CObject& array, bool start) {
   const SArrayEntry& entry = inventory.EntryOf(array);
-  const std::vector<std::string> failed = entry.Failed();
+  const std::vector<std::string> failed = entry.Of(ERole::FAILED);
   const auto status = NumberOf(array, PI::PROP_STATUS);
   if (start && (status == PI::STATUS_DEGRADED || status == PI::STATUS_FAILED))
     Forbidden("this kernel does not start a rebuild on the plug-in's request; " +

@@ -108,11 +108,12 @@ std::string HealthText(const CContext& context, const CInventory& inventory, con
   std::string text = Printable(TextOf(inventory.Topology().Adapter(), PI::PROP_NAME)) + ": " +
                      Colored(headline) + " (" + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " +
                      count(PI::OBJ_LOGICAL_DRIVE, "array") + ")\n";
+  Rows rows;
   for (const SProblem& problem : health.m_Problems) {
-    text += Printable("  " + problem.m_Object + ": " + problem.m_Text) + "\n";
-    if (!problem.m_Next.empty()) text += Printable("    " + problem.m_Next) + "\n";
+    rows.push_back({"  " + problem.m_Object, problem.m_Text});
+    if (!problem.m_Next.empty()) rows.push_back({"", problem.m_Next});
   }
-  return text;
+  return text + (rows.empty() ? "" : Table({}, rows, context.Terminal().Width()));
 }
 
 std::string StatusText(const CContext& context, const CInventory& inventory, EOrder order) {

@@ -62,7 +62,12 @@ void CTopology::ThrowUnknown(const std::string& address, PI::_OBJECT_KIND kind) 
   const char* const what = kind == PI::OBJ_PHYSICAL_DRIVE  ? "disk"
                            : kind == PI::OBJ_LOGICAL_DRIVE ? "array"
                                                            : "object";
-  throw CError(EXIT_NO_OBJECT, std::string("there is no ") + what + " \"" + address + "\"; there " +
+  std::string other;
+  if (const PI::CObject* const object = kind == PI::OBJ_NONE ? nullptr : Match(address, PI::OBJ_NONE))
+    other = NameOf(*object) + (object->m_Kind == PI::OBJ_LOGICAL_DRIVE    ? " is an array; "
+                               : object->m_Kind == PI::OBJ_PHYSICAL_DRIVE ? " is a disk; "
+                                                                          : " is neither; ");
+  throw CError(EXIT_NO_OBJECT, other + "there is no " + what + " \"" + address + "\"; there " +
                                    (known.empty() ? "is none at all" : "are: " + known));
 }
 

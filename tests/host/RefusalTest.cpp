@@ -96,7 +96,11 @@ TEST(Refusal, OfCommandLinesObjectsAndStates) {
       {"plain", "operations 0x99", 3, {"there is no object \"0x99\"; there are: plugin, adapter, sda"}},
       {"plain", "prop get sda 30999", 3, {"no property 30999; 'rvxctl prop get OBJECT' lists"}},
       {"arrays", "spare add sdg md_d9", 3, {"no array \"md_d9\"; there are: md_d0, md_d1, md_d2"}},
-      {"plain", "array delete --last --yes", 1, {"20049 ERR_NOT_AVAILABLE", "\nthere is no array"}},
+      {"plain",
+       "array delete --last --yes --plugin-alone",
+       1,
+       {"20049 ERR_NOT_AVAILABLE", "\nthere is no array"}},
+      {"plain", "array delete --all --yes", 3, {"there is no array"}},
       {"arrays",
        "spare release sda --yes --plugin-alone",
        6,
@@ -170,6 +174,9 @@ const std::tuple<const char*, int, const char*> REQUESTS[] = {
 };
 
 TEST(Refusal, ADryRunSaysWhatTheChangeWillDo) {
+  const SResult unset =
+      Rvxctl({Simulate("rules"), "array", "create", "--level", "raid1", "", "sda", "--dry-run"});
+  EXPECT_EQ(unset.m_Status, 2) << "disks without a WWN are many, and the empty one is none: " << unset.m_Out;
   for (const auto& [command, status, told] : REQUESTS) {
     SCOPED_TRACE(command);
     std::istringstream text(command);

@@ -54,6 +54,10 @@ TEST(Show, CheckIsALineAndAStatusForMonitoring) {
        "RAID WARNING - 1 array rebuilding; md_d0: 1 of 2 members works; Rebuilding 0%"},
       {"worn", "95", 0, "RAID OK - "},
       {"worn", "50", 1, "RAID WARNING - 1 disk wearing out; sda: 60% of its life is used"},
+      {"lost", "95", 2,
+       "RAID CRITICAL - 1 array failed, 2 arrays degraded; md_d0: 1 of 2 members works; offline: sdb; md127: "
+       "1 of 2 "
+       "members works; md_d3: 1 of 2 members works; missing: sdf | arrays=3;;;0 arrays_degraded=2"},
       {"empty", "95", 3, "RAID UNKNOWN - no disk on a supported controller | "},
       {"nowhere", "95", 3, "nowhere.json: No such file or directory"}};
   for (const auto& [machine, limit, status, line] : cases) {
@@ -62,6 +66,9 @@ TEST(Show, CheckIsALineAndAStatusForMonitoring) {
     EXPECT_THAT(result.m_Out, HasSubstr(line));
     EXPECT_EQ(std::ranges::count(result.m_Out, '\n'), 1) << machine;
   }
+  EXPECT_EQ(Rvxctl({"check", "--bogus"}).m_Status, 3) << "2 is critical";
+  EXPECT_THAT(Rvxctl({Simulate("lost"), "status"}).m_Out,
+              HasSubstr("'mdadm --manage /dev/md127 --add DISK'"));
   const SResult only = Rvxctl({Simulate("rules"), "status", "--only-problems"});
   EXPECT_THAT(only.m_Out, AllOf(HasSubstr("'rvxctl spare release sdi', replace the disk"),
                                 HasSubstr("\nsdm "), Not(HasSubstr("\nsda "))));
