@@ -11,7 +11,8 @@ namespace rvxctl {
 namespace {
 
 constexpr char FOOTER[] =
-    R"(Objects are named by kernel name (sda, md_d0), path, device key or identifier;
+    R"(Objects are named by kernel name (sda, md_d0), path, device key or, but for
+changes, identifier; disks also by serial number, WWN and /dev/disk/by-id.
 "plugin" and "adapter" name these two.
 
 Examples:
@@ -21,8 +22,9 @@ Examples:
 
 Exit status: 0 done; 1 the plug-in answered with an error; 2 usage; 3 no such
 object; 4 not confirmed; 5 busy; 6 not supported or not allowed; 8 not enough
-rights; 9 the plug-in cannot be loaded. What a signal ends is ended by that
-signal, which a shell shows as 128 + its number.
+rights; 9 the plug-in cannot be loaded. That of check: 0 in order; 1 warning;
+2 critical; 3 unknown. What a signal ends is ended by that signal, which a shell
+shows as 128 + its number.
 )";
 
 /// One that can be tried as it is, with --simulate before the command.
