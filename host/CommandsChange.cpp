@@ -42,7 +42,7 @@ void BehindChange(CContext& context, const std::string& done, const Json& data, 
     Json document = data;
     document["done"] = done;
     if (context.Options().m_Json) context.Show("change", document, "", Json::array({ErrorJson(told)}));
-    throw told;
+    throw CError(told);
   }
 }
 
@@ -131,7 +131,7 @@ Rules::SNewArray WantedBy(const CInventory& inventory, const SCreation& wanted) 
 
 /// What is lost by it, and what a person may not expect of it.
 std::string LossOf(const CInventory& inventory, const Rules::SNewArray& wanted) {
-  const std::string loss = "What is on these disks is lost.";
+  std::string loss = "What is on these disks is lost.";
   if (wanted.m_Level.m_Level != PI::LEVEL_RAID1) return loss;
   const std::uint64_t smallest = Rules::SmallestKiB(inventory, wanted);
   const auto size = Rules::MirrorKiB(inventory, wanted);
@@ -171,7 +171,7 @@ int CreateArray(CContext& context, const SCreation& wanted) {
   const Proposal propose = [&](const CInventory& inventory) {
     before.clear();
     for (const SArrayEntry& array : inventory.Arrays()) before.insert(array.m_Name);
-    const SChange change = CreationOf(inventory, wanted);
+    SChange change = CreationOf(inventory, wanted);
     disks.clear();
     for (const SDiskPlan& disk : change.m_Disks) disks.push_back(disk.m_Name);
     return change;
@@ -311,17 +311,17 @@ int ShowDeleted(CContext& context, const std::vector<std::string>& wanted,
       why = reason.what();
     }
     stayed.push_back({{"array", name}, {"why", why}});
-    names += (names.empty() ? "" : "; ") + name + " (" + why + ")";
+    names.append(names.empty() ? "" : "; ").append(name).append(" (").append(why).append(")");
   }
   const std::string text = (gone.empty() ? "Nothing was deleted." : "Deleted: " + gone + ".") +
                            (left.empty() ? "" : " Still there: " + names + ".");
   const CError error = execution.m_Failure.value_or(
       marked.empty() ? CError(EXIT_PLUGIN_ERROR, "not all arrays are deleted") : NotWiped(marked));
   const CError told(error.m_ExitStatus, std::string(error.what()) + "\n" + text, error.m_Status);
-  if (!context.Options().m_Json) throw told;
-  context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"notWiped", marked}, {"done", text}}, "",
-               Json::array({ErrorJson(told)}));
-  throw told;
+  if (context.Options().m_Json)
+    context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"notWiped", marked}, {"done", text}}, "",
+                 Json::array({ErrorJson(told)}));
+  throw CError(told);
 }
 
 int DeleteArray(CContext& context, const SDeletion& wanted) {
@@ -371,19 +371,28 @@ std::string RoleText(const CInventory& inventory, const std::string& disk, const
   if (object == nullptr) return array + " is gone";
   for (const SMember& member : inventory.EntryOf(*object).m_Members) {
     if (member.m_Name != disk) continue;
+    const char* role = "";
     switch (member.m_Role) {
       case ERole::SPARE:
-        return disk + " is a hot spare of " + array;
+        role = " is a hot spare of ";
+        break;
       case ERole::ACTIVE:
-        return disk + " is an active member of " + array;
+        role = " is an active member of ";
+        break;
       case ERole::REBUILDING:
-        return disk + " is being rebuilt in " + array;
+        role = " is being rebuilt in ";
+        break;
       case ERole::FAILED:
-        return disk + " has failed in " + array;
+        role = " has failed in ";
+        break;
       case ERole::MISSING:
+        role = " is missing in ";
+        break;
       case ERole::OFFLINE:
-        return disk + " is " + WordOf(member.m_Role) + " in " + array;
+        role = " is offline in ";
+        break;
     }
+    return std::string(disk).append(role).append(array);
   }
   return disk + " is no member of " + array;
 }

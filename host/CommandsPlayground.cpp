@@ -134,8 +134,8 @@ int WritePlayground(CContext& context, const std::string& name) {
 }  // namespace
 
 void AddPlayground(CGroup& all) {
-  const auto [write, name] = all.Leaf<std::string>(
-      "playground", "writes a simulated machine to a new file", WritePlayground);
+  const auto [write, name] =
+      all.Leaf<std::string>("playground", "writes a simulated machine to a new file", WritePlayground);
   std::vector<std::string> names;
   for (const SPlayground& playground : PLAYGROUNDS) names.emplace_back(playground.m_Name);
   write->add_option("MACHINE", name, "the machine")->required()->check(CLI::IsMember(names));

@@ -1,6 +1,7 @@
 #include "host/Estimate.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace rvxctl {
 
@@ -41,7 +42,7 @@ std::optional<STimeLeft> CEstimate::Left() const {
     least = std::min(least, one);
     most = std::max(most, one);
   }
-  const auto whole = [](double seconds) { return std::chrono::seconds(static_cast<long>(seconds + 0.5)); };
+  const auto whole = [](double seconds) { return std::chrono::seconds(std::lround(seconds)); };
   return STimeLeft{whole(at(m_Samples.front(), m_Samples.back())), whole(least), whole(most)};
 }
 

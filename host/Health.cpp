@@ -102,7 +102,7 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
   const auto problem = [&](EHealth how, const char* kind, std::string text, std::string next) {
     health.m_Problems.push_back({how, kind, name, std::move(text), std::move(next)});
   };
-  if (status == PI::STATUS_FAILED || status == PI::STATUS_MISSING) {
+  if (IsOneOf(disk, PI::PROP_STATUS, {PI::STATUS_FAILED, PI::STATUS_MISSING})) {
     const SArrayEntry* holder = nullptr;
     for (const SArrayEntry& array : inventory.Arrays())
       for (const SMember& member : array.m_Members)

@@ -157,7 +157,10 @@ std::vector<const SColumn*> NamedColumns(PI::_OBJECT_KIND kind, const std::strin
     if (found == all.end()) {
       std::string known;
       for (const std::string& one : ColumnNames(kind)) known.append(known.empty() ? "" : ",").append(one);
-      throw CError(EXIT_USAGE, "--columns: there is no column \"" + name + "\"; there are: " + known);
+      throw CError(EXIT_USAGE, std::string("--columns: there is no column \"")
+                                   .append(name)
+                                   .append("\"; there are: ")
+                                   .append(known));
     }
     named.push_back(*found);
   }

@@ -125,7 +125,7 @@ SContents CMachine::Contents(const std::string& device) const {
     const auto add = [&](const std::string& what) { text += (text.empty() ? "" : ", ") + what; };
     const auto use = [&](const std::string& what) {
       add(what);
-      contents.m_InUse.push_back(name + " is " + what);
+      contents.m_InUse.push_back(std::string(name).append(" is ").append(what));
     };
     if (!itself) std::ranges::for_each(Signatures(place.m_Device), add);
     if (place.m_MountPoint == "[SWAP]")

@@ -69,9 +69,7 @@ std::vector<SMdArray> ParseMdStat(const std::string& mdstat) {
     if (line.starts_with("md") && colon != std::string::npos) {
       arrays.emplace_back().m_Name = line.substr(0, colon);
       ParseHead(line.substr(colon + 3), arrays.back());
-    } else if (!line.starts_with(" ") && !line.starts_with("\t")) {
-      continue;
-    } else if (arrays.empty()) {
+    } else if (arrays.empty() || (!line.starts_with(" ") && !line.starts_with("\t"))) {
       continue;
     } else if (line.find(" blocks") != std::string::npos) {
       ParseDetails(line, arrays.back());

@@ -41,10 +41,10 @@ std::string WhyNotFree(const CInventory& inventory, const PI::CObject& disk) {
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members) {
       if (member.m_Disk != &disk) continue;
-      const std::string role = member.m_Role == ERole::SPARE    ? "a hot spare of "
-                               : member.m_Role == ERole::FAILED ? "a failed member of "
-                                                                : "a member of ";
-      return name + " is " + role + array.m_Name;
+      const char* const role = member.m_Role == ERole::SPARE    ? " is a hot spare of "
+                               : member.m_Role == ERole::FAILED ? " is a failed member of "
+                                                                : " is a member of ";
+      return std::string(name).append(role).append(array.m_Name);
     }
   if (status == PI::STATUS_READY) return {};
   const std::vector<std::string> uses = inventory.Machine().Contents(PathOf(disk)).m_InUse;
@@ -249,8 +249,7 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
 void RequireRebuild(const CInventory& inventory, const PI::CObject& array, bool start) {
   const SArrayEntry& entry = inventory.EntryOf(array);
   const std::vector<std::string> failed = entry.Of(ERole::FAILED);
-  const auto status = NumberOf(array, PI::PROP_STATUS);
-  if (start && (status == PI::STATUS_DEGRADED || status == PI::STATUS_FAILED))
+  if (start && IsOneOf(array, PI::PROP_STATUS, {PI::STATUS_DEGRADED, PI::STATUS_FAILED}))
     Forbidden("this kernel does not start a rebuild on the plug-in's request; " +
               (failed.empty() ? std::string("add a spare: 'rvxctl spare add DISK ")
                               : "release " + failed.front() + " ('rvxctl spare release " + failed.front() +

@@ -1,5 +1,6 @@
 #include "host/Values.h"
 
+#include <algorithm>
 #include <boost/format.hpp>
 #include <cstdio>
 #include <ctime>
@@ -51,6 +52,11 @@ std::optional<long> NumberOf(const PI::CObject& object, PI::_PROPERTY_ID id) {
   if (const auto* const number = std::get_if<unsigned long>(&property->m_Value))
     return static_cast<long>(*number);
   return std::nullopt;
+}
+
+bool IsOneOf(const PI::CObject& object, PI::_PROPERTY_ID id, std::initializer_list<PI::_CHOICE> choices) {
+  const auto number = NumberOf(object, id);
+  return std::any_of(choices.begin(), choices.end(), [&](PI::_CHOICE choice) { return number == choice; });
 }
 
 std::string TextOf(const PI::CProperty& property) {

@@ -2,6 +2,7 @@
 /// @file
 /// Properties and numbers of objects as people read them.
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 
@@ -13,6 +14,8 @@ namespace rvxctl {
 const PI::CProperty* FindProperty(const PI::CObject& object, PI::_PROPERTY_ID id);
 /// The value as a number: of a range, choice or unsigned property.
 std::optional<long> NumberOf(const PI::CObject& object, PI::_PROPERTY_ID id);
+/// Whether a choice of the object is one of these.
+bool IsOneOf(const PI::CObject& object, PI::_PROPERTY_ID id, std::initializer_list<PI::_CHOICE> choices);
 /// The value as a person reads it, with its unit; empty when the object does not have it.
 std::string TextOf(const PI::CObject& object, PI::_PROPERTY_ID id);
 std::string TextOf(const PI::CProperty& property);
