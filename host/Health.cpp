@@ -1,7 +1,6 @@
 #include "host/Health.h"
 
 #include <algorithm>
-#include <boost/algorithm/string/replace.hpp>
 
 #include "host/Values.h"
 
@@ -128,6 +127,12 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
   if (!worn.empty()) problem(EHealth::WARNING, "disk wearing out", Joined(worn), "replace it soon");
 }
 
+/// "array-degraded"
+std::string Hyphenated(std::string kind) {
+  std::ranges::replace(kind, ' ', '-');
+  return kind;
+}
+
 /// "2 arrays degraded": the plural goes behind the first word.
 std::string Counted(std::size_t count, const std::string& kind) {
   const std::size_t blank = kind.find(' ');
@@ -177,7 +182,7 @@ Json SHealth::ToJson() const {
   Json problems = Json::array();
   for (const SProblem& problem : m_Problems)
     problems.push_back({{"health", WordOf(problem.m_Health)},
-                        {"kind", boost::replace_all_copy(problem.m_Kind, " ", "-")},
+                        {"kind", Hyphenated(problem.m_Kind)},
                         {"object", problem.m_Object},
                         {"text", problem.m_Text},
                         {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)}});

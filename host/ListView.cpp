@@ -177,7 +177,7 @@ std::string OneWord(std::string text) {
 SCell CellOf(const SColumn& column, const SRow& row, bool isWord) {
   if (isWord) return OneWord((column.m_Word != nullptr ? column.m_Word : column.m_Cell)(row).m_Text);
   SCell cell = (column.m_Cell != nullptr ? column.m_Cell : column.m_Word)(row);
-  if (cell.m_Text.empty()) cell.m_Text = "-";
+  if (cell.m_Text.empty()) cell.m_Text.assign(1, '-');
   return cell;
 }
 
