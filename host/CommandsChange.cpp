@@ -67,9 +67,9 @@ int ShowDone(CContext& context, const std::string& text, Json data = Json::objec
 
 /// "sda, sdb"
 std::string Listed(const std::vector<const PI::CObject*>& objects) {
-  std::string names;
-  for (const PI::CObject* const object : objects) names += (names.empty() ? "" : ", ") + NameOf(*object);
-  return names;
+  std::vector<std::string> names;
+  for (const PI::CObject* const object : objects) names.push_back(NameOf(*object));
+  return Joined(names);
 }
 
 /// What tells an array from another one of its name.
@@ -93,9 +93,7 @@ std::vector<std::string> StillMembers(const CInventory& inventory, const std::ve
 }
 
 CError NotWiped(const std::vector<std::string>& disks) {
-  std::string names;
-  for (const std::string& name : disks) names += (names.empty() ? "" : ", ") + name;
-  return {EXIT_PLUGIN_ERROR, "the superblock could not be wiped from " + names +
+  return {EXIT_PLUGIN_ERROR, "the superblock could not be wiped from " + Joined(disks) +
                                  ": at the next start md may take it for a member again; "
                                  "mdadm --zero-superblock wipes it"};
 }
@@ -234,14 +232,6 @@ SDoomed DoomedBy(const CInventory& inventory, const SDeletion& wanted) {
   return {PI::OP_DELETE_LOGICAL_DRIVE, array, "", {&array}};
 }
 
-/// The managed disk that a member is, or is a partition of; null when it is neither.
-const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member) {
-  if (member.m_Disk != nullptr) return member.m_Disk;
-  for (const PI::CObject* const disk : inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE))
-    if (Rules::IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
-  return nullptr;
-}
-
 SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const SDoomed& doomed) {
   std::vector<SDiskPlan> plans;
   std::string loss = "What is stored on it is lost.";
@@ -253,7 +243,7 @@ SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const S
     // Its file system and mounts are what is lost.
     plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
     for (const SMember& member : inventory.EntryOf(*array).m_Members) {
-      const PI::CObject* const whole = WholeDiskOf(inventory, member);
+      const PI::CObject* const whole = Rules::WholeDiskOf(inventory, member);
       if (whole != nullptr) plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *whole));
       if (member.m_Disk == nullptr) loss += " The member " + member.m_Name + " keeps its superblock.";
       if (member.m_Disk == nullptr && whole != nullptr)
@@ -371,27 +361,10 @@ std::string RoleText(const CInventory& inventory, const std::string& disk, const
   if (object == nullptr) return array + " is gone";
   for (const SMember& member : inventory.EntryOf(*object).m_Members) {
     if (member.m_Name != disk) continue;
-    const char* role = "";
-    switch (member.m_Role) {
-      case ERole::SPARE:
-        role = " is a hot spare of ";
-        break;
-      case ERole::ACTIVE:
-        role = " is an active member of ";
-        break;
-      case ERole::REBUILDING:
-        role = " is being rebuilt in ";
-        break;
-      case ERole::FAILED:
-        role = " has failed in ";
-        break;
-      case ERole::MISSING:
-        role = " is missing in ";
-        break;
-      case ERole::OFFLINE:
-        role = " is offline in ";
-        break;
-    }
+    // In the order of ERole.
+    constexpr const char* ROLES[] = {" is an active member of ", " is a hot spare of ", " has failed in ",
+                                     " is being rebuilt in ",    " is missing in ",     " is offline in "};
+    const char* const role = ROLES[static_cast<std::size_t>(member.m_Role)];
     return std::string(disk).append(role).append(array);
   }
   return disk + " is no member of " + array;

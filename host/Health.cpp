@@ -8,12 +8,6 @@ namespace rvxctl {
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& texts, const char* separator = ", ") {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : separator) + text;
-  return all;
-}
-
 std::string Members(const SArrayEntry& array) {
   std::string text = std::to_string(array.m_Present) + " of " + std::to_string(array.m_Wanted) + " members " +
                      (array.m_Present == 1 ? "works" : "work");

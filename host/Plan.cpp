@@ -10,12 +10,6 @@ namespace rvxctl {
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& texts, const char* separator) {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : separator) + text;
-  return all;
-}
-
 std::string Or(const std::string& text, const char* otherwise) { return text.empty() ? otherwise : text; }
 
 /// The last part of a path.

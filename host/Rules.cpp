@@ -27,11 +27,20 @@ std::uint64_t KiBOf(const CInventory& inventory, const PI::CObject& disk) {
   return inventory.FactsOf(disk).m_Bytes.value_or(0) >> 10;
 }
 
-/// "sda1 is mounted at /srv, sda2 is held by dm-0"
-std::string Joined(const std::vector<std::string>& texts) {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
-  return all;
+/// Whether a name is that of a partition of the disk: "sda1" or "nvme0n1p1".
+bool IsPartitionOf(const std::string& name, const std::string& disk) {
+  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
+  std::string rest = name.substr(disk.size());
+  // A "p" stands between where the disk's own name ends in a digit.
+  if (std::isdigit(static_cast<unsigned char>(disk.back())) != 0) {
+    if (rest.size() < 2 || rest.front() != 'p') return false;
+    rest.erase(0, 1);
+  }
+  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+std::string MetadataOf(const SArrayEntry& array) {
+  return array.m_Md->m_Metadata.empty() ? "0.90" : array.m_Md->m_Metadata;
 }
 
 /// Why a disk is not free; empty when it is.
@@ -147,15 +156,11 @@ void RequireDistinct(const CInventory& inventory, const SNewArray& wanted) {
 
 }  // namespace
 
-bool IsPartitionOf(const std::string& name, const std::string& disk) {
-  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
-  std::string rest = name.substr(disk.size());
-  // A "p" stands between where the disk's own name ends in a digit.
-  if (std::isdigit(static_cast<unsigned char>(disk.back())) != 0) {
-    if (rest.size() < 2 || rest.front() != 'p') return false;
-    rest.erase(0, 1);
-  }
-  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
+const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member) {
+  if (member.m_Disk != nullptr) return member.m_Disk;
+  for (const PI::CObject* const disk : inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE))
+    if (IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
+  return nullptr;
 }
 
 std::uint64_t SmallestKiB(const CInventory& inventory, const SNewArray& wanted) {
@@ -205,8 +210,7 @@ void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI
     Forbidden(entry.m_Name + " is " + TextOf(array, PI::PROP_RAID_LEVEL) +
               ": a level without redundancy takes no spare");
   if (entry.m_Md->m_Metadata != "1.0")
-    Forbidden(entry.m_Name + " has metadata " +
-              (entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) +
+    Forbidden(entry.m_Name + " has metadata " + MetadataOf(entry) +
               ", and the plug-in knows version 1.0 alone: use mdadm --add");
   RequireWritable(entry);
   const Md::CArray device(inventory.Machine().System(), PathOf(array));
@@ -265,8 +269,7 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
   if (const SContents contents = inventory.Machine().Contents(PathOf(array)); !contents.m_InUse.empty())
     Forbidden(entry.m_Name + " is in use: " + Joined(contents.m_InUse));
   if (entry.m_Md && entry.m_Md->m_Active && entry.m_Md->m_Metadata != "1.0")
-    Forbidden(entry.m_Name + " has metadata " +
-              (entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) +
+    Forbidden(entry.m_Name + " has metadata " + MetadataOf(entry) +
               ", and only an array with version 1.0 can be deleted: use mdadm --stop and --zero-superblock");
   // The plug-in looks at every array whose name contains this one's.
   for (const SMdArray& other : ParseMdStat(inventory.Machine().MdStat().value_or("")))
@@ -281,13 +284,12 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
   for (const SMember& member : entry.m_Members) {
     managed = managed || member.m_Disk != nullptr;
     if (member.m_Disk != nullptr || partitionMembers) continue;
-    for (const PI::CObject* const disk : inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE))
-      if (IsPartitionOf(member.m_Name, NameOf(*disk)))
-        Forbidden("the member " + member.m_Name + " of " + entry.m_Name +
-                  " is a partition: the blank superblock would be written to the end of the whole disk " +
-                  NameOf(*disk) +
-                  ", into what lies there. Use mdadm --stop and --zero-superblock, or say "
-                  "--force-partition-members");
+    if (const PI::CObject* const disk = WholeDiskOf(inventory, member))
+      Forbidden("the member " + member.m_Name + " of " + entry.m_Name +
+                " is a partition: the blank superblock would be written to the end of the whole disk " +
+                NameOf(*disk) +
+                ", into what lies there. Use mdadm --stop and --zero-superblock, or say "
+                "--force-partition-members");
   }
   if (!managed && !partitionMembers)
     Forbidden("no member of " + entry.m_Name + " is a managed disk: use mdadm --stop and --zero-superblock");

@@ -30,8 +30,8 @@ std::uint64_t SmallestKiB(const CInventory& inventory, const SNewArray& wanted);
 /// disks have (the superblock's size is doubled in 32 bits).
 std::optional<std::uint64_t> MirrorKiB(const CInventory& inventory, const SNewArray& wanted);
 
-/// Whether a name is that of a partition of the disk: "sda1" or "nvme0n1p1".
-bool IsPartitionOf(const std::string& name, const std::string& disk);
+/// The managed disk that a member is, or is a partition of; null when it is neither.
+const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member);
 
 /// Each throws CError: EXIT_USAGE for a wrong request, EXIT_NOT_ALLOWED for one that the present state
 /// forbids.

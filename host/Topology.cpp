@@ -84,14 +84,4 @@ const PI::CObject* CTopology::ArrayOf(const PI::CObject& disk) const {
   return nullptr;
 }
 
-std::string CTopology::Names(const std::vector<unsigned long>& ids) const {
-  std::string names;
-  for (const unsigned long id : ids) {
-    const PI::CObject* const object = FindID(id);
-    if (!names.empty()) names += ' ';
-    names += object == nullptr ? HexadecimalID(id) : NameOf(*object);
-  }
-  return names;
-}
-
 }  // namespace rvxctl

@@ -30,8 +30,6 @@ class CTopology {
   [[noreturn]] void ThrowUnknown(const std::string& address, PI::_OBJECT_KIND kind) const;
   /// The array that lists the disk as a member; null when none does.
   const PI::CObject* ArrayOf(const PI::CObject& disk) const;
-  /// The names of all objects with these identifiers, in order, separated by blanks.
-  std::string Names(const std::vector<unsigned long>& ids) const;
 
  private:
   const PI::CObject* FindNamed(const std::string& name, PI::_OBJECT_KIND kind) const;

@@ -147,6 +147,12 @@ std::string SizeText(std::optional<long> mebibytes) {
                           : (boost::format("%.1f TiB") % (gibibytes / 1024)).str();
 }
 
+std::string Joined(const std::vector<std::string>& texts, const char* separator) {
+  std::string all;
+  for (const std::string& text : texts) all.append(all.empty() ? "" : separator).append(text);
+  return all;
+}
+
 std::string TimeText(unsigned long milliseconds) {
   const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
   std::tm parts{};

@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "PI/Object.h"
 
@@ -35,6 +36,8 @@ std::string NameOf(const PI::CObject& object);
 std::string HexadecimalID(unsigned long id);
 /// MiB as a person reads it: "4.0 GiB".
 std::string SizeText(std::optional<long> mebibytes);
+/// "a, b"
+std::string Joined(const std::vector<std::string>& texts, const char* separator = ", ");
 /// RFC 3339 with milliseconds, UTC.
 std::string TimeText(unsigned long milliseconds);
 
