@@ -130,6 +130,10 @@ Rules::SNewArray WantedBy(const CInventory& inventory, const SCreation& wanted) 
 /// What is lost by it, and what a person may not expect of it.
 std::string LossOf(const CInventory& inventory, const Rules::SNewArray& wanted) {
   std::string loss = "What is on these disks is lost.";
+  const auto& stripes = wanted.m_Level.m_StripeSizes;
+  if (wanted.m_Stripe && std::ranges::find(stripes, *wanted.m_Stripe) == stripes.end())
+    loss += " A " + wanted.m_Word + " has no stripes of " + WordOf(*wanted.m_Stripe) +
+            " KiB; its size is rounded to that, nothing else.";
   if (wanted.m_Level.m_Level != PI::LEVEL_RAID1) return loss;
   const std::uint64_t smallest = Rules::SmallestKiB(inventory, wanted);
   const auto size = Rules::MirrorKiB(inventory, wanted);

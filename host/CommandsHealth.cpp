@@ -34,8 +34,13 @@ int CheckHealth(CContext& context, const SSmartLimits& limits) {
     std::string text = health.m_Headline;
     for (const SProblem& problem : health.m_Problems) text += "; " + problem.m_Object + ": " + problem.m_Text;
     for (const std::string& note : health.m_Notes) text += "; " + note;
-    context.Show("check", health.ToJson(),
-                 CheckLine(health.m_Health, text) + " | " + PerformanceData(inventory, health) + "\n");
+    Json data = health.ToJson();
+    std::string performance = " |";  // as monitoring plug-ins give figures
+    for (const auto& [label, figure] : FiguresOf(inventory, health)) {
+      data["figures"][label] = figure;
+      performance += std::string(" ") + label + "=" + std::to_string(figure) + ";;;0";
+    }
+    context.Show("check", data, CheckLine(health.m_Health, text) + performance + "\n");
     return static_cast<int>(health.m_Health);
   } catch (const CError& error) {
     if (error.m_ExitStatus >= EXIT_SIGNAL) throw;

@@ -84,6 +84,18 @@ Json StatusData(const CInventory& inventory, bool onlyProblems) {
   return data;
 }
 
+/// What rolls off the terminal is told again below.
+std::string OnceText(const CContext& context, const CInventory& inventory, EOrder order) {
+  std::string text = StatusText(context, inventory, order);
+  const std::size_t rows = context.Terminal().Size().m_Rows;
+  const SHealth health = HealthOf(inventory);
+  if (rows == 0 || health.m_Problems.empty() ||
+      static_cast<std::size_t>(std::ranges::count(text, '\n')) < rows)
+    return text;
+  text += "\n" + health.m_Headline + "\n";
+  return order == EOrder::ONLY_PROBLEMS ? text : text + "'rvxctl status --only-problems' shows what\n";
+}
+
 int ShowStatus(CContext& context, const SStatus& wanted) {
   const bool watch = wanted.m_Watch;
   const auto order = [&](EOrder usual) { return wanted.m_OnlyProblems ? EOrder::ONLY_PROBLEMS : usual; };
@@ -96,7 +108,7 @@ int ShowStatus(CContext& context, const SStatus& wanted) {
     context.Show(
         "status", [&] { return StatusData(inventory, wanted.m_OnlyProblems); },
         [&] {
-          if (!isScreen) return StatusText(context, inventory, order(EOrder::BY_NAME));
+          if (!isScreen) return OnceText(context, inventory, order(EOrder::BY_NAME));
           return Screen(StatusText(context, inventory, order(EOrder::PROBLEMS_FIRST)),
                         context.Terminal().Size());
         });
@@ -126,7 +138,9 @@ int ListObjects(CContext& context, const SKind& kind, const SList& list) {
   };
   const SListStyle& style = list.m_Style;
   const bool isPlain = style.m_Columns.empty() && !style.m_Bytes && !style.m_NoHeadings;
-  context.Show(kind.m_Schema, data, [&] {
+  context.Show(kind.m_Schema, data, [&]() -> std::string {
+    const bool noneMatches = objects.empty() && !inventory.Topology().OfKind(kind.m_Kind).empty();
+    if (isPlain && noneMatches) return "No disk matches.\n";
     return isPlain ? kind.m_Table(context, inventory, objects)
                    : ListText(context, inventory, kind.m_Kind, objects, style);
   });
@@ -230,7 +244,7 @@ int ShowLevels(CContext& context) {
     std::string list;
     for (const unsigned int stripe : level.m_StripeSizes) {
       stripes.push_back({{"value", stripe}, {"key", WordOf(stripe)}, {"text", Texts::Of(stripe)}});
-      list += (list.empty() ? "" : ", ") + Texts::Of(stripe);
+      list += (list.empty() ? "" : ", ") + WordOf(stripe);
     }
     const bool hasDefault = level.m_DefaultStripeSize != 0;
     data.push_back({{"level", level.m_Level},
@@ -240,13 +254,16 @@ int ShowLevels(CContext& context) {
                     {"maximumDrives", level.m_MaximumDrives},
                     {"stripeSizes", stripes},
                     {"defaultStripeSize", hasDefault ? Json(level.m_DefaultStripeSize) : Json(nullptr)}});
-    rows.push_back({Texts::Of(level.m_Level), std::to_string(level.m_MinimumDrives),
-                    std::to_string(level.m_MaximumDrives), list.empty() ? "-" : list,
-                    hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-", WordOf(level.m_Level)});
+    rows.push_back(
+        {WordOf(level.m_Level), Texts::Of(level.m_Level),
+         level.m_MinimumDrives == level.m_MaximumDrives
+             ? std::to_string(level.m_MinimumDrives)
+             : std::to_string(level.m_MinimumDrives) + " to " + std::to_string(level.m_MaximumDrives),
+         hasDefault ? Texts::Of(level.m_DefaultStripeSize) : "-", list.empty() ? "-" : list + " KiB"});
   }
-  context.Show("levels", data,
-               Table({"LEVEL", "MIN DISKS", "MAX DISKS", "STRIPE SIZES", "DEFAULT", "NAME"}, rows,
-                     context.Terminal().Width()));
+  context.Show(
+      "levels", data,
+      Table({"NAME", "LEVEL", "DISKS", "DEFAULT", "STRIPE SIZES"}, rows, context.Terminal().Width()));
   return EXIT_DONE;
 }
 

@@ -184,11 +184,22 @@ std::vector<std::string> LevelWords(bool stripes) {
   return words;
 }
 
-std::vector<std::string> ValuesOf(const SLine& line, const std::string& option) {
+/// The columns that are not named yet, behind those that are.
+std::vector<std::string> MoreColumns(const std::vector<std::string>& columns, const std::string& typed) {
+  const std::string named = typed.substr(0, typed.rfind(',') + 1);
+  std::vector<std::string> lists;
+  for (const std::string& column : columns)
+    if (("," + named).find("," + column + ",") == std::string::npos) lists.push_back(named + column);
+  return lists;
+}
+
+/// What the option may be given, of which a part is typed.
+std::vector<std::string> ValuesOf(const SLine& line, const std::string& option, const std::string& typed) {
   if (option == "--level" || option == "--stripe") return LevelWords(option == "--stripe");
   if (option == "--array") return Fit(line, T::ARRAY);
   if (option == "--columns")
-    return ColumnNames(line.m_Command == "disk list" ? PI::OBJ_PHYSICAL_DRIVE : PI::OBJ_LOGICAL_DRIVE);
+    return MoreColumns(
+        ColumnNames(line.m_Command == "disk list" ? PI::OBJ_PHYSICAL_DRIVE : PI::OBJ_LOGICAL_DRIVE), typed);
   return {};
 }
 
@@ -246,7 +257,7 @@ std::vector<SCandidate> KernelCandidates(const std::string& root) {
   for (const SMdArray& array : arrays) {
     candidates.push_back({array.m_Name, TraitsOf(array)});
     for (const SMdMember& member : array.m_Members)
-      if (member.m_Spare || member.m_Faulty) loose.insert(member.m_Name);
+      if (member.m_Mark == 'S' || member.m_Mark == 'F') loose.insert(member.m_Name);
   }
   for (const fs::path& device : Entries(base / "sys/block")) {
     boost::system::error_code error;
@@ -265,9 +276,9 @@ std::vector<std::string> Completions(const CLI::App& app, const std::vector<std:
   const std::size_t sign = current.starts_with("-") ? current.find('=') : std::string::npos;
   std::vector<std::string> names;
   if (line.m_Awaiting != nullptr) {
-    names = ValuesOf(line, line.m_Awaiting->get_name());
+    names = ValuesOf(line, line.m_Awaiting->get_name(), current);
   } else if (sign != std::string::npos) {
-    for (const std::string& value : ValuesOf(line, current.substr(0, sign)))
+    for (const std::string& value : ValuesOf(line, current.substr(0, sign), current.substr(sign + 1)))
       names.push_back(current.substr(0, sign + 1) + value);
   } else if (current.starts_with("-")) {
     names = OptionNames(line);

@@ -183,7 +183,7 @@ Json SHealth::ToJson() const {
   return {{"health", WordOf(m_Health)}, {"headline", m_Headline}, {"problems", problems}, {"notes", m_Notes}};
 }
 
-std::string PerformanceData(const CInventory& inventory, const SHealth& health) {
+Figures FiguresOf(const CInventory& inventory, const SHealth& health) {
   const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
   const auto in = [&](PI::_CHOICE status) {
     return std::ranges::count_if(
@@ -192,18 +192,13 @@ std::string PerformanceData(const CInventory& inventory, const SHealth& health) 
   const auto of = [&](const char* kind) {
     return std::ranges::count(health.m_Problems, kind, &SProblem::m_Kind);
   };
-  const std::pair<const char*, long> figures[] = {
-      {"arrays", static_cast<long>(inventory.Arrays().size())},
-      {"arrays_degraded", of("array degraded") + of("array rebuilding")},
-      {"arrays_failed", of("array failed") + of("array inactive")},
-      {"disks", static_cast<long>(disks.size())},
-      {"disks_failed", of("disk failed") + of("disk missing")},
-      {"spares", in(PI::STATUS_SPARE)},
-      {"disks_ready", in(PI::STATUS_READY)}};
-  std::string text;
-  for (const auto& [label, figure] : figures)
-    text += (text.empty() ? "" : " ") + std::string(label) + "=" + std::to_string(figure) + ";;;0";
-  return text;
+  return {{"arrays", static_cast<long>(inventory.Arrays().size())},
+          {"arrays_degraded", of("array degraded") + of("array rebuilding")},
+          {"arrays_failed", of("array failed") + of("array inactive")},
+          {"disks", static_cast<long>(disks.size())},
+          {"disks_failed", of("disk failed") + of("disk missing")},
+          {"spares", in(PI::STATUS_SPARE)},
+          {"disks_ready", in(PI::STATUS_READY)}};
 }
 
 }  // namespace rvxctl

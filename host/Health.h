@@ -44,7 +44,8 @@ struct SHealth {
 
 SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits = {});
 
-/// Figures for a monitoring plug-in's line, behind the bar: "arrays=2;;;0 degraded=1;;;0 ...".
-std::string PerformanceData(const CInventory& inventory, const SHealth& health);
+/// How many arrays and disks there are, and how many are how: "arrays", "disks_failed".
+using Figures = std::vector<std::pair<const char*, long>>;
+Figures FiguresOf(const CInventory& inventory, const SHealth& health);
 
 }  // namespace rvxctl

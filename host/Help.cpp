@@ -142,17 +142,40 @@ std::string ListOf(const CLI::App& app) {
   return list;
 }
 
+/// What to write where a file follows --simulate as a word of its own; empty where none does.
+std::string SimulateHint(const CLI::App& app, const std::vector<std::string>& words) {
+  const auto found = std::ranges::find(words, "--simulate");
+  if (found == words.end() || found + 1 == words.end()) return {};
+  const std::string& file = *(found + 1);
+  // A command's name is no file, whatever lies in the folder.
+  const auto commands = NamesOf(CommandsOf(app));
+  if (std::ranges::find(commands, file) != commands.end()) return {};
+  boost::system::error_code error;
+  const bool isFile = file.ends_with(".json") || boost::filesystem::is_regular_file(file, error);
+  return isFile ? "the machine's file is a part of the option: write --simulate=" + file : "";
+}
+
+/// What is wrong with the words of a command that is known, for people: CLI11 says it for programmers.
+std::string Reworded(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  const std::size_t colon = text.find(": ");
+  const std::string name = text.substr(0, colon);
+  const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 2);
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
+    return name + (rest.starts_with("At Most") ? " is said more than once" : " needs a value");
+  if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr) return "not a number: " + rest;
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) return "more than the command takes: " + rest;
+  return text;
+}
+
 }  // namespace
 
 std::shared_ptr<CLI::Formatter> HelpFormatter() { return std::make_shared<CFormatter>(); }
 
-std::string SimulateHint(const std::vector<std::string>& words) {
-  const auto found = std::ranges::find(words, "--simulate");
-  if (found == words.end() || found + 1 == words.end()) return {};
-  const std::string& file = *(found + 1);
-  boost::system::error_code error;
-  const bool isFile = file.ends_with(".json") || boost::filesystem::is_regular_file(file, error);
-  return isFile ? "the machine's file is a part of the option: write --simulate=" + file : "";
+std::string EmptyValueHint(const std::vector<std::string>& words) {
+  const auto found = std::ranges::find_if(
+      words, [](const std::string& word) { return word.starts_with("--") && word.ends_with("="); });
+  return found == words.end() ? "" : *found + " has no value: is a script's variable unset?";
 }
 
 std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
@@ -166,7 +189,7 @@ std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
   const auto rest = app.remaining(true);
   const auto option =
       std::ranges::find_if(rest, [](const std::string& word) { return word.starts_with("-"); });
-  if (std::string hint = SimulateHint(words); !hint.empty()) return hint;
+  if (std::string hint = SimulateHint(app, words); !hint.empty()) return hint;
   if (option != rest.end()) {
     const std::string name = option->substr(0, option->find('='));
     return "unknown option " + name + Suggestion(name, OptionsOf(deepest)) + help;
@@ -175,7 +198,7 @@ std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
     return "unknown command \"" + rest.front() + "\"" + Suggestion(rest.front(), NamesOf(commands)) + help;
   if (!commands.empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
     return "a command is missing after \"" + path + "\"; there are:" + ListOf(*deepest);
-  return error.what() + help;
+  return Reworded(error) + help;
 }
 
 std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command) {

@@ -16,8 +16,9 @@ std::shared_ptr<CLI::Formatter> HelpFormatter();
 std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
                          const std::vector<std::string>& words);
 
-/// What to write where a file follows --simulate as a word of its own; empty where none does.
-std::string SimulateHint(const std::vector<std::string>& words);
+/// What is wrong with an option that ends with its "=", as --simulate=$FILE does when FILE is unset: CLI11
+/// would take the next word, or none at all. Empty where there is none.
+std::string EmptyValueHint(const std::vector<std::string>& words);
 
 /// The help of a command, "array create". Throws CError(EXIT_USAGE) when there is none of that name.
 std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Src/md/Array.h"
 #include "host/Error.h"
 #include "host/Levels.h"
 #include "host/Values.h"
@@ -11,13 +12,16 @@ namespace rvxctl {
 namespace {
 
 ERole RoleOf(const CMachine& machine, const SMdMember& member, const PI::CObject* disk) {
-  if (member.m_Faulty) return ERole::FAILED;
+  if (member.m_Mark == 'F') return ERole::FAILED;
   struct stat node {};
   if (disk == nullptr && machine.System().Status("/dev/" + member.m_Name, node) != 0) return ERole::MISSING;
   const auto state = machine.Line("/sys/block/" + member.m_Name + "/device/state");
   if (state && (*state == "offline" || *state == "transport-offline")) return ERole::OFFLINE;
   if (disk != nullptr && NumberOf(*disk, PI::PROP_STATUS) == PI::STATUS_REBUILDING) return ERole::REBUILDING;
-  return member.m_Spare ? ERole::SPARE : ERole::ACTIVE;
+  return member.m_Mark == 'S'   ? ERole::SPARE
+         : member.m_Mark == 'J' ? ERole::JOURNAL
+         : member.m_Mark == 'R' ? ERole::REPLACEMENT
+                                : ERole::ACTIVE;
 }
 
 /// Where md does not list the array any more.
@@ -29,6 +33,17 @@ ERole RoleOf(const PI::CObject& disk) {
                                            : ERole::FAILED;
 }
 
+/// md has no word for it: an array that was started later may go on with its first resync, or may have been
+/// stopped uncleanly.
+bool IsFirstSync(const CMachine& machine, const SMdArray& array) {
+  constexpr std::uint64_t NEAR = 10;  // seconds between the device and the array that is made with it
+  if (!array.m_Run || array.m_Run->m_Action != "resync" || !array.m_Run->m_Waiting.empty()) return false;
+  const std::string device = "/dev/" + array.m_Name;
+  const auto info = Md::CArray(machine.System(), device).Info();
+  const auto made = machine.MadeAt(device);
+  return info && made && info->ctime + NEAR > *made && *made + NEAR > info->ctime;
+}
+
 SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, const PI::CObject& object,
                          const std::vector<SMdArray>& arrays) {
   const auto level = NumberOf(object, PI::PROP_RAID_LEVEL);
@@ -38,6 +53,7 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
     entry.m_Md = *md;
     if (machine.Line("/sys/block/" + entry.m_Name + "/md/array_state") == "broken")
       entry.m_Md->m_Broken = true;
+    entry.m_IsFirstSync = IsFirstSync(machine, *md);
     for (const SMdMember& member : md->m_Members) {
       const PI::CObject* const disk = topology.FindDisk(member.m_Name);
       entry.m_Members.push_back({member.m_Name, disk, RoleOf(machine, member, disk)});
@@ -67,7 +83,8 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
 }  // namespace
 
 const char* WordOf(ERole role) {
-  constexpr const char* WORDS[] = {"active", "spare", "failed", "rebuilding", "missing", "offline"};
+  constexpr const char* WORDS[] = {"active",  "spare",   "failed",  "rebuilding",
+                                   "missing", "offline", "journal", "replacement"};
   return WORDS[static_cast<std::size_t>(role)];
 }
 
@@ -77,8 +94,7 @@ std::string SArrayEntry::MembersText() const {
     text += (text.empty() ? "" : " ") + member.m_Name;
     if (member.m_Role == ERole::SPARE) text += "(S)";
     if (member.m_Role == ERole::FAILED) text += "(F)";
-    if (member.m_Role == ERole::MISSING || member.m_Role == ERole::OFFLINE)
-      text += std::string("(") + WordOf(member.m_Role) + ")";
+    if (member.m_Role >= ERole::MISSING) text += std::string("(") + WordOf(member.m_Role) + ")";
   }
   return text;
 }
@@ -94,6 +110,8 @@ std::string SArrayEntry::ActivityText() const {
     if (run.m_Action == "reshape") return "Reshaping (md)";
   }
   std::string text = rvxctl::ActivityText(m_Object);
+  if (m_IsFirstSync && ProgressOf(m_Object))
+    text = "First sync " + TextOf(m_Object, PI::PROP_RESYNC_PROGRESS) + " (md)";
   if (m_Md && m_Md->m_ReadOnly == "auto-read-only") text += ", read-only until written (md)";
   if (m_Md && m_Md->m_ReadOnly == "read-only") text += ", read-only (md)";
   return text;

@@ -14,9 +14,10 @@
 namespace rvxctl {
 
 /// What a disk is to its array.
-/// MISSING: md counts on it, but the machine has no such device; OFFLINE: the kernel sends it nothing.
-enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING, MISSING, OFFLINE };
-/// "active", "spare", "failed", "rebuilding", "missing", "offline".
+/// MISSING: md counts on it, but the machine has no such device; OFFLINE: the kernel sends it nothing;
+/// REPLACEMENT: it is to take the place of a member that still works.
+enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING, MISSING, OFFLINE, JOURNAL, REPLACEMENT };
+/// "active", "spare", ...
 const char* WordOf(ERole role);
 
 struct SMember {
@@ -34,6 +35,8 @@ struct SArrayEntry {
   std::vector<SMember> m_Members{};
   unsigned int m_Present{0};  ///< members that work
   unsigned int m_Wanted{0};   ///< members that it was made of
+  /// It resynchronises for the first time: its device came with the array, and not with a later start.
+  bool m_IsFirstSync{false};
 
   /// "sda sdb(F) sde(S)", as md marks them; what it does not know is a word: "sdc(missing)".
   std::string MembersText() const;

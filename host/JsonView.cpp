@@ -86,6 +86,7 @@ void AddArray(const SArrayEntry& entry, Json& json) {
   json["bytes"] = SizeJson(array, PI::PROP_ARRAY_CAPACITY);
   json["activity"] = KeyJson(array, PI::PROP_ACTIVITY);
   json["activityText"] = entry.ActivityText();
+  json["firstSync"] = entry.m_IsFirstSync;
   const auto progress = ProgressOf(array);
   json["progress"] = progress ? Json(*progress) : Json(nullptr);
   const PI::CProperty* const time = FindProperty(array, PI::PROP_TIME_REMAINING);

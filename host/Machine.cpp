@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string/trim.hpp>
+#include <boost/algorithm/string.hpp>
 #include <boost/filesystem.hpp>
 #include <memory>
 
@@ -38,6 +38,13 @@ std::string NumberText(dev_t number) {
   return std::to_string(major(number)) + ":" + std::to_string(minor(number));
 }
 
+/// What stands behind the first beginning that is so; empty without one.
+std::string ValueOf(const std::vector<std::string>& lines, const std::string& begin) {
+  for (const std::string& line : lines)
+    if (line.starts_with(begin)) return line.substr(begin.size());
+  return {};
+}
+
 /// A device of a machine that is not here, as far as signatures stand on it: its begin and its end.
 CFileDescriptor CopyOf(OS::COperatingSystem& os, const std::string& device, std::uint64_t size) {
   constexpr std::uint64_t PART = 1U << 20;
@@ -57,6 +64,23 @@ CFileDescriptor CopyOf(OS::COperatingSystem& os, const std::string& device, std:
 
 }  // namespace
 
+std::vector<std::string> CMachine::UdevRecord(const std::string& device) const {
+  fs::path udevadm;
+  std::vector<std::string> lines;
+  const bool isThere = m_OS.GetCommandPath("udevadm", udevadm) == 1 &&
+                       m_OS.ExecuteCommand(udevadm, "info -q all -n " + device, lines) == 1;
+  return isThere ? lines : std::vector<std::string>();
+}
+
+std::optional<std::uint64_t> CMachine::MadeAt(const std::string& device) const {
+  std::vector<std::string> lines;
+  boost::split(lines, OS::ReadText(m_OS, "/proc/stat").value_or(""), boost::is_any_of("\n"));
+  const std::string boot = ValueOf(lines, "btime ");
+  const std::string later = ValueOf(UdevRecord(device), "E: USEC_INITIALIZED=");
+  if (boot.empty() || later.empty()) return std::nullopt;
+  return std::strtoull(boot.c_str(), nullptr, 10) + std::strtoull(later.c_str(), nullptr, 10) / 1000000;
+}
+
 SDeviceFacts CMachine::Facts(const std::string& device) const {
   SDeviceFacts facts;
   const auto number = OS::DeviceNumber(m_OS, device);
@@ -68,16 +92,8 @@ SDeviceFacts CMachine::Facts(const std::string& device) const {
   if (const auto link = m_OS.ReadLink(folder + "/device"))
     if (const std::string address = link->substr(link->rfind('/') + 1); std::ranges::count(address, ':') == 3)
       facts.m_Address = address;
-  fs::path udevadm;
-  std::vector<std::string> lines;
-  if (m_OS.GetCommandPath("udevadm", udevadm) != 1 ||
-      m_OS.ExecuteCommand(udevadm, "info -q all -n " + device, lines) != 1)
-    return facts;
-  const auto value = [&](const std::string& key) {
-    for (const std::string& line : lines)
-      if (line.starts_with("E: " + key + "=")) return line.substr(key.size() + 4);
-    return std::string();
-  };
+  const std::vector<std::string> lines = UdevRecord(device);
+  const auto value = [&](const std::string& key) { return ValueOf(lines, "E: " + key + "="); };
   facts.m_Sequence = value("DISKSEQ");
   // What a SCSI disk tells of itself comes first: udev's short serial number of it is its WWN.
   facts.m_Serial = value("ID_SCSI_SERIAL");

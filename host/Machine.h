@@ -43,6 +43,8 @@ class CMachine {
   SContents Contents(const std::string& device) const;
   /// The PCI controllers that disks hang on: "ahci (0000:00:1f.2, vendor 0x8086)"; none when not known.
   std::optional<std::set<std::string>> Controllers() const;
+  /// When the kernel made a device, in seconds since 1970; none when udev has not seen it.
+  std::optional<std::uint64_t> MadeAt(const std::string& device) const;
   /// A short file's text without the line's end, such as an attribute of sysfs; none when it cannot be read.
   std::optional<std::string> Line(const std::string& path) const;
   /// md's account of its arrays; none when md is not in the kernel.
@@ -55,6 +57,8 @@ class CMachine {
   OS::COperatingSystem& System() const { return m_OS; }
 
  private:
+  /// What udev keeps of a device.
+  std::vector<std::string> UdevRecord(const std::string& device) const;
   std::vector<std::string> Signatures(const std::string& device) const;
   std::vector<std::string> Holders(const std::string& device) const;
 

@@ -106,6 +106,17 @@ int Run(const SOptions& options, const Command& command) {
 
 /// What the words of the command line ask for: a command, help, or to be told what is wrong with them.
 Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vector<std::string>& words) {
+  const auto refuse = [&](const std::string& message) -> Command {
+    options = {};
+    options.m_Json = std::ranges::find(words, "--json") != words.end();
+    const CError wrong(EXIT_USAGE, message);
+    const bool isCheck = std::ranges::find(words, "check") != words.end();
+    return [wrong, isCheck](CContext& context) {
+      if (isCheck) return ShowUnknown(context, wrong);
+      throw CError(wrong);
+    };
+  };
+  if (const std::string hint = EmptyValueHint(words); !hint.empty()) return refuse(hint);
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));  // as CLI11 wants them
     if (options.m_Machine == "-") options.m_Machine.clear();
@@ -120,14 +131,7 @@ Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vec
         return EXIT_DONE;
       };
     }
-    options = {};
-    options.m_Json = std::ranges::find(words, "--json") != words.end();
-    const CError wrong(EXIT_USAGE, UsageMessage(app, error, words));
-    const bool isCheck = std::ranges::find(words, "check") != words.end();
-    return [wrong, isCheck](CContext& context) {
-      if (isCheck) return ShowUnknown(context, wrong);
-      throw CError(wrong);
-    };
+    return refuse(UsageMessage(app, error, words));
   }
 }
 

@@ -21,8 +21,10 @@ void ParseHead(const std::string& text, SMdArray& array) {
       array.m_ReadOnly = word.substr(1, word.size() - 2);
     } else if (bracket != std::string::npos) {
       SMdMember member{word.substr(0, bracket), std::atoi(word.c_str() + bracket + 1)};
-      member.m_Faulty = word.find("(F)") != std::string::npos;
-      member.m_Spare = word.find("(S)") != std::string::npos;
+      // A faulty one may have been something else before; "(W)" tells how it is read alone.
+      for (const char mark : {'F', 'S', 'J', 'R'})
+        if (member.m_Mark == 0 && word.find({'(', mark, ')'}, bracket) != std::string::npos)
+          member.m_Mark = mark;
       array.m_Members.push_back(member);
     } else if (array.m_Active) {
       array.m_Level = word;

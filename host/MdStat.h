@@ -12,8 +12,8 @@ namespace rvxctl {
 struct SMdMember {
   std::string m_Name;
   int m_Number;
-  bool m_Faulty{false};
-  bool m_Spare{false};
+  /// 'F' faulty, 'S' spare, 'J' journal, 'R' replacement of a member that still works; 0: none of these.
+  char m_Mark{0};
 };
 
 /// A resync, recovery, check or reshape.

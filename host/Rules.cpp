@@ -237,7 +237,8 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members) {
       if (member.m_Disk != &disk) continue;
-      if (member.m_Role == ERole::ACTIVE || member.m_Role == ERole::REBUILDING)
+      constexpr ERole WORKING[] = {ERole::ACTIVE, ERole::REBUILDING, ERole::JOURNAL, ERole::REPLACEMENT};
+      if (std::ranges::find(WORKING, member.m_Role) != std::end(WORKING))
         Forbidden(NameOf(disk) + " is a working member of " + array.m_Name +
                   "; only a spare or a failed member can be released");
       RequireWritable(array);

@@ -2,6 +2,7 @@
 
 #include <libsmartcols.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -14,7 +15,7 @@ namespace rvxctl {
 namespace {
 
 /// Columns below which a text is easier to read when the terminal breaks it.
-constexpr std::size_t LEAST_ROOM = 20;
+constexpr std::size_t LEAST_ROOM = 8;
 
 using CTable = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
 
@@ -60,20 +61,7 @@ std::string Printed(const CTable& table) {
   return text;
 }
 
-/// The words in lines of at most `room` columns each, but for a word that is longer.
-std::string Wrapped(const std::string& text, std::size_t room) {
-  std::istringstream words(text);
-  std::string wrapped;
-  std::size_t taken = 0;
-  for (std::string word; words >> word;) {
-    const std::size_t width = WidthOf(word);
-    const bool fits = taken == 0 || taken + 1 + width <= room;
-    if (!wrapped.empty()) wrapped += fits ? ' ' : '\n';
-    taken = (fits && taken != 0 ? taken + 1 : 0) + width;
-    wrapped += word;
-  }
-  return wrapped;
-}
+bool IsOpenQuote(const std::string& word) { return word.starts_with("'") && word.find('\'', 1) == word.npos; }
 
 /// Breaks the last cells between words: left to itself, libsmartcols does so within them.
 void WrapWords(const CTable& table, const Rows& rows, libscols_column* column) {
@@ -95,9 +83,27 @@ std::string Table(const std::vector<SHeading>& heading, const Rows& rows, std::s
   if (width == 0 || rows.empty()) return text;
   // Its width is known now.
   libscols_column* const column = scols_table_get_column(table.get(), rows.front().size() - 1);
-  if (scols_column_get_width(column) < LEAST_ROOM) return Printed(Filled(heading, rows, 0));
+  std::size_t longest = 0;
+  for (const auto& row : rows) longest = std::max(longest, WidthOf(Printable(row.back().m_Text)));
+  if (scols_column_get_width(column) < std::min(LEAST_ROOM, longest))
+    return Printed(Filled(heading, rows, 0));
   WrapWords(table, rows, column);
   return Printed(table);
+}
+
+std::string Wrapped(const std::string& text, std::size_t room) {
+  std::istringstream words(text);
+  std::string wrapped;
+  std::size_t taken = 0;
+  for (std::string word, more; words >> word;) {
+    while (IsOpenQuote(word) && words >> more) word += " " + more;
+    const std::size_t width = WidthOf(word);
+    const bool fits = taken == 0 || taken + 1 + width <= room;
+    if (!wrapped.empty()) wrapped += fits ? ' ' : '\n';
+    taken = (fits && taken != 0 ? taken + 1 : 0) + width;
+    wrapped += word;
+  }
+  return wrapped;
 }
 
 std::string Colored(const SCell& cell) {

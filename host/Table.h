@@ -33,6 +33,10 @@ struct SHeading {
 /// columns a row that is too long goes on below its last cell; 0 is no limit. Cells are made printable.
 std::string Table(const std::vector<SHeading>& heading, const Rows& rows, std::size_t width);
 
+/// The words in lines of at most `room` columns each, but for a word that is longer; a command in quotes,
+/// which people copy, is one word.
+std::string Wrapped(const std::string& text, std::size_t room);
+
 /// A text in a colour by itself, made printable.
 std::string Colored(const SCell& cell);
 

@@ -68,7 +68,8 @@ std::string Screen(const std::string& text, SScreenSize size) {
   std::string screen = "\033[H\033[J";
   for (const std::string& line : lines) {
     if (&line != &lines.front()) screen += "\r\n";  // none behind the last one: the screen would roll
-    screen += size.m_Columns == 0 ? line : Cut(line, size.m_Columns);
+    const bool fits = size.m_Columns == 0 || WidthOf(line) <= size.m_Columns;
+    screen += fits ? line : Cut(line, size.m_Columns - 1) + ">";
   }
   return screen;
 }

@@ -12,8 +12,8 @@ struct SScreenSize {
   std::size_t m_Rows;
 };
 
-/// The text in place of what the screen shows: lines are cut at its edge, and where they are too many the
-/// last one tells how many are not shown. Zeros are no limit.
+/// The text in place of what the screen shows: lines are cut at its edge, where ">" stands then, and where
+/// they are too many the last one tells how many are not shown. Zeros are no limit.
 std::string Screen(const std::string& text, SScreenSize size);
 
 /// Standard output. The plug-in gets another one: it prints a line of its own when it initialises.

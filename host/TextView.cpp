@@ -15,7 +15,9 @@ namespace {
 std::string WhyNoDisk(const CContext& context) {
   std::string text =
       "No disk is managed: only whole disks on PCI controllers of vendor 0x1000 or 0x8086 with the driver "
-      "ahci, ata_piix, mptsas, mpt2sas or mpt3sas are.\n";
+      "ahci, ata_piix, mptsas, mpt2sas or mpt3sas are.";
+  if (const std::size_t width = context.Terminal().Width(); width != 0) text = Wrapped(text, width);
+  text += "\n";
   const auto controllers = context.Machine().Controllers();
   if (!controllers) return text;
   if (controllers->empty()) return text + "This machine shows no disk on a PCI controller.\n";
@@ -105,9 +107,13 @@ std::string HealthText(const CContext& context, const CInventory& inventory, con
   constexpr Color COLORS_OF_HEALTH[] = {GREEN, YELLOW, RED, YELLOW};
   SCell headline = health.m_Headline;
   if (context.HasColor()) headline.m_Color = COLORS_OF_HEALTH[static_cast<std::size_t>(health.m_Health)];
-  std::string text = Printable(TextOf(inventory.Topology().Adapter(), PI::PROP_NAME)) + ": " +
-                     Colored(headline) + " (" + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " +
-                     count(PI::OBJ_LOGICAL_DRIVE, "array") + ")\n";
+  std::string text =
+      Printable(TextOf(inventory.Topology().Adapter(), PI::PROP_NAME)) + ": " + Colored(headline);
+  const std::string counts =
+      "(" + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " + count(PI::OBJ_LOGICAL_DRIVE, "array") + ")";
+  const std::size_t width = context.Terminal().Width();
+  const bool fits = width == 0 || WidthOf(text) + 1 + counts.size() <= width;
+  text += (fits ? " " : "\n  ") + counts + "\n";
   Rows rows;
   for (const SProblem& problem : health.m_Problems) {
     rows.push_back({"  " + problem.m_Object, problem.m_Text});

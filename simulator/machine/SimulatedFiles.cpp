@@ -173,6 +173,8 @@ std::string DevicePath(const SMachine& machine, const SDisk& disk) {
 std::optional<SEntry> FindEntry(SMachine& machine, const std::string& path) {
   if (path == "/proc/partitions") return TextEntry(PartitionsText(machine));
   if (path == "/proc/mdstat") return TextEntry(MdStat(machine));
+  if (path == "/proc/stat")
+    return TextEntry(str(boost::format("btime %d\n") % (machine.m_ClockStart / 1000)));
   if (path == "/proc/devices") return TextEntry(DevicesText(machine));
   if (path == "/proc/self/exe") return LinkEntry(machine.m_Process);
   if (path == "/dev/urandom") return SEntry{EFile::Random, "", makedev(1, 9), 0666};

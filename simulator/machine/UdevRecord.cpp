@@ -2,6 +2,7 @@
 
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <boost/algorithm/string.hpp>
 #include <boost/format.hpp>
 #include <cctype>
@@ -80,6 +81,12 @@ std::vector<std::string> UdevRecord(const SMachine& machine, const SBlock& block
                             {"MAJOR", std::to_string(major(block.m_Device))},
                             {"MINOR", std::to_string(minor(block.m_Device))},
                             {"SUBSYSTEM", "block"}};
+  if (block.m_Array != nullptr) {
+    // The device of an array that was made while the machine runs came with it.
+    const std::uint64_t boot = machine.m_ClockStart / 1000;
+    properties["USEC_INITIALIZED"] =
+        std::to_string((std::max(block.m_Array->m_Created, boot) - boot) * 1000000);
+  }
   if (isPartition) properties["PARTN"] = std::to_string(block.m_Partition->m_Number);
   std::vector<std::string> links;
   if (block.m_Disk != nullptr) {

@@ -55,19 +55,21 @@ TEST(Completion, ThreeShellsCompleteTheSame) {
 }
 
 TEST(Completion, OffersWhatTheOperationCanTake) {
-  const std::pair<const char*, const char*> cases[] = {{"spare add ''", "sdf\nsdg\nsdh\n"},
-                                                       {"spare add sdf ''", "md_d1\n"},
-                                                       {"array create --level raid0 sdg ''", "sdf\nsdh\n"},
-                                                       {"array create --stripe 3", "32\n"},
-                                                       {"array create --if", "--if-unchanged\n"},
-                                                       {"rebuild cancel ''", ""},
-                                                       {"disk list --array ''", "md_d0\nmd_d1\n"},
-                                                       {"disk list --columns mo", "model\n"},
-                                                       {"disk locate sda o", "off\non\n"},
-                                                       {"playground dem", "demo\n"},
-                                                       {"operations p", "plugin\n"},
-                                                       {"help array sh", "show\n"},
-                                                       {"--simulate=/nowhere spare add ''", ""}};
+  const std::pair<const char*, const char*> cases[] = {
+      {"spare add ''", "sdf\nsdg\nsdh\n"},
+      {"spare add sdf ''", "md_d1\n"},
+      {"array create --level raid0 sdg ''", "sdf\nsdh\n"},
+      {"array create --stripe 3", "32\n"},
+      {"array create --if", "--if-unchanged\n"},
+      {"rebuild cancel ''", ""},
+      {"disk list --array ''", "md_d0\nmd_d1\n"},
+      {"disk list --columns name,s", "name,serial\nname,size\nname,status\n"},
+      {"array list --columns=size,s", "--columns=size,status\n"},
+      {"disk locate sda o", "off\non\n"},
+      {"playground dem", "demo\n"},
+      {"operations p", "plugin\n"},
+      {"help array sh", "show\n"},
+      {"--simulate=/nowhere spare add ''", ""}};
   for (const auto& [words, names] : cases) {
     const SResult result =
         ResultOf({"bash", "-c", std::string("\"$0\" complete --simulate ") + words, RVXCTL});

@@ -61,6 +61,16 @@ TEST(Sequence, AMirrorFromCreationToDeletion) {
   EXPECT_THAT(machine.Disks(), HasSubstr("sda   Ready"));
 }
 
+TEST(Sequence, TheFirstSynchronisationIsToldFromALaterOne) {
+  const CKeptMachine machine("plain", R"(, "sync_speed": 0)");
+  ASSERT_EQ(machine.Run({"array", "create", "--level", "raid1", "sda", "sdb", "--yes"}).m_Status, 0);
+  EXPECT_EQ(machine.Arrays()[0]["firstSync"], true);
+  EXPECT_THAT(machine.Run({"status"}).m_Out, HasSubstr("  First sync 0% (md)  "));
+  EXPECT_EQ(Rvxctl({Simulate("short_resync"), "array", "list", "--json"}).Json()["data"][0]["firstSync"],
+            false)
+      << "an old array, started with the machine";
+}
+
 TEST(Sequence, AMachineThatCannotBeSavedIsAnError) {
   const CTemporaryFolder folder;
   const std::string name = folder.Write(std::string(250, 'm'), "{}");  // no room for the new file's name

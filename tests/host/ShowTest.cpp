@@ -67,6 +67,9 @@ TEST(Show, CheckIsALineAndAStatusForMonitoring) {
     EXPECT_EQ(std::ranges::count(result.m_Out, '\n'), 1) << machine;
   }
   EXPECT_EQ(Rvxctl({"check", "--bogus"}).m_Status, 3) << "2 is critical";
+  const json figures = Rvxctl({Simulate("arrays"), "check", "--json"}).Json()["data"]["figures"];
+  EXPECT_EQ(figures["arrays_degraded"], 1);
+  EXPECT_EQ(figures["disks"], 7);
   EXPECT_THAT(Rvxctl({Simulate("lost"), "status"}).m_Out,
               HasSubstr("'mdadm --manage /dev/md127 --add DISK'"));
   const SResult only = Rvxctl({Simulate("rules"), "status", "--only-problems"});

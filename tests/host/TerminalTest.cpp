@@ -68,7 +68,21 @@ TEST(Terminal, TheDemonstrationFitsEightyColumns) {
             "sdf   Ready        4.0 GiB   SEAGATE  ST4000       DEMO0006  HDD     -\r\n"
             "sdg   Ready        8.0 GiB   Seagate  ST8000 DEMO  DEMO0007  HDD     -\r\n"
             "sdh   Ready (SSD)  16.0 GiB  INTEL    SSDSC2BB48   DEMO0008  SSD     -\r\n");
-  EXPECT_THAT(Seen("64", "--simulate disk list"), testing::HasSubstr("DISK  STATUS"));
+  EXPECT_THAT(
+      Seen("72", "--simulate disk list"),
+      testing::HasSubstr("sda   In use       8.0 GiB   Seagat  ST8000 DEM  DEMO0001  HDD     md_d0\r\n"));
+  EXPECT_THAT(Seen("80", "--simulate levels"),
+              testing::HasSubstr("  2 to 384  64 KiB   4, 8, 16, 32, 64, 128 KiB\r\n"));
+  const std::string narrow = Seen("56", Simulate("rules") + " --no-color status");
+  EXPECT_THAT(narrow, testing::StartsWith(
+                          "Linux Multiple Devices (0): 1 array degraded, 2 disks failed\r\n  (24 disks"));
+  EXPECT_THAT(narrow,
+              testing::HasSubstr("replace the disk,\r\n         then 'rvxctl spare add DISK md_d2'\r\n"))
+      << "a command is not torn";
+  EXPECT_THAT(narrow,
+              testing::EndsWith(
+                  "\r\n1 array degraded, 2 disks failed\r\n'rvxctl status --only-problems' shows what\r\n"))
+      << "the head has rolled off";
 }
 
 /// 200 disks, a mirror of each two of the first 80 and, last of all, one that has lost its second member.
@@ -98,8 +112,9 @@ TEST(Terminal, TwoHundredDisksAreUsable) {
   const std::string screen = program.Out().substr(program.Out().find("\033[H"));
   EXPECT_EQ(std::ranges::count(screen, '\n'), 9) << screen;
   EXPECT_LT(screen.find("md_d40  Degraded  raid1"), screen.find("md_d0 ")) << "what is wrong comes first";
-  program.Resize(40, 60);  // at once, not at the next look
-  EXPECT_TRUE(program.ReadUntil("md_d28")) << program.Out();
+  program.Resize(40, 40);  // at once, not at the next look
+  EXPECT_TRUE(program.ReadUntil("\nmd_d9   In order  raid1  63 MiB  None  >"))
+      << "what is cut is marked" << program.Out();
   const Words list{machine, "disk", "list", "--no-headings", "--columns=name,role,size", "--bytes"};
   const auto listed = [&](const Words& more) {
     Words words = list;
@@ -111,6 +126,7 @@ TEST(Terminal, TwoHundredDisksAreUsable) {
   EXPECT_EQ(std::ranges::count(ready, '\n'), 119);
   EXPECT_TRUE(ready.starts_with("sdcd  -  67108864\nsdce")) << ready;
   EXPECT_EQ(listed({"--failed"}), "");
+  EXPECT_EQ(Rvxctl({machine, "disk", "list", "--failed"}).m_Out, "No disk matches.\n");
 }
 
 }  // namespace

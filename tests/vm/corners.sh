@@ -84,6 +84,35 @@ hang_up() {
     check "it is deleted" rvx array delete md_d0 --yes
 }
 
+# QEMU has no enclosures: one is put over the disk's folder in sysfs, which keeps what it has.
+light() {
+    local folder entry status=0
+    folder=$(readlink -f "/sys/block/$a0/device")
+    rvx disk locate "$a0" on 2>/tmp/said || status=$?
+    expect_eq "without an enclosure it is refused" 6 "$status"
+    mkdir /tmp/behind
+    mount --bind "$folder" /tmp/behind
+    mount -t tmpfs tmpfs "$folder"
+    for entry in /tmp/behind/*; do
+        if [ -L "$entry" ]; then
+            cp -P "$entry" "$folder"
+        elif [ -d "$entry" ]; then
+            mkdir "$folder/${entry##*/}"
+            mount --bind "$entry" "$folder/${entry##*/}"
+        else
+            touch "$folder/${entry##*/}"
+            mount --bind "$entry" "$folder/${entry##*/}"
+        fi
+    done
+    mkdir "$folder/enclosure_device:Slot 7"
+    echo 0 >"$folder/enclosure_device:Slot 7/locate"
+    expect_eq "the light goes on" "The light of $a0 is on. 1" \
+        "$(rvx disk locate "$a0" on) $(<"$folder/enclosure_device:Slot 7/locate")"
+    expect_eq "and off" "The light of $a0 is off. 0" \
+        "$(rvx disk locate "$a0" off) $(<"$folder/enclosure_device:Slot 7/locate")"
+    umount -R "$folder" /tmp/behind
+}
+
 no_threads() {
     local status=0 program
     # A thread's stack is as large as the limit says, and does not fit into the memory that the process may have.
@@ -103,6 +132,7 @@ mkdir -p /dev/pts
 mount -t devpts devpts /dev/pts # rvxctl asks on a terminal only
 equal_numbers
 no_threads
+light
 swapped_disk
 two_creations
 hang_up

@@ -120,6 +120,13 @@ END
 seen=$(listed md2 30132 | cut -d' ' -f1)
 check "md2's progress is mdadm's: $seen% is from ${before:=0} to ${after:=0}" \
     eval '[ "$seen" -ge "$before" ] && [ "$seen" -le "$after" ] && [ "$after" -gt 0 ]'
+# A device that came long behind its array did not come with it.
+expect_eq "md2 synchronises for the first time" true "$(rvx --json array show md2 | jq .data.firstSync)"
+check "its first device is gone" mdadm --stop /dev/md2
+sleep 12
+check "it is started again" mdadm --assemble --run /dev/md2 "/dev/${disk[PIIX-0]}" "/dev/${disk[SAS-3]}"
+expect_match "md goes on" 'resync' "$(</proc/mdstat)"
+expect_eq "that is not told as the first time" false "$(rvx --json array show md2 | jq .data.firstSync)"
 # A known solid-state family on real ATA, whose emulation keeps the hours only.
 hours=$(smart_hours "${disk[AHCI2-0]}")
 check "the disk counts its power-on hours" [ "$hours" -gt 0 ]
