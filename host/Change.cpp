@@ -151,7 +151,10 @@ std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, c
   if (consent.m_DryRun) return std::nullopt;
   const bool asks = !look->m_Change.m_Loss.empty();
   if (asks) std::cerr << TextOf(context, *look);
-  if (asks && !consent.m_Yes) Confirm(Texts::Find(look->m_Offered.m_ConfirmationCode).value_or("Go on?"));
+  if (asks && !consent.m_Yes)
+    Confirm(!look->m_Change.m_FirstQuestion.empty()
+                ? look->m_Change.m_FirstQuestion
+                : Texts::Find(look->m_Offered.m_ConfirmationCode).value_or("Go on?"));
   if (!look->m_Change.m_Question.empty() && !consent.m_Yes) Confirm(look->m_Change.m_Question);
   const CFileDescriptor lock = LockChanges(context.Machine());
   // Under the lock, and also where nobody was asked: another one's change may have come first.

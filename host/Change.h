@@ -35,6 +35,7 @@ struct SChange {
   std::string m_Basis{};                                 ///< what else must be the same at the second look
   std::string m_Question{};                              ///< asked behind the first one
   std::function<void(PI::COperation&)> m_Complete = {};  ///< fills in what the caller of an operation gives
+  std::string m_FirstQuestion{};                         ///< empty: the catalogue's
 };
 
 /// Makes the change of a look at the machine; it is made again of a second look, whose identifiers are other

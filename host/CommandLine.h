@@ -3,6 +3,9 @@
 /// The tree of commands: each file of commands hangs its own into it, with what they take.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -13,6 +16,17 @@ namespace rvxctl {
 
 /// What is run after everything is parsed; returns the exit status or throws CError.
 using Command = std::function<int(CContext&)>;
+
+/// For options that are numbers from 0 to `most`: CLI11 would read "010" as eight and "0x10" as sixteen.
+inline auto NumberTo(unsigned long most) {
+  return [most](const std::string& value) -> std::string {
+    const bool isDecimal = std::ranges::all_of(value, [](unsigned char c) { return std::isdigit(c) != 0; }) &&
+                           (value == "0" || !value.starts_with("0"));
+    if (!isDecimal) return value + " is no decimal number";
+    return std::strtoul(value.c_str(), nullptr, 10) <= most ? ""
+                                                            : value + " is more than " + std::to_string(most);
+  };
+}
 
 /// A place in the tree.
 class CGroup {

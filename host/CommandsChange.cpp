@@ -32,12 +32,14 @@ bool Await(CSession& session, TQuestion question, std::chrono::seconds limit = A
 }
 
 /// What comes behind a change that is done: where it fails or is broken off, text and document say that the
-/// change is done.
+/// change is done. `goesOn` is added where it is the person who goes.
 template <class TStep>
-void BehindChange(CContext& context, const std::string& done, const Json& data, TStep step) {
+void BehindChange(CContext& context, std::string done, const Json& data, TStep step,
+                  const std::string& goesOn = "") {
   try {
     step();
   } catch (const CError& error) {
+    if (error.m_ExitStatus >= EXIT_SIGNAL) done += goesOn;
     const CError told(error.m_ExitStatus, done + "; " + error.what(), error.m_Status);
     Json document = data;
     document["done"] = done;
@@ -52,16 +54,21 @@ void FollowToEnd(CContext& context, const std::string& array, const std::string&
   CSession& session = context.Session();
   session.Start();
   const EProgress progress = context.Options().m_Json ? EProgress::HIDDEN : EProgress::SHOWN;
-  BehindChange(context, done + " and goes on: 'rvxctl array watch " + array + "' follows it", data, [&] {
+  const auto follow = [&] {
     const unsigned long id = CTopology(session).Find(array, PI::OBJ_LOGICAL_DRIVE).m_ID;
     if (const int status = FollowRun(context, id, progress); status != EXIT_DONE)
-      throw CError(status, "the run did not complete");
-  });
+      throw CError(status, "the run did not complete: 'rvxctl status' tells how the array is");
+  };
+  BehindChange(context, done, data, follow, " and goes on: 'rvxctl array watch " + array + "' follows it");
 }
 
 int ShowDone(CContext& context, const std::string& text, Json data = Json::object()) {
   data["done"] = text;
-  context.Show("change", data, text + "\n");
+  try {
+    context.Show("change", data, text + "\n");
+  } catch (const CError& error) {
+    throw CError(error.m_ExitStatus, text + " But " + error.what());
+  }
   return EXIT_DONE;
 }
 
@@ -80,22 +87,25 @@ std::string BasisOf(const CInventory& inventory, const PI::CObject& array) {
   return text + "\n";
 }
 
-/// Those of the disks that have md's superblock still: at the next start they are taken for members again.
+/// Those of the members that have md's superblock still, or cannot be read: at the next start they are taken
+/// for members again.
 std::vector<std::string> StillMembers(const CInventory& inventory, const std::vector<std::string>& disks) {
   std::vector<std::string> members;
   for (const std::string& name : disks) {
-    const auto contents = inventory.Machine().Contents("/dev/" + name).m_All;
-    if (std::ranges::any_of(contents,
-                            [](const std::string& one) { return one.starts_with("linux_raid_member"); }))
+    const SContents contents = inventory.Machine().Contents("/dev/" + name);
+    if (!contents.m_IsReadable || std::ranges::any_of(contents.m_All, [](const std::string& one) {
+          return one.starts_with("linux_raid_member");
+        }))
       members.push_back(name);
   }
   return members;
 }
 
 CError NotWiped(const std::vector<std::string>& disks) {
-  return {EXIT_PLUGIN_ERROR, "the superblock could not be wiped from " + Joined(disks) +
-                                 ": at the next start md may take it for a member again; "
-                                 "mdadm --zero-superblock wipes it"};
+  return {EXIT_PLUGIN_ERROR,
+          Joined(disks) +
+              " still has its superblock, or cannot be read: at the next start md may take it "
+              "for a member again; mdadm --zero-superblock wipes it"};
 }
 
 /// As CarryOut, for a change that is done or not: false after a dry run, and a failure is thrown.
@@ -139,8 +149,8 @@ std::string LossOf(const CInventory& inventory, const Rules::SNewArray& wanted) 
   const auto size = Rules::MirrorKiB(inventory, wanted);
   // Above 1 TiB the size in a mirror's superblock is another one.
   if (smallest <= MIRROR_LIMIT_KIB || !size) return loss;
-  return loss + " The mirror will have " + SizeText(static_cast<long>(*size >> 10)) + ", not the " +
-         SizeText(static_cast<long>(smallest >> 10)) + " of its smallest disk.";
+  return loss + " The mirror will have " + SizeOfKiB(*size) + ", not the " + SizeOfKiB(smallest) +
+         " of its smallest disk.";
 }
 
 SChange CreationOf(const CInventory& inventory, const SCreation& wanted) {
@@ -187,8 +197,8 @@ int CreateArray(CContext& context, const SCreation& wanted) {
     for (const PI::CObject* const array : now.OfKind(PI::OBJ_LOGICAL_DRIVE))
       if (inventory.EntryOf(*array).HasMembers(disks) && !before.contains(NameOf(*array))) {
         name = NameOf(*array);
-        size = SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY));
         const auto bytes = inventory.FactsOf(*array).m_Bytes;
+        size = bytes ? SizeOfKiB(*bytes >> 10) : SizeText(NumberOf(*array, PI::PROP_ARRAY_CAPACITY));
         data["array"] = name;
         data["id"] = HexadecimalID(array->m_ID);
         data["size"] = size;
@@ -247,7 +257,7 @@ SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const S
     // Its file system and mounts are what is lost.
     plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
     for (const SMember& member : inventory.EntryOf(*array).m_Members) {
-      const PI::CObject* const whole = Rules::WholeDiskOf(inventory, member);
+      const PI::CObject* const whole = WholeDiskOf(inventory.Topology(), member);
       if (whole != nullptr) plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *whole));
       if (member.m_Disk == nullptr) loss += " The member " + member.m_Name + " keeps its superblock.";
       if (member.m_Disk == nullptr && whole != nullptr)
@@ -269,52 +279,65 @@ SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const S
           overwritten.empty() ? "" : "Overwrite the end of " + overwritten + "?"};
 }
 
+/// An array of a deletion, with its members before.
+struct SDeleted {
+  explicit SDeleted(std::string array) : m_Array(std::move(array)) {}
+  std::string m_Array;
+  std::vector<std::string> m_Disks;   ///< managed disks: the plug-in wipes them
+  std::vector<std::string> m_Others;  ///< partitions, disks that are missing or not managed
+};
+
 /// What is gone and what is left, whatever the plug-in answered: its answer for several is that of the last.
-int ShowDeleted(CContext& context, const std::vector<std::string>& wanted,
-                const std::vector<std::string>& disks, const SExecution& execution) {
+int ShowDeleted(CContext& context, const std::vector<SDeleted>& wanted, const SExecution& execution) {
   std::vector<std::string> left;
   // md's end of an array takes effect at once; a moment more is for whoever looks at it just then.
   const auto look = [&](const CTopology& now) {
     left.clear();
-    for (const std::string& name : wanted)
-      if (now.FindArray(name) != nullptr) left.push_back(name);
+    for (const SDeleted& one : wanted)
+      if (now.FindArray(one.m_Array) != nullptr) left.push_back(one.m_Array);
     return left.empty() || execution.m_Failure;
   };
   BehindChange(context, "the deletion is carried out: 'rvxctl array list' shows what is left", Json::object(),
                [&] { Await(context.Session(), look, DELETION_LIMIT); });
   Json deleted = Json::array();
   std::string gone;
-  for (const std::string& name : wanted)
-    if (std::ranges::find(left, name) == left.end()) {
-      deleted.push_back(name);
-      gone += (gone.empty() ? "" : ", ") + name;
+  std::vector<std::string> disks;
+  std::vector<std::string> others;  // it was said before that these keep their superblocks
+  for (const SDeleted& one : wanted)
+    if (std::ranges::find(left, one.m_Array) == left.end()) {
+      deleted.push_back(one.m_Array);
+      gone += (gone.empty() ? "" : ", ") + one.m_Array;
+      disks.insert(disks.end(), one.m_Disks.begin(), one.m_Disks.end());
+      others.insert(others.end(), one.m_Others.begin(), one.m_Others.end());
     }
   const CTopology now(context.Session());
   const CInventory inventory(now, context.Machine());
-  const std::vector<std::string> marked =
-      left.empty() ? StillMembers(inventory, disks) : std::vector<std::string>();
+  const std::vector<std::string> marked = StillMembers(inventory, disks);
+  std::vector<std::string> notWiped = marked;
+  notWiped.insert(notWiped.end(), others.begin(), others.end());
   if (!execution.m_Failure && left.empty() && marked.empty())
-    return ShowDone(context, "Deleted " + gone + ".", {{"deleted", deleted}, {"left", Json::array()}});
+    return ShowDone(context,
+                    "Deleted " + gone + "." +
+                        (others.empty() ? "" : " Still with its superblock: " + Joined(others) + "."),
+                    {{"deleted", deleted}, {"left", Json::array()}, {"notWiped", notWiped}});
   Json stayed = Json::array();
   std::string names;
   for (const std::string& name : left) {
-    std::string why = "md did not stop it";
-    try {
-      Rules::RequireDeletable(inventory, *now.FindArray(name), true);
-    } catch (const CError& reason) {
-      why = reason.what();
-    }
+    std::string why = Rules::WhyNot([&] { Rules::RequireDeletable(inventory, *now.FindArray(name), true); });
+    if (why.empty()) why = "md did not stop it";
     stayed.push_back({{"array", name}, {"why", why}});
     names.append(names.empty() ? "" : "; ").append(name).append(" (").append(why).append(")");
   }
+  const std::vector<std::string>& kept = execution.m_Failure ? notWiped : others;  // NotWiped tells the rest
   const std::string text = (gone.empty() ? "Nothing was deleted." : "Deleted: " + gone + ".") +
-                           (left.empty() ? "" : " Still there: " + names + ".");
+                           (left.empty() ? "" : " Still there: " + names + ".") +
+                           (kept.empty() ? "" : " Still with its superblock: " + Joined(kept) + ".");
   const CError error = execution.m_Failure.value_or(
       marked.empty() ? CError(EXIT_PLUGIN_ERROR, "not all arrays are deleted") : NotWiped(marked));
   const CError told(error.m_ExitStatus, std::string(error.what()) + "\n" + text, error.m_Status);
   if (context.Options().m_Json)
-    context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"notWiped", marked}, {"done", text}}, "",
-                 Json::array({ErrorJson(told)}));
+    context.Show("change", {{"deleted", deleted}, {"left", stayed}, {"notWiped", notWiped}, {"done", text}},
+                 "", Json::array({ErrorJson(told)}));
   throw CError(told);
 }
 
@@ -322,21 +345,19 @@ int DeleteArray(CContext& context, const SDeletion& wanted) {
   if (!wanted.m_Array.empty() + wanted.m_Last + wanted.m_All != 1)
     throw CError(EXIT_USAGE, "say which array: ARRAY, --last or --all");
   context.Session();
-  std::vector<std::string> names;
-  std::vector<std::string> disks;
+  std::vector<SDeleted> deleted;
   const Proposal propose = [&](const CInventory& inventory) {
     const SDoomed doomed = DoomedBy(inventory, wanted);
-    names.clear();
-    disks.clear();
+    deleted.clear();
     for (const PI::CObject* const array : doomed.m_Arrays) {
-      names.push_back(NameOf(*array));
+      SDeleted& one = deleted.emplace_back(NameOf(*array));
       for (const SMember& member : inventory.EntryOf(*array).m_Members)
-        if (member.m_Disk != nullptr) disks.push_back(member.m_Name);
+        (member.m_Disk != nullptr ? one.m_Disks : one.m_Others).push_back(member.m_Name);
     }
     return DeletionOf(inventory, wanted, doomed);
   };
   const auto execution = CarryOut(context, propose, wanted.m_Consent);
-  return execution ? ShowDeleted(context, names, disks, *execution) : EXIT_DONE;
+  return execution ? ShowDeleted(context, deleted, *execution) : EXIT_DONE;
 }
 
 struct SSpare {
@@ -355,7 +376,7 @@ void FollowRebuild(CContext& context, const std::string& array, const std::strin
              NumberOf(*object, PI::PROP_STATUS) != PI::STATUS_DEGRADED;
     });
   };
-  BehindChange(context, done + ": 'rvxctl array watch " + array + "' follows it", data, wait);
+  BehindChange(context, done, data, wait, ": 'rvxctl array watch " + array + "' follows it");
   FollowToEnd(context, array, done, data);
 }
 
@@ -366,8 +387,9 @@ std::string RoleText(const CInventory& inventory, const std::string& disk, const
   for (const SMember& member : inventory.EntryOf(*object).m_Members) {
     if (member.m_Name != disk) continue;
     // In the order of ERole.
-    constexpr const char* ROLES[] = {" is an active member of ", " is a hot spare of ", " has failed in ",
-                                     " is being rebuilt in ",    " is missing in ",     " is offline in "};
+    constexpr const char* ROLES[] = {" is an active member of ", " is a hot spare of ",  " has failed in ",
+                                     " is being rebuilt in ",    " is missing in ",      " is offline in ",
+                                     " is the journal of ",      " is a replacement in "};
     const char* const role = ROLES[static_cast<std::size_t>(member.m_Role)];
     return std::string(disk).append(role).append(array);
   }
@@ -413,11 +435,15 @@ int ReleaseSpare(CContext& context, const SSpare& wanted) {
     const PI::CObject& disk = inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
     name = NameOf(disk);
     if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireRelease(inventory, disk);
-    return {"release " + name + " from its array and wipe its superblock",
-            disk,
-            PI::OP_DELETE_DEDICATED_HOTSPARE,
-            {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
-            "What is on the disk is lost."};
+    SChange change{"release " + name + " from its array and wipe its superblock",
+                   disk,
+                   PI::OP_DELETE_DEDICATED_HOTSPARE,
+                   {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
+                   "What is on the disk is lost."};
+    // The catalogue asks whether a hot spare may go missing.
+    if (NumberOf(disk, PI::PROP_STATUS) == PI::STATUS_FAILED)
+      change.m_FirstQuestion = "Release this failed disk from its array?";
+    return change;
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
   // The plug-in's answer says nothing of what md and the disk said.
@@ -427,8 +453,12 @@ int ReleaseSpare(CContext& context, const SSpare& wanted) {
   for (const SArrayEntry& array : inventory.Arrays())
     if (std::ranges::find(array.m_Members, name, &SMember::m_Name) != array.m_Members.end())
       throw CError(EXIT_PLUGIN_ERROR, name + " is still in " + array.m_Name + ": md did not let it go");
-  if (const auto members = StillMembers(inventory, {name}); !members.empty()) throw NotWiped(members);
-  return ShowDone(context, name + " is released.", {{"disk", name}});
+  const auto members = StillMembers(inventory, {name});
+  const Json data = {{"disk", name}, {"notWiped", members}};
+  BehindChange(context, name + " is released", data, [&] {
+    if (!members.empty()) throw NotWiped(members);
+  });
+  return ShowDone(context, name + " is released.", data);
 }
 
 struct SRebuild {
@@ -503,7 +533,7 @@ void AddArrays(CGroup group) {
   const auto [remove, deletion] =
       group.Leaf<SDeletion>("delete", "stops an array and wipes its superblocks", DeleteArray);
   remove->add_option("ARRAY", deletion.m_Array, "the array");
-  remove->add_flag("--last", deletion.m_Last, "the last one of the list");
+  remove->add_flag("--last", deletion.m_Last, "the plug-in's last one; the plan names it");
   remove->add_flag("--all", deletion.m_All, "every array");
   remove->add_flag("--force-partition-members", deletion.m_PartitionMembers,
                    "overwrite the ends of disks with such members");

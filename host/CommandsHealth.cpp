@@ -96,7 +96,7 @@ void AddHealth(CGroup& all) {
       all.Leaf<SSmartLimits>("check", "one line for monitoring, exit status 0 to 3", CheckHealth);
   check->add_option("--warn-smart", limits.m_Wear, "more percent of a disk's life are a warning")
       ->type_name("N")
-      ->check(CLI::Range(0, 100))
+      ->check(NumberTo(100))
       ->capture_default_str();
   const auto [locate, wanted] =
       all.At("disk").Leaf<SLocate>("locate", "switches the light of a disk's slot", LocateDisk);

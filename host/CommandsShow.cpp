@@ -8,6 +8,7 @@
 #include "host/Keys.h"
 #include "host/Levels.h"
 #include "host/Reasons.h"
+#include "host/Rules.h"
 #include "host/Table.h"
 #include "host/TextView.h"
 #include "host/Texts.h"
@@ -166,16 +167,28 @@ std::string TitleOf(const PI::CObject& object, const PI::COperation& operation) 
   return question->substr(0, question->find('?'));
 }
 
+/// What rvxctl refuses by itself although the plug-in would let it begin; empty: nothing.
+std::string RuleAgainst(const CInventory& inventory, const PI::CObject& object, unsigned int operation) {
+  return Rules::WhyNot([&] {
+    if (operation == PI::OP_DELETE_LOGICAL_DRIVE) Rules::RequireDeletable(inventory, object, false);
+    if (operation == PI::OP_DELETE_DEDICATED_HOTSPARE) Rules::RequireRelease(inventory, object);
+    if (operation == PI::OP_START_REBUILD || operation == PI::OP_CANCEL_REBUILD)
+      Rules::RequireRebuild(inventory, object, operation == PI::OP_START_REBUILD);
+  });
+}
+
 int ShowOperations(CContext& context, const std::string& address) {
   const CTopology topology(context.Session());
-  const PI::CObject& object = CInventory(topology, context.Machine()).Find(address, PI::OBJ_NONE);
+  const CInventory inventory(topology, context.Machine());
+  const PI::CObject& object = inventory.Find(address, PI::OBJ_NONE);
   Json data = Json::array();
   Rows rows;
   for (PI::COperation operation : object.m_Operations) {
     const unsigned int status = context.Session().Check(object.m_ID, operation);
-    const bool allowed = status == PI::OK;
     const bool asks = operation.m_ConfirmationCode > 1;
-    const std::string why = allowed ? "" : RefusalText(topology, object, operation.m_Code, status);
+    const std::string why = status == PI::OK ? RuleAgainst(inventory, object, operation.m_Code)
+                                             : RefusalText(topology, object, operation.m_Code, status);
+    const bool allowed = why.empty();
     data.push_back({{"code", operation.m_Code},
                     {"key", Keys::OfOperation(operation.m_Code)},
                     {"text", TitleOf(object, operation)},
@@ -293,12 +306,12 @@ void AddProperties(CGroup& all) {
   CGroup group = all.Add("prop", "properties by number");
   const auto [get, wanted] = group.Leaf<SProperty>("get", "all properties of an object, or one", GetProperty);
   get->add_option("OBJECT", wanted.m_Object, "the object")->required();
-  get->add_option("ID", wanted.m_ID, "the property's number");
+  get->add_option("ID", wanted.m_ID, "the property's number")->check(NumberTo(99999));
   const auto [set, seconds] =
       group.Add("set", "changes a property")
           .Add("plugin", "a property of the plug-in")
           .Leaf<int>("poll-interval", "2 to 255 s between two looks at the system", SetPollInterval);
-  set->add_option("N", seconds, "seconds")->required();
+  set->add_option("N", seconds, "seconds")->required()->check(NumberTo(99999));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/Rules.h"
 #include "host/Values.h"
 
 namespace rvxctl {
@@ -26,23 +27,29 @@ unsigned int ToleranceOf(const SArrayEntry& array) {
   return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
 }
 
-/// What makes a degraded array whole again; with mdadm where the plug-in cannot.
-std::string ReplacementFor(const SArrayEntry& array) {
-  const std::vector<std::string> failed = array.Of(ERole::FAILED);
-  const bool own =
-      array.m_Md && array.m_Md->m_Metadata == "1.0" &&
-      std::ranges::all_of(array.m_Members, [](const SMember& member) { return member.m_Disk != nullptr; });
-  const std::string add = own ? "'rvxctl spare add DISK " + array.m_Name + "'"
-                              : "'mdadm --manage /dev/" + array.m_Name + " --add DISK'";
-  if (failed.empty()) return "add a disk: " + add;
-  std::string step;
-  for (const std::string& name : failed)
-    step += (own ? "'rvxctl spare release " + name + "', "
-                 : "'mdadm --manage /dev/" + array.m_Name + " --remove /dev/" + name + "', ");
-  return step + "replace the disk, then " + add;
+/// How a failed member is taken out; with mdadm where the plug-in cannot.
+std::string ReleaseOf(const CInventory& inventory, const SArrayEntry& array, const SMember& member) {
+  if (member.m_Disk != nullptr &&
+      Rules::WhyNot([&] { Rules::RequireRelease(inventory, *member.m_Disk); }).empty())
+    return "'rvxctl spare release " + member.m_Name + "'";
+  struct stat node {};
+  const std::string device = "/dev/" + member.m_Name;
+  const bool isThere = inventory.Machine().System().Status(device, node) == 0;
+  return "'mdadm --manage /dev/" + array.m_Name + " --remove " + (isThere ? device : "detached") + "'";
 }
 
-void LookAtArray(const SArrayEntry& array, SHealth& health) {
+/// What makes a degraded array whole again.
+std::string ReplacementFor(const CInventory& inventory, const SArrayEntry& array) {
+  const bool own = Rules::WhyNot([&] { Rules::RequireTakesSpare(inventory, array.m_Object); }).empty();
+  const std::string add = own ? "'rvxctl spare add DISK " + array.m_Name + "'"
+                              : "'mdadm --manage /dev/" + array.m_Name + " --add DISK'";
+  std::string step;
+  for (const SMember& member : array.m_Members)
+    if (member.m_Role == ERole::FAILED) step += ReleaseOf(inventory, array, member) + ", ";
+  return step.empty() ? "add a disk: " + add : step + "replace the disk, then " + add;
+}
+
+void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth& health) {
   const auto problem = [&](EHealth how, const char* kind, std::string text, std::string next) {
     health.m_Problems.push_back({how, kind, array.m_Name, std::move(text), std::move(next)});
   };
@@ -52,7 +59,11 @@ void LookAtArray(const SArrayEntry& array, SHealth& health) {
   const bool redundant = ToleranceOf(array) != 0;
   const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
   const bool runs = !array.m_Md || (array.m_Md->m_Active && !array.m_Md->m_Broken);
-  if (!runs || lost > ToleranceOf(array) || (!array.m_Md && status == PI::STATUS_FAILED))
+  if (lost == 0 && array.m_Md && array.m_Md->m_Broken)
+    problem(EHealth::CRITICAL, "array failed",
+            "md takes it for broken: a member without which it cannot be has failed",
+            "the kernel log names it; what cannot be brought back comes from a backup");
+  else if (!runs || lost > ToleranceOf(array) || (!array.m_Md && status == PI::STATUS_FAILED))
     problem(EHealth::CRITICAL, "array failed", text,
             "bring its missing disks back; what cannot be brought back comes from a backup");
   else if (NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING)
@@ -60,13 +71,20 @@ void LookAtArray(const SArrayEntry& array, SHealth& health) {
             "wait: 'rvxctl array watch " + array.m_Name + "'");
   else if (lost != 0 || (redundant && status == PI::STATUS_DEGRADED))
     problem(EHealth::CRITICAL, "array degraded",
-            text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""), ReplacementFor(array));
+            text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""),
+            ReplacementFor(inventory, array));
   else if (!redundant && status != PI::STATUS_OK)
     health.m_Notes.push_back(array.m_Name + ": works, but not all members are managed disks");
   else if (status != PI::STATUS_OK)
     problem(EHealth::WARNING, "array not in order", TextOf(array.m_Object, PI::PROP_STATUS), "");
   else if (activity != TextOf(array.m_Object, PI::PROP_ACTIVITY))
     health.m_Notes.push_back(array.m_Name + ": " + activity);
+  for (const SMember& member : array.m_Members)
+    if (member.m_IsLostSpare)
+      problem(EHealth::WARNING, "spare missing", member.m_Name + " is " + WordOf(member.m_Role),
+              "put it back, or 'mdadm --manage /dev/" + array.m_Name + " --remove " +
+                  (member.m_Role == ERole::MISSING ? "detached" : "/dev/" + member.m_Name) +
+                  "' and add another");
 }
 
 /// What was never started, or is half-built: the plug-in does not list it.
@@ -155,7 +173,7 @@ const char* WordOf(EHealth health) {
 SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits) {
   SHealth health;
   const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
-  for (const SArrayEntry& array : inventory.Arrays()) LookAtArray(array, health);
+  for (const SArrayEntry& array : inventory.Arrays()) LookAtArray(inventory, array, health);
   LookForInactive(inventory, health);
   for (const PI::CObject* const disk : disks) LookAtDisk(inventory, *disk, limits, health);
   std::ranges::stable_sort(health.m_Problems, std::ranges::greater{}, &SProblem::m_Health);

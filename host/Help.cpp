@@ -127,7 +127,8 @@ std::vector<std::string> OptionsOf(const CLI::App* app) {
   std::vector<std::string> names;
   for (; app != nullptr; app = app->get_parent())
     for (const CLI::Option* const option : app->get_options())
-      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+      for (const std::string& name : option->get_lnames())
+        if (!option->get_group().empty()) names.push_back("--" + name);
   return names;
 }
 
@@ -161,9 +162,15 @@ std::string Reworded(const CLI::ParseError& error) {
   const std::size_t colon = text.find(": ");
   const std::string name = text.substr(0, colon);
   const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 2);
+  if (const std::size_t flag = text.find(" was given a disallowed"); flag != std::string::npos)
+    return "--" + text.substr(0, flag) + " takes no value";
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
     return name + (rest.starts_with("At Most") ? " is said more than once" : " needs a value");
-  if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr) return "not a number: " + rest;
+  const std::size_t offered = rest.find(" not in {");
+  if (offered != std::string::npos && rest.ends_with("}")) {
+    const auto words = CLI::detail::split(rest.substr(offered + 9, rest.size() - offered - 10), ',');
+    return name + ": " + rest.substr(0, offered) + " is none of " + CLI::detail::join(words, ", ");
+  }
   if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) return "more than the command takes: " + rest;
   return text;
 }
@@ -173,9 +180,26 @@ std::string Reworded(const CLI::ParseError& error) {
 std::shared_ptr<CLI::Formatter> HelpFormatter() { return std::make_shared<CFormatter>(); }
 
 std::string EmptyValueHint(const std::vector<std::string>& words) {
-  const auto found = std::ranges::find_if(
-      words, [](const std::string& word) { return word.starts_with("--") && word.ends_with("="); });
-  return found == words.end() ? "" : *found + " has no value: is a script's variable unset?";
+  const auto found = std::ranges::find_if(words, [](const std::string& word) {
+    return word.empty() || (word.starts_with("--") && word.ends_with("="));
+  });
+  if (found == words.end()) return {};
+  return (found->empty() ? "an empty word says nothing" : *found + " has no value") +
+         ": is a script's variable unset?";
+}
+
+void Strengthen(CLI::App& app) {
+  for (CLI::Option* const option : app.get_options()) {
+    if (option->check_name("--simulate"))
+      option->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+    else if (option->get_items_expected_max() == 0)
+      option->disable_flag_override();
+    else if (!option->get_positional())
+      option->check([](const std::string& value) {
+        return value.starts_with("--") ? "a value is missing before " + value : std::string();
+      });
+  }
+  for (CLI::App* const command : app.get_subcommands(nullptr)) Strengthen(*command);
 }
 
 std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
@@ -192,7 +216,9 @@ std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
   if (std::string hint = SimulateHint(app, words); !hint.empty()) return hint;
   if (option != rest.end()) {
     const std::string name = option->substr(0, option->find('='));
-    return "unknown option " + name + Suggestion(name, OptionsOf(deepest)) + help;
+    const auto known = OptionsOf(deepest);
+    if (std::ranges::find(known, name) != known.end()) return name + " stands behind its command" + help;
+    return "unknown option " + name + Suggestion(name, known) + help;
   }
   if (!commands.empty() && !rest.empty())
     return "unknown command \"" + rest.front() + "\"" + Suggestion(rest.front(), NamesOf(commands)) + help;
@@ -207,7 +233,9 @@ std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command)
     const auto below = CommandsOf(*at);
     const auto found = std::ranges::find(below, name, [](const CLI::App* one) { return one->get_name(); });
     if (found == below.end())
-      throw CError(EXIT_USAGE, "unknown command \"" + name + "\"" + Suggestion(name, NamesOf(below)));
+      throw CError(EXIT_USAGE, "unknown command \"" + name + "\"" + Suggestion(name, NamesOf(below)) + "; '" +
+                                   (at == &app ? "rvxctl help" : "rvxctl help " + PathOf(*at)) +
+                                   "' tells what there is");
     at = *found;
   }
   // App::help would show the command that was chosen below it: "help".

@@ -16,9 +16,13 @@ std::shared_ptr<CLI::Formatter> HelpFormatter();
 std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
                          const std::vector<std::string>& words);
 
-/// What is wrong with an option that ends with its "=", as --simulate=$FILE does when FILE is unset: CLI11
-/// would take the next word, or none at all. Empty where there is none.
+/// What is wrong with an empty word, or an option that ends with its "=", as --simulate=$FILE does when FILE
+/// is unset: CLI11 would take it for what was not said, or take the next word. Empty where there is none.
 std::string EmptyValueHint(const std::vector<std::string>& words);
+
+/// Takes what CLI11 allows and nobody means: a flag with a value ("--dry-run=false" behind "--dry-run"), an
+/// option as the value of the one before, a file said twice.
+void Strengthen(CLI::App& app);
 
 /// The help of a command, "array create". Throws CError(EXIT_USAGE) when there is none of that name.
 std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command);

@@ -33,6 +33,18 @@ ERole RoleOf(const PI::CObject& disk) {
                                            : ERole::FAILED;
 }
 
+/// Whether a name is that of a partition of the disk: "sda1" or "nvme0n1p1".
+bool IsPartitionOf(const std::string& name, const std::string& disk) {
+  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
+  std::string rest = name.substr(disk.size());
+  // A "p" stands between where the disk's own name ends in a digit.
+  if (std::isdigit(static_cast<unsigned char>(disk.back())) != 0) {
+    if (rest.size() < 2 || rest.front() != 'p') return false;
+    rest.erase(0, 1);
+  }
+  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
 /// md has no word for it: an array that was started later may go on with its first resync, or may have been
 /// stopped uncleanly.
 bool IsFirstSync(const CMachine& machine, const SMdArray& array) {
@@ -49,6 +61,7 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
   const auto level = NumberOf(object, PI::PROP_RAID_LEVEL);
   SArrayEntry entry{object, NameOf(object),
                     level ? WordOf(static_cast<unsigned int>(*level)) : std::string()};
+  unsigned int gone = 0;  // md counts these among the working ones still
   if (const SMdArray* const md = FindArray(arrays, entry.m_Name)) {
     entry.m_Md = *md;
     if (machine.Line("/sys/block/" + entry.m_Name + "/md/array_state") == "broken")
@@ -56,7 +69,10 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
     entry.m_IsFirstSync = IsFirstSync(machine, *md);
     for (const SMdMember& member : md->m_Members) {
       const PI::CObject* const disk = topology.FindDisk(member.m_Name);
-      entry.m_Members.push_back({member.m_Name, disk, RoleOf(machine, member, disk)});
+      const ERole role = RoleOf(machine, member, disk);
+      const bool isLost = role == ERole::MISSING || role == ERole::OFFLINE;
+      entry.m_Members.push_back({member.m_Name, disk, role, isLost && member.m_Mark == 'S'});
+      gone += isLost && member.m_Mark == 0 ? 1 : 0;
     }
   } else {
     for (const unsigned long id : object.m_Children)
@@ -69,11 +85,10 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
   });
   entry.m_Present =
       static_cast<unsigned int>(std::ranges::count(entry.m_Members, ERole::ACTIVE, &SMember::m_Role));
-  const std::size_t gone = entry.Of(ERole::MISSING).size() + entry.Of(ERole::OFFLINE).size();
   if (entry.m_Md && entry.m_Md->m_Slots) {
     entry.m_Wanted = *entry.m_Md->m_Slots;
     const unsigned int working = entry.m_Md->m_Working.value_or(entry.m_Present);
-    entry.m_Present = working - std::min(working, static_cast<unsigned int>(gone));
+    entry.m_Present = working - std::min(working, gone);
   } else {
     entry.m_Wanted = static_cast<unsigned int>(entry.m_Members.size());
   }
@@ -81,6 +96,13 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
 }
 
 }  // namespace
+
+const PI::CObject* WholeDiskOf(const CTopology& topology, const SMember& member) {
+  if (member.m_Disk != nullptr) return member.m_Disk;
+  for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE))
+    if (IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
+  return nullptr;
+}
 
 const char* WordOf(ERole role) {
   constexpr const char* WORDS[] = {"active",  "spare",   "failed",  "rebuilding",
@@ -112,6 +134,7 @@ std::string SArrayEntry::ActivityText() const {
   std::string text = rvxctl::ActivityText(m_Object);
   if (m_IsFirstSync && ProgressOf(m_Object))
     text = "First sync " + TextOf(m_Object, PI::PROP_RESYNC_PROGRESS) + " (md)";
+  if (m_Md && m_Md->m_Broken) text += ", broken (md)";
   if (m_Md && m_Md->m_ReadOnly == "auto-read-only") text += ", read-only until written (md)";
   if (m_Md && m_Md->m_ReadOnly == "read-only") text += ", read-only (md)";
   return text;

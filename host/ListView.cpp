@@ -31,11 +31,11 @@ struct SRow {
   }
   const SArrayEntry& Entry() const { return m_Inventory.EntryOf(m_Object); }
   SDeviceFacts Facts() const { return m_Inventory.FactsOf(m_Object); }
-  /// The disk's place in its array; null outside of one.
+  /// The place in its array of the disk or of a partition of it; null outside of one.
   const SMember* Membership(const SArrayEntry** array = nullptr) const {
     for (const SArrayEntry& entry : m_Inventory.Arrays())
       for (const SMember& member : entry.m_Members)
-        if (member.m_Disk == &m_Object) {
+        if (WholeDiskOf(m_Inventory.Topology(), member) == &m_Object) {
           if (array != nullptr) *array = &entry;
           return &member;
         }
@@ -198,8 +198,9 @@ Objects Listed(const CInventory& inventory, PI::_OBJECT_KIND kind, const SFilter
     if (filter.m_Ready && status != PI::STATUS_READY) return true;
     if (filter.m_Failed && status != PI::STATUS_FAILED && status != PI::STATUS_MISSING) return true;
     return array != nullptr &&
-           std::ranges::find(inventory.EntryOf(*array).m_Members, object, &SMember::m_Disk) ==
-               inventory.EntryOf(*array).m_Members.end();
+           std::ranges::none_of(inventory.EntryOf(*array).m_Members, [&](const SMember& member) {
+             return WholeDiskOf(inventory.Topology(), member) == object;
+           });
   };
   std::erase_if(objects, isOut);
   std::ranges::stable_sort(objects, {}, [](const PI::CObject* object) {

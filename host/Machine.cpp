@@ -53,9 +53,9 @@ CFileDescriptor CopyOf(OS::COperatingSystem& os, const std::string& device, std:
   if (!copy.IsOpen() || ::ftruncate(copy.Get(), static_cast<off_t>(size)) != 0) return CFileDescriptor();
   for (const std::uint64_t begin : {std::uint64_t{0}, size - std::min(size, PART)}) {
     std::string bytes(std::min(size, PART), '\0');
-    if (os.Seek(source.Get(), static_cast<std::int64_t>(begin)) < 0) continue;
+    if (os.Seek(source.Get(), static_cast<std::int64_t>(begin)) < 0) return CFileDescriptor();
     const ssize_t count = os.Read(source.Get(), bytes.data(), bytes.size());
-    if (count > 0 &&
+    if (count < 0 ||
         ::pwrite(copy.Get(), bytes.data(), static_cast<std::size_t>(count), static_cast<off_t>(begin)) < 0)
       return CFileDescriptor();
   }
@@ -105,13 +105,15 @@ SDeviceFacts CMachine::Facts(const std::string& device) const {
   return facts;
 }
 
-std::vector<std::string> CMachine::Signatures(const std::string& device) const {
+std::optional<std::vector<std::string>> CMachine::Signatures(const std::string& device) const {
   const CFileDescriptor file(m_IsHere ? CFileDescriptor(::open(device.c_str(), O_RDONLY | O_CLOEXEC))
                                       : CopyOf(m_OS, device, Facts(device).m_Bytes.value_or(0)));
   const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(blkid_new_probe(),
                                                                                &blkid_free_probe);
   std::vector<std::string> found;
-  if (!probe || !file.IsOpen() || blkid_probe_set_device(probe.get(), file.Get(), 0, 0) != 0) return found;
+  char byte = 0;
+  if (!probe || !file.IsOpen() || ::pread(file.Get(), &byte, 1, 0) < 0) return std::nullopt;
+  if (blkid_probe_set_device(probe.get(), file.Get(), 0, 0) != 0) return found;  // it has no bytes
   blkid_probe_enable_superblocks(probe.get(), 1);
   blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL | BLKID_SUBLKS_USAGE);
   blkid_probe_enable_partitions(probe.get(), 1);
@@ -129,7 +131,9 @@ std::vector<std::string> CMachine::Signatures(const std::string& device) const {
 }
 
 SContents CMachine::Contents(const std::string& device) const {
-  SContents contents{Signatures(device), {}};
+  const auto signatures = Signatures(device);
+  SContents contents{
+      signatures.value_or(std::vector<std::string>{"cannot be read"}), {}, signatures.has_value()};
   std::vector<KVTX::CPartition> places = m_OS.GetPartitions(device);
   // The device itself is among them only where it is mounted.
   if (std::ranges::find(places, device, &KVTX::CPartition::m_Device) == places.end())
@@ -143,7 +147,7 @@ SContents CMachine::Contents(const std::string& device) const {
       add(what);
       contents.m_InUse.push_back(std::string(name).append(" is ").append(what));
     };
-    if (!itself) std::ranges::for_each(Signatures(place.m_Device), add);
+    if (!itself) std::ranges::for_each(Signatures(place.m_Device).value_or(std::vector<std::string>()), add);
     if (place.m_MountPoint == "[SWAP]")
       use("used as swap");
     else if (!place.m_MountPoint.empty())

@@ -30,6 +30,7 @@ struct SDeviceFacts {
 struct SContents {
   std::vector<std::string> m_All;    ///< signatures, partitions, mounts, holders: "ext4 signature", ...
   std::vector<std::string> m_InUse;  ///< of it what keeps the device from a change: "sda1 is mounted at /srv"
+  bool m_IsReadable{true};           ///< else nobody knows what is on it
   bool operator==(const SContents&) const = default;
 };
 
@@ -59,7 +60,8 @@ class CMachine {
  private:
   /// What udev keeps of a device.
   std::vector<std::string> UdevRecord(const std::string& device) const;
-  std::vector<std::string> Signatures(const std::string& device) const;
+  /// None when the device cannot be read: it is failing, asleep, or does not run.
+  std::optional<std::vector<std::string>> Signatures(const std::string& device) const;
   std::vector<std::string> Holders(const std::string& device) const;
 
   OS::COperatingSystem& m_OS;

@@ -28,7 +28,7 @@ void AddOptions(CLI::App& app, SOptions& options) {
   app.add_option("--plugin", options.m_Plugin, "the plug-in's library")->type_name("PATH");
   app.add_option("--trace", options.m_Trace, "trace to standard error: 2 + 4 + 8 + 16")
       ->type_name("MASK")
-      ->check(CLI::Range(0, 30));
+      ->check(NumberTo(30));
   app.add_flag("--no-color", options.m_Plain, "no colours (also: NO_COLOR)");
 }
 
@@ -78,6 +78,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
                                            return ShowHelp(context, app, words);
                                          });
   help->add_option("COMMAND", wanted, "the command");
+  Strengthen(app);
 }
 
 int Run(const SOptions& options, const Command& command) {
@@ -106,21 +107,11 @@ int Run(const SOptions& options, const Command& command) {
 
 /// What the words of the command line ask for: a command, help, or to be told what is wrong with them.
 Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vector<std::string>& words) {
-  const auto refuse = [&](const std::string& message) -> Command {
-    options = {};
-    options.m_Json = std::ranges::find(words, "--json") != words.end();
-    const CError wrong(EXIT_USAGE, message);
-    const bool isCheck = std::ranges::find(words, "check") != words.end();
-    return [wrong, isCheck](CContext& context) {
-      if (isCheck) return ShowUnknown(context, wrong);
-      throw CError(wrong);
-    };
-  };
-  if (const std::string hint = EmptyValueHint(words); !hint.empty()) return refuse(hint);
+  std::string wrong = EmptyValueHint(words);
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));  // as CLI11 wants them
     if (options.m_Machine == "-") options.m_Machine.clear();
-    return chosen;
+    if (wrong.empty()) return chosen;
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
       std::ostringstream text;
@@ -131,8 +122,19 @@ Command Parsed(CLI::App& app, SOptions& options, Command& chosen, const std::vec
         return EXIT_DONE;
       };
     }
-    return refuse(UsageMessage(app, error, words));
+    if (wrong.empty()) wrong = UsageMessage(app, error, words);
   }
+  const auto isSaid = [&](const char* word) { return std::ranges::find(words, word) != words.end(); };
+  options = {};
+  options.m_Json = isSaid("--json");
+  const bool isStream = isSaid("--json-lines") ||
+                        (options.m_Json && (isSaid("--follow") || isSaid("--watch") || isSaid("watch")));
+  return [wrong = CError(EXIT_USAGE, wrong), isStream,
+          isCheck = app.got_subcommand("check")](CContext& context) {
+    if (isStream) context.BeginStream();
+    if (isCheck) return ShowUnknown(context, wrong);
+    throw CError(wrong);
+  };
 }
 
 /// For a shell, in the middle of what a person types: nothing is said but names, whatever happens.

@@ -25,9 +25,10 @@ using Clock = std::chrono::steady_clock;
 /// How far the run is; none when there is no run.
 struct SRun {
   std::string m_Name;  ///< "Resyncing"
-  int m_Percent;
-  double m_Exact;
-  std::string m_Remaining;  ///< the plug-in's
+  int m_Percent{0};
+  double m_Exact{0};
+  std::string m_Remaining;       ///< the plug-in's
+  const char* m_Basis{nullptr};  ///< of it; null: none
 };
 
 std::optional<SRun> RunOf(const SArrayEntry& entry) {
@@ -41,7 +42,7 @@ std::optional<SRun> RunOf(const SArrayEntry& entry) {
   const double exact =
       entry.m_Md && entry.m_Md->m_Run ? std::max(told, entry.m_Md->m_Run->m_Percent.value_or(0)) : told;
   return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(exact), exact,
-              TextOf(array, PI::PROP_TIME_REMAINING)};
+              TextOf(array, PI::PROP_TIME_REMAINING), EstimateBasis(array)};
 }
 
 /// Prints a run as it goes on.
@@ -62,26 +63,28 @@ class CProgressPrinter {
                                                       left, m_Context.Terminal().Width()));
     } else if (run.m_Percent / LINE_STEP != m_LastStep) {
       m_LastStep = run.m_Percent / LINE_STEP;
-      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%, " + left, run.m_Percent, run.m_Remaining);
+      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%, " + left, run.m_Percent, run);
     }
   }
   void End(const std::string& text, int percent) {
     if (m_Quiet) return;
     if (m_Bar) m_Context.Terminal().Print("\r\033[K");
-    Line(text, percent, "");
+    Line(text, percent, {});
   }
 
  private:
   bool Json() const { return m_Context.Options().m_Json; }
-  void Line(const std::string& text, int percent, const std::string& remaining) {
+  void Line(const std::string& text, int percent, const SRun& run) {
     if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
-    m_Context.Show("progress",
-                   {{"array", m_Array},
-                    {"percent", percent},
-                    {"remaining", remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(remaining)},
-                    {"estimate", EstimateJson()},
-                    {"text", text}},
-                   "");
+    m_Context.Show(
+        "progress",
+        {{"array", m_Array},
+         {"percent", percent},
+         {"remaining", run.m_Remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(run.m_Remaining)},
+         {"estimateBasis", run.m_Basis == nullptr ? rvxctl::Json(nullptr) : rvxctl::Json(run.m_Basis)},
+         {"estimate", EstimateJson()},
+         {"text", text}},
+        "");
   }
 
   rvxctl::Json EstimateJson() const {
@@ -108,6 +111,13 @@ std::optional<bool> CompletedBy(const std::vector<PI::CEvent>& events, unsigned 
     if (event.m_Code == PI::EVT_REBUILD_ABORTED || event.m_Code == PI::EVT_RESYNC_ABORTED) return false;
   }
   return std::nullopt;
+}
+
+/// Whether these are working members now.
+bool HoldsAll(const SArrayEntry& entry, const std::vector<std::string>& names) {
+  const std::vector<std::string> active = entry.Of(ERole::ACTIVE);
+  return std::ranges::all_of(
+      names, [&](const std::string& name) { return std::ranges::find(active, name) != active.end(); });
 }
 
 }  // namespace
@@ -143,18 +153,22 @@ int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
   std::optional<CProgressPrinter> printer;
   int percent = -1;  // as long as no run was seen
   int looks = 0;
+  std::vector<std::string> rebuilt;  // what the run writes to
   while (true) {
     const auto completed = CompletedBy(session.FetchEvents(), arrayID);
     const CTopology topology(session);
     const PI::CObject* const array = topology.FindID(arrayID);
     if (array == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
     if (!printer) printer.emplace(context, NameOf(*array), progress);
-    if (completed) {
-      printer->End(*completed ? "completed" : "aborted", *completed ? 100 : std::max(percent, 0));
-      return *completed ? EXIT_DONE : EXIT_PLUGIN_ERROR;
-    }
     const CInventory inventory(topology, context.Machine());
     const SArrayEntry& entry = inventory.EntryOf(*array);
+    if (completed) {
+      // The plug-in reports a rebuild that ended; that its disk failed is seen at the disk.
+      const bool isDone = *completed && HoldsAll(entry, rebuilt);
+      printer->End(isDone ? "completed" : "aborted", isDone ? 100 : std::max(percent, 0));
+      return isDone ? EXIT_DONE : EXIT_PLUGIN_ERROR;
+    }
+    if (auto now = entry.Of(ERole::REBUILDING); !now.empty()) rebuilt = std::move(now);
     const std::string waiting = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Waiting : "";
     if (waiting == "PENDING") {
       printer->End(entry.ActivityText() + ": nothing begins before that", std::max(percent, 0));

@@ -99,9 +99,7 @@ std::string HintForCheck(const std::optional<std::string>& mdstat, unsigned int 
 std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned int operation,
                              unsigned int status, const std::string& level) {
   if (!MdMayHelp(status)) return {};
-  if (IsDeletion(operation))
-    return "md stops only an array that nothing uses. One that was stopped before the failure is gone: "
-           "'rvxctl array list' shows what is left. One without a member on a managed disk always ends so.";
+  if (IsDeletion(operation)) return {};  // what is gone and what is left is told behind it
   if (operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return "md takes no disk that is too small, none into an array without redundancy, and none this way "
            "into a mirror without a chunk size, as mdadm makes it: use mdadm --add there.";

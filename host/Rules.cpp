@@ -27,18 +27,6 @@ std::uint64_t KiBOf(const CInventory& inventory, const PI::CObject& disk) {
   return inventory.FactsOf(disk).m_Bytes.value_or(0) >> 10;
 }
 
-/// Whether a name is that of a partition of the disk: "sda1" or "nvme0n1p1".
-bool IsPartitionOf(const std::string& name, const std::string& disk) {
-  if (!name.starts_with(disk) || name.size() == disk.size()) return false;
-  std::string rest = name.substr(disk.size());
-  // A "p" stands between where the disk's own name ends in a digit.
-  if (std::isdigit(static_cast<unsigned char>(disk.back())) != 0) {
-    if (rest.size() < 2 || rest.front() != 'p') return false;
-    rest.erase(0, 1);
-  }
-  return std::ranges::all_of(rest, [](unsigned char c) { return std::isdigit(c) != 0; });
-}
-
 std::string MetadataOf(const SArrayEntry& array) {
   return array.m_Md->m_Metadata.empty() ? "0.90" : array.m_Md->m_Metadata;
 }
@@ -49,11 +37,11 @@ std::string WhyNotFree(const CInventory& inventory, const PI::CObject& disk) {
   const std::string name = NameOf(disk);
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members) {
-      if (member.m_Disk != &disk) continue;
+      if (WholeDiskOf(inventory.Topology(), member) != &disk) continue;
       const char* const role = member.m_Role == ERole::SPARE    ? " is a hot spare of "
                                : member.m_Role == ERole::FAILED ? " is a failed member of "
                                                                 : " is a member of ";
-      return std::string(name).append(role).append(array.m_Name);
+      return std::string(member.m_Name).append(role).append(array.m_Name);
     }
   if (status == PI::STATUS_READY) return {};
   const std::vector<std::string> uses = inventory.Machine().Contents(PathOf(disk)).m_InUse;
@@ -62,9 +50,17 @@ std::string WhyNotFree(const CInventory& inventory, const PI::CObject& disk) {
   return name + " is not ready: " + TextOf(disk, PI::PROP_STATUS);
 }
 
+void RequireReadable(const CInventory& inventory, const std::string& name) {
+  if (!inventory.Machine().Contents("/dev/" + name).m_IsReadable)
+    Forbidden(name +
+              " cannot be read, and so not be written to safely: it is asleep (wake it), offline or failing "
+              "(the kernel log tells)");
+}
+
 void RequireFree(const CInventory& inventory, const PI::CObject& disk) {
   if (const std::string why = WhyNotFree(inventory, disk); !why.empty())
     Forbidden(why + "; only a disk that nothing uses can be taken");
+  RequireReadable(inventory, NameOf(disk));
 }
 
 /// What must be in the kernel before a disk is written to.
@@ -104,10 +100,6 @@ void RequireLayout(const CInventory& inventory, const SNewArray& wanted) {
         "the disks have several sizes, and md was not told how to lay out such a raid0: " +
         std::string(layout ? "echo 2 >/sys/module/raid0/parameters/default_layout"
                            : "modprobe raid0 default_layout=2, or modprobe raid0 where modprobe.d says so"));
-}
-
-std::string Sizes(std::uint64_t kibibytes) {
-  return kibibytes < 1024 ? std::to_string(kibibytes) + " KiB" : SizeText(static_cast<long>(kibibytes >> 10));
 }
 
 /// What md uses of each member; 0 when it does not tell: its record has 32 bits for it.
@@ -156,13 +148,6 @@ void RequireDistinct(const CInventory& inventory, const SNewArray& wanted) {
 
 }  // namespace
 
-const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member) {
-  if (member.m_Disk != nullptr) return member.m_Disk;
-  for (const PI::CObject* const disk : inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE))
-    if (IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
-  return nullptr;
-}
-
 std::uint64_t SmallestKiB(const CInventory& inventory, const SNewArray& wanted) {
   std::uint64_t smallest = ~std::uint64_t{0};
   for (const PI::CObject* const disk : wanted.m_Disks) smallest = std::min(smallest, KiBOf(inventory, *disk));
@@ -190,20 +175,19 @@ void RequireCreatable(const CInventory& inventory, const SNewArray& wanted) {
     RequireFree(inventory, *disk);
     const std::uint64_t least = std::uint64_t{wanted.ChunkKiB()} + 140;
     if (KiBOf(inventory, *disk) < least)
-      Forbidden(NameOf(*disk) + " is too small: " + Sizes(KiBOf(inventory, *disk)) + ", and a member needs " +
-                std::to_string(least) + " KiB");
+      Forbidden(NameOf(*disk) + " is too small: " + SizeOfKiB(KiBOf(inventory, *disk)) +
+                ", and a member needs " + std::to_string(least) + " KiB");
   }
   RequireMd(inventory, wanted);
   RequireLayout(inventory, wanted);
   if (wanted.m_Word == "raid1" && !MirrorKiB(inventory, wanted))
     Forbidden(
-        "md refuses this mirror: its smallest disk has " + Sizes(SmallestKiB(inventory, wanted)) +
+        "md refuses this mirror: its smallest disk has " + SizeOfKiB(SmallestKiB(inventory, wanted)) +
         ", and between an odd number of TiB and the next even one the size that the plug-in writes is wrong");
 }
 
-void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI::CObject& array) {
+void RequireTakesSpare(const CInventory& inventory, const PI::CObject& array) {
   RequireOwnNumber(inventory, array);
-  RequireFree(inventory, disk);
   const SArrayEntry& entry = inventory.EntryOf(array);
   if (!entry.m_Md || !entry.m_Md->m_Active) Forbidden(entry.m_Name + " does not run: it takes no spare");
   if (!entry.m_Md->m_Slots)
@@ -227,10 +211,18 @@ void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI
   if (std::ranges::none_of(inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE), isWorking))
     Forbidden("the first working member of " + entry.m_Name +
               " is a partition or no managed disk, and its superblock cannot be copied: use mdadm --add");
+}
+
+void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI::CObject& array) {
+  RequireTakesSpare(inventory, array);
+  RequireFree(inventory, disk);
+  const SArrayEntry& entry = inventory.EntryOf(array);
+  const auto info = Md::CArray(inventory.Machine().System(), PathOf(array)).Info();
+  if (!info) return;
   const std::uint64_t needed = ComponentKiB(inventory.Machine(), entry.m_Name, *info);
   if (Md::UsableSize(KiBOf(inventory, disk)) < needed)
-    Forbidden(NameOf(disk) + " is too small: " + Sizes(KiBOf(inventory, disk)) + ", and a member of " +
-              entry.m_Name + " needs " + Sizes(needed + 140));
+    Forbidden(NameOf(disk) + " is too small: " + SizeOfKiB(KiBOf(inventory, disk)) + ", and a member of " +
+              entry.m_Name + " needs " + SizeOfKiB(needed + 140));
 }
 
 void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
@@ -242,11 +234,16 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
         Forbidden(NameOf(disk) + " is a working member of " + array.m_Name +
                   "; only a spare or a failed member can be released");
       RequireWritable(array);
+      const auto state = inventory.Machine().Line("/sys/block/" + member.m_Name + "/device/state");
+      if (member.m_Role == ERole::OFFLINE || (state && *state != "running"))
+        Forbidden(member.m_Name +
+                  " is offline, and the plug-in lets go only of what it can wipe: 'mdadm --manage /dev/" +
+                  array.m_Name + " --remove /dev/" + member.m_Name + "'");
       return RequireOwnNumber(inventory, array.m_Object);
     }
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members)
-      if (IsPartitionOf(member.m_Name, NameOf(disk)))
+      if (WholeDiskOf(inventory.Topology(), member) == &disk)
         Forbidden(member.m_Name + ", a partition of " + NameOf(disk) + ", is the member of " + array.m_Name +
                   ": use mdadm --remove");
 }
@@ -285,7 +282,7 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
   for (const SMember& member : entry.m_Members) {
     managed = managed || member.m_Disk != nullptr;
     if (member.m_Disk != nullptr || partitionMembers) continue;
-    if (const PI::CObject* const disk = WholeDiskOf(inventory, member))
+    if (const PI::CObject* const disk = WholeDiskOf(inventory.Topology(), member))
       Forbidden("the member " + member.m_Name + " of " + entry.m_Name +
                 " is a partition: the blank superblock would be written to the end of the whole disk " +
                 NameOf(*disk) +

@@ -30,12 +30,11 @@ std::uint64_t SmallestKiB(const CInventory& inventory, const SNewArray& wanted);
 /// disks have (the superblock's size is doubled in 32 bits).
 std::optional<std::uint64_t> MirrorKiB(const CInventory& inventory, const SNewArray& wanted);
 
-/// The managed disk that a member is, or is a partition of; null when it is neither.
-const PI::CObject* WholeDiskOf(const CInventory& inventory, const SMember& member);
-
 /// Each throws CError: EXIT_USAGE for a wrong request, EXIT_NOT_ALLOWED for one that the present state
 /// forbids.
 void RequireCreatable(const CInventory& inventory, const SNewArray& wanted);
+/// Whether the array takes any spare at all.
+void RequireTakesSpare(const CInventory& inventory, const PI::CObject& array);
 void RequireSpare(const CInventory& inventory, const PI::CObject& disk, const PI::CObject& array);
 void RequireRelease(const CInventory& inventory, const PI::CObject& disk);
 /// md's kernel interface takes neither start nor cancellation as the plug-in asks for it.
@@ -43,5 +42,16 @@ void RequireRebuild(const CInventory& inventory, const PI::CObject& array, bool 
 /// `partitionMembers`: the person knows that members are partitions, and that the last sectors of their disks
 /// are written to.
 void RequireDeletable(const CInventory& inventory, const PI::CObject& array, bool partitionMembers);
+
+/// What one of these throws, as a sentence; empty when it throws nothing.
+template <class TRule>
+std::string WhyNot(TRule rule) {
+  try {
+    rule();
+    return {};
+  } catch (const CError& error) {
+    return error.what();
+  }
+}
 
 }  // namespace rvxctl::Rules

@@ -31,6 +31,11 @@ constexpr char CONFIG_VARIABLE[] = "ZQ_CONFIG_DIR";
 using MachineFunction = const char*(const char* file);
 using SystemFunction = OS::COperatingSystem*();
 
+bool IsFile(const std::string& path) {
+  boost::system::error_code error;
+  return boost::filesystem::is_regular_file(path, error);
+}
+
 /// A folder for the settings of a simulated machine, which are not those of this machine. The simulated build
 /// would make one by itself, for all of its run: this one is there for the one setting, so that a run that is
 /// killed leaves nothing behind. Its owner alone can enter it. It goes with what is in it, and no signal ends
@@ -96,7 +101,10 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
     const auto load = reinterpret_cast<MachineFunction*>(::dlsym(m_Library, "rvxLoadMachine"));
     if (load == nullptr) throw CannotLoad(path + " is no simulated build");
     if (const char* const why = load(options.m_Machine.empty() ? nullptr : options.m_Machine.c_str()))
-      throw CError(EXIT_USAGE, why);
+      throw CError(EXIT_USAGE,
+                   std::string(why) + (IsFile(options.m_Machine)
+                                           ? ""
+                                           : "; 'rvxctl --simulate=FILE playground demo' writes a machine"));
   }
   Open();
 }

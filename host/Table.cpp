@@ -15,7 +15,7 @@ namespace rvxctl {
 namespace {
 
 /// Columns below which a text is easier to read when the terminal breaks it.
-constexpr std::size_t LEAST_ROOM = 8;
+constexpr std::size_t LEAST_ROOM = 6;
 
 using CTable = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -79,6 +80,7 @@ void Confirm(const std::string& question) {
     throw CError(EXIT_NOT_CONFIRMED,
                  "nothing was changed: this needs a yes, and there is no terminal to ask on; say --yes");
   std::cerr << Printable(question) << " [y/N] " << std::flush;
+  ::tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before the question is no answer to it
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "Y" && answer != "yes")

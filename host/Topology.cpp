@@ -67,8 +67,10 @@ void CTopology::ThrowUnknown(const std::string& address, PI::_OBJECT_KIND kind) 
     other = NameOf(*object) + (object->m_Kind == PI::OBJ_LOGICAL_DRIVE    ? " is an array; "
                                : object->m_Kind == PI::OBJ_PHYSICAL_DRIVE ? " is a disk; "
                                                                           : " is neither; ");
-  throw CError(EXIT_NO_OBJECT, other + "there is no " + what + " \"" + address + "\"; there " +
-                                   (known.empty() ? "is none at all" : "are: " + known));
+  throw CError(EXIT_NO_OBJECT,
+               other + "there is no " + what + " \"" + address + "\"; there " +
+                   (known.empty() ? "is none at all" : "are: " + known) +
+                   (address.find(',') == std::string::npos ? "" : "; write names with blanks between"));
 }
 
 std::optional<unsigned long> IdentifierOf(const std::string& address) {

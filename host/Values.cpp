@@ -143,8 +143,12 @@ std::string SizeText(std::optional<long> mebibytes) {
   if (!mebibytes) return {};
   if (*mebibytes < 1024) return std::to_string(*mebibytes) + " MiB";
   const double gibibytes = static_cast<double>(*mebibytes) / 1024;
-  return gibibytes < 1024 ? (boost::format("%.1f GiB") % gibibytes).str()
-                          : (boost::format("%.1f TiB") % (gibibytes / 1024)).str();
+  return gibibytes < 1023.95 ? (boost::format("%.1f GiB") % gibibytes).str()
+                             : (boost::format("%.1f TiB") % (gibibytes / 1024)).str();
+}
+
+std::string SizeOfKiB(std::uint64_t kibibytes) {
+  return kibibytes < 1024 ? std::to_string(kibibytes) + " KiB" : SizeText(static_cast<long>(kibibytes >> 10));
 }
 
 std::string Joined(const std::vector<std::string>& texts, const char* separator) {

@@ -2,6 +2,7 @@
 /// @file
 /// Properties and numbers of objects as people read them.
 
+#include <cstdint>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -36,6 +37,8 @@ std::string NameOf(const PI::CObject& object);
 std::string HexadecimalID(unsigned long id);
 /// MiB as a person reads it: "4.0 GiB".
 std::string SizeText(std::optional<long> mebibytes);
+/// The same of a size that may lie below a MiB: "260 KiB".
+std::string SizeOfKiB(std::uint64_t kibibytes);
 /// "a, b"
 std::string Joined(const std::vector<std::string>& texts, const char* separator = ", ");
 /// RFC 3339 with milliseconds, UTC.

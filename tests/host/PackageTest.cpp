@@ -50,7 +50,9 @@ TEST(Package, EveryHelpHasAnExampleThatRunsAndFitsTheTerminal) {
     const SResult example = ResultOf({"bash", "-c", script, RVXCTL});
     EXPECT_EQ(example.m_Status, 0) << command << " has a line that is too long";
     EXPECT_THAT(example.m_Out, HasSubstr(command)) << command;
-    const std::string run = "cd '" + folder.Path() + "'; \"$0\" --simulate" + example.m_Out;
+    const std::string run = "cd '" + folder.Path() + "'; \"$0\"" +
+                            (example.m_Out.find("--simulate") == std::string::npos ? " --simulate" : "") +
+                            example.m_Out;
     const int status = ResultOf({"bash", "-c", run, RVXCTL}).m_Status;
     // Those that are asked about end as not confirmed; the demonstration is busy, and its kernel rebuilds by
     // itself.

@@ -71,6 +71,73 @@ TEST(Sequence, TheFirstSynchronisationIsToldFromALaterOne) {
       << "an old array, started with the machine";
 }
 
+/// Four disks of 64 MiB with these keys of sdb, arrays, and what else the machine is described by.
+std::string FourDisks(const std::string& sdb, const std::string& arrays, const std::string& more = "") {
+  std::string disks;
+  for (const char* const name : {"sda", "sdb", "sdc", "sdd"})
+    disks += std::string(disks.empty() ? "" : ", ") + R"({"name": ")" + name +
+             R"(", "controller": "a", "size": 65536)" + (name == std::string("sdb") ? sdb : "") + "}";
+  return R"({"controllers": [{"name": "a", "pci": "0000:00:1f.2", "driver": "ahci"}], "disks": [)" + disks +
+         R"(], "arrays": [)" + arrays + "]" + more + "}";
+}
+
+TEST(Sequence, WhatDidNotHappenIsNotTold) {
+  const std::string mirror = R"({"name": "md_d0", "level": "raid1", "chunk": 64, "members": ["sda", )";
+  const std::string fails = R"(, "rehearsed": false, "sync_speed": 6400,
+      "script": [{"at": 3000, "fail_member": {"array": "md_d0", "disk": "sdb"}}])";
+  const std::string striped = R"({"name": "md_d1", "level": "raid0", "members": ["sdb", "sdc"]})";
+  const std::string asleep = R"(, "asleep": true)", offline = R"(, "state": "offline")";
+  const std::tuple<std::string, const char*, int, const char*> cases[] = {
+      {FourDisks("", mirror + "null]}", fails), "spare add sdb md_d0 --wait --yes", 1,
+       "md_d0: aborted\nrvxctl: sdb is added to md_d0; the run did not complete"},
+      {FourDisks("", mirror + R"(null], "spares": ["sdb"]})", fails), "array watch md_d0", 1,
+       "md_d0: aborted\n"},
+      {FourDisks(asleep, mirror + R"("sdc"], "spares": ["sdb"]})"), "spare release sdb --yes", 1,
+       "sdb is released; sdb still has its superblock, or cannot be read"},
+      {FourDisks(asleep, striped), "array delete md_d1 --yes", 1,
+       "sdb still has its superblock, or cannot be read"},
+      {FourDisks(asleep, ""), "array create --level raid1 sda sdb --dry-run", 6, "sdb cannot be read"},
+      {FourDisks("", mirror + R"("sdc"], "spares": ["sdb"]})",
+                 R"(, "script": [{"at": 0, "remove_disk": "sdb"}])"),
+       "check", 1, "1 spare missing; md_d0: sdb is missing"},
+      {FourDisks(offline, mirror + R"(null], "faulty": ["sdb"]})"), "status", 0,
+       "'mdadm --manage /dev/md_d0 --remove /dev/sdb', replace the disk, then 'rvxctl spare add DISK md_d0'"},
+      {FourDisks(offline, mirror + R"(null], "faulty": ["sdb"]})"), "spare release sdb --yes", 6,
+       "sdb is offline"},
+      {FourDisks("", R"({"name": "md_d1", "level": "raid0", "members": ["sdb", "sdc"], "broken": true})"),
+       "check", 2, "1 array failed; md_d1: md takes it for broken"},
+      {FourDisks("", mirror + R"(null], "spares": ["sdb"]})", R"(, "sync_speed": 0)"), "operations md_d0", 0,
+       "Cancel the rebuild             no       this kernel does not end a rebuild"},
+      {FourDisks("", mirror + R"("sdc"]})"), "array delete md_d0 --yes > /dev/full", 1,
+       "Deleted md_d0. But cannot write to standard output: No space left on device"}};
+  const CTemporaryFolder folder;
+  for (const auto& [machine, command, status, told] : cases) {
+    const std::string words = "--simulate=" + folder.Write("machine.json", machine) + " " + command;
+    const SResult result = ResultOf({"bash", "-c", "exec 2>&1; \"$0\" " + words, RvxctlWords({}).back()});
+    EXPECT_EQ(result.m_Status, status) << command << result.m_Out;
+    EXPECT_THAT(result.m_Out, HasSubstr(told)) << machine;
+  }
+}
+
+TEST(Sequence, ADeletionTellsEachMemberThatKeepsItsSuperblock) {
+  const CTemporaryFolder folder;
+  const std::string machine = folder.Write(
+      "machine.json", FourDisks(R"(, "asleep": true)",
+                                R"({"name": "md_d0", "level": "raid0", "members": ["sda", "sdb"]},
+          {"name": "md_d1", "level": "raid0", "members": ["sdc", "sdd"], "mount": "/srv"})"));
+  const SResult result =
+      Rvxctl({"--simulate=" + machine, "--json", "array", "delete", "--all", "--yes", "--plugin-alone"});
+  const json data = result.Json()["data"];
+  EXPECT_EQ(result.m_Status, 1);
+  EXPECT_EQ(data["deleted"], json::array({"md_d0"}));
+  EXPECT_EQ(data["left"][0]["array"], "md_d1");
+  EXPECT_EQ(data["notWiped"], json::array({"sdb"}));
+  const SResult parts =
+      Rvxctl({Simulate("rules"), "--json", "array", "delete", "md_d5", "--force-partition-members", "--yes"});
+  EXPECT_EQ(parts.Json()["data"]["notWiped"], json::array({"sdt1"}));
+  EXPECT_EQ(parts.Json()["data"]["done"], "Deleted md_d5. Still with its superblock: sdt1.");
+}
+
 TEST(Sequence, AMachineThatCannotBeSavedIsAnError) {
   const CTemporaryFolder folder;
   const std::string name = folder.Write(std::string(250, 'm'), "{}");  // no room for the new file's name
