@@ -158,7 +158,7 @@ std::string SimulateHint(const CLI::App& app, const std::vector<std::string>& wo
 
 /// What is wrong with the words of a command that is known, for people: CLI11 says it for programmers.
 std::string Reworded(const CLI::ParseError& error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   const std::size_t colon = text.find(": ");
   const std::string name = text.substr(0, colon);
   const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 2);

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem.hpp>
 #include <memory>
 
@@ -73,12 +73,12 @@ std::vector<std::string> CMachine::UdevRecord(const std::string& device) const {
 }
 
 std::optional<std::uint64_t> CMachine::MadeAt(const std::string& device) const {
-  std::vector<std::string> lines;
-  boost::split(lines, OS::ReadText(m_OS, "/proc/stat").value_or(""), boost::is_any_of("\n"));
-  const std::string boot = ValueOf(lines, "btime ");
+  const std::string counters = OS::ReadText(m_OS, "/proc/stat").value_or("");
+  const std::size_t boot = counters.find("btime ");
   const std::string later = ValueOf(UdevRecord(device), "E: USEC_INITIALIZED=");
-  if (boot.empty() || later.empty()) return std::nullopt;
-  return std::strtoull(boot.c_str(), nullptr, 10) + std::strtoull(later.c_str(), nullptr, 10) / 1000000;
+  if (boot == std::string::npos || later.empty()) return std::nullopt;
+  return std::strtoull(counters.c_str() + boot + 6, nullptr, 10) +
+         std::strtoull(later.c_str(), nullptr, 10) / 1000000;
 }
 
 SDeviceFacts CMachine::Facts(const std::string& device) const {

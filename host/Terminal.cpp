@@ -79,8 +79,8 @@ void Confirm(const std::string& question) {
   if (::isatty(STDIN_FILENO) != 1)
     throw CError(EXIT_NOT_CONFIRMED,
                  "nothing was changed: this needs a yes, and there is no terminal to ask on; say --yes");
-  std::cerr << Printable(question) << " [y/N] " << std::flush;
   ::tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before the question is no answer to it
+  std::cerr << Printable(question) << " [y/N] " << std::flush;
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "Y" && answer != "yes")
