@@ -27,15 +27,18 @@ unsigned int ToleranceOf(const SArrayEntry& array) {
   return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
 }
 
+std::string RemovalByMdadm(const CInventory& inventory, const SArrayEntry& array, const SMember& member) {
+  const std::string device = "/dev/" + member.m_Name;
+  return "'mdadm --manage /dev/" + array.m_Name + " --remove " +
+         (inventory.Machine().Has(device) ? device : "detached") + "'";
+}
+
 /// How a failed member is taken out; with mdadm where the plug-in cannot.
 std::string ReleaseOf(const CInventory& inventory, const SArrayEntry& array, const SMember& member) {
   if (member.m_Disk != nullptr &&
       Rules::WhyNot([&] { Rules::RequireRelease(inventory, *member.m_Disk); }).empty())
     return "'rvxctl spare release " + member.m_Name + "'";
-  struct stat node {};
-  const std::string device = "/dev/" + member.m_Name;
-  const bool isThere = inventory.Machine().System().Status(device, node) == 0;
-  return "'mdadm --manage /dev/" + array.m_Name + " --remove " + (isThere ? device : "detached") + "'";
+  return RemovalByMdadm(inventory, array, member);
 }
 
 /// What makes a degraded array whole again.
@@ -82,9 +85,7 @@ void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth&
   for (const SMember& member : array.m_Members)
     if (member.m_IsLostSpare)
       problem(EHealth::WARNING, "spare missing", member.m_Name + " is " + WordOf(member.m_Role),
-              "put it back, or 'mdadm --manage /dev/" + array.m_Name + " --remove " +
-                  (member.m_Role == ERole::MISSING ? "detached" : "/dev/" + member.m_Name) +
-                  "' and add another");
+              "put it back, or " + RemovalByMdadm(inventory, array, member) + " and add another");
 }
 
 /// What was never started, or is half-built: the plug-in does not list it.

@@ -20,8 +20,8 @@ std::string UsageMessage(const CLI::App& app, const CLI::ParseError& error,
 /// is unset: CLI11 would take it for what was not said, or take the next word. Empty where there is none.
 std::string EmptyValueHint(const std::vector<std::string>& words);
 
-/// Takes what CLI11 allows and nobody means: a flag with a value ("--dry-run=false" behind "--dry-run"), an
-/// option as the value of the one before, a file said twice.
+/// From now on what CLI11 allows and nobody means is refused: a flag with a value ("--dry-run=false" behind
+/// "--dry-run"), an option as the value of the one before, a file said twice.
 void Strengthen(CLI::App& app);
 
 /// The help of a command, "array create". Throws CError(EXIT_USAGE) when there is none of that name.

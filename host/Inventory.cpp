@@ -13,8 +13,7 @@ namespace {
 
 ERole RoleOf(const CMachine& machine, const SMdMember& member, const PI::CObject* disk) {
   if (member.m_Mark == 'F') return ERole::FAILED;
-  struct stat node {};
-  if (disk == nullptr && machine.System().Status("/dev/" + member.m_Name, node) != 0) return ERole::MISSING;
+  if (disk == nullptr && !machine.Has("/dev/" + member.m_Name)) return ERole::MISSING;
   const auto state = machine.Line("/sys/block/" + member.m_Name + "/device/state");
   if (state && (*state == "offline" || *state == "transport-offline")) return ERole::OFFLINE;
   if (disk != nullptr && NumberOf(*disk, PI::PROP_STATUS) == PI::STATUS_REBUILDING) return ERole::REBUILDING;

@@ -174,6 +174,11 @@ std::vector<std::string> CMachine::Holders(const std::string& device) const {
   return holders;
 }
 
+bool CMachine::Has(const std::string& device) const {
+  struct stat node {};
+  return m_OS.Status(device, node) == 0;
+}
+
 std::optional<std::set<std::string>> CMachine::Controllers() const {
   if (!m_IsHere) return std::nullopt;
   std::set<std::string> controllers;

@@ -42,6 +42,8 @@ class CMachine {
 
   SDeviceFacts Facts(const std::string& device) const;
   SContents Contents(const std::string& device) const;
+  /// Whether there is such a device.
+  bool Has(const std::string& device) const;
   /// The PCI controllers that disks hang on: "ahci (0000:00:1f.2, vendor 0x8086)"; none when not known.
   std::optional<std::set<std::string>> Controllers() const;
   /// When the kernel made a device, in seconds since 1970; none when udev has not seen it.

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "Program.h"
+#include "host/MdStat.h"
 #include "host/Plan.h"
 #include "host/Reasons.h"
 #include "system/Linux.h"
@@ -29,6 +30,15 @@ TEST(Plan, TellsWhatIsOnADisk) {
   std::fstream(path, std::ios::in | std::ios::out).seekp(446) << entry << std::string(48, '\0') << "\x55\xAA";
   EXPECT_THAT(plan(), HasSubstr("swap signature labelled \"a"));
   EXPECT_THAT(plan(), AllOf(HasSubstr("[Ab\"; dos partition table"), Not(HasSubstr("\033"))));
+}
+
+TEST(MdStat, EachMembersTaskIsItsMark) {
+  const auto arrays = ParseMdStat(
+      "md0 : active raid5 sdf[6](F) sde[5](S) sdd[4](J) sdc[3](R) sdb[1](W)(F) sda[0](W)\n      9 blocks "
+      "[2/1] [U_]\n");
+  std::string marks;
+  for (const SMdMember& member : arrays.at(0).m_Members) marks += member.m_Mark == 0 ? '-' : member.m_Mark;
+  EXPECT_EQ(marks, "FSJRF-");
 }
 
 TEST(Plan, AHalfBuiltArrayIsNamed) {
