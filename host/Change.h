@@ -1,28 +1,17 @@
 #pragma once
 /// @file
-/// A change of the machine, as every command makes one: the rules that can be seen and the plug-in's own
-/// check first, then the plan and the person's consent, then a second look, then the plug-in does it.
+/// A change of the machine as one look at it shows it: what would be done, whether it is allowed, and the
+/// token that tells this state from any other.
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "host/Context.h"
+#include "host/Error.h"
 #include "host/Inventory.h"
 #include "host/Plan.h"
 
-namespace rvxctl {
-
-/// How a person agrees to a change.
-struct SConsent {
-  bool m_Yes{false};
-  bool m_DryRun{false};
-  bool m_Wait{false};
-  bool m_PlugInAlone{false};  ///< no rules but the plug-in's and the kernel's
-  std::optional<std::string>
-      m_IfUnchanged{};  ///< a plan's token: nothing is done where another would be given now
-};
+namespace Host {
 
 /// Which operation of which object, and what to tell before.
 struct SChange {
@@ -42,13 +31,24 @@ struct SChange {
 /// ones. Throws CError when the request is wrong, or the state forbids it.
 using Proposal = std::function<SChange(const CInventory&)>;
 
-/// What came of the execution: the failure, none when it succeeded.
-struct SExecution {
-  std::optional<CError> m_Failure;
+/// The rules have been asked by the proposal; the plug-in's check is asked here.
+struct SLook {
+  /// Throws CError when the request is wrong, or the state forbids it.
+  SLook(CSession& session, const CMachine& machine, const Proposal& propose);
+
+  /// As a document has it.
+  Json ToJson() const;
+  /// Why the check refused, with what helps.
+  CError Refusal() const;
+
+  const CTopology m_Topology;
+  const CInventory m_Inventory;
+  const SChange m_Change;
+  const PI::COperation m_Offered;
+  PI::COperation m_Operation;
+  unsigned int m_Check{PI::OK};
+  std::string m_Warning;
+  std::string m_Token;
 };
 
-/// Rules, check, plan, consent, lock, second look, execution. None after a dry run; throws CError when
-/// nothing was executed.
-std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, const SConsent& consent);
-
-}  // namespace rvxctl
+}  // namespace Host

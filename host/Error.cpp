@@ -2,7 +2,7 @@
 
 #include "host/Texts.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -37,4 +37,4 @@ CError CannotLoad(const std::string& why, unsigned int status) {
   return {EXIT_NO_PLUGIN, "cannot load the plug-in: " + why, status};
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -7,7 +7,7 @@
 
 #include "PI/Numbers.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// How the program ends; scripts rely on the numbers.
 enum EExit : int {
@@ -36,4 +36,4 @@ class CError : public std::runtime_error {
 CError PluginError(unsigned int status, const std::string& what, const std::string& hint = {});
 CError CannotLoad(const std::string& why, unsigned int status = PI::OK);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -52,4 +52,4 @@ std::string TextOf(const std::optional<STimeLeft>& left) {
          Duration(left->m_Most) + ")";
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-namespace rvxctl {
+namespace Host {
 
 /// The time that is left, and between which it may lie: by the slowest and the quickest stretch seen.
 struct STimeLeft {
@@ -37,4 +37,4 @@ class CEstimate {
 /// "about 2 min left (1 min to 4 min)"; "time left not known yet".
 std::string TextOf(const std::optional<STimeLeft>& left);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -5,7 +5,7 @@
 #include "host/Rules.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -220,4 +220,4 @@ Figures FiguresOf(const CInventory& inventory, const SHealth& health) {
           {"disks_ready", in(PI::STATUS_READY)}};
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -9,7 +9,7 @@
 #include "host/Inventory.h"
 #include "host/JsonView.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// The worse, the greater; the numbers are exit statuses of `check`, as monitoring plug-ins have them.
 enum class EHealth : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
@@ -48,4 +48,4 @@ SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits = {});
 using Figures = std::vector<std::pair<const char*, long>>;
 Figures FiguresOf(const CInventory& inventory, const SHealth& health);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -6,7 +6,7 @@
 #include "host/Error.h"
 #include "libraries/common/Environment.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -50,4 +50,4 @@ void FindCatalog() {
     ::setenv(CATALOG_VARIABLE, folder.c_str(), 1);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

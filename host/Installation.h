@@ -6,7 +6,7 @@
 
 #include "host/Options.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// The plug-in's file: where the person says, else in the installation. Throws CError when neither is known.
 std::string PluginPath(const SOptions& options);
@@ -15,4 +15,4 @@ std::string PluginPath(const SOptions& options);
 /// called before the first text is asked for.
 void FindCatalog();
 
-}  // namespace rvxctl
+}  // namespace Host

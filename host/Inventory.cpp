@@ -7,7 +7,7 @@
 #include "host/Levels.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -130,7 +130,7 @@ std::string SArrayEntry::ActivityText() const {
     if (run.m_Action == "check") return "Checking (md)";
     if (run.m_Action == "reshape") return "Reshaping (md)";
   }
-  std::string text = rvxctl::ActivityText(m_Object);
+  std::string text = Host::ActivityText(m_Object);
   if (m_IsFirstSync && ProgressOf(m_Object))
     text = "First sync " + TextOf(m_Object, PI::PROP_RESYNC_PROGRESS) + " (md)";
   if (m_Md && m_Md->m_Broken) text += ", broken (md)";
@@ -198,4 +198,4 @@ SDeviceFacts CInventory::FactsOf(const PI::CObject& object) const {
   return m_Machine.Facts(TextOf(object, PI::PROP_DEVICE_PATH));
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -11,7 +11,7 @@
 #include "host/MdStat.h"
 #include "host/Topology.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// What a disk is to its array.
 /// MISSING: md counts on it, but the machine has no such device; OFFLINE: the kernel sends it nothing;
@@ -78,4 +78,4 @@ class CInventory {
   std::vector<SArrayEntry> m_Arrays;
 };
 
-}  // namespace rvxctl
+}  // namespace Host

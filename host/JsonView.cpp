@@ -8,7 +8,7 @@
 #include "host/Texts.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -239,4 +239,4 @@ Json EventJson(const CInventory& inventory, const PI::CEvent& event) {
           {"text", text}};
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -9,7 +9,7 @@
 #include "host/Error.h"
 #include "host/Inventory.h"
 
-namespace rvxctl {
+namespace Host {
 
 using Json = nlohmann::ordered_json;
 
@@ -31,4 +31,4 @@ Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind);
 Json StatusJson(const CInventory& inventory, const std::function<bool(const PI::CObject&)>& isWanted);
 Json EventJson(const CInventory& inventory, const PI::CEvent& event);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -5,7 +5,7 @@
 
 #include "PI/Numbers.h"
 
-namespace rvxctl::Keys {
+namespace Host::Keys {
 
 namespace {
 
@@ -189,4 +189,4 @@ std::string OfEvent(unsigned int code) { return KeyOf(EVENTS, code); }
 std::string OfOperation(unsigned int code) { return KeyOf(OPERATIONS, code); }
 std::string OfSeverity(unsigned int severity) { return KeyOf(SEVERITIES, severity); }
 
-}  // namespace rvxctl::Keys
+}  // namespace Host::Keys

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace rvxctl::Keys {
+namespace Host::Keys {
 
 /// "disk", "array", "adapter" or "plugin"; the number itself of a kind that has no word. So do the others.
 std::string OfKind(unsigned int kind);
@@ -23,4 +23,4 @@ std::string OfEvent(unsigned int code);      ///< "array-degraded"
 std::string OfOperation(unsigned int code);  ///< "delete-array"
 std::string OfSeverity(unsigned int severity);
 
-}  // namespace rvxctl::Keys
+}  // namespace Host::Keys

@@ -6,7 +6,7 @@
 #include "host/Error.h"
 #include "host/Keys.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -48,4 +48,4 @@ unsigned int StripeOf(const std::vector<PI::CLevel>& offered, const std::string&
   return ChoiceOf("--stripe", stripes, word);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -7,7 +7,7 @@
 
 #include "host/Topology.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// The plug-in's answer about the levels of new arrays, which every topology carries.
 std::vector<PI::CLevel> OfferedLevels(const CTopology& topology);
@@ -22,4 +22,4 @@ unsigned int LevelOf(const std::vector<PI::CLevel>& offered, const std::string& 
 /// CError(EXIT_USAGE), which lists what is offered.
 unsigned int StripeOf(const std::vector<PI::CLevel>& offered, const std::string& word);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -4,18 +4,19 @@
 #include <iterator>
 #include <sstream>
 
+#include "host/Error.h"
 #include "host/Keys.h"
 #include "host/Table.h"
 #include "host/TextView.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
 /// What a cell is made of.
 struct SRow {
-  const CContext& m_Context;
+  const SStyle& m_Style;
   const CInventory& m_Inventory;
   const PI::CObject& m_Object;
   bool m_Bytes;
@@ -54,7 +55,7 @@ struct SColumn {
 };
 
 SCell NameCell(const SRow& row) { return NameOf(row.m_Object); }
-SCell StatusCell(const SRow& row) { return StateCell(row.m_Context, row.m_Object, PI::PROP_STATUS); }
+SCell StatusCell(const SRow& row) { return StateCell(row.m_Style, row.m_Object, PI::PROP_STATUS); }
 SCell StatusWord(const SRow& row) { return row.Word(PI::PROP_STATUS); }
 SCell PathCell(const SRow& row) { return row.Text(PI::PROP_DEVICE_PATH); }
 SCell NumberCell(const SRow& row) { return row.Facts().m_Number; }
@@ -78,7 +79,7 @@ SCell ByIdWord(const SRow& row) {
 }
 
 SCell ActivityCell(const SRow& row) {
-  SCell cell = StateCell(row.m_Context, row.m_Object, PI::PROP_ACTIVITY);
+  SCell cell = StateCell(row.m_Style, row.m_Object, PI::PROP_ACTIVITY);
   cell.m_Text = row.Entry().ActivityText();
   return cell;
 }
@@ -210,10 +211,10 @@ Objects Listed(const CInventory& inventory, PI::_OBJECT_KIND kind, const SFilter
   return objects;
 }
 
-std::string ListText(const CContext& context, const CInventory& inventory, PI::_OBJECT_KIND kind,
-                     const Objects& objects, const SListStyle& style) {
-  const bool isForScripts = !style.m_Columns.empty();
-  std::vector<const SColumn*> columns = isForScripts ? NamedColumns(kind, style.m_Columns) : ColumnsOf(kind);
+std::string ListText(const SStyle& style, const CInventory& inventory, PI::_OBJECT_KIND kind,
+                     const Objects& objects, const SListStyle& list) {
+  const bool isForScripts = !list.m_Columns.empty();
+  std::vector<const SColumn*> columns = isForScripts ? NamedColumns(kind, list.m_Columns) : ColumnsOf(kind);
   if (!isForScripts)
     std::erase_if(columns, [](const SColumn* column) { return column->m_Heading == nullptr; });
   std::vector<std::string> names;
@@ -222,16 +223,16 @@ std::string ListText(const CContext& context, const CInventory& inventory, PI::_
     std::string& name = names.emplace_back(column->m_Name);
     std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::toupper(c); });
   }
-  for (std::size_t i = 0; i < columns.size() && !style.m_NoHeadings; ++i)
+  for (std::size_t i = 0; i < columns.size() && !list.m_NoHeadings; ++i)
     heading.emplace_back(isForScripts ? names[i].c_str() : columns[i]->m_Heading, columns[i]->m_Shrinks);
   Rows rows;
   for (const PI::CObject* const object : objects) {
-    const SRow row{context, inventory, *object, style.m_Bytes};
+    const SRow row{style, inventory, *object, list.m_Bytes};
     auto& cells = rows.emplace_back();
     for (const SColumn* const column : columns) cells.push_back(CellOf(*column, row, isForScripts));
   }
   if (rows.empty()) return {};
-  return Table(heading, rows, isForScripts ? 0 : context.Terminal().Width());
+  return Table(heading, rows, isForScripts ? 0 : style.m_Width);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "host/Context.h"
 #include "host/Inventory.h"
+#include "host/Table.h"
 
-namespace rvxctl {
+namespace Host {
 
 using Objects = std::vector<const PI::CObject*>;
 
@@ -35,7 +35,7 @@ Objects Listed(const CInventory& inventory, PI::_OBJECT_KIND kind, const SFilter
 /// A line an object. Without named columns it is for people and fits the terminal; with them each cell is one
 /// word, "-" where nothing is known, and lines are whole. Throws CError(EXIT_USAGE) for a column that is not
 /// there, which tells those that are.
-std::string ListText(const CContext& context, const CInventory& inventory, PI::_OBJECT_KIND kind,
-                     const Objects& objects, const SListStyle& style = {});
+std::string ListText(const SStyle& style, const CInventory& inventory, PI::_OBJECT_KIND kind,
+                     const Objects& objects, const SListStyle& list = {});
 
-}  // namespace rvxctl
+}  // namespace Host

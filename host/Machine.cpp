@@ -14,7 +14,7 @@
 #include "KVTX/System.h"
 #include "system/Descriptor.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -219,4 +219,4 @@ CFileDescriptor CMachine::WatchMd() const {
   return CFileDescriptor(m_IsHere ? ::open("/proc/mdstat", O_RDONLY | O_CLOEXEC) : -1);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

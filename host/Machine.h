@@ -12,7 +12,7 @@
 #include "libraries/common/FileDescriptor.h"
 #include "system/OperatingSystem.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// What kernel and udev know of a block device.
 struct SDeviceFacts {
@@ -70,4 +70,4 @@ class CMachine {
   bool m_IsHere;
 };
 
-}  // namespace rvxctl
+}  // namespace Host

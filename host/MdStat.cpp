@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -87,4 +87,4 @@ const SMdArray* FindArray(const std::vector<SMdArray>& arrays, const std::string
   return found == arrays.end() ? nullptr : &*found;
 }
 
-}  // namespace rvxctl
+}  // namespace Host

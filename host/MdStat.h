@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace rvxctl {
+namespace Host {
 
 /// "sdb[1](F)"
 struct SMdMember {
@@ -42,4 +42,4 @@ std::vector<SMdArray> ParseMdStat(const std::string& mdstat);
 /// The array of that name; null when there is none.
 const SMdArray* FindArray(const std::vector<SMdArray>& arrays, const std::string& name);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace rvxctl {
+namespace Host {
 
 struct SOptions {
   bool m_Json{false};
@@ -16,4 +16,4 @@ struct SOptions {
   unsigned int m_Trace{0};
 };
 
-}  // namespace rvxctl
+}  // namespace Host

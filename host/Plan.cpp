@@ -6,7 +6,7 @@
 #include "host/Table.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -83,4 +83,4 @@ std::string TokenOf(const std::vector<SDiskPlan>& disks, const std::string& rest
   return to_string(generator(all.dump(-1, ' ', false, Json::error_handler_t::replace)));
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -9,7 +9,7 @@
 #include "host/JsonView.h"
 #include "host/Machine.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// A disk or array of the request and what is known of it.
 struct SDiskPlan {
@@ -31,4 +31,4 @@ std::string PlanText(const std::vector<SDiskPlan>& disks, std::size_t width);
 /// what else must be the same.
 std::string TokenOf(const std::vector<SDiskPlan>& disks, const std::string& rest);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -5,7 +5,7 @@
 #include <cwchar>
 #include <iterator>
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -101,4 +101,4 @@ std::string Cut(const std::string& text, std::size_t columns) {
   return cut;
 }
 
-}  // namespace rvxctl
+}  // namespace Host

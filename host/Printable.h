@@ -6,7 +6,7 @@
 #include <clocale>
 #include <string>
 
-namespace rvxctl {
+namespace Host {
 
 /// While one exists, the thread's functions of characters read UTF-8: the catalogue is UTF-8 whatever the
 /// person's language, and the process itself stays in the classic locale.
@@ -33,4 +33,4 @@ std::size_t WidthOf(const std::string& text);
 /// As many whole characters of the printable text as fit into the columns. Colours stay whole and are ended.
 std::string Cut(const std::string& text, std::size_t columns);
 
-}  // namespace rvxctl
+}  // namespace Host

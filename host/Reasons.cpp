@@ -5,7 +5,7 @@
 #include "host/Texts.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -107,4 +107,4 @@ std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned 
   return operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(*mdstat, level) : std::string();
 }
 
-}  // namespace rvxctl
+}  // namespace Host

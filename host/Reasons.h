@@ -7,7 +7,7 @@
 
 #include "host/Topology.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// What of the objects' state makes the plug-in refuse an operation; empty when the status says it all.
 std::string ReasonOf(const CTopology& topology, const PI::CObject& object, unsigned int operation,
@@ -24,4 +24,4 @@ std::string HintForCheck(const std::optional<std::string>& mdstat, unsigned int 
 std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned int operation,
                              unsigned int status, const std::string& level);
 
-}  // namespace rvxctl
+}  // namespace Host

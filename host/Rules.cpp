@@ -14,7 +14,7 @@
 #include "host/Values.h"
 #include "system/Descriptor.h"
 
-namespace rvxctl::Rules {
+namespace Host::Rules {
 
 namespace {
 
@@ -293,4 +293,4 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
     Forbidden("no member of " + entry.m_Name + " is a managed disk: use mdadm --stop and --zero-superblock");
 }
 
-}  // namespace rvxctl::Rules
+}  // namespace Host::Rules

@@ -11,7 +11,7 @@
 #include "host/Inventory.h"
 #include "host/Plan.h"
 
-namespace rvxctl::Rules {
+namespace Host::Rules {
 
 /// A new array as it was asked for.
 struct SNewArray {
@@ -54,4 +54,4 @@ std::string WhyNot(TRule rule) {
   }
 }
 
-}  // namespace rvxctl::Rules
+}  // namespace Host::Rules

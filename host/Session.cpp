@@ -20,7 +20,7 @@
 #include "libraries/common/Environment.h"
 #include "libraries/common/FileDescriptor.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -229,4 +229,4 @@ unsigned int CSession::Set(unsigned long id, PI::CProperty& property) {
   return Execute(PI::CMD_SET_PROPERTY, id, &property);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

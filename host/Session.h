@@ -11,7 +11,7 @@
 #include "host/Options.h"
 #include "system/OperatingSystem.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// A loaded and initialised plug-in. Throws CError when it cannot be had.
 class CSession : public INotificationTarget {
@@ -70,4 +70,4 @@ class CSession : public INotificationTarget {
   bool m_Started{false};
 };
 
-}  // namespace rvxctl
+}  // namespace Host

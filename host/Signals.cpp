@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -71,4 +71,4 @@ void CPatience::Watch(const std::stop_token& end) {
   }
 }
 
-}  // namespace rvxctl
+}  // namespace Host

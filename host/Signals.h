@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-namespace rvxctl {
+namespace Host {
 
 /// Interrupt, termination, hang-up of the terminal, quit.
 sigset_t EndSignals();
@@ -35,4 +35,4 @@ class CPatience {
   std::jthread m_Watcher;
 };
 
-}  // namespace rvxctl
+}  // namespace Host

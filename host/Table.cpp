@@ -10,7 +10,7 @@
 
 #include "host/Printable.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -111,4 +111,4 @@ std::string Colored(const SCell& cell) {
   return *cell.m_Color == '\0' ? text : cell.m_Color + text + "\033[0m";
 }
 
-}  // namespace rvxctl
+}  // namespace Host

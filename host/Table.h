@@ -6,7 +6,13 @@
 #include <utility>
 #include <vector>
 
-namespace rvxctl {
+namespace Host {
+
+/// What a text is laid out for.
+struct SStyle {
+  std::size_t m_Width{0};  ///< columns; 0: no limit
+  bool m_Color{false};
+};
 
 /// Begins a colour on a terminal: an escape sequence, empty for none.
 using Color = const char*;
@@ -40,4 +46,4 @@ std::string Wrapped(const std::string& text, std::size_t room);
 /// A text in a colour by itself, made printable.
 std::string Colored(const SCell& cell);
 
-}  // namespace rvxctl
+}  // namespace Host

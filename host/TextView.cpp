@@ -7,18 +7,18 @@
 #include "host/Texts.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
 /// Why no disk is managed: which controllers the machine's disks hang on.
-std::string WhyNoDisk(const CContext& context) {
+std::string WhyNoDisk(const CInventory& inventory, const SStyle& style) {
   std::string text =
       "No disk is managed: only whole disks on PCI controllers of vendor 0x1000 or 0x8086 with the driver "
       "ahci, ata_piix, mptsas, mpt2sas or mpt3sas are.";
-  if (const std::size_t width = context.Terminal().Width(); width != 0) text = Wrapped(text, width);
+  if (const std::size_t width = style.m_Width; width != 0) text = Wrapped(text, width);
   text += "\n";
-  const auto controllers = context.Machine().Controllers();
+  const auto controllers = inventory.Machine().Controllers();
   if (!controllers) return text;
   if (controllers->empty()) return text + "This machine shows no disk on a PCI controller.\n";
   text += "Controllers seen:";
@@ -41,24 +41,24 @@ const char* SeverityName(unsigned int severity) {
 
 }  // namespace
 
-SCell StateCell(const CContext& context, const PI::CObject& object, PI::_PROPERTY_ID id) {
+SCell StateCell(const SStyle& style, const PI::CObject& object, PI::_PROPERTY_ID id) {
   SCell cell = id == PI::PROP_ACTIVITY ? ActivityText(object) : TextOf(object, id);
   const auto state = NumberOf(object, id);
   // Whether a disk in use is well is its array's to tell.
   const bool isUsedDisk = object.m_Kind == PI::OBJ_PHYSICAL_DRIVE && state == PI::STATUS_OK;
   const auto* const found = std::ranges::find(COLORS, state, &SStateColor::m_State);
-  if (context.HasColor() && !isUsedDisk && found != std::end(COLORS)) cell.m_Color = found->m_Color;
+  if (style.m_Color && !isUsedDisk && found != std::end(COLORS)) cell.m_Color = found->m_Color;
   return cell;
 }
 
-std::string DiskTable(const CContext& context, const CInventory& inventory, const Objects& disks) {
-  if (inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) return WhyNoDisk(context);
-  return ListText(context, inventory, PI::OBJ_PHYSICAL_DRIVE, disks);
+std::string DiskTable(const SStyle& style, const CInventory& inventory, const Objects& disks) {
+  if (inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE).empty()) return WhyNoDisk(inventory, style);
+  return ListText(style, inventory, PI::OBJ_PHYSICAL_DRIVE, disks);
 }
 
-std::string ArrayTable(const CContext& context, const CInventory& inventory, const Objects& arrays) {
+std::string ArrayTable(const SStyle& style, const CInventory& inventory, const Objects& arrays) {
   if (inventory.Topology().OfKind(PI::OBJ_LOGICAL_DRIVE).empty()) return "There is no array.\n";
-  return ListText(context, inventory, PI::OBJ_LOGICAL_DRIVE, arrays);
+  return ListText(style, inventory, PI::OBJ_LOGICAL_DRIVE, arrays);
 }
 
 /// What kernel and udev know of a disk, beside the plug-in's properties.
@@ -72,7 +72,7 @@ void AddFacts(const SDeviceFacts& facts, const std::string& indent, Rows& pairs)
   for (const std::string& path : facts.m_ByID) add("Path by identity", path);
 }
 
-std::string ObjectText(const CContext& context, const CInventory& inventory, const PI::CObject& object,
+std::string ObjectText(const SStyle& style, const CInventory& inventory, const PI::CObject& object,
                        const std::string& indent) {
   Rows pairs = {{indent + "Identifier", HexadecimalID(object.m_ID)}};
   for (const PI::CProperty& property : object.m_Properties) {
@@ -95,23 +95,23 @@ std::string ObjectText(const CContext& context, const CInventory& inventory, con
     if (const std::string activity = entry.ActivityText(); activity != ActivityText(object))
       pairs.push_back({indent + "Activity by md", activity});
   }
-  return Table({}, pairs, context.Terminal().Width());
+  return Table({}, pairs, style.m_Width);
 }
 
 /// "1 array degraded (8 disks, 2 arrays)", and what to do about each.
-std::string HealthText(const CContext& context, const CInventory& inventory, const SHealth& health) {
+std::string HealthText(const SStyle& style, const CInventory& inventory, const SHealth& health) {
   const auto count = [&](PI::_OBJECT_KIND kind, const std::string& what) {
     const std::size_t number = inventory.Topology().OfKind(kind).size();
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
   };
   constexpr Color COLORS_OF_HEALTH[] = {GREEN, YELLOW, RED, YELLOW};
   SCell headline = health.m_Headline;
-  if (context.HasColor()) headline.m_Color = COLORS_OF_HEALTH[static_cast<std::size_t>(health.m_Health)];
+  if (style.m_Color) headline.m_Color = COLORS_OF_HEALTH[static_cast<std::size_t>(health.m_Health)];
   std::string text =
       Printable(TextOf(inventory.Topology().Adapter(), PI::PROP_NAME)) + ": " + Colored(headline);
   const std::string counts =
       "(" + count(PI::OBJ_PHYSICAL_DRIVE, "disk") + ", " + count(PI::OBJ_LOGICAL_DRIVE, "array") + ")";
-  const std::size_t width = context.Terminal().Width();
+  const std::size_t width = style.m_Width;
   const bool fits = width == 0 || WidthOf(text) + 1 + counts.size() <= width;
   text += (fits ? " " : "\n  ") + counts + "\n";
   Rows rows;
@@ -119,17 +119,17 @@ std::string HealthText(const CContext& context, const CInventory& inventory, con
     rows.push_back({"  " + problem.m_Object, problem.m_Text});
     if (!problem.m_Next.empty()) rows.push_back({"", problem.m_Next});
   }
-  return text + (rows.empty() ? "" : Table({}, rows, context.Terminal().Width()));
+  return text + (rows.empty() ? "" : Table({}, rows, style.m_Width));
 }
 
-std::string StatusText(const CContext& context, const CInventory& inventory, EOrder order) {
+std::string StatusText(const SStyle& style, const CInventory& inventory, EOrder order) {
   const Objects arrays = Listed(inventory, PI::OBJ_LOGICAL_DRIVE);
   const Objects disks = Listed(inventory, PI::OBJ_PHYSICAL_DRIVE);
   const SHealth health = HealthOf(inventory);
-  std::string text = HealthText(context, inventory, health);
+  std::string text = HealthText(style, inventory, health);
   const auto tables = [&](const Objects& someArrays, const Objects& someDisks) {
     for (const std::string& table :
-         {ArrayTable(context, inventory, someArrays), DiskTable(context, inventory, someDisks)})
+         {ArrayTable(style, inventory, someArrays), DiskTable(style, inventory, someDisks)})
       if (!table.empty()) text += "\n" + table;
   };
   const auto some = [&](Objects objects, bool bad) {
@@ -159,4 +159,4 @@ std::string EventLine(const Json& event) {
   return Printable(line + "] " + event["text"].get<std::string>()) + "\n";
 }
 
-}  // namespace rvxctl
+}  // namespace Host

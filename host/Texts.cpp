@@ -3,7 +3,7 @@
 #include <boost/algorithm/string/replace.hpp>
 #include <iostream>
 
-namespace rvxctl::Texts {
+namespace Host::Texts {
 
 namespace {
 
@@ -55,4 +55,4 @@ std::string OfEvent(const PI::CEvent& event) {
   return text;
 }
 
-}  // namespace rvxctl::Texts
+}  // namespace Host::Texts

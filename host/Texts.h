@@ -8,7 +8,7 @@
 #include "KVT/Misc.h"
 #include "PI/Operation.h"
 
-namespace rvxctl::Texts {
+namespace Host::Texts {
 
 /// What the loaded plug-in tells about itself; null before it is loaded.
 KVT::Misc::CModuleInfo* Module();
@@ -23,4 +23,4 @@ std::string OfStatus(unsigned int status);
 /// The event's text with its placeholders filled in.
 std::string OfEvent(const PI::CEvent& event);
 
-}  // namespace rvxctl::Texts
+}  // namespace Host::Texts

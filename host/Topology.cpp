@@ -6,7 +6,7 @@
 #include "host/Error.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 std::vector<const PI::CObject*> CTopology::OfKind(PI::_OBJECT_KIND kind) const {
   std::vector<const PI::CObject*> found;
@@ -86,4 +86,4 @@ const PI::CObject* CTopology::ArrayOf(const PI::CObject& disk) const {
   return nullptr;
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -8,7 +8,7 @@
 
 #include "host/Session.h"
 
-namespace rvxctl {
+namespace Host {
 
 class CTopology {
  public:
@@ -40,4 +40,4 @@ class CTopology {
 /// The identifier that is written so, such as "0x0127000000000004"; none when it is no number.
 std::optional<unsigned long> IdentifierOf(const std::string& address);
 
-}  // namespace rvxctl
+}  // namespace Host

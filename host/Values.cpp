@@ -7,7 +7,7 @@
 
 #include "host/Texts.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -166,4 +166,4 @@ std::string TimeText(unsigned long milliseconds) {
   return (boost::format("%s.%03dZ") % text % (milliseconds % 1000)).str();
 }
 
-}  // namespace rvxctl
+}  // namespace Host

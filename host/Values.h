@@ -10,7 +10,7 @@
 
 #include "PI/Object.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// A property's value of one object; null when the object does not have it.
 const PI::CProperty* FindProperty(const PI::CObject& object, PI::_PROPERTY_ID id);
@@ -44,4 +44,4 @@ std::string Joined(const std::vector<std::string>& texts, const char* separator 
 /// RFC 3339 with milliseconds, UTC.
 std::string TimeText(unsigned long milliseconds);
 
-}  // namespace rvxctl
+}  // namespace Host

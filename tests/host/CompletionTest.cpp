@@ -6,7 +6,7 @@
 #include <map>
 
 #include "Program.h"
-#include "host/Completion.h"
+#include "rvxctl/Completion.h"
 
 namespace {
 
@@ -89,9 +89,9 @@ echo 1 > sys/block/sda/sda1/partition; echo 8:1 > sys/block/sda/sda1/dev; echo 2
 echo '21 1 8:1 / / rw - ext4 /dev/sda1 rw' > proc/self/mountinfo; echo '/dev/sdd2 partition 1 0 -2' > proc/swaps
 printf 'Personalities : [raid1]\nmd_d0 : active raid1 sdc[2](S) sdb[0]\n      9 blocks [2/1] [U_]\n' > proc/mdstat)";
   ASSERT_EQ(ResultOf({"bash", "-c", script, "", folder.Path()}).m_Status, 0);
-  using T = rvxctl::SCandidate;
+  using T = Host::SCandidate;
   std::map<std::string, unsigned int> traits;
-  for (const T& one : rvxctl::KernelCandidates(folder.Path())) traits[one.m_Name] = one.m_Traits;
+  for (const T& one : Host::KernelCandidates(folder.Path())) traits[one.m_Name] = one.m_Traits;
   const std::map<std::string, unsigned int> expected{{"adapter", T::WHOLE_MODEL},
                                                      {"plugin", T::WHOLE_MODEL},
                                                      {"sda", T::DISK},

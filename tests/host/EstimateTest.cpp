@@ -7,7 +7,7 @@
 
 namespace {
 
-using namespace rvxctl;
+using namespace Host;
 using namespace std::chrono_literals;
 
 TEST(Estimate, ComesFromProgressThatWasSeenAndTellsItsSpread) {

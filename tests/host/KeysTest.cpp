@@ -15,7 +15,7 @@
 
 namespace {
 
-using namespace rvxctl;
+using namespace Host;
 
 /// The numbers of each enumeration, as the header declares them.
 std::map<std::string, std::set<unsigned int>> DeclaredNumbers() {

@@ -11,7 +11,7 @@
 
 namespace {
 
-using namespace rvxctl;
+using namespace Host;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;

@@ -8,7 +8,7 @@
 
 namespace {
 
-using namespace rvxctl;
+using namespace Host;
 
 TEST(Signals, TheThirdEndsWhatHangsAndTheSecondTellsOfIt) {
   const auto hang = [](int signals) {

@@ -5,11 +5,11 @@
 
 #include "Program.h"
 #include "host/Printable.h"
-#include "host/Progress.h"
+#include "rvxctl/Progress.h"
 
 namespace {
 
-using namespace rvxctl;
+using namespace Host;
 
 TEST(Printable, NothingThatATerminalObeysOrHides) {
   const std::pair<std::string, const char*> cases[] = {

@@ -2,18 +2,17 @@
 /// @file
 /// What a command works with.
 
-#include <concepts>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "host/JsonView.h"
 #include "host/Machine.h"
 #include "host/Options.h"
 #include "host/Session.h"
-#include "host/Terminal.h"
+#include "host/Views.h"
+#include "rvxctl/Terminal.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// The plug-in is loaded at the first use of Session().
 class CContext {
@@ -22,8 +21,8 @@ class CContext {
 
   const SOptions& Options() const { return m_Options; }
   CTerminal& Terminal() const { return m_Terminal; }
-  /// The person and the terminal want colours.
-  bool HasColor() const { return m_Color; }
+  /// As the person and the terminal want what is shown.
+  SForm Form() const { return {m_Options.m_Json || IsStream(), {m_Terminal.Width(), m_Color}}; }
   CSession& Session();
   /// The machine that the plug-in works on. Behind a first Session().
   const CMachine& Machine() const { return *m_Machine; }
@@ -34,12 +33,8 @@ class CContext {
   /// Prints the result in the form that was asked for; `name` names the JSON schema, or a line's type.
   void Show(const std::string& name, const Json& data, const std::string& text,
             const Json& errors = Json::array());
-  /// The same of forms that are made when they are wanted: one of the two is.
-  template <std::invocable TData, std::invocable TText>
-  void Show(const std::string& name, TData data, TText text) {
-    const bool isJson = m_Options.m_Json || IsStream();
-    Show(name, isJson ? data() : Json(), isJson ? std::string() : text());
-  }
+  /// Prints the form that was made; EXIT_DONE.
+  int Show(const SView& view, const Json& errors = Json::array());
   /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
   void Close();
 
@@ -53,4 +48,4 @@ class CContext {
   std::optional<unsigned long> m_Stream;  ///< the next line's number
 };
 
-}  // namespace rvxctl
+}  // namespace Host

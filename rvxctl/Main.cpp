@@ -8,13 +8,13 @@
 #include <iostream>
 #include <sstream>
 
-#include "host/CommandLine.h"
-#include "host/Completion.h"
-#include "host/Help.h"
 #include "host/Printable.h"
 #include "host/Signals.h"
+#include "rvxctl/CommandLine.h"
+#include "rvxctl/Completion.h"
+#include "rvxctl/Help.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -171,6 +171,6 @@ int EndedAsWanted(int status) {
 
 }  // namespace
 
-}  // namespace rvxctl
+}  // namespace Host
 
-int main(int count, char** words) { return rvxctl::EndedAsWanted(rvxctl::Main({words + 1, words + count})); }
+int main(int count, char** words) { return Host::EndedAsWanted(Host::Main({words + 1, words + count})); }

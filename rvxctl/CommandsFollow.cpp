@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <optional>
 
-#include "host/CommandLine.h"
-#include "host/Progress.h"
 #include "host/TextView.h"
 #include "host/Values.h"
+#include "rvxctl/CommandLine.h"
+#include "rvxctl/Progress.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -88,4 +88,4 @@ void AddFollowing(CGroup& all) {
   watch->add_option("ARRAY", array, "the array")->required();
 }
 
-}  // namespace rvxctl
+}  // namespace Host

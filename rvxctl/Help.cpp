@@ -1,4 +1,4 @@
-#include "host/Help.h"
+#include "rvxctl/Help.h"
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -6,7 +6,7 @@
 
 #include "host/Error.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -243,4 +243,4 @@ std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command)
                                         CLI::AppFormatMode::Normal);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace rvxctl {
+namespace Host {
 
 /// A disk or array that a word may name, and what it is fit for.
 struct SCandidate {
@@ -33,4 +33,4 @@ std::vector<SCandidate> KernelCandidates(const std::string& root);
 /// told.
 std::vector<std::string> Completions(const CLI::App& app, const std::vector<std::string>& words);
 
-}  // namespace rvxctl
+}  // namespace Host

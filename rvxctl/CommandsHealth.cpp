@@ -4,26 +4,15 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 
-#include "host/CommandLine.h"
-#include "host/Health.h"
-#include "host/Printable.h"
 #include "host/Values.h"
+#include "host/Views.h"
+#include "rvxctl/CommandLine.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
 namespace fs = boost::filesystem;
-
-/// "RAID OK - all in order"
-std::string CheckLine(EHealth health, const std::string& text) {
-  std::string word = WordOf(health);
-  std::ranges::transform(word, word.begin(), [](unsigned char c) { return std::toupper(c); });
-  std::string one = text;
-  std::ranges::replace(one, '\n', ' ');
-  std::ranges::replace(one, '|', '/');  // what stands behind a bar are figures
-  return "RAID " + word + " - " + Printable(one);
-}
 
 /// As monitoring reads it: one line and an exit status.
 int CheckHealth(CContext& context, const SSmartLimits& limits) {
@@ -31,16 +20,7 @@ int CheckHealth(CContext& context, const SSmartLimits& limits) {
     const CTopology topology(context.Session());
     const CInventory inventory(topology, context.Machine());
     const SHealth health = HealthOf(inventory, limits);
-    std::string text = health.m_Headline;
-    for (const SProblem& problem : health.m_Problems) text += "; " + problem.m_Object + ": " + problem.m_Text;
-    for (const std::string& note : health.m_Notes) text += "; " + note;
-    Json data = health.ToJson();
-    std::string performance = " |";  // as monitoring plug-ins give figures
-    for (const auto& [label, figure] : FiguresOf(inventory, health)) {
-      data["figures"][label] = figure;
-      performance += std::string(" ") + label + "=" + std::to_string(figure) + ";;;0";
-    }
-    context.Show("check", data, CheckLine(health.m_Health, text) + performance + "\n");
+    context.Show(CheckView(inventory, health));
     return static_cast<int>(health.m_Health);
   } catch (const CError& error) {
     if (error.m_ExitStatus >= EXIT_SIGNAL) throw;
@@ -83,11 +63,7 @@ int LocateDisk(CContext& context, const SLocate& wanted) {
 }  // namespace
 
 int ShowUnknown(CContext& context, const CError& error) {
-  SHealth unknown;
-  unknown.m_Health = EHealth::UNKNOWN;
-  unknown.m_Headline = error.what();
-  context.Show("check", unknown.ToJson(), CheckLine(EHealth::UNKNOWN, error.what()) + "\n",
-               Json::array({ErrorJson(error)}));
+  context.Show(UnknownView(error.what()), Json::array({ErrorJson(error)}));
   return static_cast<int>(EHealth::UNKNOWN);
 }
 
@@ -104,4 +80,4 @@ void AddHealth(CGroup& all) {
   locate->add_option("SWITCH", wanted.m_Switch, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
 }
 
-}  // namespace rvxctl
+}  // namespace Host

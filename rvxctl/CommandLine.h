@@ -10,9 +10,9 @@
 #include <memory>
 #include <utility>
 
-#include "host/Context.h"
+#include "rvxctl/Context.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// What is run after everything is parsed; returns the exit status or throws CError.
 using Command = std::function<int(CContext&)>;
@@ -77,4 +77,4 @@ void AddPlayground(CGroup& all);
 /// Commands that change the machine.
 void AddChanging(CGroup& all);
 
-}  // namespace rvxctl
+}  // namespace Host

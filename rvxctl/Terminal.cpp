@@ -1,4 +1,4 @@
-#include "host/Terminal.h"
+#include "rvxctl/Terminal.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -15,7 +15,7 @@
 #include "host/Error.h"
 #include "host/Printable.h"
 
-namespace rvxctl {
+namespace Host {
 
 CTerminal::CTerminal(bool tracing) {
   const bool isOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
@@ -87,4 +87,4 @@ void Confirm(const std::string& question) {
     throw CError(EXIT_NOT_CONFIRMED, "nothing was changed");
 }
 
-}  // namespace rvxctl
+}  // namespace Host

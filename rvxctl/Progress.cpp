@@ -1,4 +1,4 @@
-#include "host/Progress.h"
+#include "rvxctl/Progress.h"
 
 #include <algorithm>
 
@@ -7,7 +7,7 @@
 #include "host/Printable.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -80,14 +80,14 @@ class CProgressPrinter {
         "progress",
         {{"array", m_Array},
          {"percent", percent},
-         {"remaining", run.m_Remaining.empty() ? rvxctl::Json(nullptr) : rvxctl::Json(run.m_Remaining)},
-         {"estimateBasis", run.m_Basis == nullptr ? rvxctl::Json(nullptr) : rvxctl::Json(run.m_Basis)},
+         {"remaining", run.m_Remaining.empty() ? Host::Json(nullptr) : Host::Json(run.m_Remaining)},
+         {"estimateBasis", run.m_Basis == nullptr ? Host::Json(nullptr) : Host::Json(run.m_Basis)},
          {"estimate", EstimateJson()},
          {"text", text}},
         "");
   }
 
-  rvxctl::Json EstimateJson() const {
+  Host::Json EstimateJson() const {
     const auto left = m_Estimate.Left();
     if (!left) return nullptr;
     return {{"seconds", left->m_Likely.count()},
@@ -190,4 +190,4 @@ int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
   }
 }
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-namespace rvxctl {
+namespace Host {
 
 struct SScreenSize {
   std::size_t m_Columns;
@@ -45,4 +45,4 @@ class CTerminal {
 /// Asks the person. Throws CError(EXIT_NOT_CONFIRMED) on anything but yes, or without a terminal.
 void Confirm(const std::string& question);
 
-}  // namespace rvxctl
+}  // namespace Host

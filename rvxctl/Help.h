@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace rvxctl {
+namespace Host {
 
 /// The look of --help: an example for each command, what holds for all of them at the top alone.
 std::shared_ptr<CLI::Formatter> HelpFormatter();
@@ -27,4 +27,4 @@ void Strengthen(CLI::App& app);
 /// The help of a command, "array create". Throws CError(EXIT_USAGE) when there is none of that name.
 std::string HelpOf(const CLI::App& app, const std::vector<std::string>& command);
 
-}  // namespace rvxctl
+}  // namespace Host

@@ -1,4 +1,4 @@
-#include "host/Completion.h"
+#include "rvxctl/Completion.h"
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -12,7 +12,7 @@
 #include "host/ListView.h"
 #include "host/Values.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -290,4 +290,4 @@ std::vector<std::string> Completions(const CLI::App& app, const std::vector<std:
   return names;
 }
 
-}  // namespace rvxctl
+}  // namespace Host

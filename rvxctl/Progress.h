@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "host/Context.h"
+#include "rvxctl/Context.h"
 
-namespace rvxctl {
+namespace Host {
 
 /// Waits until a pass of the plug-in's worker has moved the plug-in's counter on from `before`; false when
 /// none did within 30 s.
@@ -24,4 +24,4 @@ enum class EProgress { SHOWN, HIDDEN };
 /// it was aborted; throws CError when the array went away.
 int FollowRun(CContext& context, unsigned long arrayID, EProgress progress);
 
-}  // namespace rvxctl
+}  // namespace Host

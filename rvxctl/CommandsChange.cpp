@@ -4,21 +4,20 @@
 #include <algorithm>
 #include <set>
 
-#include "host/Change.h"
-#include "host/CommandLine.h"
-#include "host/Levels.h"
-#include "host/Progress.h"
+#include "host/Proposals.h"
 #include "host/Rules.h"
 #include "host/Values.h"
+#include "rvxctl/CommandLine.h"
+#include "rvxctl/Consent.h"
+#include "rvxctl/Progress.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr std::chrono::seconds APPEAR_LIMIT{30};
 constexpr std::chrono::seconds DELETION_LIMIT{3};
-constexpr std::uint64_t MIRROR_LIMIT_KIB = std::uint64_t{1} << 30;
 
 /// Looks until the topology answers the question, or the time runs out.
 template <class TQuestion>
@@ -72,21 +71,6 @@ int ShowDone(CContext& context, const std::string& text, Json data = Json::objec
   return EXIT_DONE;
 }
 
-/// "sda, sdb"
-std::string Listed(const std::vector<const PI::CObject*>& objects) {
-  std::vector<std::string> names;
-  for (const PI::CObject* const object : objects) names.push_back(NameOf(*object));
-  return Joined(names);
-}
-
-/// What tells an array from another one of its name.
-std::string BasisOf(const CInventory& inventory, const PI::CObject& array) {
-  const SDeviceFacts facts = inventory.FactsOf(array);
-  std::string text = facts.m_Number + " " + facts.m_Sequence + " " + inventory.EntryOf(array).MembersText();
-  for (const std::string& path : facts.m_ByID) text += " " + path;
-  return text + "\n";
-}
-
 /// Those of the members that have md's superblock still, or cannot be read: at the next start they are taken
 /// for members again.
 std::vector<std::string> StillMembers(const CInventory& inventory, const std::vector<std::string>& disks) {
@@ -115,66 +99,9 @@ bool Execute(CContext& context, const Proposal& propose, const SConsent& consent
   return execution.has_value();
 }
 
-struct SCreation {
-  std::string m_Level;
-  std::optional<std::string> m_Stripe;
-  std::vector<std::string> m_Disks;
+struct SCreation : Proposals::SCreation {
   SConsent m_Consent;
 };
-
-/// The request as the rules look at it. Throws CError for what is not offered.
-Rules::SNewArray WantedBy(const CInventory& inventory, const SCreation& wanted) {
-  const std::vector<PI::CLevel> levels = OfferedLevels(inventory.Topology());
-  const unsigned int level = LevelOf(levels, wanted.m_Level);
-  Rules::SNewArray array{*std::ranges::find(levels, level, &PI::CLevel::m_Level),
-                         wanted.m_Level,
-                         std::nullopt,
-                         {},
-                         wanted.m_Disks};
-  if (wanted.m_Stripe) array.m_Stripe = StripeOf(levels, *wanted.m_Stripe);
-  for (const std::string& address : wanted.m_Disks)
-    array.m_Disks.push_back(&inventory.FindForChange(address, PI::OBJ_PHYSICAL_DRIVE));
-  return array;
-}
-
-/// What is lost by it, and what a person may not expect of it.
-std::string LossOf(const CInventory& inventory, const Rules::SNewArray& wanted) {
-  std::string loss = "What is on these disks is lost.";
-  const auto& stripes = wanted.m_Level.m_StripeSizes;
-  if (wanted.m_Stripe && std::ranges::find(stripes, *wanted.m_Stripe) == stripes.end())
-    loss += " A " + wanted.m_Word + " has no stripes of " + WordOf(*wanted.m_Stripe) +
-            " KiB; its size is rounded to that, nothing else.";
-  if (wanted.m_Level.m_Level != PI::LEVEL_RAID1) return loss;
-  const std::uint64_t smallest = Rules::SmallestKiB(inventory, wanted);
-  const auto size = Rules::MirrorKiB(inventory, wanted);
-  // Above 1 TiB the size in a mirror's superblock is another one.
-  if (smallest <= MIRROR_LIMIT_KIB || !size) return loss;
-  return loss + " The mirror will have " + SizeOfKiB(*size) + ", not the " + SizeOfKiB(smallest) +
-         " of its smallest disk.";
-}
-
-SChange CreationOf(const CInventory& inventory, const SCreation& wanted) {
-  const Rules::SNewArray array = WantedBy(inventory, wanted);
-  if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireCreatable(inventory, array);
-  PI::CLogicalDrive request;
-  request.m_RaidLevel = array.m_Level.m_Level;
-  if (array.m_Stripe) request.m_StripeSize = *array.m_Stripe;
-  request.m_Containers.emplace_back();
-  std::vector<SDiskPlan> plans;
-  for (const PI::CObject* const disk : array.m_Disks) {
-    request.m_Containers.front().m_Drives.emplace_back(disk->m_ID);
-    plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *disk));
-  }
-  return {"create a " + wanted.m_Level + " array of " + Listed(array.m_Disks),
-          inventory.Topology().Adapter(),
-          PI::OP_CREATE_LOGICAL_DRIVE,
-          plans,
-          LossOf(inventory, array),
-          wanted.m_Level,
-          "chunks of " + std::to_string(array.ChunkKiB()) + " KiB",
-          {},
-          [request](PI::COperation& operation) mutable { operation.m_pRequest = &request; }};
-}
 
 int CreateArray(CContext& context, const SCreation& wanted) {
   CSession& session = context.Session();
@@ -183,7 +110,7 @@ int CreateArray(CContext& context, const SCreation& wanted) {
   const Proposal propose = [&](const CInventory& inventory) {
     before.clear();
     for (const SArrayEntry& array : inventory.Arrays()) before.insert(array.m_Name);
-    SChange change = CreationOf(inventory, wanted);
+    SChange change = Proposals::Creation(inventory, wanted, wanted.m_Consent.m_Rules);
     disks.clear();
     for (const SDiskPlan& disk : change.m_Disks) disks.push_back(disk.m_Name);
     return change;
@@ -215,69 +142,9 @@ int CreateArray(CContext& context, const SCreation& wanted) {
   return ShowDone(context, "Created " + name + ": " + size + ".", data);
 }
 
-struct SDeletion {
-  std::string m_Array;
-  bool m_Last{false};
-  bool m_All{false};
-  bool m_PartitionMembers{false};
+struct SDeletion : Proposals::SDeletion {
   SConsent m_Consent;
 };
-
-/// What a deletion asks whom for, and which arrays go by it.
-struct SDoomed {
-  PI::_OPERATION_CODE m_Code;
-  const PI::CObject& m_Asked;
-  const char* m_Which;
-  std::vector<const PI::CObject*> m_Arrays;
-};
-
-SDoomed DoomedBy(const CInventory& inventory, const SDeletion& wanted) {
-  const CTopology& topology = inventory.Topology();
-  const auto arrays = topology.OfKind(PI::OBJ_LOGICAL_DRIVE);
-  if ((wanted.m_All || wanted.m_Last) && arrays.empty() && !wanted.m_Consent.m_PlugInAlone)
-    throw CError(EXIT_NO_OBJECT, "there is no array");
-  if (wanted.m_All) return {PI::OP_DELETE_ALL_LOGICAL_DRIVES, topology.Adapter(), "all arrays", arrays};
-  if (wanted.m_Last)
-    return {PI::OP_DELETE_LAST_LOGICAL_DRIVE,
-            topology.Adapter(),
-            "the last array",
-            {arrays.empty() ? arrays.end() : arrays.end() - 1, arrays.end()}};
-  const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-  return {PI::OP_DELETE_LOGICAL_DRIVE, array, "", {&array}};
-}
-
-SChange DeletionOf(const CInventory& inventory, const SDeletion& wanted, const SDoomed& doomed) {
-  std::vector<SDiskPlan> plans;
-  std::string loss = "What is stored on it is lost.";
-  std::string basis;
-  std::string overwritten;
-  for (const PI::CObject* const array : doomed.m_Arrays) {
-    if (!wanted.m_Consent.m_PlugInAlone)
-      Rules::RequireDeletable(inventory, *array, wanted.m_PartitionMembers);
-    // Its file system and mounts are what is lost.
-    plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
-    for (const SMember& member : inventory.EntryOf(*array).m_Members) {
-      const PI::CObject* const whole = WholeDiskOf(inventory.Topology(), member);
-      if (whole != nullptr) plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *whole));
-      if (member.m_Disk == nullptr) loss += " The member " + member.m_Name + " keeps its superblock.";
-      if (member.m_Disk == nullptr && whole != nullptr)
-        overwritten += (overwritten.empty() ? "" : ", ") + NameOf(*whole);
-    }
-    basis += BasisOf(inventory, *array);
-  }
-  if (!overwritten.empty())
-    loss += " 1 KiB near the end of the whole disk is overwritten, whatever lies there: " + overwritten + ".";
-  const std::string which = doomed.m_Which;
-  const std::string names = Listed(doomed.m_Arrays);
-  return {"delete " + which + (which.empty() || names.empty() ? "" : ": ") + names,
-          doomed.m_Asked,
-          doomed.m_Code,
-          plans,
-          loss,
-          {},
-          basis,
-          overwritten.empty() ? "" : "Overwrite the end of " + overwritten + "?"};
-}
 
 /// An array of a deletion, with its members before.
 struct SDeleted {
@@ -347,14 +214,13 @@ int DeleteArray(CContext& context, const SDeletion& wanted) {
   context.Session();
   std::vector<SDeleted> deleted;
   const Proposal propose = [&](const CInventory& inventory) {
-    const SDoomed doomed = DoomedBy(inventory, wanted);
     deleted.clear();
-    for (const PI::CObject* const array : doomed.m_Arrays) {
+    for (const PI::CObject* const array : Proposals::ArraysOf(inventory, wanted, wanted.m_Consent.m_Rules)) {
       SDeleted& one = deleted.emplace_back(NameOf(*array));
       for (const SMember& member : inventory.EntryOf(*array).m_Members)
         (member.m_Disk != nullptr ? one.m_Disks : one.m_Others).push_back(member.m_Name);
     }
-    return DeletionOf(inventory, wanted, doomed);
+    return Proposals::Deletion(inventory, wanted, wanted.m_Consent.m_Rules);
   };
   const auto execution = CarryOut(context, propose, wanted.m_Consent);
   return execution ? ShowDeleted(context, deleted, *execution) : EXIT_DONE;
@@ -400,22 +266,10 @@ int AddSpare(CContext& context, const SSpare& wanted) {
   CSession& session = context.Session();
   std::string diskName;
   std::string arrayName;
-  const Proposal propose = [&](const CInventory& inventory) -> SChange {
-    const PI::CObject& disk = inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
-    const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-    diskName = NameOf(disk);
-    arrayName = NameOf(array);
-    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireSpare(inventory, disk, array);
-    const auto number = static_cast<unsigned long>(NumberOf(array, PI::PROP_ARRAY_NUMBER).value_or(-1));
-    return {"make " + diskName + " a hot spare of " + arrayName,
-            disk,
-            PI::OP_CREATE_DEDICATED_HOTSPARE,
-            {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
-            "What is on the disk is lost.",
-            {},
-            BasisOf(inventory, array),
-            {},
-            [number](PI::COperation& operation) { operation.m_Parameters.at(0).SetValue(number); }};
+  const Proposal propose = [&](const CInventory& inventory) {
+    diskName = NameOf(inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE));
+    arrayName = NameOf(inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE));
+    return Proposals::SpareAddition(inventory, wanted.m_Disk, wanted.m_Array, wanted.m_Consent.m_Rules);
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
   const Json data = {{"disk", diskName}, {"array", arrayName}};
@@ -431,19 +285,9 @@ int AddSpare(CContext& context, const SSpare& wanted) {
 int ReleaseSpare(CContext& context, const SSpare& wanted) {
   context.Session();
   std::string name;
-  const Proposal propose = [&](const CInventory& inventory) -> SChange {
-    const PI::CObject& disk = inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE);
-    name = NameOf(disk);
-    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireRelease(inventory, disk);
-    SChange change{"release " + name + " from its array and wipe its superblock",
-                   disk,
-                   PI::OP_DELETE_DEDICATED_HOTSPARE,
-                   {PlanOf(inventory.Machine(), inventory.Topology(), disk)},
-                   "What is on the disk is lost."};
-    // The catalogue asks whether a hot spare may go missing.
-    if (NumberOf(disk, PI::PROP_STATUS) == PI::STATUS_FAILED)
-      change.m_FirstQuestion = "Release this failed disk from its array?";
-    return change;
+  const Proposal propose = [&](const CInventory& inventory) {
+    name = NameOf(inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE));
+    return Proposals::Release(inventory, wanted.m_Disk, wanted.m_Consent.m_Rules);
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
   // The plug-in's answer says nothing of what md and the disk said.
@@ -469,12 +313,9 @@ struct SRebuild {
 int ChangeRebuild(CContext& context, const SRebuild& wanted, bool start) {
   context.Session();
   std::string name;
-  const Proposal propose = [&](const CInventory& inventory) -> SChange {
-    const PI::CObject& array = inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE);
-    name = NameOf(array);
-    if (!wanted.m_Consent.m_PlugInAlone) Rules::RequireRebuild(inventory, array, start);
-    if (start) return {"start the rebuild of " + name, array, PI::OP_START_REBUILD};
-    return {"cancel the rebuild of " + name, array, PI::OP_CANCEL_REBUILD, {}, "The array stays degraded."};
+  const Proposal propose = [&](const CInventory& inventory) {
+    name = NameOf(inventory.FindForChange(wanted.m_Array, PI::OBJ_LOGICAL_DRIVE));
+    return Proposals::Rebuild(inventory, wanted.m_Array, start, wanted.m_Consent.m_Rules);
   };
   if (!Execute(context, propose, wanted.m_Consent)) return EXIT_DONE;
   if (start && wanted.m_Consent.m_Wait)
@@ -511,7 +352,10 @@ void AddConsent(CLI::App* leaf, SConsent& consent) {
   leaf->add_option("--if-unchanged", consent.m_IfUnchanged, "only in the state of a plan with this token")
       ->type_name("TOKEN");
   // For tests of the plug-in's own answers.
-  leaf->add_flag("--plugin-alone", consent.m_PlugInAlone, "leave out rvxctl's own rules")->group("");
+  leaf->add_flag_callback(
+          "--plugin-alone", [&consent] { consent.m_Rules = ERules::PLUGIN_ALONE; },
+          "leave out rvxctl's own rules")
+      ->group("");
 }
 
 void AddWaiting(CLI::App* leaf, SConsent& consent) {
@@ -574,4 +418,4 @@ void AddChanging(CGroup& all) {
   all.Leaf("rescan", "looks at the system now", Rescan);
 }
 
-}  // namespace rvxctl
+}  // namespace Host

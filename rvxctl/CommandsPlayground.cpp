@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/CommandLine.h"
 #include "libraries/common/FileDescriptor.h"
+#include "rvxctl/CommandLine.h"
 
-namespace rvxctl {
+namespace Host {
 
 namespace {
 
@@ -141,4 +141,4 @@ void AddPlayground(CGroup& all) {
   write->add_option("MACHINE", name, "the machine")->required()->check(CLI::IsMember(names));
 }
 
-}  // namespace rvxctl
+}  // namespace Host

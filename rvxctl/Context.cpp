@@ -1,10 +1,10 @@
-#include "host/Context.h"
+#include "rvxctl/Context.h"
 
 #include <cstdlib>
 
 #include "system/Linux.h"
 
-namespace rvxctl {
+namespace Host {
 
 CContext::CContext(const SOptions& options, CTerminal& terminal) : m_Options(options), m_Terminal(terminal) {
   const char* const plain = std::getenv("NO_COLOR");
@@ -26,8 +26,13 @@ void CContext::Show(const std::string& name, const Json& data, const std::string
     m_Terminal.Print(m_Options.m_Json ? Envelope(name, data, errors) : text);
 }
 
+int CContext::Show(const SView& view, const Json& errors) {
+  Show(view.m_Schema, view.m_Data, view.m_Text, errors);
+  return EXIT_DONE;
+}
+
 void CContext::Close() {
   if (m_Session) m_Session->End();
 }
 
-}  // namespace rvxctl
+}  // namespace Host
