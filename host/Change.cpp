@@ -45,13 +45,33 @@ SLook::SLook(CSession& session, const CMachine& machine, const Proposal& propose
   m_Token = TokenOf(m_Change.m_Disks, rest);
 }
 
-Json SLook::ToJson() const {
-  return {{"plan", m_Change.m_What},
-          {"disks", PlanJson(m_Change.m_Disks)},
-          {"check", {{"status", m_Check}, {"name", m_Check == PI::OK ? "OK" : Texts::StatusName(m_Check)}}},
-          {"warning", m_Warning.empty() ? Json(nullptr) : Json(m_Warning)},
-          {"loss", m_Change.m_Loss.empty() ? Json(nullptr) : Json(m_Change.m_Loss)},
-          {"token", m_Token}};
+SPlan SLook::Plan(std::size_t width) const {
+  const SChange& change = m_Change;
+  SPlan plan;
+  plan.m_Document = {
+      {"plan", change.m_What},
+      {"disks", PlanJson(change.m_Disks)},
+      {"check", {{"status", m_Check}, {"name", m_Check == PI::OK ? "OK" : Texts::StatusName(m_Check)}}},
+      {"warning", m_Warning.empty() ? Json(nullptr) : Json(m_Warning)},
+      {"loss", change.m_Loss.empty() ? Json(nullptr) : Json(change.m_Loss)},
+      {"token", m_Token}};
+  plan.m_Text = "This will " + change.m_What + "." + (change.m_Loss.empty() ? "" : " " + change.m_Loss) +
+                "\n" + (change.m_Disks.empty() ? "" : PlanText(change.m_Disks, width)) +
+                (m_Warning.empty() ? "" : "WARNING: " + m_Warning + "\n");
+  if (!change.m_Loss.empty())
+    plan.m_Questions.push_back(!change.m_FirstQuestion.empty()
+                                   ? change.m_FirstQuestion
+                                   : Texts::Find(m_Offered.m_ConfirmationCode).value_or("Go on?"));
+  if (!change.m_Question.empty()) plan.m_Questions.push_back(change.m_Question);
+  if (m_Check != PI::OK) plan.m_Refusal = Refusal();
+  return plan;
+}
+
+std::optional<CError> SLook::FailureOf(unsigned int status) const {
+  if (status == PI::OK) return std::nullopt;
+  return PluginError(
+      status, "could not " + m_Change.m_What,
+      HintForExecution(m_Inventory.Machine().MdStat(), m_Change.m_Code, status, m_Change.m_Level));
 }
 
 CError SLook::Refusal() const {
@@ -59,6 +79,25 @@ CError SLook::Refusal() const {
   const std::string hint = HintForCheck(m_Inventory.Machine().MdStat(), m_Check);
   help += (help.empty() || hint.empty() ? "" : "\n") + hint;
   return PluginError(m_Check, "cannot " + m_Change.m_What, help);
+}
+
+CError ChangedMeanwhile(const std::string& why) {
+  return {EXIT_BUSY, "changed meanwhile, nothing was done: " + why + "; look again before you go on"};
+}
+
+std::unique_ptr<SLook> LookAgain(CSession& session, const CMachine& machine, const Proposal& propose,
+                                 const std::string& token) {
+  std::unique_ptr<SLook> now;
+  try {
+    now = std::make_unique<SLook>(session, machine, propose);
+  } catch (const CError& error) {
+    CError changed = ChangedMeanwhile(error.what());
+    changed.m_Rule = error.m_Rule;
+    changed.m_Object = error.m_Object;
+    throw CError(changed);
+  }
+  if (now->m_Token != token) throw ChangedMeanwhile("the disks are not what the plan showed");
+  return now;
 }
 
 }  // namespace Host

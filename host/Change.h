@@ -4,6 +4,8 @@
 /// token that tells this state from any other.
 
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,15 +33,24 @@ struct SChange {
 /// ones. Throws CError when the request is wrong, or the state forbids it.
 using Proposal = std::function<SChange(const CInventory&)>;
 
+/// What is told of a change before it is made.
+struct SPlan {
+  Json m_Document{};                       ///< as programs have it; "token" is that of the look
+  std::string m_Text{};                    ///< "This will ...", the disks, the warnings
+  std::vector<std::string> m_Questions{};  ///< what a person is asked; empty: nothing is lost
+  std::optional<CError> m_Refusal{};       ///< by the plug-in's check
+  std::string m_ID{};                      ///< by which rvxd knows it
+};
+
 /// The rules have been asked by the proposal; the plug-in's check is asked here.
 struct SLook {
   /// Throws CError when the request is wrong, or the state forbids it.
   SLook(CSession& session, const CMachine& machine, const Proposal& propose);
 
-  /// As a document has it.
-  Json ToJson() const;
-  /// Why the check refused, with what helps.
-  CError Refusal() const;
+  /// For a terminal of `width` columns; 0 is no limit.
+  SPlan Plan(std::size_t width) const;
+  /// What the execution's answer means; none when it is OK.
+  std::optional<CError> FailureOf(unsigned int status) const;
 
   const CTopology m_Topology;
   const CInventory m_Inventory;
@@ -49,6 +60,17 @@ struct SLook {
   unsigned int m_Check{PI::OK};
   std::string m_Warning;
   std::string m_Token;
+
+ private:
+  /// Why the check refused, with what helps.
+  CError Refusal() const;
 };
+
+/// Looks again before the execution. Throws CError(EXIT_BUSY), with the rule where one is behind it, unless
+/// this look shows what the plan of that token showed: somebody may have taken another disk's place.
+std::unique_ptr<SLook> LookAgain(CSession& session, const CMachine& machine, const Proposal& propose,
+                                 const std::string& token);
+/// Nothing was done, because the state is another one.
+CError ChangedMeanwhile(const std::string& why);
 
 }  // namespace Host

@@ -29,7 +29,9 @@ class CError : public std::runtime_error {
   CError(int exitStatus, const std::string& message, unsigned int status = PI::OK)
       : std::runtime_error(message), m_ExitStatus(exitStatus), m_Status(status) {}
   int m_ExitStatus;
-  unsigned int m_Status;  ///< the plug-in's answer, PI::OK when it is none
+  unsigned int m_Status;   ///< the plug-in's answer, PI::OK when it is none
+  std::string m_Rule{};    ///< which rule forbids it, a word for programs: "disk-in-use"; empty: none does
+  std::string m_Object{};  ///< whom the rule is about: "sdb"
 };
 
 /// The error for a status that the plug-in answered with: number, name, text, what to do.

@@ -187,15 +187,19 @@ const PI::CObject& CInventory::Find(const std::string& address, PI::_OBJECT_KIND
 
 const PI::CObject& CInventory::FindForChange(const std::string& address, PI::_OBJECT_KIND kind) const {
   const PI::CObject& object = Find(address, kind);
-  if (IdentifierOf(address) == object.m_ID)
-    throw CError(EXIT_USAGE, address + " is the identifier of " + NameOf(object) +
-                                 " in this run alone, and another run may mean another by it: name it by "
-                                 "kernel name, path, serial number or /dev/disk/by-id");
+  RequireLastingName(address, object.m_ID, NameOf(object));
   return object;
 }
 
 SDeviceFacts CInventory::FactsOf(const PI::CObject& object) const {
   return m_Machine.Facts(TextOf(object, PI::PROP_DEVICE_PATH));
+}
+
+void RequireLastingName(const std::string& address, unsigned long id, const std::string& name) {
+  if (IdentifierOf(address) == id)
+    throw CError(EXIT_USAGE, address + " is the identifier of " + name +
+                                 " in this run alone, and another run may mean another by it: name it by "
+                                 "kernel name, path, serial number or /dev/disk/by-id");
 }
 
 }  // namespace Host

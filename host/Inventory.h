@@ -78,4 +78,8 @@ class CInventory {
   std::vector<SArrayEntry> m_Arrays;
 };
 
+/// Throws CError(EXIT_USAGE) when the address is the object's identifier, which another run gives to another
+/// one.
+void RequireLastingName(const std::string& address, unsigned long id, const std::string& name);
+
 }  // namespace Host

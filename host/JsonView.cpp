@@ -140,6 +140,10 @@ Json ErrorJson(const CError& error) {
     json["status"] = error.m_Status;
     json["name"] = Texts::StatusName(error.m_Status);
   }
+  if (!error.m_Rule.empty()) {
+    json["rule"] = error.m_Rule;
+    json["object"] = error.m_Object;
+  }
   return json;
 }
 

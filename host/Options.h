@@ -12,6 +12,8 @@ struct SOptions {
   bool m_Simulate{false};
   std::string m_Machine;  ///< description of the simulated machine; empty: the demonstration
   bool m_Save{false};     ///< write the machine back at the end
+  bool m_Direct{false};   ///< not by way of rvxd
+  std::string m_Socket;   ///< of rvxd; empty: the machine's, where it answers
   std::string m_Plugin;   ///< path of the plug-in; empty: found beside this program
   unsigned int m_Trace{0};
 };

@@ -14,32 +14,41 @@ namespace Host {
 /// PLUGIN_ALONE: no rules but the plug-in's and the kernel's, for tests of theirs.
 enum class ERules { ALL, PLUGIN_ALONE };
 
-namespace Proposals {
+enum class EChange {
+  CREATE_ARRAY,
+  DELETE_ARRAY,
+  ADD_SPARE,
+  RELEASE_SPARE,
+  START_REBUILD,
+  CANCEL_REBUILD,
+  RESCAN
+};
+/// "array.create", "array.delete", "spare.add", "spare.release", "rebuild.start", "rebuild.cancel", "rescan".
+const char* WordOf(EChange kind);
 
-struct SCreation {
-  std::string m_Level;                  ///< "raid1"
-  std::optional<std::string> m_Stripe;  ///< KiB, "64"; none: the level's default
-  std::vector<std::string> m_Disks;     ///< in the order of their slots
+/// A change as it is asked for, on a command line or in a document.
+struct SRequest {
+  EChange m_Kind;
+  std::string m_Level{};                  ///< of a creation: "raid1"
+  std::optional<std::string> m_Stripe{};  ///< of a creation, KiB: "64"; none: the level's default
+  std::vector<std::string> m_Disks{};     ///< of a creation in the order of their slots; one of a spare
+  std::string m_Array{};                  ///< of all others
+  bool m_Last{false};                     ///< delete the last of the plug-in's in place of a named one
+  bool m_All{false};                      ///< delete every array
+  bool m_PartitionMembers{false};         ///< a deletion may overwrite the ends of whole disks
+  ERules m_Rules{ERules::ALL};            ///< no part of a document
 };
 
-/// One array, or the last of the plug-in's, or all.
-struct SDeletion {
-  std::string m_Array;
-  bool m_Last{false};
-  bool m_All{false};
-  bool m_PartitionMembers{false};  ///< the ends of whole disks may be overwritten
-};
+/// As a document has it: {"kind": "array.create", "level": "raid1", "disks": [...], "stripe": 65536}. The
+/// stripe is a number of bytes, or the KiB as a text, as ToJson writes it.
+Json ToJson(const SRequest& request);
+/// Throws CError(EXIT_USAGE), which names the field, where the document is no such request. Fields that are
+/// not known are passed over.
+SRequest RequestOf(const Json& document);
 
-/// Each throws CError when the request is wrong, or the state forbids it.
-SChange Creation(const CInventory& inventory, const SCreation& wanted, ERules rules);
+/// Throws CError when the request is wrong, or the state forbids it.
+SChange ChangeOf(const CInventory& inventory, const SRequest& request);
 /// The arrays that a deletion means.
-std::vector<const PI::CObject*> ArraysOf(const CInventory& inventory, const SDeletion& wanted, ERules rules);
-SChange Deletion(const CInventory& inventory, const SDeletion& wanted, ERules rules);
-SChange SpareAddition(const CInventory& inventory, const std::string& diskAddress,
-                      const std::string& arrayAddress, ERules rules);
-SChange Release(const CInventory& inventory, const std::string& address, ERules rules);
-SChange Rebuild(const CInventory& inventory, const std::string& address, bool start, ERules rules);
-
-}  // namespace Proposals
+std::vector<const PI::CObject*> ArraysOf(const CInventory& inventory, const SRequest& request);
 
 }  // namespace Host

@@ -1,11 +1,8 @@
 #include "host/Session.h"
 
 #include <dlfcn.h>
-#include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <array>
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <csignal>
@@ -18,7 +15,6 @@
 #include "host/Signals.h"
 #include "host/Texts.h"
 #include "libraries/common/Environment.h"
-#include "libraries/common/FileDescriptor.h"
 
 namespace Host {
 
@@ -160,18 +156,6 @@ void CSession::Start() {
   Execute(PI::CMD_SET_ADAPTER_IDS, 0, &m_AdapterIDs);
 }
 
-bool CSession::Pause(std::chrono::milliseconds time, int file) const {
-  sigset_t signals = EndSignals();
-  sigaddset(&signals, SIGWINCH);
-  const KVT::Internal::CFileDescriptor asked(::signalfd(-1, &signals, SFD_CLOEXEC));
-  std::array<pollfd, 2> sources{{{asked.Get(), POLLIN, 0}, {file, POLLPRI, 0}}};
-  ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
-  const timespec now{};
-  if (const int signal = ::sigtimedwait(&signals, nullptr, &now); signal > 0 && signal != SIGWINCH)
-    throw CError(EXIT_SIGNAL + signal, std::string("ended by ") + ::strsignal(signal));
-  return (sources[1].revents & POLLPRI) != 0;
-}
-
 unsigned int CSession::Execute(PI::_COMMAND command, unsigned long id, void* data) {
   return m_Plugin->Execute(command, id, data);
 }
@@ -227,6 +211,24 @@ unsigned int CSession::Set(unsigned long id, PI::CProperty& property) {
   std::optional<CSettingsFolder> folder;
   if (!m_HasSettings) folder.emplace();
   return Execute(PI::CMD_SET_PROPERTY, id, &property);
+}
+
+void SetPollInterval(CSession& session, int seconds) {
+  const unsigned long plugin = session.Topology().front().m_ID;
+  PI::CProperty property = session.Property(plugin, PI::PROP_POLL_INTERVAL);
+  int value = 0;
+  int minimum = 0;
+  int maximum = 0;
+  unsigned int step = 0;
+  property.GetValue(value, minimum, maximum, step);
+  if (seconds < minimum || seconds > maximum)
+    throw CError(EXIT_USAGE, "the poll interval lies between " + std::to_string(minimum) + " and " +
+                                 std::to_string(maximum) + " seconds");
+  property.SetValue(seconds, minimum, maximum, step);
+  if (const unsigned int status = session.Set(plugin, property); status != PI::OK)
+    throw PluginError(
+        status, "set the poll interval",
+        "The new interval counts until the server ends, but could not be written to piRVX.ini.");
 }
 
 }  // namespace Host

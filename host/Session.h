@@ -22,14 +22,12 @@ class CSession : public INotificationTarget {
   CSession& operator=(const CSession&) = delete;
 
   /// Takes up the server's full sequence: the plug-in's threads run from now on, and signals
-  /// that ask for an end no longer end the program but Pause, so that the plug-in is always de-initialised.
+  /// that ask for an end no longer end the program but a Pause, so that the plug-in is always de-initialised.
   void Start();
+  bool IsStarted() const { return m_Started; }
   /// Takes a fresh instance of the plug-in, which sees the machine as it is now: identifiers are new. For a
   /// session that was not started, it is quicker than a pass of threads that must be ended again.
   void Renew();
-  /// Waits, at most until an open file has an exceptional condition: true. Throws CError(EXIT_SIGNAL + n)
-  /// when the person or the system wants an end.
-  bool Pause(std::chrono::milliseconds time, int file = -1) const;
   /// Ends the plug-in's threads if it was started and releases it, which ends the session, and writes the
   /// simulated machine back when that was asked for. Throws CError when the machine cannot be written.
   void End();
@@ -69,5 +67,9 @@ class CSession : public INotificationTarget {
   unsigned long m_PluginID{0};
   bool m_Started{false};
 };
+
+/// Sets the seconds between two looks of the plug-in at the machine, which lasts over its restart. Throws
+/// CError: EXIT_USAGE outside the plug-in's limits.
+void SetPollInterval(CSession& session, int seconds);
 
 }  // namespace Host

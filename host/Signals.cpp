@@ -1,9 +1,16 @@
 #include "host/Signals.h"
 
+#include <poll.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+
+#include "host/Error.h"
+#include "libraries/common/FileDescriptor.h"
 
 namespace Host {
 
@@ -43,6 +50,18 @@ void EndBy(int signal) {
   std::signal(signal, SIG_DFL);
   ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
   std::raise(signal);
+}
+
+bool Pause(std::chrono::milliseconds time, int file, short events) {
+  sigset_t signals = EndSignals();
+  sigaddset(&signals, SIGWINCH);
+  const KVT::Internal::CFileDescriptor asked(::signalfd(-1, &signals, SFD_CLOEXEC));
+  std::array<pollfd, 2> sources{{{asked.Get(), POLLIN, 0}, {file, events, 0}}};
+  ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
+  const timespec now{};
+  if (const int signal = ::sigtimedwait(&signals, nullptr, &now); signal > 0 && signal != SIGWINCH)
+    throw CError(EXIT_SIGNAL + signal, std::string("ended by ") + ::strsignal(signal));
+  return sources[1].revents != 0;
 }
 
 CPatience::CPatience(std::string what)

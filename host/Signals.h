@@ -2,6 +2,9 @@
 /// @file
 /// The signals that ask for an end, held while the machine is changed.
 
+#include <poll.h>
+
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <thread>
@@ -16,6 +19,10 @@ void HoldEndSignals();
 int TakeEndSignal();
 /// Ends the program by the signal, as if it had never been held. Comes back when that signal ends nothing.
 void EndBy(int signal);
+
+/// Waits, at most until an open file has one of the events: true. Throws CError(EXIT_SIGNAL + n) for a held
+/// signal, when the person or the system wants an end.
+bool Pause(std::chrono::milliseconds time, int file = -1, short events = POLLPRI);
 
 /// Watches the held signals while a call cannot be broken off, such as one that waits in the kernel. The
 /// first is kept for whoever asks behind it; the second tells what is waited for; the third ends the program.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 #include "host/Keys.h"
 #include "host/Levels.h"
@@ -121,26 +122,34 @@ SView ObjectView(const CInventory& inventory, const PI::CObject& object, const S
       [&] { return ObjectText(form.m_Style, inventory, object, ""); });
 }
 
-SView OperationsView(const CInventory& inventory, const PI::CObject& object, const Checker& check,
-                     const SForm& form) {
+std::vector<SOffer> OffersOf(const CInventory& inventory, const PI::CObject& object, const Checker& check) {
+  std::vector<SOffer> offers;
+  for (const PI::COperation& operation : object.m_Operations) {
+    SOffer& offer = offers.emplace_back(SOffer{operation});
+    offer.m_Status = check(object, offer.m_Operation);
+    offer.m_Why = offer.m_Status == PI::OK
+                      ? RuleAgainst(inventory, object, operation.m_Code)
+                      : RefusalText(inventory.Topology(), object, operation.m_Code, offer.m_Status);
+  }
+  return offers;
+}
+
+SView OperationsView(const PI::CObject& object, const std::vector<SOffer>& offers, const SForm& form) {
   Json data = Json::array();
   Rows rows;
-  for (PI::COperation operation : object.m_Operations) {
-    const unsigned int status = check(object, operation);
+  for (const SOffer& offer : offers) {
+    const PI::COperation& operation = offer.m_Operation;
     const bool asks = operation.m_ConfirmationCode > 1;
-    const std::string why = status == PI::OK
-                                ? RuleAgainst(inventory, object, operation.m_Code)
-                                : RefusalText(inventory.Topology(), object, operation.m_Code, status);
-    const bool allowed = why.empty();
+    const bool allowed = offer.m_Why.empty();
     data.push_back({{"code", operation.m_Code},
                     {"key", Keys::OfOperation(operation.m_Code)},
                     {"text", TitleOf(object, operation)},
                     {"allowed", allowed},
-                    {"status", status},
-                    {"why", allowed ? Json(nullptr) : Json(why)},
+                    {"status", offer.m_Status},
+                    {"why", allowed ? Json(nullptr) : Json(offer.m_Why)},
                     {"confirmation",
                      asks ? Json(Texts::Find(operation.m_ConfirmationCode).value_or("")) : Json(nullptr)}});
-    rows.push_back({TitleOf(object, operation), allowed ? "yes" : "no", why});
+    rows.push_back({TitleOf(object, operation), allowed ? "yes" : "no", offer.m_Why});
   }
   return {"operations", data, Table({"OPERATION", "ALLOWED", "WHY NOT"}, rows, form.m_Style.m_Width)};
 }
@@ -204,6 +213,107 @@ SView UnknownView(const std::string& why) {
   unknown.m_Health = EHealth::UNKNOWN;
   unknown.m_Headline = why;
   return {"check", unknown.ToJson(), CheckLine(EHealth::UNKNOWN, why) + "\n"};
+}
+
+SView RunView(const CInventory& inventory, const std::string& address) {
+  const SArrayEntry& entry = inventory.EntryOf(inventory.Find(address, PI::OBJ_LOGICAL_DRIVE));
+  const PI::CObject& array = entry.m_Object;
+  const auto status = NumberOf(array, PI::PROP_STATUS);
+  const std::string waiting = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Waiting : "";
+  Json run = nullptr;
+  const bool isRebuild = NumberOf(array, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING;
+  if (isRebuild || NumberOf(array, PI::PROP_ACTIVITY) == PI::ACTIVITY_RESYNCING) {
+    const auto percent = NumberOf(array, isRebuild ? PI::PROP_REBUILD_PROGRESS : PI::PROP_RESYNC_PROGRESS);
+    // md's own figure is of now, the plug-in's of its last pass.
+    double reached = static_cast<double>(percent.value_or(0));
+    if (entry.m_Md && entry.m_Md->m_Run)
+      reached = std::max(reached, entry.m_Md->m_Run->m_Percent.value_or(0));
+    const char* const basis = EstimateBasis(array);
+    const std::string remaining = TextOf(array, PI::PROP_TIME_REMAINING);
+    run = {{"text", TextOf(array, PI::PROP_ACTIVITY)},
+           {"percent", reached},
+           {"remaining", remaining.empty() ? Json(nullptr) : Json(remaining)},
+           {"estimateBasis", basis == nullptr ? Json(nullptr) : Json(basis)}};
+  }
+  return {"run",
+          {{"array", entry.m_Name},
+           {"activityText", entry.ActivityText()},
+           {"run", run},
+           {"waiting", waiting.empty() ? Json(nullptr) : Json(waiting)},
+           {"rebuilding", entry.Of(ERole::REBUILDING)},
+           {"active", entry.Of(ERole::ACTIVE)},
+           {"status", status ? Json(*status) : Json(nullptr)},
+           {"statusText", TextOf(array, PI::PROP_STATUS)}}};
+}
+
+const std::string& SViewRequest::operator[](const std::string& word) const {
+  static const std::string none;
+  const auto found = m_Words.find(word);
+  return found == m_Words.end() ? none : found->second;
+}
+
+unsigned long SViewRequest::Number(const std::string& word, unsigned long otherwise) const {
+  const std::string& text = (*this)[word];
+  if (text.empty()) return otherwise;
+  unsigned long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size())
+    throw CError(EXIT_USAGE, "\"" + text + "\" is no number for \"" + word + "\"");
+  return number;
+}
+
+SView ViewOf(const CInventory& inventory, const SQuestions& questions, const SViewRequest& request,
+             const SForm& form) {
+  const auto isSaid = [&](const char* word) { return request[word] == "1"; };
+  const auto object = [&]() -> const PI::CObject& {
+    return inventory.Find(request["address"],
+                          static_cast<PI::_OBJECT_KIND>(request.Number("kind", PI::OBJ_NONE)));
+  };
+  const auto list = [&](PI::_OBJECT_KIND kind) {
+    return ListView(inventory,
+                    {kind,
+                     {isSaid("ready"), isSaid("failed"), request["array"]},
+                     {request["columns"], isSaid("bytes"), isSaid("no-headings")}},
+                    form);
+  };
+  const std::pair<const char*, std::function<SView()>> views[] = {
+      {"status",
+       [&] {
+         return StatusView(inventory, {isSaid("only-problems"), isSaid("screen"), request.Number("rows", 0)},
+                           form);
+       }},
+      {"disks", [&] { return list(PI::OBJ_PHYSICAL_DRIVE); }},
+      {"arrays", [&] { return list(PI::OBJ_LOGICAL_DRIVE); }},
+      {"object", [&] { return ObjectView(inventory, object(), form); }},
+      {"operations", [&] { return OperationsView(object(), questions.m_Offers(object()), form); }},
+      {"properties",
+       [&] {
+         return PropertiesView(
+             object(),
+             questions.m_Properties(object(), static_cast<unsigned int>(request.Number("id", PI::PROP_ALL))),
+             form);
+       }},
+      {"topology", [&] { return TopologyView(inventory, form); }},
+      {"levels", [&] { return LevelsView(inventory.Topology(), form); }},
+      {"check",
+       [&] {
+         SSmartLimits limits;
+         limits.m_Wear =
+             static_cast<long>(request.Number("warn-smart", static_cast<unsigned long>(limits.m_Wear)));
+         return CheckView(inventory, HealthOf(inventory, limits));
+       }},
+      {"run", [&] { return RunView(inventory, request["address"]); }},
+  };
+  for (const auto& [name, make] : views)
+    if (request.m_Name == name) return make();
+  throw CError(EXIT_NO_OBJECT, "there is no view \"" + request.m_Name + "\"");
+}
+
+int ExitStatusOf(const SView& view) {
+  if (view.m_Schema != "check") return EXIT_DONE;
+  for (const EHealth health : {EHealth::OK, EHealth::WARNING, EHealth::CRITICAL})
+    if (view.m_Data["health"] == WordOf(health)) return static_cast<int>(health);
+  return static_cast<int>(EHealth::UNKNOWN);
 }
 
 }  // namespace Host

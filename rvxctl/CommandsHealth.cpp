@@ -4,8 +4,6 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 
-#include "host/Values.h"
-#include "host/Views.h"
 #include "rvxctl/CommandLine.h"
 
 namespace Host {
@@ -17,11 +15,10 @@ namespace fs = boost::filesystem;
 /// As monitoring reads it: one line and an exit status.
 int CheckHealth(CContext& context, const SSmartLimits& limits) {
   try {
-    const CTopology topology(context.Session());
-    const CInventory inventory(topology, context.Machine());
-    const SHealth health = HealthOf(inventory, limits);
-    context.Show(CheckView(inventory, health));
-    return static_cast<int>(health.m_Health);
+    const SView view =
+        context.Source().View({"check", {{"warn-smart", std::to_string(limits.m_Wear)}}}, context.Form());
+    context.Show(view);
+    return ExitStatusOf(view);
   } catch (const CError& error) {
     if (error.m_ExitStatus >= EXIT_SIGNAL) throw;
     if (context.Terminal().HasPrinted()) throw CError(static_cast<int>(EHealth::UNKNOWN), error.what());
@@ -44,10 +41,12 @@ fs::path LightOf(const std::string& disk) {
 }
 
 int LocateDisk(CContext& context, const SLocate& wanted) {
-  const CTopology topology(context.Session());
-  const CInventory inventory(topology, context.Machine());
-  const std::string name = NameOf(inventory.FindForChange(wanted.m_Disk, PI::OBJ_PHYSICAL_DRIVE));
-  const fs::path light = context.Machine().IsHere() ? LightOf(name) : fs::path();
+  const SViewRequest request{"object",
+                             {{"address", wanted.m_Disk}, {"kind", std::to_string(PI::OBJ_PHYSICAL_DRIVE)}}};
+  const Json disk = context.Source().View(request, {true}).m_Data;
+  const std::string name = disk["name"];
+  RequireLastingName(wanted.m_Disk, IdentifierOf(disk["id"]).value_or(0), name);
+  const fs::path light = context.Options().m_Simulate ? fs::path() : LightOf(name);
   if (light.empty())
     throw CError(EXIT_NOT_ALLOWED, "no enclosure of this machine has a light for " + name +
                                        ": its serial number ('rvxctl disk show " + name +

@@ -1,9 +1,7 @@
 /// @file
 /// Commands that show the topology and its objects.
 
-#include <algorithm>
-
-#include "host/Views.h"
+#include "host/Signals.h"
 #include "rvxctl/CommandLine.h"
 
 namespace Host {
@@ -27,59 +25,48 @@ constexpr SKind DISKS{PI::OBJ_PHYSICAL_DRIVE,       "disk", "managed disks", "al
 constexpr SKind ARRAYS{PI::OBJ_LOGICAL_DRIVE,         "array", "arrays",   "all arrays, a line each",
                        "the properties of one array", "ARRAY", "the array"};
 
-/// One look at the machine.
-struct SSight {
-  explicit SSight(CContext& context)
-      : m_Topology(context.Session()), m_Inventory(m_Topology, context.Machine()) {}
-  const CTopology m_Topology;
-  const CInventory m_Inventory;
-};
-
-int ShowTopology(CContext& context) {
-  const SSight sight(context);
-  return context.Show(TopologyView(sight.m_Inventory, context.Form()));
-}
-
 struct SStatus {
   bool m_Watch{false};
   bool m_OnlyProblems{false};
 };
 
+/// A word of a view that is said or not.
+std::pair<std::string, std::string> Flag(const char* word, bool isSaid) { return {word, isSaid ? "1" : ""}; }
+
 int ShowStatus(CContext& context, const SStatus& wanted) {
   if (wanted.m_Watch && context.Options().m_Json) context.BeginStream();
-  if (wanted.m_Watch) context.Session().Start();
+  CSource& source = context.Source();
+  if (wanted.m_Watch) source.Watch();
   const bool isScreen = wanted.m_Watch && context.Terminal().IsTerminal();
   while (true) {
-    const SSight sight(context);
     const SScreenSize size = context.Terminal().Size();
-    SView view = StatusView(sight.m_Inventory, {wanted.m_OnlyProblems, isScreen, isScreen ? 0 : size.m_Rows},
-                            context.Form());
+    SView view = source.View({"status",
+                              {Flag("only-problems", wanted.m_OnlyProblems),
+                               Flag("screen", isScreen),
+                               {"rows", std::to_string(isScreen ? 0 : size.m_Rows)}}},
+                             context.Form());
     if (isScreen) view.m_Text = Screen(view.m_Text, size);
     context.Show(view);
     if (!wanted.m_Watch) return EXIT_DONE;
-    context.Session().FetchEvents();
-    context.Session().Pause(WATCH_INTERVAL);
+    source.Events();
+    Pause(WATCH_INTERVAL);
   }
 }
 
 int ListObjects(CContext& context, const SListView& wanted) {
-  const SSight sight(context);
-  return context.Show(ListView(sight.m_Inventory, wanted, context.Form()));
+  const SListStyle& list = wanted.m_List;
+  return context.Show(SViewRequest{wanted.m_Kind == PI::OBJ_PHYSICAL_DRIVE ? "disks" : "arrays",
+                                   {{"columns", list.m_Columns},
+                                    {"array", wanted.m_Filter.m_Array},
+                                    Flag("bytes", list.m_Bytes),
+                                    Flag("no-headings", list.m_NoHeadings),
+                                    Flag("ready", wanted.m_Filter.m_Ready),
+                                    Flag("failed", wanted.m_Filter.m_Failed)}});
 }
 
 /// All properties of one object; `kind` narrows what an address may name.
 int ShowObject(CContext& context, const std::string& address, PI::_OBJECT_KIND kind) {
-  const SSight sight(context);
-  return context.Show(ObjectView(sight.m_Inventory, sight.m_Inventory.Find(address, kind), context.Form()));
-}
-
-int ShowOperations(CContext& context, const std::string& address) {
-  const SSight sight(context);
-  const auto check = [&](const PI::CObject& object, PI::COperation& operation) {
-    return context.Session().Check(object.m_ID, operation);
-  };
-  return context.Show(OperationsView(sight.m_Inventory, sight.m_Inventory.Find(address, PI::OBJ_NONE), check,
-                                     context.Form()));
+  return context.Show(SViewRequest{"object", {{"address", address}, {"kind", std::to_string(kind)}}});
 }
 
 struct SProperty {
@@ -88,39 +75,14 @@ struct SProperty {
 };
 
 int GetProperty(CContext& context, const SProperty& wanted) {
-  const SSight sight(context);
-  const PI::CObject& object = sight.m_Inventory.Find(wanted.m_Object, PI::OBJ_NONE);
-  std::vector<PI::CProperty> properties;
-  if (wanted.m_ID == PI::PROP_ALL)
-    properties = context.Session().Properties(object.m_ID);
-  else
-    properties.push_back(context.Session().Property(object.m_ID, static_cast<PI::_PROPERTY_ID>(wanted.m_ID)));
-  return context.Show(PropertiesView(object, properties, context.Form()));
+  return context.Show(
+      SViewRequest{"properties", {{"address", wanted.m_Object}, {"id", std::to_string(wanted.m_ID)}}});
 }
 
 int SetPollInterval(CContext& context, const int& seconds) {
-  CSession& session = context.Session();
-  const CTopology topology(session);
-  PI::CProperty property = session.Property(topology.Plugin().m_ID, PI::PROP_POLL_INTERVAL);
-  int value = 0;
-  int minimum = 0;
-  int maximum = 0;
-  unsigned int step = 0;
-  property.GetValue(value, minimum, maximum, step);
-  if (seconds < minimum || seconds > maximum)
-    throw CError(EXIT_USAGE, "the poll interval lies between " + std::to_string(minimum) + " and " +
-                                 std::to_string(maximum) + " seconds");
-  property.SetValue(seconds, minimum, maximum, step);
-  if (const unsigned int status = session.Set(topology.Plugin().m_ID, property); status != PI::OK)
-    throw PluginError(
-        status, "set the poll interval",
-        "The new interval counts until the server ends, but could not be written to piRVX.ini.");
+  context.Source().SetPollInterval(seconds);
   context.Show("poll-interval", {{"seconds", seconds}}, "Poll interval: " + std::to_string(seconds) + " s\n");
   return EXIT_DONE;
-}
-
-int ShowLevels(CContext& context) {
-  return context.Show(LevelsView(CTopology(context.Session()), context.Form()));
 }
 
 /// "list" and "show".
@@ -159,7 +121,8 @@ void AddProperties(CGroup& all) {
 }  // namespace
 
 void AddShowing(CGroup& all) {
-  all.Leaf("topology", "every object with its properties", ShowTopology);
+  all.Leaf("topology", "every object with its properties",
+           [](CContext& context) { return context.Show(SViewRequest{"topology"}); });
   const auto [status, wanted] =
       all.Leaf<SStatus>("status", "how the machine is; arrays and disks at a glance", ShowStatus);
   status->add_flag("--watch", wanted.m_Watch, "again every two seconds until interrupted");
@@ -172,10 +135,14 @@ void AddShowing(CGroup& all) {
             [](CContext& context) { return ShowObject(context, "adapter", PI::OBJ_ADAPTER); });
   AddKind(all, DISKS);
   const auto [operations, object] =
-      all.Leaf<std::string>("operations", "what an object offers, what is allowed now", ShowOperations);
+      all.Leaf<std::string>("operations", "what an object offers, what is allowed now",
+                            [](CContext& context, const std::string& address) {
+                              return context.Show(SViewRequest{"operations", {{"address", address}}});
+                            });
   operations->add_option("OBJECT", object, "the object")->required();
   AddProperties(all);
-  all.Leaf("levels", "RAID levels that can be made", ShowLevels);
+  all.Leaf("levels", "RAID levels that can be made",
+           [](CContext& context) { return context.Show(SViewRequest{"levels"}); });
   AddKind(all, ARRAYS);
 }
 

@@ -1,12 +1,11 @@
 #pragma once
 /// @file
-/// A change of the machine, as every command makes one: the rules that can be seen and the plug-in's own
-/// check first, then the plan and the person's consent, then a second look, then the plug-in does it.
+/// A change of the machine, as every command makes one: the plan first, then the person's yes, then the
+/// change, where the plan holds still.
 
 #include <optional>
 #include <string>
 
-#include "host/Proposals.h"
 #include "rvxctl/Context.h"
 
 namespace Host {
@@ -21,13 +20,7 @@ struct SConsent {
       m_IfUnchanged{};  ///< a plan's token: nothing is done where another would be given now
 };
 
-/// What came of the execution: the failure, none when it succeeded.
-struct SExecution {
-  std::optional<CError> m_Failure;
-};
-
-/// Rules, check, plan, consent, lock, second look, execution. None after a dry run; throws CError when
-/// nothing was executed.
-std::optional<SExecution> CarryOut(CContext& context, const Proposal& propose, const SConsent& consent);
+/// What came of it. None after a dry run; throws CError when nothing was executed.
+std::optional<SOutcome> CarryOut(CContext& context, SRequest request, const SConsent& consent);
 
 }  // namespace Host

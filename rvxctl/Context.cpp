@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 
-#include "system/Linux.h"
-
 namespace Host {
 
 CContext::CContext(const SOptions& options, CTerminal& terminal) : m_Options(options), m_Terminal(terminal) {
@@ -11,12 +9,19 @@ CContext::CContext(const SOptions& options, CTerminal& terminal) : m_Options(opt
   m_Color = terminal.IsTerminal() && !options.m_Plain && (plain == nullptr || *plain == '\0');
 }
 
-CSession& CContext::Session() {
-  if (m_Session) return *m_Session;
-  m_Session.emplace(m_Options);
-  if (!m_Options.m_Simulate) m_Here = std::make_unique<OS::CLinux>();
-  m_Machine.emplace(m_Here ? *m_Here : m_Session->SimulatedMachine(), m_Here != nullptr);
-  return *m_Session;
+CRemote* CContext::Remote() {
+  if (!m_Remote && !m_Direct) m_Remote = CRemote::Find(m_Options);
+  return m_Remote.get();
+}
+
+CDirect& CContext::Direct() {
+  if (!m_Direct) m_Direct = std::make_unique<CDirect>(m_Options);
+  return *m_Direct;
+}
+
+CSource& CContext::Source() {
+  if (CRemote* const remote = Remote()) return *remote;
+  return Direct();
 }
 
 void CContext::Show(const std::string& name, const Json& data, const std::string& text, const Json& errors) {
@@ -32,7 +37,7 @@ int CContext::Show(const SView& view, const Json& errors) {
 }
 
 void CContext::Close() {
-  if (m_Session) m_Session->End();
+  if (m_Direct) m_Direct->Session().End();
 }
 
 }  // namespace Host

@@ -6,15 +6,12 @@
 #include <optional>
 #include <string>
 
-#include "host/Machine.h"
-#include "host/Options.h"
-#include "host/Session.h"
-#include "host/Views.h"
+#include "rvxctl/Direct.h"
+#include "rvxctl/Remote.h"
 #include "rvxctl/Terminal.h"
 
 namespace Host {
 
-/// The plug-in is loaded at the first use of Session().
 class CContext {
  public:
   CContext(const SOptions& options, CTerminal& terminal);
@@ -23,9 +20,12 @@ class CContext {
   CTerminal& Terminal() const { return m_Terminal; }
   /// As the person and the terminal want what is shown.
   SForm Form() const { return {m_Options.m_Json || IsStream(), {m_Terminal.Width(), m_Color}}; }
-  CSession& Session();
-  /// The machine that the plug-in works on. Behind a first Session().
-  const CMachine& Machine() const { return *m_Machine; }
+  /// rvxd where it answers, else a plug-in that is loaded at the first use.
+  CSource& Source();
+  /// rvxd; null when the machine is looked at by a plug-in of this program's own.
+  CRemote* Remote();
+  /// Behind a first Remote() that was null.
+  CDirect& Direct();
   /// From now on each result, and what goes wrong, is a line of JSON by itself: for what goes on until it is
   /// ended.
   void BeginStream() { m_Stream.emplace(0); }
@@ -35,6 +35,7 @@ class CContext {
             const Json& errors = Json::array());
   /// Prints the form that was made; EXIT_DONE.
   int Show(const SView& view, const Json& errors = Json::array());
+  int Show(const SViewRequest& request) { return Show(Source().View(request, Form())); }
   /// Ends the session, if there is one. Throws CError when the simulated machine cannot be saved.
   void Close();
 
@@ -42,9 +43,8 @@ class CContext {
   SOptions m_Options;
   CTerminal& m_Terminal;
   bool m_Color;
-  std::optional<CSession> m_Session;
-  std::unique_ptr<OS::COperatingSystem> m_Here;
-  std::optional<const CMachine> m_Machine;
+  std::unique_ptr<CRemote> m_Remote;
+  std::unique_ptr<CDirect> m_Direct;
   std::optional<unsigned long> m_Stream;  ///< the next line's number
 };
 

@@ -25,6 +25,8 @@ void AddOptions(CLI::App& app, SOptions& options) {
   app.add_flag("--simulate{-}", options.m_Machine, "a simulated machine: the demonstration or FILE")
       ->each([&](const std::string&) { options.m_Simulate = true; });
   app.add_flag("--save", options.m_Save, "keep the simulated machine in its file");
+  app.add_option("--socket", options.m_Socket, "by way of the rvxd that listens there")->type_name("PATH");
+  app.add_flag("--direct", options.m_Direct, "not by way of rvxd");
   app.add_option("--plugin", options.m_Plugin, "the plug-in's library")->type_name("PATH");
   app.add_option("--trace", options.m_Trace, "trace to standard error: 2 + 4 + 8 + 16")
       ->type_name("MASK")

@@ -3,9 +3,8 @@
 #include <algorithm>
 
 #include "host/Estimate.h"
-#include "host/Inventory.h"
 #include "host/Printable.h"
-#include "host/Values.h"
+#include "host/Signals.h"
 
 namespace Host {
 
@@ -17,33 +16,18 @@ constexpr int LINE_STEP = 5;  ///< percent
 constexpr int LOOKS_FOR_END = 20;
 constexpr std::size_t BAR_WIDTH = 40;
 constexpr std::size_t LEAST_BAR = 8;
-constexpr std::chrono::milliseconds PASS_INTERVAL{250};
-constexpr std::chrono::seconds PASS_LIMIT{30};
 
 using Clock = std::chrono::steady_clock;
 
-/// How far the run is; none when there is no run.
+/// How far a run is, or what stands in its place.
 struct SRun {
   std::string m_Name;  ///< "Resyncing"
-  int m_Percent{0};
-  double m_Exact{0};
-  std::string m_Remaining;       ///< the plug-in's
-  const char* m_Basis{nullptr};  ///< of it; null: none
-};
+  double m_Exact{0};   ///< percent
+  Json m_Remaining{};  ///< the plug-in's; null: none
+  Json m_Basis{};      ///< of it
 
-std::optional<SRun> RunOf(const SArrayEntry& entry) {
-  const PI::CObject& array = entry.m_Object;
-  const auto activity = NumberOf(array, PI::PROP_ACTIVITY);
-  const bool resync = activity == PI::ACTIVITY_RESYNCING;
-  if (!resync && activity != PI::ACTIVITY_REBUILDING) return std::nullopt;
-  const auto percent = NumberOf(array, resync ? PI::PROP_RESYNC_PROGRESS : PI::PROP_REBUILD_PROGRESS);
-  // md's own figure is of now, the plug-in's of its last pass.
-  const double told = static_cast<double>(percent.value_or(0));
-  const double exact =
-      entry.m_Md && entry.m_Md->m_Run ? std::max(told, entry.m_Md->m_Run->m_Percent.value_or(0)) : told;
-  return SRun{TextOf(array, PI::PROP_ACTIVITY), static_cast<int>(exact), exact,
-              TextOf(array, PI::PROP_TIME_REMAINING), EstimateBasis(array)};
-}
+  int Percent() const { return static_cast<int>(m_Exact); }
+};
 
 /// Prints a run as it goes on.
 class CProgressPrinter {
@@ -52,18 +36,18 @@ class CProgressPrinter {
       : m_Context(context),
         m_Array(std::move(array)),
         m_Quiet(progress == EProgress::HIDDEN),
-        m_Bar(context.Terminal().IsTerminal() && !Json()) {}
+        m_Bar(context.Terminal().IsTerminal() && !IsJson()) {}
 
   void Show(const SRun& run) {
     if (m_Quiet) return;
     m_Estimate.Add(run.m_Exact, Clock::now());
     const std::string left = TextOf(m_Estimate.Left());
     if (m_Bar) {
-      m_Context.Terminal().Print("\r\033[K" + BarLine(Printable(m_Array + " " + run.m_Name), run.m_Percent,
+      m_Context.Terminal().Print("\r\033[K" + BarLine(Printable(m_Array + " " + run.m_Name), run.Percent(),
                                                       left, m_Context.Terminal().Width()));
-    } else if (run.m_Percent / LINE_STEP != m_LastStep) {
-      m_LastStep = run.m_Percent / LINE_STEP;
-      Line(run.m_Name + " " + std::to_string(run.m_Percent) + "%, " + left, run.m_Percent, run);
+    } else if (run.Percent() / LINE_STEP != m_LastStep) {
+      m_LastStep = run.Percent() / LINE_STEP;
+      Line(run.m_Name + " " + std::to_string(run.Percent()) + "%, " + left, run.Percent(), run);
     }
   }
   void End(const std::string& text, int percent) {
@@ -73,21 +57,20 @@ class CProgressPrinter {
   }
 
  private:
-  bool Json() const { return m_Context.Options().m_Json; }
+  bool IsJson() const { return m_Context.Options().m_Json; }
   void Line(const std::string& text, int percent, const SRun& run) {
-    if (!Json()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
-    m_Context.Show(
-        "progress",
-        {{"array", m_Array},
-         {"percent", percent},
-         {"remaining", run.m_Remaining.empty() ? Host::Json(nullptr) : Host::Json(run.m_Remaining)},
-         {"estimateBasis", run.m_Basis == nullptr ? Host::Json(nullptr) : Host::Json(run.m_Basis)},
-         {"estimate", EstimateJson()},
-         {"text", text}},
-        "");
+    if (!IsJson()) return m_Context.Terminal().Print(m_Array + ": " + text + "\n");
+    m_Context.Show("progress",
+                   {{"array", m_Array},
+                    {"percent", percent},
+                    {"remaining", run.m_Remaining},
+                    {"estimateBasis", run.m_Basis},
+                    {"estimate", EstimateJson()},
+                    {"text", text}},
+                   "");
   }
 
-  Host::Json EstimateJson() const {
+  Json EstimateJson() const {
     const auto left = m_Estimate.Left();
     if (!left) return nullptr;
     return {{"seconds", left->m_Likely.count()},
@@ -104,31 +87,23 @@ class CProgressPrinter {
 };
 
 /// What the events say about the end of the run.
-std::optional<bool> CompletedBy(const std::vector<PI::CEvent>& events, unsigned long arrayID) {
-  for (const PI::CEvent& event : events) {
-    if (event.m_ObjectID != arrayID) continue;
-    if (event.m_Code == PI::EVT_REBUILD_COMPLETED || event.m_Code == PI::EVT_RESYNC_COMPLETED) return true;
-    if (event.m_Code == PI::EVT_REBUILD_ABORTED || event.m_Code == PI::EVT_RESYNC_ABORTED) return false;
+std::optional<bool> CompletedBy(const Json& events, const std::string& array) {
+  for (const Json& event : events) {
+    if (event["objectName"] != array) continue;
+    const unsigned int code = event["code"];
+    if (code == PI::EVT_REBUILD_COMPLETED || code == PI::EVT_RESYNC_COMPLETED) return true;
+    if (code == PI::EVT_REBUILD_ABORTED || code == PI::EVT_RESYNC_ABORTED) return false;
   }
   return std::nullopt;
 }
 
 /// Whether these are working members now.
-bool HoldsAll(const SArrayEntry& entry, const std::vector<std::string>& names) {
-  const std::vector<std::string> active = entry.Of(ERole::ACTIVE);
+bool HoldsAll(const Json& active, const Json& names) {
   return std::ranges::all_of(
-      names, [&](const std::string& name) { return std::ranges::find(active, name) != active.end(); });
+      names, [&](const Json& name) { return std::ranges::find(active, name) != active.end(); });
 }
 
 }  // namespace
-
-bool AwaitPass(CSession& session, unsigned long before) {
-  for (const auto end = Clock::now() + PASS_LIMIT; Clock::now() < end;) {
-    session.Pause(PASS_INTERVAL);  // first of all: a question would be in the way of the first pass
-    if (CTopology(session).Plugin().m_UpdateCounter != before) return true;
-  }
-  return false;
-}
 
 std::string BarLine(const std::string& what, int percent, const std::string& left, std::size_t columns) {
   const std::string share = std::to_string(percent) + "%";
@@ -148,45 +123,52 @@ std::string BarLine(const std::string& what, int percent, const std::string& lef
   return Cut(share + " " + what, columns - 1);
 }
 
-int FollowRun(CContext& context, unsigned long arrayID, EProgress progress) {
-  CSession& session = context.Session();
-  std::optional<CProgressPrinter> printer;
+int FollowRun(CContext& context, const std::string& address, EProgress progress) {
+  CSource& source = context.Source();
+  std::string array;  // by which the events call it
+  const auto look = [&] {
+    try {
+      return source.View({"run", {{"address", array.empty() ? address : array}}}, {true}).m_Data;
+    } catch (const CError& error) {
+      if (error.m_ExitStatus != EXIT_NO_OBJECT || array.empty()) throw;
+      throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
+    }
+  };
+  array = look()["array"];
+  source.Watch();
+  CProgressPrinter printer(context, array, progress);
   int percent = -1;  // as long as no run was seen
   int looks = 0;
-  std::vector<std::string> rebuilt;  // what the run writes to
+  Json rebuilt = Json::array();  // what the run writes to
   while (true) {
-    const auto completed = CompletedBy(session.FetchEvents(), arrayID);
-    const CTopology topology(session);
-    const PI::CObject* const array = topology.FindID(arrayID);
-    if (array == nullptr) throw CError(EXIT_PLUGIN_ERROR, "the array is gone");
-    if (!printer) printer.emplace(context, NameOf(*array), progress);
-    const CInventory inventory(topology, context.Machine());
-    const SArrayEntry& entry = inventory.EntryOf(*array);
+    const auto completed = CompletedBy(source.Events(), array);
+    const Json now = look();
     if (completed) {
       // The plug-in reports a rebuild that ended; that its disk failed is seen at the disk.
-      const bool isDone = *completed && HoldsAll(entry, rebuilt);
-      printer->End(isDone ? "completed" : "aborted", isDone ? 100 : std::max(percent, 0));
+      const bool isDone = *completed && HoldsAll(now["active"], rebuilt);
+      printer.End(isDone ? "completed" : "aborted", isDone ? 100 : std::max(percent, 0));
       return isDone ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    if (auto now = entry.Of(ERole::REBUILDING); !now.empty()) rebuilt = std::move(now);
-    const std::string waiting = entry.m_Md && entry.m_Md->m_Run ? entry.m_Md->m_Run->m_Waiting : "";
-    if (waiting == "PENDING") {
-      printer->End(entry.ActivityText() + ": nothing begins before that", std::max(percent, 0));
+    if (!now["rebuilding"].empty()) rebuilt = now["rebuilding"];
+    const std::string activity = now["activityText"];
+    if (now["waiting"] == "PENDING") {
+      printer.End(activity + ": nothing begins before that", std::max(percent, 0));
       return EXIT_DONE;
     }
-    if (!waiting.empty()) {
-      printer->Show({entry.ActivityText(), std::max(percent, 0), 0, ""});
+    if (!now["waiting"].is_null()) {
+      printer.Show({activity, static_cast<double>(std::max(percent, 0))});
       looks = 0;
-    } else if (const auto run = RunOf(entry)) {
-      percent = run->m_Percent;
-      printer->Show(*run);
+    } else if (const Json& run = now["run"]; !run.is_null()) {
+      const SRun seen{run["text"], run["percent"], run["remaining"], run["estimateBasis"]};
+      percent = seen.Percent();
+      printer.Show(seen);
       looks = 0;
     } else if (percent < 0 || ++looks > LOOKS_FOR_END) {
-      printer->End("no rebuild or resync is running; " + TextOf(*array, PI::PROP_STATUS),
-                   std::max(percent, 0));
-      return NumberOf(*array, PI::PROP_STATUS) == PI::STATUS_OK ? EXIT_DONE : EXIT_PLUGIN_ERROR;
+      printer.End("no rebuild or resync is running; " + now["statusText"].get<std::string>(),
+                  std::max(percent, 0));
+      return now["status"] == PI::STATUS_OK ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    session.Pause(LOOK_INTERVAL);
+    Pause(LOOK_INTERVAL);
   }
 }
 

@@ -19,11 +19,12 @@ for ((i = 0; i < 40; ++i)); do rvx status >/dev/null; done
 echo "# 40 looks of another program beside passes every two seconds: $(seen 10454 '[a-z]*') times \"in use\""
 check "what was announced as in use is free again" wait_for 30 "[ \$(seen 10454 '[a-z]*') = \$(seen 10470 '[a-z]*') ]"
 
-exec 9>/run/rvxctl.lock
+mkdir -p /run/rvx
+exec 9>/run/rvx/writer.lock
 flock 9
 status=0
 rvx array create --level raid1 --yes "$free" "$second" 2>/tmp/said || status=$?
-expect_match "beside another one's change none is begun" '^5 .*another rvxctl is changing this machine' \
+expect_match "beside another one's change none is begun" '^5 .*another program holds /run/rvx/writer.lock and alone changes this machine' \
     "$status $(grep ^rvxctl: /tmp/said)"
 exec 9>&-
 expect_eq "behind it one is" md_d0 "$(make raid1 - "$free" "$second")"

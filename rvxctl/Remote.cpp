@@ -1,0 +1,314 @@
+#include "rvxctl/Remote.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+#include <cstdio>
+#include <random>
+
+#include "host/Signals.h"
+
+namespace Host {
+
+namespace {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+using Local = boost::asio::local::stream_protocol;
+
+constexpr char CHANGING_SOCKET[] = "/run/rvx/rvxd.sock";
+constexpr char READING_SOCKET[] = "/run/rvx/rvxd-ro.sock";
+constexpr std::chrono::seconds ANSWER_LIMIT{90};  ///< above the longest wait that is asked for
+constexpr std::chrono::seconds BEAT_LIMIT{30};    ///< without a beat of a stream the connection is dead
+constexpr std::chrono::seconds AGAIN_INTERVAL{1};
+constexpr char WAIT_FOR_END[] = "?wait=30";
+
+/// "a b" as "a%20b"
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) != 0 || std::string_view("-._~/").find(c) != std::string_view::npos) {
+      escaped += c;
+      continue;
+    }
+    std::array<char, 4> code{};
+    std::snprintf(code.data(), code.size(), "%%%02X", static_cast<unsigned int>(byte));
+    escaped += code.data();
+  }
+  return escaped;
+}
+
+/// A request and its answer. Throws boost::system::system_error where the connection fails.
+class CConversation {
+ public:
+  CConversation(const std::string& socket, const http::request<http::string_body>& request)
+      : m_Socket(m_Context) {
+    m_Socket.connect(Local::endpoint(socket));
+    http::write(m_Socket, request);
+    m_Parser.body_limit(boost::none);
+  }
+
+  http::response<http::string_body> Answer() {
+    Await(ANSWER_LIMIT);
+    http::read(m_Socket, m_Buffer, m_Parser);
+    return m_Parser.release();
+  }
+
+  http::response<http::string_body>& Header() {
+    Await(ANSWER_LIMIT);
+    http::read_header(m_Socket, m_Buffer, m_Parser);
+    return m_Parser.get();
+  }
+  /// What came of the body since the last call; empty: it has ended.
+  std::string Part() {
+    std::string& body = m_Parser.get().body();
+    while (body.empty() && !m_Parser.is_done()) {
+      if (m_Buffer.size() == 0) Await(BEAT_LIMIT);
+      http::read_some(m_Socket, m_Buffer, m_Parser);
+    }
+    return std::exchange(body, {});
+  }
+
+ private:
+  /// Throws CError for a signal that is held.
+  void Await(std::chrono::seconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!Pause(std::chrono::duration_cast<std::chrono::milliseconds>(limit), m_Socket.native_handle(),
+                  POLLIN))
+      if (std::chrono::steady_clock::now() >= end)
+        throw boost::system::system_error(boost::asio::error::timed_out);
+  }
+
+  boost::asio::io_context m_Context;
+  Local::socket m_Socket;
+  beast::flat_buffer m_Buffer;
+  http::response_parser<http::string_body> m_Parser;
+};
+
+http::request<http::string_body> RequestFor(const std::string& method, const std::string& target) {
+  http::request<http::string_body> request;
+  request.version(11);
+  request.method_string(method);
+  request.target(target);
+  request.set(http::field::host, "localhost");
+  request.set(http::field::connection, "close");
+  return request;
+}
+
+CError Away(const std::string& socket, const boost::system::system_error& error) {
+  return {EXIT_NO_PLUGIN, "rvxd does not answer at " + socket + ": " + error.code().message() +
+                              "; --direct looks at the machine without it"};
+}
+
+bool Answers(const std::string& socket) {
+  boost::asio::io_context context;
+  Local::socket one(context);
+  boost::system::error_code error;
+  one.connect(Local::endpoint(socket), error);
+  return !error;
+}
+
+/// 128 random bits.
+std::string NewKey() {
+  std::random_device device;
+  std::string key;
+  for (int i = 0; i < 4; ++i) {
+    std::array<char, 9> part{};
+    std::snprintf(part.data(), part.size(), "%08x", device());
+    key += part.data();
+  }
+  return key;
+}
+
+/// An error as ErrorJson writes it, or a problem.
+CError ErrorOf(const Json& json, const char* message, const char* status) {
+  const Json number = json.value(status, Json(nullptr));
+  CError error(json.value("exitStatus", static_cast<int>(EXIT_PLUGIN_ERROR)),
+               json.value(message, "rvxd tells no more"),
+               number.is_number() ? number.get<unsigned int>() : static_cast<unsigned int>(PI::OK));
+  error.m_Rule = json.value("rule", "");
+  error.m_Object = json.value("object", "");
+  return error;
+}
+
+/// A frame of the stream.
+struct SFrame {
+  std::string m_Event;
+  std::string m_Data;
+};
+
+/// Cuts whole frames off the beginning of what came.
+std::vector<SFrame> TakeFrames(std::string& text) {
+  std::vector<SFrame> frames;
+  for (std::size_t end = text.find("\n\n"); end != std::string::npos; end = text.find("\n\n")) {
+    SFrame frame;
+    for (std::size_t begin = 0; begin < end;) {
+      const std::size_t next = std::min(text.find('\n', begin), end);
+      const std::string line = text.substr(begin, next - begin);
+      if (line.starts_with("event: ")) frame.m_Event = line.substr(7);
+      if (line.starts_with("data: ")) frame.m_Data = line.substr(6);
+      begin = next + 1;
+    }
+    text.erase(0, end + 2);
+    frames.push_back(std::move(frame));
+  }
+  return frames;
+}
+
+}  // namespace
+
+std::unique_ptr<CRemote> CRemote::Find(const SOptions& options) {
+  if (!options.m_Socket.empty()) return std::make_unique<CRemote>(options.m_Socket);
+  if (options.m_Direct || options.m_Simulate || !options.m_Plugin.empty()) return nullptr;
+  for (const char* const socket : {CHANGING_SOCKET, READING_SOCKET})
+    if (Answers(socket)) return std::make_unique<CRemote>(socket);
+  return nullptr;
+}
+
+SAnswer CRemote::Ask(const std::string& method, const std::string& target, const std::string& body,
+                     const std::string& key) const {
+  try {
+    auto request = RequestFor(method, target);
+    if (!body.empty()) request.set(http::field::content_type, "application/json");
+    if (!key.empty()) request.set("Idempotency-Key", key);
+    request.body() = body;
+    request.prepare_payload();
+    const auto answer = CConversation(m_Socket, request).Answer();
+    return {answer.result_int(), answer.body(), std::string(answer[http::field::location])};
+  } catch (const boost::system::system_error& error) {
+    throw Away(m_Socket, error);
+  }
+}
+
+CError ErrorOf(const SAnswer& answer) {
+  const Json problem = Json::parse(answer.m_Body, nullptr, false);
+  if (problem.is_object() && problem.contains("detail")) return ErrorOf(problem, "detail", "code");
+  return {EXIT_PLUGIN_ERROR, "rvxd answered " + std::to_string(answer.m_Code) + ": " + answer.m_Body};
+}
+
+Json CRemote::Document(const std::string& method, const std::string& target, const Json& body) const {
+  const SAnswer answer = Ask(method, target, body.is_null() ? "" : body.dump());
+  if (answer.m_Code >= 300) throw ErrorOf(answer);
+  Json document = Json::parse(answer.m_Body, nullptr, false);
+  if (!document.is_object())
+    throw CError(EXIT_PLUGIN_ERROR, "rvxd's answer to " + target + " is no document");
+  return document;
+}
+
+SView CRemote::View(const SViewRequest& request, const SForm& form) {
+  std::string target = "/v1/views/" + Escaped(request.m_Name) + "?form=" + (form.m_Json ? "json" : "text") +
+                       "&width=" + std::to_string(form.m_Style.m_Width) +
+                       (form.m_Style.m_Color ? "&color=1" : "");
+  for (const auto& [word, value] : request.m_Words)
+    if (!value.empty()) target.append("&").append(word).append("=").append(Escaped(value));
+  const Json view = Document("GET", target);
+  return {view["schema"], view["data"], view["text"]};
+}
+
+SPlan CRemote::Plan(const SRequest& request, std::size_t width) {
+  if (request.m_Rules == ERules::PLUGIN_ALONE)
+    throw CError(EXIT_USAGE, "rvxd leaves no rule out: --plugin-alone needs --direct");
+  const Json plan = Document("POST", "/v1/plans?width=" + std::to_string(width), ToJson(request));
+  SPlan result{plan["document"], plan["text"], plan["questions"], std::nullopt, plan["plan"]};
+  if (!plan["error"].is_null()) result.m_Refusal = ErrorOf(plan["error"], "message", "status");
+  // What a rule forbids has no plan.
+  if (result.m_Refusal && result.m_Document.is_null()) throw CError(*result.m_Refusal);
+  return result;
+}
+
+SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {
+  HoldEndSignals();
+  const std::string id = plan.m_ID.empty() ? Plan(request, 0).m_ID : plan.m_ID;
+  const Json body = {{"plan", id}, {"confirm", true}};
+  const SAnswer begun = Ask("POST", "/v1/operations", body.dump(), NewKey());
+  if (begun.m_Code >= 300) throw ErrorOf(begun);
+  try {
+    while (true) {
+      const Json operation = Document("GET", begun.m_Location + WAIT_FOR_END);
+      const std::string state = operation["state"];
+      if (state == "queued" || state == "running") continue;
+      SOutcome outcome;
+      if (const Json& result = operation["result"]; !result.is_null()) {
+        outcome.m_Text = result["text"];
+        outcome.m_Data = result["data"];
+      }
+      if (!operation["error"].is_null()) outcome.m_Failure = ErrorOf(operation["error"], "detail", "code");
+      return outcome;
+    }
+  } catch (const CError& error) {
+    throw CError(error.m_ExitStatus, std::string(error.what()) +
+                                         "; what was asked for goes on in rvxd: 'rvxctl api GET " +
+                                         begun.m_Location + "' tells what came of it");
+  }
+}
+
+void CRemote::SetPollInterval(int seconds) {
+  auto request = RequestFor("PUT", "/v1/settings");
+  request.set(http::field::if_match, "*");
+  request.set(http::field::content_type, "application/json");
+  request.body() = Json{{"pollInterval", seconds}}.dump();
+  request.prepare_payload();
+  try {
+    const auto answer = CConversation(m_Socket, request).Answer();
+    if (answer.result_int() >= 300) throw ErrorOf({answer.result_int(), answer.body()});
+  } catch (const boost::system::system_error& error) {
+    throw Away(m_Socket, error);
+  }
+}
+
+void CRemote::Watch() {
+  HoldEndSignals();
+  m_Cursor = Document("GET", "/v1/events?limit=0&since=now")["cursor"];
+}
+
+Json CRemote::Events() {
+  const Json page = Document("GET", "/v1/events?limit=1000&since=" + m_Cursor);
+  m_Cursor = page["cursor"];
+  return page["events"];
+}
+
+void CRemote::Follow(const std::string& since, bool follow, const std::function<void(Json)>& tell) {
+  std::string cursor = since;
+  for (bool more = true, isFirst = true; more; isFirst = false) {
+    const Json page =
+        Document("GET", "/v1/events?limit=1000" + (cursor.empty() ? "" : "&since=" + Escaped(cursor)));
+    if (isFirst && !since.empty() && page["reset"] == true)
+      throw CError(EXIT_NO_OBJECT, "rvxd has no event \"" + since +
+                                       "\" any more, or never had it: leave out --since "
+                                       "to have all that it keeps");
+    for (const Json& event : page["events"]) tell(event);
+    cursor = page["cursor"];
+    more = page["more"];
+  }
+  if (!follow) return;
+  HoldEndSignals();
+  while (true) {
+    try {
+      auto request = RequestFor("GET", "/v1/events");
+      request.set(http::field::accept, "text/event-stream");
+      request.set("Last-Event-ID", cursor);
+      CConversation stream(m_Socket, request);
+      if (const auto& header = stream.Header(); header.result_int() >= 300)
+        throw ErrorOf({header.result_int(), stream.Part()});
+      std::string text;
+      for (std::string part = stream.Part(); !part.empty(); part = stream.Part()) {
+        text += part;
+        for (const SFrame& frame : TakeFrames(text)) {
+          if (frame.m_Event != "event" && frame.m_Event != "reset") continue;
+          Json data = Json::parse(frame.m_Data);
+          cursor = data[frame.m_Event == "event" ? "id" : "cursor"];
+          if (frame.m_Event == "event") tell(std::move(data));
+        }
+      }
+    } catch (const boost::system::system_error&) {  // it is away for a moment, or was started anew
+    }
+    Pause(AGAIN_INTERVAL);
+  }
+}
+
+}  // namespace Host
