@@ -19,14 +19,6 @@ std::string Members(const SArrayEntry& array) {
   return text;
 }
 
-/// How many members the level can do without.
-unsigned int ToleranceOf(const SArrayEntry& array) {
-  if (array.m_Level == "raid1") return array.m_Wanted - std::min(array.m_Wanted, 1U);
-  if (array.m_Level == "raid10") return array.m_Wanted / 2;
-  if (array.m_Level == "raid6") return 2;
-  return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
-}
-
 std::string RemovalByMdadm(const CInventory& inventory, const SArrayEntry& array, const SMember& member) {
   const std::string device = "/dev/" + member.m_Name;
   return "'mdadm --manage /dev/" + array.m_Name + " --remove " +
@@ -140,12 +132,6 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
   if (!worn.empty()) problem(EHealth::WARNING, "disk wearing out", Joined(worn), "replace it soon");
 }
 
-/// "array-degraded"
-std::string Hyphenated(std::string kind) {
-  std::ranges::replace(kind, ' ', '-');
-  return kind;
-}
-
 /// "2 arrays degraded": the plural goes behind the first word.
 std::string Counted(std::size_t count, const std::string& kind) {
   const std::size_t blank = kind.find(' ');
@@ -171,11 +157,23 @@ const char* WordOf(EHealth health) {
   return WORDS[static_cast<std::size_t>(health)];
 }
 
-SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits) {
+unsigned int ToleranceOf(const SArrayEntry& array) {
+  if (array.m_Level == "raid1") return array.m_Wanted - std::min(array.m_Wanted, 1U);
+  if (array.m_Level == "raid10") return array.m_Wanted / 2;
+  if (array.m_Level == "raid6") return 2;
+  return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
+}
+
+SHealth ArrayHealthOf(const CInventory& inventory) {
   SHealth health;
-  const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
   for (const SArrayEntry& array : inventory.Arrays()) LookAtArray(inventory, array, health);
   LookForInactive(inventory, health);
+  return health;
+}
+
+SHealth HealthOf(const CInventory& inventory, SHealth arrays, const SSmartLimits& limits) {
+  SHealth health = std::move(arrays);
+  const auto disks = inventory.Topology().OfKind(PI::OBJ_PHYSICAL_DRIVE);
   for (const PI::CObject* const disk : disks) LookAtDisk(inventory, *disk, limits, health);
   std::ranges::stable_sort(health.m_Problems, std::ranges::greater{}, &SProblem::m_Health);
   health.m_Headline = HeadlineOf(health.m_Problems);
@@ -187,6 +185,12 @@ SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits) {
   return health;
 }
 
+std::string SProblem::Word() const {
+  std::string word = m_Kind;
+  std::ranges::replace(word, ' ', '-');
+  return word;
+}
+
 bool SHealth::Concerns(const PI::CObject& object) const {
   return std::ranges::find(m_Problems, NameOf(object), &SProblem::m_Object) != m_Problems.end();
 }
@@ -195,7 +199,7 @@ Json SHealth::ToJson() const {
   Json problems = Json::array();
   for (const SProblem& problem : m_Problems)
     problems.push_back({{"health", WordOf(problem.m_Health)},
-                        {"kind", Hyphenated(problem.m_Kind)},
+                        {"kind", problem.Word()},
                         {"object", problem.m_Object},
                         {"text", problem.m_Text},
                         {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)}});

@@ -22,6 +22,9 @@ struct SProblem {
   std::string m_Object;  ///< "md_d0"
   std::string m_Text;    ///< "1 of 2 members works; sdb has failed"
   std::string m_Next;    ///< what to do; empty: nothing
+
+  /// The kind as programs have it: "array-degraded".
+  std::string Word() const;
 };
 
 /// What SMART warnings begin at.
@@ -42,7 +45,13 @@ struct SHealth {
   Json ToJson() const;
 };
 
-SHealth HealthOf(const CInventory& inventory, const SSmartLimits& limits = {});
+/// How many members the array's level can do without.
+unsigned int ToleranceOf(const SArrayEntry& array);
+
+/// Of the arrays alone. What to do next depends on what md answers: this asks the machine.
+SHealth ArrayHealthOf(const CInventory& inventory);
+/// The same with the disks, and the headline of it all.
+SHealth HealthOf(const CInventory& inventory, SHealth arrays, const SSmartLimits& limits = {});
 
 /// How many arrays and disks there are, and how many are how: "arrays", "disks_failed".
 using Figures = std::vector<std::pair<const char*, long>>;

@@ -191,7 +191,14 @@ const PI::CObject& CInventory::FindForChange(const std::string& address, PI::_OB
   return object;
 }
 
+void CInventory::Remember() {
+  for (const PI::CObject& object : m_Topology.Objects())
+    if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE || object.m_Kind == PI::OBJ_LOGICAL_DRIVE)
+      m_Facts[object.m_ID] = FactsOf(object);
+}
+
 SDeviceFacts CInventory::FactsOf(const PI::CObject& object) const {
+  if (const auto known = m_Facts.find(object.m_ID); known != m_Facts.end()) return known->second;
   return m_Machine.Facts(TextOf(object, PI::PROP_DEVICE_PATH));
 }
 

@@ -3,6 +3,7 @@
 /// Disks and arrays as people and programs are told of them: the plug-in's answers, beside them what md, udev
 /// and the kernel say.
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -69,13 +70,16 @@ class CInventory {
   /// The same of an object that is to be changed: an identifier, which another run gives to another object,
   /// is refused.
   const PI::CObject& FindForChange(const std::string& address, PI::_OBJECT_KIND kind) const;
-  /// What kernel and udev know of a disk or array: read now.
+  /// What kernel and udev know of a disk or array: read now, unless it was remembered.
   SDeviceFacts FactsOf(const PI::CObject& object) const;
+  /// Reads the facts of all disks and arrays, so that this is a picture of one moment.
+  void Remember();
 
  private:
   const CTopology& m_Topology;
   const CMachine& m_Machine;
   std::vector<SArrayEntry> m_Arrays;
+  std::map<unsigned long, SDeviceFacts> m_Facts;  ///< by identifier
 };
 
 /// Throws CError(EXIT_USAGE) when the address is the object's identifier, which another run gives to another

@@ -56,7 +56,12 @@ std::optional<SMdRun> ParseRun(const std::string& line) {
     const std::string value = line.substr(equals + 1);
     if (!value.empty() && std::isupper(static_cast<unsigned char>(value[0])) != 0)
       return SMdRun{action, value.substr(0, value.find_first_of(" \t"))};
-    return SMdRun{action, {}, std::strtod(value.c_str(), nullptr)};
+    SMdRun run{action, {}, std::strtod(value.c_str(), nullptr)};
+    if (const std::size_t finish = line.find("finish="); finish != std::string::npos)
+      run.m_Minutes = std::strtod(line.c_str() + finish + 7, nullptr);
+    if (const std::size_t speed = line.find("speed="); speed != std::string::npos)
+      run.m_KiBPerSecond = std::strtoul(line.c_str() + speed + 6, nullptr, 10);
+    return run;
   }
   return std::nullopt;
 }

@@ -21,6 +21,8 @@ struct SMdRun {
   std::string m_Action;               ///< "resync"
   std::string m_Waiting;              ///< "PENDING", "DELAYED", "REMOTE"; empty while it runs
   std::optional<double> m_Percent{};  ///< none while it waits
+  std::optional<double> m_Minutes{};  ///< that md reckons with until the end
+  std::optional<unsigned long> m_KiBPerSecond{};
 };
 
 struct SMdArray {

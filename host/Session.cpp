@@ -177,11 +177,7 @@ std::vector<PI::CProperty> CSession::Properties(unsigned long id) {
 PI::CProperty CSession::Property(unsigned long id, PI::_PROPERTY_ID property) {
   PI::CProperty result(property);
   const unsigned int status = Execute(PI::CMD_GET_PROPERTY, id, &result);
-  if (status == PI::ERR_GENERAL)
-    throw CError(EXIT_NO_OBJECT,
-                 "the object has no property " + std::to_string(property) +
-                     "; 'rvxctl prop get OBJECT' lists those it has",
-                 status);
+  if (status == PI::ERR_GENERAL) throw NoProperty(property);
   Require(status, "property");
   return result;
 }
@@ -211,6 +207,13 @@ unsigned int CSession::Set(unsigned long id, PI::CProperty& property) {
   std::optional<CSettingsFolder> folder;
   if (!m_HasSettings) folder.emplace();
   return Execute(PI::CMD_SET_PROPERTY, id, &property);
+}
+
+CError NoProperty(unsigned int property) {
+  return {EXIT_NO_OBJECT,
+          "the object has no property " + std::to_string(property) +
+              "; 'rvxctl prop get OBJECT' lists those it has",
+          PI::ERR_GENERAL};
 }
 
 void SetPollInterval(CSession& session, int seconds) {

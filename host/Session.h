@@ -8,6 +8,7 @@
 
 #include "PI/Object.h"
 #include "PI/PluginApi.h"
+#include "host/Error.h"
 #include "host/Options.h"
 #include "system/OperatingSystem.h"
 
@@ -67,6 +68,9 @@ class CSession : public INotificationTarget {
   unsigned long m_PluginID{0};
   bool m_Started{false};
 };
+
+/// An object has no such property.
+CError NoProperty(unsigned int property);
 
 /// Sets the seconds between two looks of the plug-in at the machine, which lasts over its restart. Throws
 /// CError: EXIT_USAGE outside the plug-in's limits.

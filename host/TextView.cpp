@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "host/Health.h"
 #include "host/Printable.h"
 #include "host/Texts.h"
 #include "host/Values.h"
@@ -122,10 +121,10 @@ std::string HealthText(const SStyle& style, const CInventory& inventory, const S
   return text + (rows.empty() ? "" : Table({}, rows, style.m_Width));
 }
 
-std::string StatusText(const SStyle& style, const CInventory& inventory, EOrder order) {
+std::string StatusText(const SStyle& style, const CInventory& inventory, const SHealth& health,
+                       EOrder order) {
   const Objects arrays = Listed(inventory, PI::OBJ_LOGICAL_DRIVE);
   const Objects disks = Listed(inventory, PI::OBJ_PHYSICAL_DRIVE);
-  const SHealth health = HealthOf(inventory);
   std::string text = HealthText(style, inventory, health);
   const auto tables = [&](const Objects& someArrays, const Objects& someDisks) {
     for (const std::string& table :

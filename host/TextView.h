@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "host/Health.h"
 #include "host/JsonView.h"
 #include "host/ListView.h"
 #include "host/Table.h"
@@ -19,7 +20,7 @@ std::string ArrayTable(const SStyle& style, const CInventory& inventory, const O
 enum class EOrder { BY_NAME, PROBLEMS_FIRST, ONLY_PROBLEMS };
 /// How the machine is and what to do next, then arrays and disks: what needs somebody's hand before all
 /// others, or alone, if that is wanted.
-std::string StatusText(const SStyle& style, const CInventory& inventory, EOrder order);
+std::string StatusText(const SStyle& style, const CInventory& inventory, const SHealth& health, EOrder order);
 /// The properties of an object that are meant to be shown, a line each, then what kernel and udev know of it.
 std::string ObjectText(const SStyle& style, const CInventory& inventory, const PI::CObject& object,
                        const std::string& indent);

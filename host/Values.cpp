@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/format.hpp>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -164,6 +165,13 @@ std::string TimeText(unsigned long milliseconds) {
   char text[32] = "";
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
   return (boost::format("%s.%03dZ") % text % (milliseconds % 1000)).str();
+}
+
+std::uint64_t NowMilliseconds() {
+  using std::chrono::duration_cast;
+  using std::chrono::milliseconds;
+  return static_cast<std::uint64_t>(
+      duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
 }  // namespace Host

@@ -43,5 +43,7 @@ std::string SizeOfKiB(std::uint64_t kibibytes);
 std::string Joined(const std::vector<std::string>& texts, const char* separator = ", ");
 /// RFC 3339 with milliseconds, UTC.
 std::string TimeText(unsigned long milliseconds);
+/// Since 1970, as TimeText takes them.
+std::uint64_t NowMilliseconds();
 
 }  // namespace Host

@@ -38,14 +38,18 @@ std::string TitleOf(const PI::CObject& object, const PI::COperation& operation) 
   return question->substr(0, question->find('?'));
 }
 
-/// What is refused here although the plug-in would let it begin; empty: nothing.
-std::string RuleAgainst(const CInventory& inventory, const PI::CObject& object, unsigned int operation) {
-  return Rules::WhyNot([&] {
+/// What is refused here although the plug-in would let it begin.
+void AskRules(const CInventory& inventory, const PI::CObject& object, SOffer& offer) {
+  const unsigned int operation = offer.m_Operation.m_Code;
+  try {
     if (operation == PI::OP_DELETE_LOGICAL_DRIVE) Rules::RequireDeletable(inventory, object, false);
     if (operation == PI::OP_DELETE_DEDICATED_HOTSPARE) Rules::RequireRelease(inventory, object);
     if (operation == PI::OP_START_REBUILD || operation == PI::OP_CANCEL_REBUILD)
       Rules::RequireRebuild(inventory, object, operation == PI::OP_START_REBUILD);
-  });
+  } catch (const CError& error) {
+    offer.m_Why = error.what();
+    offer.m_Rule = error.m_Rule;
+  }
 }
 
 /// "RAID OK - all in order"
@@ -78,8 +82,8 @@ SView TopologyView(const CInventory& inventory, const SForm& form) {
   return Made(form, "topology", data, text);
 }
 
-SView StatusView(const CInventory& inventory, const SStatusView& wanted, const SForm& form) {
-  const SHealth health = HealthOf(inventory);
+SView StatusView(const CInventory& inventory, const SHealth& health, const SStatusView& wanted,
+                 const SForm& form) {
   const auto data = [&] {
     Json all = health.ToJson();
     all.update(StatusJson(inventory, [&](const PI::CObject& object) {
@@ -90,8 +94,9 @@ SView StatusView(const CInventory& inventory, const SStatusView& wanted, const S
   const EOrder order = wanted.m_OnlyProblems ? EOrder::ONLY_PROBLEMS
                        : wanted.m_IsScreen   ? EOrder::PROBLEMS_FIRST
                                              : EOrder::BY_NAME;
-  return Made(form, "status", data,
-              [&] { return WithHeadline(StatusText(form.m_Style, inventory, order), health, wanted); });
+  return Made(form, "status", data, [&] {
+    return WithHeadline(StatusText(form.m_Style, inventory, health, order), health, wanted);
+  });
 }
 
 SView ListView(const CInventory& inventory, const SListView& wanted, const SForm& form) {
@@ -127,9 +132,10 @@ std::vector<SOffer> OffersOf(const CInventory& inventory, const PI::CObject& obj
   for (const PI::COperation& operation : object.m_Operations) {
     SOffer& offer = offers.emplace_back(SOffer{operation});
     offer.m_Status = check(object, offer.m_Operation);
-    offer.m_Why = offer.m_Status == PI::OK
-                      ? RuleAgainst(inventory, object, operation.m_Code)
-                      : RefusalText(inventory.Topology(), object, operation.m_Code, offer.m_Status);
+    if (offer.m_Status == PI::OK)
+      AskRules(inventory, object, offer);
+    else
+      offer.m_Why = RefusalText(inventory.Topology(), object, operation.m_Code, offer.m_Status);
   }
   return offers;
 }
@@ -269,6 +275,9 @@ SView ViewOf(const CInventory& inventory, const SQuestions& questions, const SVi
     return inventory.Find(request["address"],
                           static_cast<PI::_OBJECT_KIND>(request.Number("kind", PI::OBJ_NONE)));
   };
+  const auto health = [&](const SSmartLimits& limits) {
+    return HealthOf(inventory, questions.m_ArrayHealth(), limits);
+  };
   const auto list = [&](PI::_OBJECT_KIND kind) {
     return ListView(inventory,
                     {kind,
@@ -279,8 +288,8 @@ SView ViewOf(const CInventory& inventory, const SQuestions& questions, const SVi
   const std::pair<const char*, std::function<SView()>> views[] = {
       {"status",
        [&] {
-         return StatusView(inventory, {isSaid("only-problems"), isSaid("screen"), request.Number("rows", 0)},
-                           form);
+         return StatusView(inventory, health({}),
+                           {isSaid("only-problems"), isSaid("screen"), request.Number("rows", 0)}, form);
        }},
       {"disks", [&] { return list(PI::OBJ_PHYSICAL_DRIVE); }},
       {"arrays", [&] { return list(PI::OBJ_LOGICAL_DRIVE); }},
@@ -300,7 +309,7 @@ SView ViewOf(const CInventory& inventory, const SQuestions& questions, const SVi
          SSmartLimits limits;
          limits.m_Wear =
              static_cast<long>(request.Number("warn-smart", static_cast<unsigned long>(limits.m_Wear)));
-         return CheckView(inventory, HealthOf(inventory, limits));
+         return CheckView(inventory, health(limits));
        }},
       {"run", [&] { return RunView(inventory, request["address"]); }},
   };

@@ -35,7 +35,8 @@ struct SStatusView {
   bool m_IsScreen{false};  ///< what needs somebody's hand comes first
   std::size_t m_Rows{0};   ///< of the terminal, which what is more rolls off; 0: no limit
 };
-SView StatusView(const CInventory& inventory, const SStatusView& wanted, const SForm& form);
+SView StatusView(const CInventory& inventory, const SHealth& health, const SStatusView& wanted,
+                 const SForm& form);
 
 struct SListView {
   PI::_OBJECT_KIND m_Kind;
@@ -52,7 +53,8 @@ SView ObjectView(const CInventory& inventory, const PI::CObject& object, const S
 struct SOffer {
   PI::COperation m_Operation;  ///< as the check left it
   unsigned int m_Status{PI::OK};
-  std::string m_Why{};  ///< empty: allowed
+  std::string m_Why{};   ///< empty: allowed
+  std::string m_Rule{};  ///< of a host, that forbids it; empty: the plug-in does
 };
 /// The plug-in's check of an operation.
 using Checker = std::function<unsigned int(const PI::CObject&, PI::COperation&)>;
@@ -83,8 +85,9 @@ struct SViewRequest {
   unsigned long Number(const std::string& word, unsigned long otherwise) const;
 };
 
-/// What some views ask the plug-in beside the topology.
+/// What some views ask the machine or the plug-in, beside the inventory.
 struct SQuestions {
+  std::function<SHealth()> m_ArrayHealth;
   std::function<std::vector<SOffer>(const PI::CObject&)> m_Offers;
   /// All of an object's, or the one of that number. Throws CError when it has none.
   std::function<std::vector<PI::CProperty>(const PI::CObject&, unsigned int)> m_Properties;

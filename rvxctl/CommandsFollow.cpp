@@ -96,7 +96,7 @@ void AddFollowing(CGroup& all) {
   const auto [events, wanted] = all.Leaf<SEvents>("events", "what happened, an event a line", ShowEvents);
   events->add_flag("--follow", wanted.m_Follow, "until interrupted");
   events->add_flag("--json-lines", wanted.m_Lines, "a JSON object a line");
-  events->add_option("--since", wanted.m_Since, "those behind the one with this id, which rvxd has kept")
+  events->add_option("--since", wanted.m_Since, "those behind this one, as rvxd has kept them")
       ->type_name("ID");
   const auto [watch, array] =
       all.At("array").Leaf<std::string>("watch", "follows a rebuild or resync to its end", WatchArray);

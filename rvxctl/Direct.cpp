@@ -31,6 +31,7 @@ SView CDirect::View(const SViewRequest& request, const SForm& form) {
     return m_Session.Check(object.m_ID, operation);
   };
   const SQuestions questions{
+      [&] { return ArrayHealthOf(inventory); },
       [&](const PI::CObject& object) { return OffersOf(inventory, object, check); },
       [&](const PI::CObject& object, unsigned int id) {
         if (id == PI::PROP_ALL) return m_Session.Properties(object.m_ID);

@@ -214,11 +214,11 @@ SPlan CRemote::Plan(const SRequest& request, std::size_t width) {
   if (request.m_Rules == ERules::PLUGIN_ALONE)
     throw CError(EXIT_USAGE, "rvxd leaves no rule out: --plugin-alone needs --direct");
   const Json plan = Document("POST", "/v1/plans?width=" + std::to_string(width), ToJson(request));
-  SPlan result{plan["document"], plan["text"], plan["questions"], std::nullopt, plan["plan"]};
-  if (!plan["error"].is_null()) result.m_Refusal = ErrorOf(plan["error"], "message", "status");
+  std::optional<CError> refusal;
+  if (!plan["error"].is_null()) refusal = ErrorOf(plan["error"], "message", "status");
   // What a rule forbids has no plan.
-  if (result.m_Refusal && result.m_Document.is_null()) throw CError(*result.m_Refusal);
-  return result;
+  if (refusal && plan["plan"].is_null()) throw CError(*refusal);
+  return {plan["document"], plan["text"], plan["questions"], refusal, plan["plan"]};
 }
 
 SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {

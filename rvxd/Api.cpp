@@ -1,0 +1,410 @@
+#include "rvxd/Api.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "PI/Numbers.h"
+#include "host/Values.h"
+#include "rvxd/Log.h"
+
+namespace Rvxd {
+
+namespace {
+
+constexpr unsigned long PAGE_LIMIT = 1000;
+constexpr unsigned long PAGE = 100;
+constexpr unsigned long WAIT_LIMIT = 60;  ///< seconds
+/// How long the answer to a new operation waits for its second look, so that it says at once when that fails.
+constexpr std::chrono::seconds BEGIN_LIMIT{2};
+constexpr unsigned int SILENCE = 15;  ///< seconds more than what is waited for
+constexpr std::size_t DEPTH_LIMIT = 16;
+
+Text Whole(const Json& json) {
+  return std::make_shared<const std::string>(json.dump(-1, ' ', false, Json::error_handler_t::replace) +
+                                             "\n");
+}
+
+SHttpAnswer Answered(const Json& json, unsigned int code = 200) { return {code, Whole(json)}; }
+
+SHttpAnswer AnswerOf(const CProblem& problem) {
+  SHttpAnswer answer{problem.m_Code, Whole(problem.ToJson()), "application/problem+json"};
+  if (problem.m_Code == 503 || problem.m_Code == 429) answer.m_Headers.emplace_back("Retry-After", "1");
+  return answer;
+}
+
+/// Whether a header with tags ("*", or several with commas between) names this one.
+bool Names(const std::string& tags, const std::string& tag) {
+  return tags == "*" || tags.find(tag) != std::string::npos;
+}
+
+/// The document with its tag; nothing where the client has that already.
+SHttpAnswer Tagged(const SHttpRequest& request, const std::string& tag, const std::function<Text()>& body) {
+  SHttpAnswer answer;
+  answer.m_Headers.emplace_back("ETag", tag);
+  if (Names(request.Header("if-none-match"), tag)) {
+    answer.m_Code = 304;
+    return answer;
+  }
+  answer.m_Body = body();
+  return answer;
+}
+
+Json BodyOf(const SHttpRequest& request) {
+  std::size_t depth = 0;
+  const auto tooDeep = [&](int level, Json::parse_event_t, Json&) {
+    depth = std::max(depth, static_cast<std::size_t>(level));
+    if (depth > DEPTH_LIMIT) throw CProblem(400, "usage", "the body is nested too deeply");
+    return true;
+  };
+  Json body = Json::parse(request.m_Body, tooDeep, false);
+  if (!body.is_object()) throw CProblem(400, "usage", "the body is no JSON object");
+  return body;
+}
+
+/// Whether the path is the pattern's; "*" is one part, which is captured.
+bool Matches(const std::string& pattern, const std::string& path, std::string& captured) {
+  const std::size_t star = pattern.find('*');
+  if (star == std::string::npos) return pattern == path;
+  const std::string tail = pattern.substr(star + 1);
+  if (path.size() <= star + tail.size() || !path.starts_with(pattern.substr(0, star)) ||
+      !path.ends_with(tail))
+    return false;
+  captured = path.substr(star, path.size() - star - tail.size());
+  return captured.find('/') == std::string::npos;
+}
+
+}  // namespace
+
+const std::string& SHttpRequest::Query(const std::string& name) const {
+  static const std::string none;
+  const auto found = m_Query.find(name);
+  return found == m_Query.end() ? none : found->second;
+}
+const std::string& SHttpRequest::Header(const std::string& name) const {
+  static const std::string none;
+  const auto found = m_Headers.find(name);
+  return found == m_Headers.end() ? none : found->second;
+}
+
+unsigned long NumberIn(const SHttpRequest& request, const std::string& name, unsigned long otherwise,
+                       unsigned long most) {
+  const std::string& text = request.Query(name);
+  if (text.empty()) return otherwise;
+  unsigned long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number > most)
+    throw CProblem(422, "usage", "\"" + name + "\" is a number from 0 to " + std::to_string(most));
+  return number;
+}
+
+SEventFilter FilterIn(const SHttpRequest& request) {
+  const std::string& severity = request.Query("severity");
+  SEventFilter filter{0, request.Query("object")};
+  if (severity == "warning") filter.m_Severity = PI::SEV_WARNING;
+  if (severity == "error") filter.m_Severity = PI::SEV_ERROR;
+  if (filter.m_Severity == 0 && !severity.empty() && severity != "information")
+    throw CProblem(422, "usage", "\"severity\" is information, warning or error");
+  return filter;
+}
+
+const CApi::SRoute CApi::ROUTES[] = {
+    {"GET", "/", &CApi::Root},
+    {"GET", "/v1/state", &CApi::State},
+    {"GET", "/v1/health", &CApi::Health},
+    {"GET", "/v1/arrays", &CApi::Arrays},
+    {"GET", "/v1/arrays/*", &CApi::Array},
+    {"GET", "/v1/disks", &CApi::Disks},
+    {"GET", "/v1/disks/*", &CApi::Disk},
+    {"GET", "/v1/controllers", &CApi::Controllers},
+    {"GET", "/v1/levels", &CApi::Levels},
+    {"GET", "/v1/views/*", &CApi::View},
+    {"GET", "/v1/events", &CApi::Events},
+    {"GET", "/v1/conditions", &CApi::Conditions},
+    {"POST", "/v1/conditions/*/acknowledge", &CApi::Acknowledge},
+    {"POST", "/v1/plans", &CApi::Plan},
+    {"GET", "/v1/operations", &CApi::Operations},
+    {"POST", "/v1/operations", &CApi::Begin},
+    {"GET", "/v1/operations/*", &CApi::Operation},
+    {"DELETE", "/v1/operations/*", &CApi::Withdraw},
+    {"GET", "/v1/settings", &CApi::Settings},
+    {"PUT", "/v1/settings", &CApi::SetSettings},
+};
+
+SHttpAnswer CApi::Answer(const SHttpRequest& request) const {
+  try {
+    return Route(request);
+  } catch (const CProblem& problem) {
+    return AnswerOf(problem);
+  } catch (const Host::CError& error) {
+    return AnswerOf(CProblem(error));
+  } catch (const std::exception& error) {
+    Log(3, request.m_Method + " " + request.m_Path + " failed: " + error.what());
+    return AnswerOf(CProblem(500, "internal", "rvxd failed at this request; its log tells more"));
+  }
+}
+
+SHttpAnswer CApi::Route(const SHttpRequest& request) const {
+  std::string allowed;
+  for (const SRoute& route : ROUTES) {
+    Captured captured;
+    if (!Matches(route.m_Path, request.m_Path, captured)) continue;
+    if (request.m_Method != route.m_Method) {
+      allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
+      continue;
+    }
+    if (request.m_IsReadOnly && request.m_Method != "GET")
+      throw CProblem(403, "read-only",
+                     "this socket is for reading: changes go by rvxd.sock, which the group rvx may use");
+    return (this->*route.m_Handler)(request, captured);
+  }
+  if (allowed.empty()) throw CProblem(404, "not-found", "there is no resource " + request.m_Path);
+  SHttpAnswer answer =
+      AnswerOf(CProblem(405, "method-not-allowed", request.m_Path + " takes " + allowed + " alone"));
+  answer.m_Headers.emplace_back("Allow", allowed);
+  return answer;
+}
+
+std::shared_ptr<const CSnapshot> CApi::Snapshot() const {
+  const auto snapshot = m_Keeper.Now();
+  if (snapshot == nullptr) throw CProblem(503, "starting", "the plug-in has not looked at the machine yet");
+  return snapshot;
+}
+
+SHttpAnswer CApi::Root(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = m_Keeper.Now();
+  const std::string version =
+      snapshot == nullptr ? "" : Host::TextOf(snapshot->Topology().Plugin(), PI::PROP_VERSION);
+  return Answered(
+      {{"versions", {"v1"}},
+       {"extensions", Json::array()},
+       {"daemon", {{"name", "rvxd"}, {"version", RVX_VERSION}}},
+       {"plugin",
+        {{"version", version.empty() ? Json(nullptr) : Json(version)}, {"simulated", m_IsSimulated}}},
+       {"epoch", m_Feed.Epoch()},
+       {"readOnly", request.m_IsReadOnly}});
+}
+
+SHttpAnswer CApi::State(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] { return snapshot->State(); });
+}
+
+SHttpAnswer CApi::Health(const SHttpRequest&, const Captured&) const {
+  const auto snapshot = Snapshot();
+  Json health = HealthNow(*snapshot, m_Keeper.Pass(), Host::NowMilliseconds());
+  health["conditions"] = m_Conditions.All();
+  return Answered(health);
+}
+
+SHttpAnswer CApi::Arrays(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] {
+    return Whole({{"revision", snapshot->Revision()}, {"arrays", snapshot->Arrays()}});
+  });
+}
+
+SHttpAnswer CApi::Array(const SHttpRequest& request, const Captured& id) const {
+  const auto snapshot = Snapshot();
+  const Json* const array = snapshot->FindArray(id);
+  if (array == nullptr) throw CProblem(404, "not-found", "there is no array \"" + id + "\"");
+  return Tagged(request, snapshot->Tag(), [&] { return Whole(*array); });
+}
+
+SHttpAnswer CApi::Disks(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] {
+    return Whole({{"revision", snapshot->Revision()}, {"disks", snapshot->Disks()}});
+  });
+}
+
+SHttpAnswer CApi::Disk(const SHttpRequest& request, const Captured& id) const {
+  const auto snapshot = Snapshot();
+  const Json* const disk = snapshot->FindDisk(id);
+  if (disk == nullptr) throw CProblem(404, "not-found", "there is no disk \"" + id + "\"");
+  return Tagged(request, snapshot->Tag(), [&] { return Whole(*disk); });
+}
+
+SHttpAnswer CApi::Controllers(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] {
+    return Whole({{"revision", snapshot->Revision()}, {"controllers", snapshot->Controllers()}});
+  });
+}
+
+SHttpAnswer CApi::Levels(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] {
+    return Whole({{"revision", snapshot->Revision()}, {"levels", snapshot->Levels()}});
+  });
+}
+
+SHttpAnswer CApi::View(const SHttpRequest& request, const Captured& name) const {
+  const auto snapshot = Snapshot();
+  Host::SForm form{request.Query("form") == "json"};
+  form.m_Style.m_Width = NumberIn(request, "width", 0, 65535);
+  form.m_Style.m_Color = request.Query("color") == "1";
+  const Host::SView view = snapshot->View({name, request.m_Query}, form);
+  if (request.Header("accept") == "text/plain")
+    return {200,
+            std::make_shared<const std::string>(form.m_Json ? Host::Envelope(view.m_Schema, view.m_Data)
+                                                            : view.m_Text),
+            "text/plain; charset=utf-8"};
+  return Answered({{"schema", view.m_Schema}, {"data", view.m_Data}, {"text", view.m_Text}});
+}
+
+SHttpAnswer CApi::Events(const SHttpRequest& request, const Captured&) const {
+  const SEventFilter filter = FilterIn(request);
+  const std::string& last = request.Header("last-event-id");
+  const std::string& since = last.empty() ? request.Query("since") : last;
+  if (request.Header("accept").find("text/event-stream") != std::string::npos) {
+    SHttpAnswer answer;
+    answer.m_Type = "text/event-stream";
+    answer.m_Headers.emplace_back("Cache-Control", "no-store");
+    // The first beat takes the headers along.
+    answer.m_Stream = [&feed = m_Feed, filter, isFirst = true, cursor = m_Feed.CursorAt(since)]() mutable {
+      if (std::exchange(isFirst, false)) return std::string(": beat\n\n");
+      const SNews news = feed.Next(cursor, filter);
+      return news.m_Ended ? std::string() : news.m_Frames;
+    };
+    return answer;
+  }
+  const SEventPage page = m_Feed.Page(since, NumberIn(request, "limit", PAGE, PAGE_LIMIT), filter);
+  std::string body = "{\"events\":[";
+  for (const Text& event : page.m_Events) body += (body.back() == '[' ? "" : ",") + *event;
+  body += "],\"cursor\":\"" + page.m_Cursor + "\",\"more\":" + (page.m_More ? "true" : "false") +
+          ",\"reset\":" + (page.m_Reset ? "true" : "false") + "}\n";
+  return {200, std::make_shared<const std::string>(std::move(body))};
+}
+
+SHttpAnswer CApi::Conditions(const SHttpRequest&, const Captured&) const {
+  return Answered({{"conditions", m_Conditions.All()}});
+}
+
+SHttpAnswer CApi::Acknowledge(const SHttpRequest& request, const Captured& id) const {
+  return Answered(m_Conditions.Acknowledge(id, request.m_Peer));
+}
+
+SHttpAnswer CApi::Plan(const SHttpRequest& request, const Captured&) const {
+  const auto snapshot = Snapshot();
+  const Host::SRequest wanted = Host::RequestOf(BodyOf(request));
+  const std::size_t width = NumberIn(request, "width", 0, 65535);
+  Json answer = {{"plan", nullptr},
+                 {"kind", Host::WordOf(wanted.m_Kind)},
+                 {"revision", snapshot->Revision()},
+                 {"allowed", false},
+                 {"expires", nullptr},
+                 {"title", nullptr},
+                 {"consequences", Json::array()},
+                 {"disks", Json::array()},
+                 {"reasons", Json::array()},
+                 {"questions", Json::array()},
+                 {"text", ""},
+                 {"document", nullptr},
+                 {"error", nullptr}};
+  std::optional<Host::CError> error;
+  if (request.m_Extend) request.m_Extend(120);
+  m_Keeper.Do([&](Host::CSession& session, const Host::CMachine& machine) {
+    try {
+      const Host::SLook look(session, machine,
+                             [&](const Host::CInventory& now) { return Host::ChangeOf(now, wanted); });
+      const Host::SPlan plan = look.Plan(width);
+      error = plan.m_Refusal;
+      answer["title"] = look.m_Change.m_What;
+      for (const std::string& text : {look.m_Change.m_Loss, look.m_Warning})
+        if (!text.empty()) answer["consequences"].push_back(text);
+      answer["questions"] = plan.m_Questions;
+      answer["text"] = plan.m_Text;
+      answer["document"] = plan.m_Document;
+      for (const Host::SDiskPlan& disk : look.m_Change.m_Disks) {
+        const Json* const known = snapshot->FindDisk(disk.m_Name);
+        answer["disks"].push_back(
+            {{"id", known == nullptr ? Json(disk.m_Name) : (*known)["id"]},
+             {"device", "/dev/" + disk.m_Name},
+             {"serial", disk.m_Facts.m_Serial.empty() ? Json(nullptr) : Json(disk.m_Facts.m_Serial)},
+             {"size", disk.m_Facts.m_Bytes ? Json(*disk.m_Facts.m_Bytes) : Json(nullptr)},
+             {"contents", disk.m_Contents.m_All},
+             {"state", known == nullptr ? Json(nullptr) : (*known)["state"]}});
+      }
+      std::tie(answer["plan"], answer["expires"]) =
+          m_Operations.AddPlan(wanted, look.m_Change.m_What, look.m_Token);
+    } catch (const Host::CError& forbidden) {
+      // What is forbidden now is an answer; what is wrong is none.
+      if (forbidden.m_ExitStatus != Host::EXIT_NOT_ALLOWED) throw;
+      error.emplace(forbidden);
+    }
+  });
+  answer["allowed"] = !error;
+  if (!error) return Answered(answer);
+  answer["error"] = Host::ErrorJson(*error);
+  answer["reasons"] = ReasonsOf(*error);
+  if (answer["reasons"].empty())
+    answer["reasons"].push_back(
+        {{"rule", "plugin-check"}, {"object", ""}, {"text", error->what()}, {"overridable", false}});
+  return Answered(answer);
+}
+
+SHttpAnswer CApi::Begin(const SHttpRequest& request, const Captured&) const {
+  Snapshot();
+  const Json body = BodyOf(request);
+  if (body.value("confirm", Json()) != true)
+    throw CProblem(422, "usage", "\"confirm\": true is missing: what is lost by the plan is lost");
+  if (!body.value("plan", Json()).is_string()) throw CProblem(422, "usage", "\"plan\" is missing");
+  const std::string id = m_Operations.Begin(body["plan"], request.Header("idempotency-key"), request.m_Peer);
+  const Json operation = m_Operations.AwaitBegin(id, BEGIN_LIMIT);
+  // Refused by the second look: nothing was done, and that is this request's answer.
+  if (operation["state"] == "failed" && operation["started"].is_null() && !operation["error"].is_null())
+    return {operation["error"].value("status", 412U), Whole(operation["error"]), "application/problem+json"};
+  SHttpAnswer answer = Answered(operation, 202);
+  answer.m_Headers.emplace_back("Location", "/v1/operations/" + id);
+  return answer;
+}
+
+SHttpAnswer CApi::Operations(const SHttpRequest&, const Captured&) const {
+  return Answered({{"operations", m_Operations.All()}});
+}
+
+SHttpAnswer CApi::Operation(const SHttpRequest& request, const Captured& id) const {
+  const unsigned long wait = NumberIn(request, "wait", 0, WAIT_LIMIT);
+  if (wait == 0) return Answered(m_Operations.One(id));
+  if (request.m_Extend) request.m_Extend(static_cast<unsigned int>(wait) + SILENCE);
+  return Answered(m_Operations.AwaitEnd(id, std::chrono::seconds(wait)));
+}
+
+SHttpAnswer CApi::Withdraw(const SHttpRequest&, const Captured& id) const {
+  m_Operations.Withdraw(id);
+  return {204};
+}
+
+Json CApi::SettingsJson() const {
+  const PI::CObject& plugin = Snapshot()->Topology().Plugin();
+  const PI::CProperty* const interval = Host::FindProperty(plugin, PI::PROP_POLL_INTERVAL);
+  const auto* const range = interval == nullptr ? nullptr : std::get_if<PI::SRange>(&interval->m_Value);
+  if (range == nullptr) throw CProblem(500, "plugin-error", "the plug-in tells no poll interval");
+  return {{"pollInterval", range->m_Value},
+          {"limits", {{"pollInterval", {{"least", range->m_Minimum}, {"most", range->m_Maximum}}}}}};
+}
+
+SHttpAnswer CApi::Settings(const SHttpRequest& request, const Captured&) const {
+  const Json settings = SettingsJson();
+  return Tagged(request, "\"" + std::to_string(settings["pollInterval"].get<long>()) + "\"",
+                [&] { return Whole(settings); });
+}
+
+SHttpAnswer CApi::SetSettings(const SHttpRequest& request, const Captured&) const {
+  const std::string& match = request.Header("if-match");
+  if (match.empty())
+    throw CProblem(428, "precondition-required", "If-Match with the ETag of what is changed is missing");
+  const Json body = BodyOf(request);
+  if (!body.value("pollInterval", Json()).is_number_integer())
+    throw CProblem(422, "usage", "\"pollInterval\" is a number of seconds");
+  if (!Names(match, "\"" + std::to_string(SettingsJson()["pollInterval"].get<long>()) + "\""))
+    throw CProblem(412, "stale", "the settings are other ones by now");
+  const auto seconds = std::clamp(body["pollInterval"].get<long>(), -1L, 1L << 20);
+  m_Keeper.Do([&](Host::CSession& session, const Host::CMachine&) {
+    Host::SetPollInterval(session, static_cast<int>(seconds));
+  });
+  m_Keeper.Do([](Host::CSession&, const Host::CMachine&) {});  // behind the look that shows it
+  return Settings({}, {});
+}
+
+}  // namespace Rvxd

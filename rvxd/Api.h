@@ -1,0 +1,67 @@
+#pragma once
+/// @file
+/// The routes: what is asked for, and what is answered. docs/openapi.yaml describes them.
+
+#include "rvxd/Http.h"
+#include "rvxd/Keeper.h"
+
+namespace Rvxd {
+
+class CApi {
+ public:
+  /// `isSimulated` is told to who asks.
+  CApi(CKeeper& keeper, CFeed& feed, COperations& operations, CConditions& conditions, bool isSimulated)
+      : m_Keeper(keeper),
+        m_Feed(feed),
+        m_Operations(operations),
+        m_Conditions(conditions),
+        m_IsSimulated(isSimulated) {}
+
+  /// Any thread. Failures are problems.
+  SHttpAnswer Answer(const SHttpRequest& request) const;
+
+ private:
+  using Captured = std::string;  ///< what stands in the place of "*"
+  using Handler = SHttpAnswer (CApi::*)(const SHttpRequest&, const Captured&) const;
+  struct SRoute {
+    const char* m_Method;
+    const char* m_Path;
+    Handler m_Handler;
+  };
+  static const SRoute ROUTES[];
+
+  SHttpAnswer Route(const SHttpRequest& request) const;
+
+  SHttpAnswer Root(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer State(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Health(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Arrays(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Array(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Disks(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Disk(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Controllers(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Levels(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer View(const SHttpRequest& request, const Captured& name) const;
+  SHttpAnswer Events(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Conditions(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Acknowledge(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Plan(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Begin(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Operations(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Operation(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Withdraw(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Settings(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer SetSettings(const SHttpRequest& request, const Captured&) const;
+
+  /// The last look. Throws CProblem before the first one.
+  std::shared_ptr<const CSnapshot> Snapshot() const;
+  Json SettingsJson() const;
+
+  CKeeper& m_Keeper;
+  CFeed& m_Feed;
+  COperations& m_Operations;
+  CConditions& m_Conditions;
+  const bool m_IsSimulated;
+};
+
+}  // namespace Rvxd

@@ -1,0 +1,327 @@
+#include "rvxd/Feed.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "PI/Numbers.h"
+#include "host/Error.h"
+#include "host/Values.h"
+
+namespace Rvxd {
+
+namespace {
+
+constexpr char FILE_NAME[] = "/events.jsonl";
+constexpr char OLDER_NAME[] = "/events.1.jsonl";
+constexpr std::size_t FILE_LIMIT = 5U << 20;
+constexpr std::size_t EVENT_LIMIT = 8192;
+constexpr std::size_t NOTICE_LIMIT = 512;
+constexpr std::size_t FRAMES_LIMIT = 64U << 10;
+constexpr std::chrono::seconds BEAT{5};
+/// The plug-in says the same again with each pass, which are 255 s apart at most.
+constexpr std::uint64_t REPEAT_LIMIT = 600'000;
+/// After an end that was none, events may have been told that the disk does not have: their numbers are not
+/// given again.
+constexpr std::uint64_t SKIP = 1000;
+
+bool Repeats(unsigned int code) {
+  return code == PI::EVT_FAILED_DRIVE_IN_USE || code == PI::EVT_USED_DRIVE_OFFLINE ||
+         code == PI::EVT_LOGICALDRIVE_OK;
+}
+
+std::string Dumped(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string NameIn(const Json& event) {
+  const Json name = event.value("objectName", Json(nullptr));
+  return name.is_string() ? name.get<std::string>() : event.value("object", "");
+}
+
+std::string RepeatKey(const Json& event) {
+  return std::to_string(event.value("code", 0U)) + " " + NameIn(event);
+}
+
+std::string NewEpoch() {
+  std::array<char, 9> text{};
+  std::snprintf(text.data(), text.size(), "%08x", static_cast<unsigned int>(std::random_device()()));
+  return text.data();
+}
+
+/// The whole lines of a file, and how many bytes they are.
+struct SLines {
+  explicit SLines(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    for (std::string line; std::getline(file, line) && !file.eof();) {
+      m_Bytes += line.size() + 1;
+      m_Lines.push_back(Json::parse(line, nullptr, false));
+    }
+  }
+  /// The epoch of the first line; empty: it is no journal.
+  std::string Epoch() const {
+    if (m_Lines.empty() || !m_Lines.front().is_object()) return {};
+    const Json epoch = m_Lines.front().value("epoch", Json(nullptr));
+    return epoch.is_string() ? epoch.get<std::string>() : std::string();
+  }
+
+  std::vector<Json> m_Lines;
+  std::size_t m_Bytes{0};
+};
+
+}  // namespace
+
+std::optional<std::pair<std::string, std::uint64_t>> ParseEventID(const std::string& id) {
+  const std::size_t dash = id.find('-');
+  if (dash == 0 || dash == std::string::npos) return std::nullopt;
+  std::uint64_t number = 0;
+  const char* const end = id.data() + id.size();
+  const auto [rest, error] = std::from_chars(id.data() + dash + 1, end, number);
+  if (error != std::errc() || rest != end || rest == id.data() + dash + 1) return std::nullopt;
+  return std::pair(id.substr(0, dash), number);
+}
+
+CFeed::CFeed(const std::string& folder) : m_Folder(folder) {
+  try {
+    Load();
+  } catch (const Json::exception&) {  // somebody has written into it
+    m_Events.clear();
+    m_Repeats.clear();
+    m_First = m_Last = 0;
+    m_Epoch = NewEpoch();
+    Begin(1);
+  }
+  if (!m_WriteError.empty())
+    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the journal of events cannot be written: " + m_WriteError);
+}
+
+CFeed::~CFeed() {
+  if (m_WriteError.empty()) Write(R"({"closed":true})", true);
+}
+
+void CFeed::Load() {
+  const std::string path = m_Folder + FILE_NAME;
+  const SLines current(path);
+  const std::string epoch = current.Epoch();
+  if (epoch.empty()) {
+    m_Epoch = NewEpoch();
+    Begin(1);
+    return;
+  }
+  m_Epoch = epoch;
+  const SLines older(m_Folder + OLDER_NAME);
+  m_First = current.m_Lines.front().value("next", std::uint64_t{1}) - 1;
+  if (older.Epoch() == epoch) m_First = older.m_Lines.front().value("next", std::uint64_t{1}) - 1;
+  m_Last = m_First;
+  bool isClosed = false;
+  for (const SLines* const lines : {&older, &current}) {
+    if (lines->Epoch() != epoch) continue;
+    for (const Json& line : lines->m_Lines) {
+      isClosed = line.is_object() && line.contains("closed");
+      if (line.is_object() && line.contains("skipped")) m_Last = line.value("skipped", m_Last);
+      const auto id = line.is_object() ? ParseEventID(line.value("id", "")) : std::nullopt;
+      if (id && id->second > m_Last) Push(id->second, line);
+    }
+  }
+  m_File = KVT::Internal::CFileDescriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
+  m_Written = current.m_Bytes;
+  if (!m_File.IsOpen() || ::ftruncate(m_File.Get(), static_cast<off_t>(m_Written)) != 0) {
+    m_WriteError = path + ": " + std::strerror(errno);
+    return;
+  }
+  if (isClosed) return;
+  m_Last += SKIP;
+  Write(Dumped({{"skipped", m_Last}}), true);
+}
+
+void CFeed::Begin(std::uint64_t next) {
+  const std::string path = m_Folder + FILE_NAME;
+  m_File = KVT::Internal::CFileDescriptor(::open(
+      path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  m_Written = 0;
+  if (!m_File.IsOpen())
+    m_WriteError = path + ": " + std::strerror(errno);
+  else
+    Write(Dumped({{"epoch", m_Epoch}, {"next", next}}), true);
+}
+
+void CFeed::Write(const std::string& line, bool sync) {
+  const std::string whole = line + "\n";
+  const ssize_t written = ::write(m_File.Get(), whole.data(), whole.size());
+  if (written == static_cast<ssize_t>(whole.size()) && (!sync || ::fdatasync(m_File.Get()) == 0)) {
+    m_Written += whole.size();
+    m_WriteError.clear();
+    return;
+  }
+  m_WriteError = m_Folder + FILE_NAME + ": " + (written < 0 ? std::strerror(errno) : "the disk is full");
+  // A part of a line would take the next one with it.
+  if (::ftruncate(m_File.Get(), static_cast<off_t>(m_Written)) != 0) m_WriteError += ", and its end is torn";
+}
+
+void CFeed::Push(std::uint64_t number, const Json& event) {
+  m_Last = number;
+  m_Events.push_back({number, event.value("severity", 0U), NameIn(event),
+                      std::make_shared<const std::string>(Dumped(event))});
+  if (Repeats(event.value("code", 0U)))
+    m_Repeats[RepeatKey(event)] = {number, 1, Host::NowMilliseconds()};
+  else
+    std::erase_if(m_Repeats, [&](const auto& one) { return one.first.ends_with(" " + NameIn(event)); });
+  if (m_Events.size() <= EVENT_LIMIT) return;
+  m_First = m_Events.front().m_Number;
+  m_Events.pop_front();
+}
+
+bool CFeed::Fold(const Json& event, std::uint64_t now) {
+  const auto repeat = m_Repeats.find(RepeatKey(event));
+  if (repeat == m_Repeats.end() || now > repeat->second.m_Last + REPEAT_LIMIT) return false;
+  repeat->second.m_Last = now;
+  ++repeat->second.m_Count;
+  const auto kept = std::ranges::lower_bound(m_Events, repeat->second.m_Number, {}, &SEvent::m_Number);
+  if (kept == m_Events.end() || kept->m_Number != repeat->second.m_Number) return true;
+  Json counted = Json::parse(*kept->m_Json);
+  counted["count"] = repeat->second.m_Count;
+  counted["last"] = event["time"];
+  kept->m_Json = std::make_shared<const std::string>(Dumped(counted));
+  return true;
+}
+
+void CFeed::Add(Json event, std::uint64_t now) {
+  {
+    const std::lock_guard lock(m_Mutex);
+    if (Fold(event, now)) return;
+    const std::uint64_t number = m_Last + 1;
+    Json whole = {{"id", IdOf(number)}};
+    whole.update(event);
+    whole["count"] = 1;
+    whole["last"] = event["time"];
+    if (m_Written > FILE_LIMIT &&
+        ::rename((m_Folder + FILE_NAME).c_str(), (m_Folder + OLDER_NAME).c_str()) == 0)
+      Begin(number);
+    // On the disk before anybody is told: an identifier that a client has seen is known after a restart.
+    Write(Dumped(whole), event.value("severity", 0U) >= PI::SEV_WARNING);
+    Push(number, whole);
+  }
+  m_News.notify_all();
+}
+
+void CFeed::Notify(const std::string& type, const Json& data) {
+  {
+    const std::lock_guard lock(m_Mutex);
+    std::string frame = "event: " + type + "\n";
+    if (type != "state") frame += "id: " + IdOf(m_Last) + "\n";
+    frame += "data: " + Dumped(data) + "\n\n";
+    m_Notices.push_back({++m_LastNotice, std::make_shared<const std::string>(std::move(frame))});
+    if (m_Notices.size() > NOTICE_LIMIT) m_Notices.pop_front();
+  }
+  m_News.notify_all();
+}
+
+void CFeed::Stop() {
+  {
+    const std::lock_guard lock(m_Mutex);
+    m_Stopped = true;
+  }
+  m_News.notify_all();
+}
+
+bool CFeed::IsStopped() const {
+  const std::lock_guard lock(m_Mutex);
+  return m_Stopped;
+}
+
+std::string CFeed::Cursor() const {
+  const std::lock_guard lock(m_Mutex);
+  return IdOf(m_Last);
+}
+
+std::string CFeed::WriteError() const {
+  const std::lock_guard lock(m_Mutex);
+  return m_WriteError;
+}
+
+std::optional<std::uint64_t> CFeed::NumberOf(const std::string& since) const {
+  if (since.empty()) return m_First;
+  if (since == "now") return m_Last;
+  const auto id = ParseEventID(since);
+  if (!id || id->first != m_Epoch) return std::nullopt;
+  if (id->second == m_Last || id->second == m_First) return id->second;
+  const auto found = std::ranges::lower_bound(m_Events, id->second, {}, &SEvent::m_Number);
+  if (found == m_Events.end() || found->m_Number != id->second) return std::nullopt;
+  return id->second;
+}
+
+SEventPage CFeed::Page(const std::string& since, std::size_t limit, const SEventFilter& filter) const {
+  const std::lock_guard lock(m_Mutex);
+  SEventPage page;
+  const auto number = NumberOf(since);
+  page.m_Reset = !number;
+  std::uint64_t last = number.value_or(m_First);
+  for (auto event = std::ranges::upper_bound(m_Events, last, {}, &SEvent::m_Number); event != m_Events.end();
+       ++event) {
+    const bool isMeant = event->m_Severity >= filter.m_Severity &&
+                         (filter.m_Object.empty() || filter.m_Object == event->m_Object);
+    if (isMeant && page.m_Events.size() == limit) {
+      page.m_More = true;
+      break;
+    }
+    if (isMeant) page.m_Events.push_back(event->m_Json);
+    last = event->m_Number;
+  }
+  // Behind the last one stands what was skipped, too.
+  page.m_Cursor = IdOf(page.m_More ? last : m_Last);
+  return page;
+}
+
+SCursor CFeed::CursorAt(const std::string& since) const {
+  const std::lock_guard lock(m_Mutex);
+  const auto number = NumberOf(since);
+  return {number.value_or(m_Last), m_LastNotice, !number};
+}
+
+std::string CFeed::FramesBehind(SCursor& cursor, const SEventFilter& filter) const {
+  std::string frames;
+  if (cursor.m_Event < m_First) {  // too slow: what it missed is not kept any more
+    cursor.m_Event = m_Last;
+    cursor.m_Reset = true;
+  }
+  if (std::exchange(cursor.m_Reset, false))
+    frames = "event: reset\nid: " + IdOf(m_Last) + "\ndata: " + Dumped({{"cursor", IdOf(m_Last)}}) + "\n\n";
+  for (auto event = std::ranges::upper_bound(m_Events, cursor.m_Event, {}, &SEvent::m_Number);
+       event != m_Events.end() && frames.size() < FRAMES_LIMIT; ++event) {
+    cursor.m_Event = event->m_Number;
+    if (event->m_Severity < filter.m_Severity ||
+        (!filter.m_Object.empty() && filter.m_Object != event->m_Object))
+      continue;
+    frames += "event: event\nid: " + IdOf(event->m_Number) + "\ndata: " + *event->m_Json + "\n\n";
+  }
+  for (const SNotice& notice : m_Notices) {
+    if (notice.m_Number <= cursor.m_Notice) continue;
+    if (frames.size() >= FRAMES_LIMIT) break;
+    cursor.m_Notice = notice.m_Number;
+    frames += *notice.m_Frame;
+  }
+  return frames;
+}
+
+SNews CFeed::Next(SCursor& cursor, const SEventFilter& filter) const {
+  std::unique_lock lock(m_Mutex);
+  SNews news;
+  const auto hasNews = [&] {
+    if (m_Stopped) return true;
+    news.m_Frames = FramesBehind(cursor, filter);
+    return !news.m_Frames.empty();
+  };
+  if (!m_News.wait_for(lock, BEAT, hasNews)) news.m_Frames = ": beat\n\n";
+  news.m_Ended = m_Stopped;
+  return news;
+}
+
+}  // namespace Rvxd

@@ -1,0 +1,129 @@
+#pragma once
+/// @file
+/// What happened: events with lasting identifiers, kept on disk, and beside them what else a stream tells of.
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/JsonView.h"
+#include "libraries/common/FileDescriptor.h"
+
+namespace Rvxd {
+
+using Host::Json;
+using Text = std::shared_ptr<const std::string>;
+
+/// Which events are meant, by what a request says.
+struct SEventFilter {
+  unsigned int m_Severity{0};  ///< the least
+  std::string m_Object{};      ///< the name; empty: of any
+};
+
+/// What a stream sends next.
+struct SNews {
+  std::string m_Frames{};
+  bool m_Ended{false};  ///< the daemon stops
+};
+
+/// Where a stream is. Each has its own, so that no reader waits for another and none has a queue.
+struct SCursor {
+  std::uint64_t m_Event{0};   ///< the last one's number
+  std::uint64_t m_Notice{0};  ///< the same of what has no lasting identifier
+  bool m_Reset{false};        ///< what was asked for is not known: to be told first
+};
+
+struct SEventPage {
+  std::vector<Text> m_Events{};
+  std::string m_Cursor{};  ///< the last one's identifier
+  bool m_More{false};
+  bool m_Reset{false};
+};
+
+/// An event's identifier is "EPOCH-NUMBER": the epoch is that of the journal, numbers rise. All functions may
+/// be called by any thread.
+class CFeed {
+ public:
+  /// Takes up the journal in the folder, or begins one. A line that is torn is cut off. Throws Host::CError
+  /// when the folder cannot be written to.
+  explicit CFeed(const std::string& folder);
+  /// Marks the journal as ended in order.
+  ~CFeed();
+  CFeed(const CFeed&) = delete;
+  CFeed& operator=(const CFeed&) = delete;
+
+  /// Keeps an event (EventJson) and tells it. What the plug-in repeats on every pass is counted, no more.
+  /// `now` is in milliseconds since 1970.
+  void Add(Json event, std::uint64_t now);
+  /// Tells the streams, and keeps nothing: "operation", "condition", "state".
+  void Notify(const std::string& type, const Json& data);
+  /// Ends all streams and waits.
+  void Stop();
+  bool IsStopped() const;
+
+  const std::string& Epoch() const { return m_Epoch; }
+  /// The last event's identifier.
+  std::string Cursor() const;
+  /// Behind `since`: an identifier, "now", or empty for all that are kept.
+  SEventPage Page(const std::string& since, std::size_t limit, const SEventFilter& filter) const;
+
+  SCursor CursorAt(const std::string& since) const;
+  /// Waits for what comes behind the cursor, which is moved on; a beat when nothing does.
+  SNews Next(SCursor& cursor, const SEventFilter& filter) const;
+  /// Why the journal could not be written to; empty when it could.
+  std::string WriteError() const;
+
+ private:
+  struct SEvent {
+    std::uint64_t m_Number;
+    unsigned int m_Severity;
+    std::string m_Object;
+    Text m_Json;
+  };
+  struct SNotice {
+    std::uint64_t m_Number;
+    Text m_Frame;
+  };
+  /// What is repeated: its event, and when it was last.
+  struct SRepeat {
+    std::uint64_t m_Number;
+    unsigned long m_Count;
+    std::uint64_t m_Last;
+  };
+
+  void Load();
+  void Begin(std::uint64_t next);
+  void Write(const std::string& line, bool sync);
+  void Push(std::uint64_t number, const Json& event);
+  bool Fold(const Json& event, std::uint64_t now);
+  std::string IdOf(std::uint64_t number) const { return m_Epoch + "-" + std::to_string(number); }
+  /// The number behind which `since` asks for; none when that is not known.
+  std::optional<std::uint64_t> NumberOf(const std::string& since) const;
+  std::string FramesBehind(SCursor& cursor, const SEventFilter& filter) const;
+
+  const std::string m_Folder;
+  mutable std::mutex m_Mutex;
+  mutable std::condition_variable m_News;
+  std::string m_Epoch;
+  std::uint64_t m_Last{0};   ///< event's number
+  std::uint64_t m_First{0};  ///< behind this one nothing is missing
+  std::deque<SEvent> m_Events;
+  std::uint64_t m_LastNotice{0};
+  std::deque<SNotice> m_Notices;
+  std::map<std::string, SRepeat> m_Repeats;
+  KVT::Internal::CFileDescriptor m_File;
+  std::size_t m_Written{0};
+  std::string m_WriteError;
+  bool m_Stopped{false};
+};
+
+/// The epoch and number of "EPOCH-NUMBER"; none when it is not written so.
+std::optional<std::pair<std::string, std::uint64_t>> ParseEventID(const std::string& id);
+
+}  // namespace Rvxd

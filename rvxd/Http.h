@@ -1,0 +1,47 @@
+#pragma once
+/// @file
+/// A request and its answer, without a connection.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "rvxd/Feed.h"
+#include "rvxd/Operations.h"
+
+namespace Rvxd {
+
+struct SHttpRequest {
+  std::string m_Method;                            ///< "GET"; HEAD is told as GET
+  std::string m_Path;                              ///< unescaped, without what stands behind "?"
+  std::map<std::string, std::string> m_Query{};    ///< unescaped
+  std::map<std::string, std::string> m_Headers{};  ///< names in lower case
+  std::string m_Body{};
+  SPeer m_Peer{};
+  bool m_IsReadOnly{false};                      ///< it came by the socket that is for reading
+  std::function<void(unsigned int)> m_Extend{};  ///< the connection may be silent for so many seconds
+
+  /// Empty when it is not said.
+  const std::string& Query(const std::string& name) const;
+  const std::string& Header(const std::string& name) const;
+};
+
+struct SHttpAnswer {
+  unsigned int m_Code{200};
+  Text m_Body{};
+  std::string m_Type{"application/json"};
+  std::vector<std::pair<std::string, std::string>> m_Headers{};
+  /// Gives the next part of a body without an end; empty when it has ended. Null: the body is all.
+  std::function<std::string()> m_Stream{};
+};
+
+/// A number of a query. Throws CProblem when it is none, or more than `most`.
+unsigned long NumberIn(const SHttpRequest& request, const std::string& name, unsigned long otherwise,
+                       unsigned long most);
+/// Which events a query means. Throws CProblem.
+SEventFilter FilterIn(const SHttpRequest& request);
+
+}  // namespace Rvxd

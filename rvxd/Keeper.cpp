@@ -1,0 +1,276 @@
+#include "rvxd/Keeper.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "host/Values.h"
+#include "rvxd/Log.h"
+#include "system/Descriptor.h"
+#include "system/Linux.h"
+
+namespace Rvxd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds TURN{1000};
+/// After md said that it changed: long enough for the worker to be first at the model, where a question that
+/// is before it makes it skip its pass.
+constexpr std::chrono::milliseconds CHANGE_TURN{10};
+constexpr int CHANGE_TURNS = 50;
+constexpr std::chrono::milliseconds PASS_LOOK{50};
+constexpr std::chrono::seconds PASS_LIMIT{60};
+constexpr std::chrono::milliseconds OUTCOME_LOOK{100};
+constexpr std::chrono::seconds WORK_LIMIT{60};
+constexpr std::chrono::milliseconds TELL_INTERVAL{500};
+
+}  // namespace
+
+CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions)
+    : m_Options(options),
+      m_Feed(feed),
+      m_Operations(operations),
+      m_Conditions(conditions),
+      m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  m_Operations.OnQueued([this] { ::eventfd_write(m_Wake.Get(), 1); });
+}
+
+CKeeper::~CKeeper() {
+  try {
+    Stop();
+  } catch (const Host::CError& error) {
+    Log(3, error.what());
+  }
+}
+
+void CKeeper::Start() {
+  m_Session = std::make_unique<Host::CSession>(m_Options);
+  if (!m_Options.m_Simulate) m_Here = std::make_unique<OS::CLinux>();
+  m_Machine = std::make_unique<const Host::CMachine>(m_Here ? *m_Here : m_Session->SimulatedMachine(),
+                                                     m_Here != nullptr);
+  m_Counter = m_Session->Topology().front().m_UpdateCounter;
+  m_Session->Start();
+  m_Thread = std::jthread([this](const std::stop_token& end) { Run(end); });
+}
+
+void CKeeper::Stop() {
+  m_Thread.request_stop();
+  ::eventfd_write(m_Wake.Get(), 1);
+  if (m_Thread.joinable()) m_Thread.join();
+  {
+    const std::lock_guard lock(m_Mutex);
+    m_Stopped = true;
+    m_Work.clear();  // whoever waits is told
+  }
+  if (!m_Session) return;
+  m_Session->End();
+  m_Machine.reset();
+  m_Session.reset();
+}
+
+std::shared_ptr<const CSnapshot> CKeeper::Now() const {
+  const std::lock_guard lock(m_Mutex);
+  return m_Now;
+}
+
+SPass CKeeper::Pass() const {
+  const std::lock_guard lock(m_Mutex);
+  return m_Pass;
+}
+
+void CKeeper::Do(const std::function<void(Host::CSession&, const Host::CMachine&)>& work) {
+  const auto task = std::make_shared<Work::element_type>(work);
+  std::future<void> done = task->get_future();
+  {
+    const std::lock_guard lock(m_Mutex);
+    if (m_Stopped) throw CProblem(503, "stopping", "rvxd is being stopped");
+    m_Work.push_back(task);
+  }
+  ::eventfd_write(m_Wake.Get(), 1);
+  if (done.wait_for(WORK_LIMIT) != std::future_status::ready) {
+    // What has begun refers to the caller's variables: it is waited for.
+    const std::lock_guard lock(m_Mutex);
+    if (m_Work.remove(task) != 0)
+      throw CProblem(
+          503, "busy",
+          "the plug-in has been busy for " + std::to_string(WORK_LIMIT.count()) + " s; nothing was done");
+  }
+  try {
+    done.get();
+  } catch (const std::future_error&) {
+    throw CProblem(503, "stopping", "rvxd is being stopped; nothing was done");
+  }
+}
+
+void CKeeper::Run(const std::stop_token& end) {
+  while (!end.stop_requested()) {
+    try {
+      Turn();
+    } catch (const std::exception& error) {  // a turn that fails is lost, the next one may do better
+      Log(3, std::string("a look at the machine failed: ") + error.what());
+    }
+    if (m_OnTurn) m_OnTurn(Now() != nullptr);
+    if (!end.stop_requested()) Wait();
+  }
+}
+
+void CKeeper::Turn() {
+  TellEvents();
+  Look();
+  DoWork();
+  if (const auto task = m_Operations.Next()) {
+    CarryOut(*task);
+    TellEvents();
+    Look();
+    ::eventfd_write(m_Wake.Get(), 1);  // there may be another one
+  }
+}
+
+void CKeeper::Wait() {
+  if (!m_Md.IsOpen()) m_Md = m_Machine->WatchMd();  // md may be loaded later
+  // Before the first pass each question would be in its way.
+  const auto time = m_Soon > 0 ? CHANGE_TURN : Now() == nullptr ? PASS_LOOK : TURN;
+  m_Soon -= m_Soon > 0 ? 1 : 0;
+  std::array<pollfd, 2> sources{{{m_Wake.Get(), POLLIN, 0}, {m_Md.Get(), POLLPRI, 0}}};
+  ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
+  eventfd_t count = 0;
+  ::eventfd_read(m_Wake.Get(), &count);
+  if ((sources[1].revents & POLLPRI) == 0) return;
+  m_Md = m_Machine->WatchMd();
+  m_Soon = CHANGE_TURNS;
+  std::this_thread::sleep_for(CHANGE_TURN);
+}
+
+void CKeeper::TellEvents() {
+  const std::vector<PI::CEvent> events = m_Session->FetchEvents();
+  if (events.empty()) return;
+  const Host::CTopology topology(*m_Session);
+  const Host::CInventory inventory(topology, *m_Machine);
+  for (const PI::CEvent& event : events) {
+    const bool isOwn = event.m_Code == PI::EVT_RESCAN_REQUESTED && m_OwnRescans > 0;
+    m_OwnRescans -= isOwn ? 1 : 0;
+    if (!isOwn) m_Feed.Add(Host::EventJson(inventory, event), Host::NowMilliseconds());
+  }
+}
+
+void CKeeper::Look() {
+  // Before the topology: what happens behind this look has a higher number.
+  const std::string cursor = m_Feed.Cursor();
+  const auto before = Now();
+  std::string seen = m_Machine->MdStat().value_or("") +
+                     OS::ReadText(m_Machine->System(), "/proc/self/mountinfo").value_or("");
+  const std::vector<PI::CObject> objects = m_Session->Topology();
+  const unsigned long counter = objects.front().m_UpdateCounter;
+  for (const PI::CObject& object : objects)
+    seen += " " + std::to_string(object.m_ID) + " " + std::to_string(object.m_UpdateCounter);
+  SPass pass = Pass();
+  pass.m_Interval = Host::NumberOf(objects.front(), PI::PROP_POLL_INTERVAL).value_or(0);
+  if (counter != m_Counter) pass.m_Time = Host::NowMilliseconds();
+  m_Counter = counter;
+  if (pass.m_Time == 0) return;  // no pass yet
+  std::vector<Host::SProblem> own;
+  if (const std::string error = m_Feed.WriteError(); !error.empty())
+    own.push_back({Host::EHealth::WARNING, "events lost", "rvxd",
+                   "the journal of events cannot be written: " + error,
+                   "make room on the disk that it lies on"});
+  if (IsBlind(pass, Host::NowMilliseconds()))
+    own.push_back({Host::EHealth::CRITICAL, "watch blind", "rvxd",
+                   "the plug-in has not looked at the machine since " + Host::TimeText(pass.m_Time),
+                   "'systemctl restart rvxd', and the kernel's log tells which disk hangs"});
+  seen += " " + cursor + " " + std::to_string(own.size());
+  if (before != nullptr && seen == m_Seen) {
+    const std::lock_guard lock(m_Mutex);
+    m_Pass = pass;
+    return;
+  }
+  const auto now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
+  m_Conditions.Update(now->Health(), own);
+  now->Publish(m_Feed.Epoch(), cursor, m_Conditions.All(), pass, before.get());
+  m_Seen = std::move(seen);
+  {
+    const std::lock_guard lock(m_Mutex);
+    m_Now = now;
+    m_Pass = pass;
+  }
+  if (now->Revision() == m_ToldRevision || Clock::now() < m_ToldAt + TELL_INTERVAL) return;
+  m_Feed.Notify("state", {{"revision", now->Revision()}, {"changed", now->ChangedSince(m_ToldRevision)}});
+  m_ToldRevision = now->Revision();
+  m_ToldAt = Clock::now();
+}
+
+void CKeeper::DoWork() {
+  while (true) {
+    Work work;
+    {
+      const std::lock_guard lock(m_Mutex);
+      if (m_Work.empty()) return;
+      work = std::move(m_Work.front());
+      m_Work.pop_front();
+    }
+    (*work)(*m_Session, *m_Machine);
+    Look();  // what it changed is seen before the next one
+  }
+}
+
+void CKeeper::AwaitPass() {
+  const Host::CTopology before(*m_Session);
+  PI::COperation rescan;
+  rescan.m_Code = rescan.m_SecondCode = PI::OP_RESCAN_ADAPTER;
+  if (const unsigned int status = m_Session->Run(before.Adapter().m_ID, rescan); status != PI::OK)
+    throw Host::PluginError(status, "rescan");
+  ++m_OwnRescans;
+  for (const auto end = Clock::now() + PASS_LIMIT; Clock::now() < end;) {
+    std::this_thread::sleep_for(PASS_LOOK);
+    if (m_Session->Topology().front().m_UpdateCounter != before.Plugin().m_UpdateCounter) return;
+  }
+  throw Host::CError(Host::EXIT_BUSY, "the plug-in has not looked at the machine within " +
+                                          std::to_string(PASS_LIMIT.count()) + " s");
+}
+
+void CKeeper::CarryOut(const STask& task) {
+  const std::string& id = task.m_ID;
+  try {
+    AwaitPass();
+    const auto look = Host::LookAgain(
+        *m_Session, *m_Machine,
+        [&](const Host::CInventory& now) { return Host::ChangeOf(now, task.m_Request); }, task.m_Token);
+    const Host::SChange& change = look->m_Change;
+    Log(5, id + " begins: " + change.m_What);
+    // On the disk before the machine is touched: who finds it there knows what may be half done.
+    m_Operations.Step(id,
+                      "Looked again: the machine is as the plan showed it. Begun: " + change.m_What + ".");
+    const unsigned int status = m_Session->Run(change.m_Object.m_ID, look->m_Operation);
+    const auto await = [&](const auto& question, std::chrono::seconds limit) {
+      for (const auto end = Clock::now() + limit; Clock::now() < end;
+           std::this_thread::sleep_for(OUTCOME_LOOK)) {
+        AwaitPass();
+        const Host::CTopology topology(*m_Session);
+        if (question(Host::CInventory(topology, *m_Machine))) return true;
+      }
+      return false;
+    };
+    const Host::SOutcome outcome = Host::OutcomeOf(task.m_Request, *look, look->FailureOf(status), await);
+    TellEvents();
+    Look();  // so that who is told of the end finds it in the state, too
+    Log(outcome.m_Failure ? 4 : 5,
+        id + (outcome.m_Failure ? std::string(" failed: ") + outcome.m_Failure->what()
+                                : " is done: " + outcome.m_Text));
+    m_Operations.End(id, outcome);
+  } catch (const Host::CError& error) {
+    CProblem problem(error);
+    if (error.m_ExitStatus == Host::EXIT_BUSY) {
+      problem.m_Code = 412;
+      problem.m_Word = "stale";
+    }
+    Log(4, id + " is refused: " + error.what());
+    m_Operations.Fail(id, problem);
+  } catch (const CProblem& problem) {  // it could not be kept, and was not begun
+    m_Operations.Fail(id, problem);
+  }
+}
+
+}  // namespace Rvxd

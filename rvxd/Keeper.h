@@ -1,0 +1,83 @@
+#pragma once
+/// @file
+/// The one thread that talks to the plug-in: it keeps the last look, tells events, makes plans and carries
+/// out operations.
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "host/Options.h"
+#include "rvxd/Conditions.h"
+#include "rvxd/Feed.h"
+#include "rvxd/Operations.h"
+#include "rvxd/Snapshot.h"
+
+namespace Rvxd {
+
+class CKeeper {
+ public:
+  CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions);
+  ~CKeeper();
+  CKeeper(const CKeeper&) = delete;
+  CKeeper& operator=(const CKeeper&) = delete;
+
+  /// Loads the plug-in and lets its threads run. Throws Host::CError when it cannot be had.
+  void Start();
+  /// Ends what runs behind the operation that is under way, and de-initialises the plug-in. Throws
+  /// Host::CError when a simulated machine cannot be saved.
+  void Stop();
+  /// Called by the plug-in's thread with each turn: it lives.
+  void OnTurn(std::function<void(bool isReady)> tell) { m_OnTurn = std::move(tell); }
+
+  /// For any thread. Null before the first pass.
+  std::shared_ptr<const CSnapshot> Now() const;
+  SPass Pass() const;
+  /// Has the plug-in's thread do something between two turns, and waits. Throws CProblem when it does not
+  /// come to it, and what the work throws.
+  void Do(const std::function<void(Host::CSession&, const Host::CMachine&)>& work);
+
+ private:
+  using Work = std::shared_ptr<std::packaged_task<void(Host::CSession&, const Host::CMachine&)>>;
+
+  void Run(const std::stop_token& end);
+  void Turn();
+  /// Waits for work, md's change or the time.
+  void Wait();
+  void TellEvents();
+  /// Looks, where anything has changed since the last look.
+  void Look();
+  void DoWork();
+  void CarryOut(const STask& task);
+  /// Has the plug-in look at the machine, and waits until it has.
+  void AwaitPass();
+
+  const Host::SOptions m_Options;
+  CFeed& m_Feed;
+  COperations& m_Operations;
+  CConditions& m_Conditions;
+  std::function<void(bool)> m_OnTurn;
+  std::unique_ptr<Host::CSession> m_Session;
+  std::unique_ptr<OS::COperatingSystem> m_Here;
+  std::unique_ptr<const Host::CMachine> m_Machine;
+  KVT::Internal::CFileDescriptor m_Wake;
+  KVT::Internal::CFileDescriptor m_Md;
+  int m_Soon{0};                 ///< turns that follow a change of md closely
+  std::string m_Seen;            ///< what the last look was made of
+  unsigned long m_Counter{0};    ///< of the plug-in's passes
+  unsigned int m_OwnRescans{0};  ///< whose events tell nobody anything
+  unsigned long m_ToldRevision{0};
+  std::chrono::steady_clock::time_point m_ToldAt;
+  mutable std::mutex m_Mutex;
+  std::shared_ptr<const CSnapshot> m_Now;
+  SPass m_Pass;
+  std::list<Work> m_Work;
+  bool m_Stopped{false};
+  std::jthread m_Thread;
+};
+
+}  // namespace Rvxd

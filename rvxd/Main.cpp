@@ -1,0 +1,130 @@
+/// @file
+/// rvxd: the host that stays.
+
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/Installation.h"
+#include "host/Signals.h"
+#include "host/WriterLock.h"
+#include "rvxd/Keeper.h"
+#include "rvxd/Log.h"
+#include "rvxd/Server.h"
+#include "rvxd/Sockets.h"
+
+namespace Rvxd {
+
+namespace {
+
+struct SDaemonOptions {
+  Host::SOptions m_Host;
+  std::string m_Socket{"/run/rvx/rvxd.sock"};
+  std::string m_State;  ///< folder; empty: the service manager's, else the usual one
+  unsigned int m_PlanSeconds{900};
+};
+
+std::string StateFolder(const SDaemonOptions& options) {
+  std::string folder = options.m_State;
+  if (folder.empty() && options.m_Host.m_Simulate) folder = options.m_Socket + ".state";
+  if (const char* const given = std::getenv("STATE_DIRECTORY"); folder.empty() && given != nullptr)
+    folder = given;
+  if (folder.empty()) folder = "/var/lib/rvx";
+  if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST)
+    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "cannot make " + folder + ": " + std::strerror(errno) +
+                                                    "; --state names the folder for what is kept");
+  return folder;
+}
+
+/// Tells the service manager; the watchdog is fed by the plug-in's thread alone, since it is the one that may
+/// hang.
+void TellManager(bool isReady) {
+  static bool wasReady = false;
+  if (isReady && !std::exchange(wasReady, true))
+    ::sd_notify(0, "READY=1\nSTATUS=The machine is being watched.");
+  ::sd_notify(0, "WATCHDOG=1");
+}
+
+int Serve(const SDaemonOptions& options) {
+  const std::string folder = StateFolder(options);
+  const auto lock = Host::LockWriter(
+      options.m_Host.m_Simulate ? folder + "/writer.lock" : std::string(Host::WRITER_LOCK), "rvxd");
+  const SSockets sockets = OpenSockets(options.m_Socket);
+  CFeed feed(folder);
+  COperations operations(folder, feed, std::chrono::seconds(options.m_PlanSeconds));
+  CConditions conditions(folder, feed);
+  CKeeper keeper(options.m_Host, feed, operations, conditions);
+  const CApi api(keeper, feed, operations, conditions, options.m_Host.m_Simulate);
+  keeper.OnTurn(&TellManager);
+  keeper.Start();
+  std::list<CServer> servers;
+  if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, false);
+  if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, true);
+  Log(6, "serving at " + options.m_Socket);
+  const sigset_t signals = Host::EndSignals();
+  int signal = 0;
+  ::sigwait(&signals, &signal);
+  ::sd_notify(0, "STOPPING=1");
+  Log(6, std::string("ending: ") + ::strsignal(signal));
+  for (CServer& server : servers) server.Quiesce();
+  operations.Stop();
+  feed.Stop();
+  keeper.Stop();
+  servers.clear();
+  return Host::EXIT_DONE;
+}
+
+int Main(int count, char** words) {
+  SDaemonOptions options;
+  CLI::App app(
+      "md software RAID through the framework's plug-in: keeps the machine in view and serves its state",
+      "rvxd");
+  app.set_version_flag("--version", "rvxd " RVX_VERSION);
+  app.add_flag("--simulate{-}", options.m_Host.m_Machine, "a simulated machine: the demonstration or FILE")
+      ->each([&](const std::string&) { options.m_Host.m_Simulate = true; });
+  app.add_flag("--save", options.m_Host.m_Save, "keep the simulated machine in its file at the end");
+  app.add_option("--socket", options.m_Socket, "where to listen, unless the service manager says")
+      ->type_name("PATH")
+      ->capture_default_str();
+  app.add_option("--state", options.m_State, "folder for events, operations and conditions")
+      ->type_name("PATH");
+  app.add_option("--plugin", options.m_Host.m_Plugin, "the plug-in's library")->type_name("PATH");
+  app.add_option("--plan-seconds", options.m_PlanSeconds, "how long a plan may be carried out")
+      ->type_name("N")
+      ->capture_default_str();
+  try {
+    app.parse(count, words);
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  } catch (const CLI::ParseError& error) {
+    Log(3, std::string(error.what()) + "; 'rvxd --help' tells what there is");
+    return Host::EXIT_USAGE;
+  }
+  if (options.m_Host.m_Machine == "-") options.m_Host.m_Machine.clear();
+  ::umask(S_IRWXG | S_IRWXO);
+  std::signal(SIGPIPE, SIG_IGN);
+  Host::HoldEndSignals();  // for every thread: the main one waits for them
+  // The plug-in says a line of its own at the start.
+  if (::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return Host::EXIT_PLUGIN_ERROR;
+  try {
+    return Serve(options);
+  } catch (const Host::CError& error) {
+    Log(3, error.what());
+    return error.m_ExitStatus;
+  } catch (const std::exception& error) {
+    Log(3, error.what());
+    return Host::EXIT_PLUGIN_ERROR;
+  }
+}
+
+}  // namespace
+
+}  // namespace Rvxd
+
+int main(int count, char** words) { return Rvxd::Main(count, words); }

@@ -1,0 +1,352 @@
+#include "rvxd/Snapshot.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include "host/Keys.h"
+#include "host/Levels.h"
+#include "host/Rules.h"
+#include "host/Texts.h"
+#include "host/Values.h"
+
+namespace Rvxd {
+
+namespace {
+
+using Host::NameOf;
+using Host::NumberOf;
+using Host::TextOf;
+
+constexpr std::uint64_t MILLISECONDS = 1000;
+constexpr std::uint64_t BLIND_INTERVALS = 5;
+
+Json TextOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
+template <class T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+/// A choice as a word and the plug-in's number.
+void PutChoice(Json& json, const std::string& name, const PI::CObject& object, PI::_PROPERTY_ID id) {
+  const auto choice = NumberOf(object, id);
+  json[name] =
+      choice ? Json(Host::Keys::OfChoice(static_cast<unsigned int>(*choice), object.m_Kind)) : Json(nullptr);
+  json[name + "Code"] = OrNull(choice);
+}
+
+/// A property's value as a number; none when the object does not have it, or the plug-in does not know it.
+std::optional<double> Figure(const PI::CObject& object, PI::_PROPERTY_ID id) {
+  const PI::CProperty* const property = Host::FindProperty(object, id);
+  if (property == nullptr || Host::IsUnknown(*property)) return std::nullopt;
+  if (const auto* const value = std::get_if<float>(&property->m_Value)) return *value;
+  const auto number = NumberOf(object, id);
+  return number ? std::optional(static_cast<double>(*number)) : std::nullopt;
+}
+
+Json Share(const std::optional<double>& percent) { return percent ? Json(*percent / 100) : Json(nullptr); }
+
+Json Bytes(const PI::CObject& object, PI::_PROPERTY_ID id) {
+  const auto mebibytes = NumberOf(object, id);
+  return mebibytes ? Json(static_cast<std::uint64_t>(*mebibytes) << 20) : Json(nullptr);
+}
+
+/// Seconds until the day that the plug-in reckons with, in whole days.
+Json RemainingLife(const PI::CObject& disk) {
+  const PI::CProperty* const date = Host::FindProperty(disk, PI::PROP_END_OF_LIFE);
+  if (date == nullptr || Host::IsUnknown(*date)) return nullptr;
+  std::tm day{};
+  if (::strptime(TextOf(*date).c_str(), "%Y-%m-%d", &day) == nullptr) return nullptr;
+  constexpr std::time_t SECONDS = 86400;
+  return std::max<std::time_t>(0, ::timegm(&day) / SECONDS - std::time(nullptr) / SECONDS) * SECONDS;
+}
+
+/// How many more members may fail, whichever they are.
+Json CanLose(const Host::SArrayEntry& array) {
+  const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
+  unsigned int tolerance = Host::ToleranceOf(array);
+  if (array.m_Level == "raid10")
+    tolerance = std::min(tolerance, 1U);  // the next one may be the mirror of the first
+  return tolerance - std::min(tolerance, lost);
+}
+
+Json ActivityJson(const Host::SArrayEntry& array) {
+  const std::optional<Host::SMdRun> run = array.m_Md ? array.m_Md->m_Run : std::nullopt;
+  const auto activity = NumberOf(array.m_Object, PI::PROP_ACTIVITY);
+  const bool isRebuild = activity == PI::ACTIVITY_REBUILDING;
+  std::string kind = isRebuild ? "rebuild" : activity == PI::ACTIVITY_RESYNCING ? "resync" : "none";
+  if (run) kind = run->m_Action == "recovery" ? "rebuild" : run->m_Action;
+  std::optional<double> percent = run ? run->m_Percent : std::nullopt;
+  if (const auto told = Host::ProgressOf(array.m_Object);
+      !percent && told && (!run || run->m_Waiting.empty()))
+    percent = *told;
+  return {{"kind", kind},
+          {"text", array.ActivityText()},
+          {"firstSync", array.m_IsFirstSync},
+          {"waiting", run ? TextOrNull(run->m_Waiting) : Json(nullptr)},
+          {"progress", Share(percent)},
+          {"speed", run && run->m_KiBPerSecond ? Json(*run->m_KiBPerSecond * 1024) : Json(nullptr)},
+          {"remaining", run && run->m_Minutes ? Json(std::llround(*run->m_Minutes * 60)) : Json(nullptr)}};
+}
+
+/// The array's identity as md has written it to its members.
+Json UuidOf(const Host::SDeviceFacts& facts) {
+  constexpr std::string_view LINK = "/md-uuid-";
+  for (const std::string& path : facts.m_ByID)
+    if (const std::size_t at = path.find(LINK); at != std::string::npos) return path.substr(at + LINK.size());
+  return nullptr;
+}
+
+std::vector<std::string> MountsOf(const Host::CMachine& machine, const std::string& device) {
+  std::vector<std::string> mounts;
+  for (const KVTX::CPartition& place : machine.System().GetPartitions(device))
+    if (!place.m_MountPoint.empty()) mounts.push_back(place.m_MountPoint);
+  return mounts;
+}
+
+}  // namespace
+
+CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, const CSnapshot* before)
+    : m_Topology(session),
+      m_Inventory(m_Topology, machine),
+      m_ArrayHealth((m_Inventory.Remember(), Host::ArrayHealthOf(m_Inventory))),
+      m_Health(Host::HealthOf(m_Inventory, m_ArrayHealth)) {
+  const auto check = [&](const PI::CObject& object, PI::COperation& operation) {
+    return session.Check(object.m_ID, operation);
+  };
+  std::string arrays;  // the state of all of them, on which everybody's offers depend
+  for (const Host::SArrayEntry& entry : m_Inventory.Arrays()) {
+    const auto& mounts = m_Mounts[entry.m_Object.m_ID] =
+        MountsOf(machine, TextOf(entry.m_Object, PI::PROP_DEVICE_PATH));
+    arrays += entry.m_Name + TextOf(entry.m_Object, PI::PROP_STATUS) +
+              TextOf(entry.m_Object, PI::PROP_ACTIVITY) + entry.MembersText() + Host::Joined(mounts) + "\n";
+  }
+  for (const PI::CObject& object : m_Topology.Objects()) {
+    if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE && m_Topology.ArrayOf(object) == nullptr &&
+        NumberOf(object, PI::PROP_STATUS) != PI::STATUS_READY)
+      m_Mounts[object.m_ID] = MountsOf(machine, TextOf(object, PI::PROP_DEVICE_PATH));
+    const std::string state = arrays + TextOf(object, PI::PROP_STATUS);
+    const auto known = before == nullptr ? m_Offers.end() : before->m_Offers.find(object.m_ID);
+    if (before != nullptr && known != before->m_Offers.end() && known->second.m_State == state)
+      m_Offers[object.m_ID] = known->second;
+    else
+      m_Offers[object.m_ID] = {state, Host::OffersOf(m_Inventory, object, check)};
+  }
+  m_Arrays = m_Disks = m_Controllers = m_Levels = Json::array();
+  for (const Host::SArrayEntry& entry : m_Inventory.Arrays()) m_Arrays.push_back(ArrayJson(entry));
+  for (const PI::CObject* const disk : m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE))
+    m_Disks.push_back(DiskJson(*disk));
+  const PI::CObject& adapter = m_Topology.Adapter();
+  Json controller = {{"id", Host::HexadecimalID(adapter.m_ID)}, {"name", NameOf(adapter)}};
+  PutChoice(controller, "state", adapter, PI::PROP_STATUS);
+  controller["properties"] = Json::object();
+  for (const PI::CProperty& property : adapter.m_Properties)
+    controller["properties"][Host::Keys::OfProperty(property.m_ID, adapter.m_Kind)] = TextOf(property);
+  m_Controllers.push_back(controller);
+  for (const PI::CLevel& level : Host::OfferedLevels(m_Topology)) {
+    const auto bytes = [](unsigned int stripe) { return std::stoul(Host::WordOf(stripe)) * 1024; };
+    Json stripes = Json::array();
+    for (const unsigned int stripe : level.m_StripeSizes) stripes.push_back(bytes(stripe));
+    m_Levels.push_back(
+        {{"level", Host::WordOf(level.m_Level)},
+         {"levelCode", level.m_Level},
+         {"text", Host::Texts::Of(level.m_Level)},
+         {"minimumDisks", level.m_MinimumDrives},
+         {"maximumDisks", level.m_MaximumDrives},
+         {"stripes", stripes},
+         {"defaultStripe",
+          level.m_DefaultStripeSize == 0 ? Json(nullptr) : Json(bytes(level.m_DefaultStripeSize))}});
+  }
+}
+
+std::string CSnapshot::DiskID(const PI::CObject& disk) const {
+  const Host::SDeviceFacts facts = m_Inventory.FactsOf(disk);
+  if (!facts.m_ByID.empty()) return facts.m_ByID.front().substr(facts.m_ByID.front().rfind('/') + 1);
+  return facts.m_WWN.empty() ? NameOf(disk) : facts.m_WWN;
+}
+
+Json CSnapshot::OffersJson(const PI::CObject& object) const {
+  Json list = Json::array();
+  for (const Host::SOffer& offer : m_Offers.at(object.m_ID).m_Offers) {
+    Json reasons = Json::array();
+    if (!offer.m_Why.empty())
+      reasons.push_back({{"rule", TextOrNull(offer.m_Rule)},
+                         {"object", NameOf(object)},
+                         {"text", offer.m_Why},
+                         {"overridable", false}});
+    list.push_back({{"kind", Host::Keys::OfOperation(offer.m_Operation.m_Code)},
+                    {"code", offer.m_Operation.m_Code},
+                    {"text", Host::Texts::Of(offer.m_Operation.m_Code)},
+                    {"allowed", offer.m_Why.empty()},
+                    {"reasons", reasons}});
+  }
+  return list;
+}
+
+Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
+  const PI::CObject& array = entry.m_Object;
+  const Host::SDeviceFacts facts = m_Inventory.FactsOf(array);
+  Json json = {{"uuid", UuidOf(facts)},
+               {"name", entry.m_Name},
+               {"identifier", Host::HexadecimalID(array.m_ID)},
+               {"device", TextOf(array, PI::PROP_DEVICE_PATH)}};
+  PutChoice(json, "level", array, PI::PROP_RAID_LEVEL);
+  json["size"] = facts.m_Bytes ? Json(*facts.m_Bytes) : Bytes(array, PI::PROP_ARRAY_CAPACITY);
+  json["metadata"] =
+      entry.m_Md ? Json(entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) : Json(nullptr);
+  PutChoice(json, "state", array, PI::PROP_STATUS);
+  json["stateText"] = TextOf(array, PI::PROP_STATUS);
+  json["redundancy"] = {{"required", entry.m_Wanted},
+                        {"active", entry.m_Present},
+                        {"missing", entry.m_Wanted - std::min(entry.m_Wanted, entry.m_Present)},
+                        {"canLose", CanLose(entry)}};
+  json["activity"] = ActivityJson(entry);
+  json["members"] = json["spares"] = Json::array();
+  for (const Host::SMember& member : entry.m_Members) {
+    Json slot = nullptr;
+    if (entry.m_Md)
+      for (const Host::SMdMember& one : entry.m_Md->m_Members)
+        if (one.m_Name == member.m_Name) slot = one.m_Number;
+    json["members"].push_back(
+        {{"disk", member.m_Disk == nullptr ? Json(nullptr) : Json(DiskID(*member.m_Disk))},
+         {"name", member.m_Name},
+         {"slot", slot},
+         {"state", Host::WordOf(member.m_Role)}});
+    if (member.m_Role == Host::ERole::SPARE) json["spares"].push_back(member.m_Name);
+  }
+  json["mounts"] = m_Mounts.at(array.m_ID);
+  json["operations"] = OffersJson(array);
+  return json;
+}
+
+Json CSnapshot::DiskJson(const PI::CObject& disk) const {
+  const Host::SDeviceFacts facts = m_Inventory.FactsOf(disk);
+  const PI::CObject* const array = m_Topology.ArrayOf(disk);
+  Json json = {{"id", DiskID(disk)},
+               {"device", TextOf(disk, PI::PROP_DEVICE_PATH)},
+               {"name", NameOf(disk)},
+               {"identifier", Host::HexadecimalID(disk.m_ID)},
+               {"serial", TextOrNull(facts.m_Serial)},
+               {"wwn", TextOrNull(facts.m_WWN)},
+               {"byId", facts.m_ByID},
+               {"model", TextOrNull(TextOf(disk, PI::PROP_MODEL))},
+               {"vendor", TextOrNull(TextOf(disk, PI::PROP_VENDOR))},
+               {"size", facts.m_Bytes ? Json(*facts.m_Bytes) : Bytes(disk, PI::PROP_CAPACITY)},
+               {"usableSize", Bytes(disk, PI::PROP_USABLE_CAPACITY)}};
+  PutChoice(json, "medium", disk, PI::PROP_MEDIUM);
+  PutChoice(json, "attachment", disk, PI::PROP_ATTACHMENT);
+  json["path"] = TextOrNull(facts.m_Address);
+  PutChoice(json, "state", disk, PI::PROP_STATUS);
+  json["stateText"] = TextOf(disk, PI::PROP_STATUS);
+  json["array"] = array == nullptr ? Json(nullptr) : Json(NameOf(*array));
+  const PI::CProperty* const written = Host::FindProperty(disk, PI::PROP_SMART_BYTES_WRITTEN);
+  const auto hours = Figure(disk, PI::PROP_SMART_POWER_ON_HOURS);
+  json["smart"] = {{"wear", Share(Figure(disk, PI::PROP_SMART_WEAR))},
+                   {"reserve", Share(Figure(disk, PI::PROP_SMART_RESERVE))},
+                   {"written", written == nullptr
+                                   ? Json(nullptr)
+                                   : Host::PropertyJson(*written, disk.m_Kind).value("bytes", Json(nullptr))},
+                   {"powerOn", hours ? Json(std::llround(*hours * 3600)) : Json(nullptr)},
+                   {"remainingLife", RemainingLife(disk)}};
+  if (written != nullptr && Host::IsUnknown(*written)) json["smart"]["written"] = nullptr;
+  json["usedBy"] = Json::array();
+  if (array != nullptr) json["usedBy"].push_back(NameOf(*array));
+  if (const auto mounts = m_Mounts.find(disk.m_ID); mounts != m_Mounts.end())
+    for (const std::string& mount : mounts->second) json["usedBy"].push_back(mount);
+  json["operations"] = OffersJson(disk);
+  return json;
+}
+
+void CSnapshot::Publish(const std::string& epoch, const std::string& cursor, const Json& conditions,
+                        const SPass& pass, const CSnapshot* before) {
+  m_HealthJson = {{"level", Host::WordOf(m_Health.m_Health)},
+                  {"headline", m_Health.m_Headline},
+                  {"notes", m_Health.m_Notes},
+                  {"conditions", conditions},
+                  {"lastPass", nullptr}};
+  m_Revision = before == nullptr ? 1 : before->m_Revision + 1;
+  if (before != nullptr) m_ChangedAt = before->m_ChangedAt;
+  bool isOther =
+      before == nullptr || m_HealthJson != before->m_OwnHealth || m_Controllers != before->m_Controllers;
+  const auto compare = [&](const Json& now, const Json& then) {
+    std::map<std::string, const Json*> old;
+    for (const Json& one : then) old[one["name"]] = &one;
+    for (const Json& one : now) {
+      const std::string name = one["name"];
+      const auto known = old.find(name);
+      if (known != old.end() && *known->second == one) {
+        old.erase(known);
+        continue;
+      }
+      if (known != old.end()) old.erase(known);
+      m_ChangedAt[name] = m_Revision;
+      isOther = true;
+    }
+    for (const auto& [name, gone] : old) {
+      m_ChangedAt[name] = m_Revision;
+      isOther = true;
+    }
+  };
+  compare(m_Arrays, before == nullptr ? Json::array() : before->m_Arrays);
+  compare(m_Disks, before == nullptr ? Json::array() : before->m_Disks);
+  m_OwnHealth = m_HealthJson;
+  if (!isOther) m_Revision = before->m_Revision;
+  m_HealthJson = HealthNow(*this, pass, pass.m_Time);
+  const Json state = {
+      {"revision", m_Revision},       {"cursor", cursor},   {"time", Host::TimeText(pass.m_Time)},
+      {"health", m_HealthJson},       {"arrays", m_Arrays}, {"disks", m_Disks},
+      {"controllers", m_Controllers}, {"levels", m_Levels}};
+  m_State = std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
+  m_Tag = "\"" + epoch + "-" + std::to_string(m_Revision) + "\"";
+}
+
+std::vector<std::string> CSnapshot::ChangedSince(unsigned long revision) const {
+  std::vector<std::string> names;
+  for (const auto& [name, at] : m_ChangedAt)
+    if (at > revision) names.push_back(name);
+  return names;
+}
+
+Host::SView CSnapshot::View(const Host::SViewRequest& request, const Host::SForm& form) const {
+  const Host::SQuestions questions{
+      [&] { return m_ArrayHealth; },
+      [&](const PI::CObject& object) { return m_Offers.at(object.m_ID).m_Offers; },
+      [&](const PI::CObject& object, unsigned int id) {
+        if (id == PI::PROP_ALL) return object.m_Properties;
+        const PI::CProperty* const property = Host::FindProperty(object, static_cast<PI::_PROPERTY_ID>(id));
+        if (property == nullptr) throw Host::NoProperty(id);
+        return std::vector{*property};
+      }};
+  return Host::ViewOf(m_Inventory, questions, request, form);
+}
+
+const Json* CSnapshot::FindArray(const std::string& address) const {
+  for (const Json& array : m_Arrays)
+    if (array["uuid"] == address || array["name"] == address) return &array;
+  return nullptr;
+}
+
+const Json* CSnapshot::FindDisk(const std::string& address) const {
+  for (const char* const key : {"id", "name", "serial", "wwn"})
+    for (const Json& disk : m_Disks)
+      if (disk[key] == address) return &disk;
+  return nullptr;
+}
+
+bool IsBlind(const SPass& pass, std::uint64_t now) {
+  const auto interval = static_cast<std::uint64_t>(pass.m_Interval) * MILLISECONDS;
+  return now > pass.m_Time + BLIND_INTERVALS * interval;
+}
+
+Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now) {
+  Json health = snapshot.HealthJson();
+  health["lastPass"] = {{"time", Host::TimeText(pass.m_Time)},
+                        {"seconds", static_cast<double>(now - std::min(now, pass.m_Time)) / MILLISECONDS},
+                        {"interval", pass.m_Interval}};
+  if (!IsBlind(pass, now)) return health;
+  health["level"] = Host::WordOf(Host::EHealth::UNKNOWN);
+  health["headline"] = "nobody has looked since " + Host::TimeText(pass.m_Time) +
+                       "; before that: " + health["headline"].get<std::string>();
+  return health;
+}
+
+}  // namespace Rvxd

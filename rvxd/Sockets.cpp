@@ -1,0 +1,76 @@
+#include "rvxd/Sockets.h"
+
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/Error.h"
+
+namespace Rvxd {
+
+namespace {
+
+using KVT::Internal::CFileDescriptor;
+
+[[noreturn]] void Fail(const std::string& what) {
+  throw Host::CError(Host::EXIT_PLUGIN_ERROR, what + ": " + std::strerror(errno));
+}
+
+/// `mode`: who may connect. It is set before anybody can.
+CFileDescriptor Listen(const std::string& path, mode_t mode) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path)
+    throw Host::CError(Host::EXIT_USAGE, "the socket's path is too long: " + path);
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  CFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket.IsOpen()) Fail("no socket");
+  struct stat old {};
+  if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
+  const mode_t mask = ::umask(~mode & (S_IRWXU | S_IRWXG | S_IRWXO));
+  const int bound = ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  ::umask(mask);
+  if (bound != 0 || ::listen(socket.Get(), SOMAXCONN) != 0) Fail("cannot listen at " + path);
+  return socket;
+}
+
+}  // namespace
+
+std::string ReadingPath(const std::string& path) {
+  constexpr std::string_view END = ".sock";
+  return path.ends_with(END) ? path.substr(0, path.size() - END.size()) + "-ro.sock" : path + "-ro";
+}
+
+SSockets OpenSockets(const std::string& path) {
+  char** names = nullptr;
+  const int count = ::sd_listen_fds_with_names(1, &names);
+  SSockets sockets;
+  for (int i = 0; i < count; ++i) {
+    const std::string name = names[i];
+    std::free(names[i]);
+    CFileDescriptor given(SD_LISTEN_FDS_START + i);
+    if (name == "rvxd-ro")
+      sockets.m_Reading = std::move(given);
+    else if (name == "rvxd")
+      sockets.m_Changing = std::move(given);
+  }
+  std::free(names);
+  if (count > 0) {
+    if (!sockets.m_Changing.IsOpen() && !sockets.m_Reading.IsOpen())
+      throw Host::CError(Host::EXIT_USAGE,
+                         "of the sockets that were handed over none is named rvxd or rvxd-ro");
+    return sockets;
+  }
+  sockets.m_Changing = Listen(path, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP);
+  if (const group* const rvx = ::getgrnam("rvx"); rvx != nullptr && ::geteuid() == 0)
+    if (::chown(path.c_str(), 0, rvx->gr_gid) != 0) Fail("cannot give " + path + " to the group rvx");
+  sockets.m_Reading = Listen(ReadingPath(path), S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH);
+  return sockets;
+}
+
+}  // namespace Rvxd
