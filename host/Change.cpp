@@ -63,7 +63,11 @@ SPlan SLook::Plan(std::size_t width) const {
                                    ? change.m_FirstQuestion
                                    : Texts::Find(m_Offered.m_ConfirmationCode).value_or("Go on?"));
   if (!change.m_Question.empty()) plan.m_Questions.push_back(change.m_Question);
-  if (m_Check != PI::OK) plan.m_Refusal = Refusal();
+  plan.m_Answer = "allowed";
+  if (m_Check == PI::OK) return plan;
+  plan.m_Refusal = Refusal();
+  plan.m_Answer = "refused: " + Texts::OfStatus(m_Check);
+  if (plan.m_Answer.ends_with('.')) plan.m_Answer.pop_back();
   return plan;
 }
 

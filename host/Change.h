@@ -37,6 +37,7 @@ using Proposal = std::function<SChange(const CInventory&)>;
 struct SPlan {
   Json m_Document{};                       ///< as programs have it; "token" is that of the look
   std::string m_Text{};                    ///< "This will ...", the disks, the warnings
+  std::string m_Answer{};                  ///< "allowed", or "refused: " and the check's status
   std::vector<std::string> m_Questions{};  ///< what a person is asked; empty: nothing is lost
   std::optional<CError> m_Refusal{};       ///< by the plug-in's check
   std::string m_ID{};                      ///< by which rvxd knows it

@@ -30,6 +30,7 @@ class CError : public std::runtime_error {
       : std::runtime_error(message), m_ExitStatus(exitStatus), m_Status(status) {}
   int m_ExitStatus;
   unsigned int m_Status;   ///< the plug-in's answer, PI::OK when it is none
+  std::string m_Name{};    ///< of the status, where another program told it; empty: the module knows it
   std::string m_Rule{};    ///< which rule forbids it, a word for programs: "disk-in-use"; empty: none does
   std::string m_Object{};  ///< whom the rule is about: "sdb"
 };

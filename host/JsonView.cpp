@@ -138,7 +138,7 @@ Json ErrorJson(const CError& error) {
       {"message", error.what()}, {"exitStatus", error.m_ExitStatus}, {"status", nullptr}, {"name", nullptr}};
   if (error.m_Status != PI::OK) {
     json["status"] = error.m_Status;
-    json["name"] = Texts::StatusName(error.m_Status);
+    json["name"] = error.m_Name.empty() ? Texts::StatusName(error.m_Status) : error.m_Name;
   }
   if (!error.m_Rule.empty()) {
     json["rule"] = error.m_Rule;

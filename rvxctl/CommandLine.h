@@ -74,6 +74,8 @@ int ShowUnknown(CContext& context, const CError& error);
 void AddFollowing(CGroup& all);
 /// The command that writes simulated machines.
 void AddPlayground(CGroup& all);
+/// The command that asks rvxd anything.
+void AddApi(CGroup& all);
 /// Commands that change the machine.
 void AddChanging(CGroup& all);
 

@@ -2,21 +2,14 @@
 
 #include <iostream>
 
-#include "host/Texts.h"
-
 namespace Host {
 
 namespace {
 
 void ShowDryRun(CContext& context, const SPlan& plan) {
-  std::string answer = "allowed";
   Json errors = Json::array();
-  if (plan.m_Refusal) {
-    answer = "refused: " + Texts::OfStatus(plan.m_Refusal->m_Status);
-    errors.push_back(ErrorJson(*plan.m_Refusal));
-  }
-  if (answer.ends_with('.')) answer.pop_back();
-  context.Show("plan", plan.m_Document, plan.m_Text + "This is " + answer + ". Nothing was changed.\n",
+  if (plan.m_Refusal) errors.push_back(ErrorJson(*plan.m_Refusal));
+  context.Show("plan", plan.m_Document, plan.m_Text + "This is " + plan.m_Answer + ". Nothing was changed.\n",
                errors);
 }
 

@@ -47,6 +47,7 @@ constexpr struct SExample {
                 {"prop set plugin poll-interval", "rvxctl prop set plugin poll-interval 20"},
                 {"levels", "rvxctl levels"},
                 {"events", "rvxctl events --json-lines"},
+                {"api", "rvxctl api GET /v1/state"},
                 {"array watch", "rvxctl array watch md_d0"},
                 {"array create", "rvxctl array create --level raid0 --stripe 128 sdf sdg"},
                 {"array delete", "rvxctl array delete md_d0"},

@@ -74,6 +74,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddFollowing(all);
   AddChanging(all);
   AddPlayground(all);
+  AddApi(all);
   const auto [help, wanted] =
       all.Leaf<std::vector<std::string>>("help", "what there is, or what a command takes",
                                          [&app](CContext& context, const std::vector<std::string>& words) {

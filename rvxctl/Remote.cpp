@@ -131,8 +131,12 @@ CError ErrorOf(const Json& json, const char* message, const char* status) {
   CError error(json.value("exitStatus", static_cast<int>(EXIT_PLUGIN_ERROR)),
                json.value(message, "rvxd tells no more"),
                number.is_number() ? number.get<unsigned int>() : static_cast<unsigned int>(PI::OK));
-  error.m_Rule = json.value("rule", "");
-  error.m_Object = json.value("object", "");
+  if (json.value("name", Json()).is_string()) error.m_Name = json["name"];
+  // A problem has them among its reasons.
+  const Json reasons = json.value("reasons", Json::array());
+  const Json& reason = reasons.empty() ? json : reasons[0];
+  error.m_Rule = reason.value("rule", "");
+  error.m_Object = reason.value("object", "");
   return error;
 }
 
@@ -218,7 +222,7 @@ SPlan CRemote::Plan(const SRequest& request, std::size_t width) {
   if (!plan["error"].is_null()) refusal = ErrorOf(plan["error"], "message", "status");
   // What a rule forbids has no plan.
   if (refusal && plan["plan"].is_null()) throw CError(*refusal);
-  return {plan["document"], plan["text"], plan["questions"], refusal, plan["plan"]};
+  return {plan["document"], plan["text"], plan["answer"], plan["questions"], refusal, plan["plan"]};
 }
 
 SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {

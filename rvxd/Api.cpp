@@ -299,6 +299,7 @@ SHttpAnswer CApi::Plan(const SHttpRequest& request, const Captured&) const {
                  {"reasons", Json::array()},
                  {"questions", Json::array()},
                  {"text", ""},
+                 {"answer", ""},
                  {"document", nullptr},
                  {"error", nullptr}};
   std::optional<Host::CError> error;
@@ -314,6 +315,7 @@ SHttpAnswer CApi::Plan(const SHttpRequest& request, const Captured&) const {
         if (!text.empty()) answer["consequences"].push_back(text);
       answer["questions"] = plan.m_Questions;
       answer["text"] = plan.m_Text;
+      answer["answer"] = plan.m_Answer;
       answer["document"] = plan.m_Document;
       for (const Host::SDiskPlan& disk : look.m_Change.m_Disks) {
         const Json* const known = snapshot->FindDisk(disk.m_Name);

@@ -103,8 +103,9 @@ CFeed::CFeed(const std::string& folder) : m_Folder(folder) {
     throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the journal of events cannot be written: " + m_WriteError);
 }
 
-CFeed::~CFeed() {
-  if (m_WriteError.empty()) Write(R"({"closed":true})", true);
+void CFeed::Close() {
+  const std::lock_guard lock(m_Mutex);
+  if (!std::exchange(m_Closed, true) && m_WriteError.empty()) Write(R"({"closed":true})", true);
 }
 
 void CFeed::Load() {

@@ -53,8 +53,7 @@ class CFeed {
   /// Takes up the journal in the folder, or begins one. A line that is torn is cut off. Throws Host::CError
   /// when the folder cannot be written to.
   explicit CFeed(const std::string& folder);
-  /// Marks the journal as ended in order.
-  ~CFeed();
+  ~CFeed() { Close(); }
   CFeed(const CFeed&) = delete;
   CFeed& operator=(const CFeed&) = delete;
 
@@ -65,6 +64,8 @@ class CFeed {
   void Notify(const std::string& type, const Json& data);
   /// Ends all streams and waits.
   void Stop();
+  /// Marks the journal as ended in order: nothing comes behind it.
+  void Close();
   bool IsStopped() const;
 
   const std::string& Epoch() const { return m_Epoch; }
@@ -121,6 +122,7 @@ class CFeed {
   std::size_t m_Written{0};
   std::string m_WriteError;
   bool m_Stopped{false};
+  bool m_Closed{false};
 };
 
 /// The epoch and number of "EPOCH-NUMBER"; none when it is not written so.

@@ -22,7 +22,8 @@ constexpr std::chrono::milliseconds TURN{1000};
 /// is before it makes it skip its pass.
 constexpr std::chrono::milliseconds CHANGE_TURN{10};
 constexpr int CHANGE_TURNS = 50;
-constexpr std::chrono::milliseconds PASS_LOOK{50};
+constexpr std::chrono::milliseconds PASS_LOOK{20};
+constexpr std::chrono::milliseconds PASS_AGAIN{200};
 constexpr std::chrono::seconds PASS_LIMIT{60};
 constexpr std::chrono::milliseconds OUTCOME_LOOK{100};
 constexpr std::chrono::seconds WORK_LIMIT{60};
@@ -39,13 +40,7 @@ CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operat
   m_Operations.OnQueued([this] { ::eventfd_write(m_Wake.Get(), 1); });
 }
 
-CKeeper::~CKeeper() {
-  try {
-    Stop();
-  } catch (const Host::CError& error) {
-    Log(3, error.what());
-  }
-}
+CKeeper::~CKeeper() { Stop(); }
 
 void CKeeper::Start() {
   m_Session = std::make_unique<Host::CSession>(m_Options);
@@ -66,10 +61,13 @@ void CKeeper::Stop() {
     m_Stopped = true;
     m_Work.clear();  // whoever waits is told
   }
-  if (!m_Session) return;
-  m_Session->End();
-  m_Machine.reset();
-  m_Session.reset();
+}
+
+bool CKeeper::End(std::chrono::milliseconds limit) {
+  m_End = std::async(std::launch::async, [this] { m_Session->End(); });
+  if (m_End.wait_for(limit) != std::future_status::ready && !m_Options.m_Save) return false;
+  m_End.get();
+  return true;
 }
 
 std::shared_ptr<const CSnapshot> CKeeper::Now() const {
@@ -107,6 +105,13 @@ void CKeeper::Do(const std::function<void(Host::CSession&, const Host::CMachine&
 }
 
 void CKeeper::Run(const std::stop_token& end) {
+  try {
+    std::this_thread::sleep_for(
+        PASS_LOOK);  // the first pass comes almost at once, where no question is in its way
+    AwaitPass();
+  } catch (const std::exception& error) {
+    Log(3, error.what());
+  }
   while (!end.stop_requested()) {
     try {
       Turn();
@@ -132,8 +137,7 @@ void CKeeper::Turn() {
 
 void CKeeper::Wait() {
   if (!m_Md.IsOpen()) m_Md = m_Machine->WatchMd();  // md may be loaded later
-  // Before the first pass each question would be in its way.
-  const auto time = m_Soon > 0 ? CHANGE_TURN : Now() == nullptr ? PASS_LOOK : TURN;
+  const auto time = m_Soon > 0 ? CHANGE_TURN : TURN;
   m_Soon -= m_Soon > 0 ? 1 : 0;
   std::array<pollfd, 2> sources{{{m_Wake.Get(), POLLIN, 0}, {m_Md.Get(), POLLPRI, 0}}};
   ::poll(sources.data(), sources.size(), static_cast<int>(time.count()));
@@ -220,12 +224,16 @@ void CKeeper::AwaitPass() {
   const Host::CTopology before(*m_Session);
   PI::COperation rescan;
   rescan.m_Code = rescan.m_SecondCode = PI::OP_RESCAN_ADAPTER;
-  if (const unsigned int status = m_Session->Run(before.Adapter().m_ID, rescan); status != PI::OK)
-    throw Host::PluginError(status, "rescan");
-  ++m_OwnRescans;
   for (const auto end = Clock::now() + PASS_LIMIT; Clock::now() < end;) {
-    std::this_thread::sleep_for(PASS_LOOK);
-    if (m_Session->Topology().front().m_UpdateCounter != before.Plugin().m_UpdateCounter) return;
+    // Asked again until it is done: a pass that meets a request, be it this one, is skipped until the next
+    // interval.
+    if (const unsigned int status = m_Session->Run(before.Adapter().m_ID, rescan); status != PI::OK)
+      throw Host::PluginError(status, "rescan");
+    ++m_OwnRescans;
+    for (const auto again = Clock::now() + PASS_AGAIN; Clock::now() < again;) {
+      std::this_thread::sleep_for(PASS_LOOK);
+      if (m_Session->Topology().front().m_UpdateCounter != before.Plugin().m_UpdateCounter) return;
+    }
   }
   throw Host::CError(Host::EXIT_BUSY, "the plug-in has not looked at the machine within " +
                                           std::to_string(PASS_LIMIT.count()) + " s");

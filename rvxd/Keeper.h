@@ -28,9 +28,12 @@ class CKeeper {
 
   /// Loads the plug-in and lets its threads run. Throws Host::CError when it cannot be had.
   void Start();
-  /// Ends what runs behind the operation that is under way, and de-initialises the plug-in. Throws
-  /// Host::CError when a simulated machine cannot be saved.
+  /// Ends the thread behind the operation that is under way.
   void Stop();
+  /// De-initialises the plug-in, and waits for it: false when that takes longer than `limit`. Its poller
+  /// looks up from md every three seconds alone, and whoever stops a service waits for less. Throws
+  /// Host::CError when a simulated machine cannot be saved.
+  bool End(std::chrono::milliseconds limit);
   /// Called by the plug-in's thread with each turn: it lives.
   void OnTurn(std::function<void(bool isReady)> tell) { m_OnTurn = std::move(tell); }
 
@@ -78,6 +81,7 @@ class CKeeper {
   std::list<Work> m_Work;
   bool m_Stopped{false};
   std::jthread m_Thread;
+  std::future<void> m_End;
 };
 
 }  // namespace Rvxd

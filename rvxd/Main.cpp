@@ -23,6 +23,8 @@ namespace Rvxd {
 
 namespace {
 
+constexpr std::chrono::milliseconds END_LIMIT{400};
+
 struct SDaemonOptions {
   Host::SOptions m_Host;
   std::string m_Socket{"/run/rvx/rvxd.sock"};
@@ -77,6 +79,10 @@ int Serve(const SDaemonOptions& options) {
   feed.Stop();
   keeper.Stop();
   servers.clear();
+  const bool isOver = keeper.End(END_LIMIT);
+  feed.Close();
+  // All that is left are threads of the plug-in that wait for news and write nothing.
+  if (!isOver) ::_exit(Host::EXIT_DONE);
   return Host::EXIT_DONE;
 }
 

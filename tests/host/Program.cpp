@@ -17,7 +17,8 @@ namespace {
 class CDocuments : public testing::Environment {
  public:
   void Add(const std::string& text) {
-    if (text.starts_with("{")) m_All += text;
+    // What rvxd answers is described elsewhere.
+    if (text.starts_with("{") && text.find("\"schema\"") < 8) m_All += text;
   }
   void TearDown() override {
     if (m_All.empty()) return;
