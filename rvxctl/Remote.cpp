@@ -25,6 +25,7 @@ constexpr char READING_SOCKET[] = "/run/rvx/rvxd-ro.sock";
 constexpr std::chrono::seconds ANSWER_LIMIT{90};  ///< above the longest wait that is asked for
 constexpr std::chrono::seconds BEAT_LIMIT{30};    ///< without a beat of a stream the connection is dead
 constexpr std::chrono::seconds AGAIN_INTERVAL{1};
+constexpr std::size_t PART = 64U << 10;
 constexpr char WAIT_FOR_END[] = "?wait=30";
 
 /// "a b" as "a%20b"
@@ -67,9 +68,15 @@ class CConversation {
   /// What came of the body since the last call; empty: it has ended.
   std::string Part() {
     std::string& body = m_Parser.get().body();
+    m_Parser.eager(true);
     while (body.empty() && !m_Parser.is_done()) {
-      if (m_Buffer.size() == 0) Await(BEAT_LIMIT);
-      http::read_some(m_Socket, m_Buffer, m_Parser);
+      boost::system::error_code error;
+      m_Buffer.consume(m_Parser.put(m_Buffer.data(), error));
+      if (error && error != http::error::need_more) throw boost::system::system_error(error);
+      if (!body.empty() || m_Parser.is_done()) break;
+      // Never in the middle of a read: a signal would wait for the next beat.
+      Await(BEAT_LIMIT);
+      m_Buffer.commit(m_Socket.read_some(m_Buffer.prepare(PART)));
     }
     return std::exchange(body, {});
   }
