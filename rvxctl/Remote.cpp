@@ -11,6 +11,7 @@
 #include <random>
 
 #include "host/Signals.h"
+#include "libraries/common/Environment.h"
 
 namespace Host {
 
@@ -18,6 +19,7 @@ namespace {
 
 namespace beast = boost::beast;
 namespace http = beast::http;
+using KVT::Internal::FindVariable;
 using Local = boost::asio::local::stream_protocol;
 
 constexpr char CHANGING_SOCKET[] = "/run/rvx/rvxd.sock";
@@ -175,7 +177,9 @@ std::vector<SFrame> TakeFrames(std::string& text) {
 
 std::unique_ptr<CRemote> CRemote::Find(const SOptions& options) {
   if (!options.m_Socket.empty()) return std::make_unique<CRemote>(options.m_Socket);
-  if (options.m_Direct || options.m_Simulate || !options.m_Plugin.empty()) return nullptr;
+  // Who chooses a plug-in wants this one.
+  if (options.m_Direct || options.m_Simulate || !options.m_Plugin.empty() || FindVariable("RVX_PLUGIN") != nullptr)
+    return nullptr;
   for (const char* const socket : {CHANGING_SOCKET, READING_SOCKET})
     if (Answers(socket)) return std::make_unique<CRemote>(socket);
   return nullptr;
