@@ -55,6 +55,15 @@ bool IsFirstSync(const CMachine& machine, const SMdArray& array) {
   return info && made && info->ctime + NEAR > *made && *made + NEAR > info->ctime;
 }
 
+/// The managed disk that a member is, or is a partition of; null when it is neither.
+const PI::CObject* WholeDiskOf(const CTopology& topology, const std::string& name,
+                               const PI::CObject* itself) {
+  if (itself != nullptr) return itself;
+  for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE))
+    if (IsPartitionOf(name, NameOf(*disk))) return disk;
+  return nullptr;
+}
+
 SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, const PI::CObject& object,
                          const std::vector<SMdArray>& arrays) {
   const auto level = NumberOf(object, PI::PROP_RAID_LEVEL);
@@ -70,13 +79,14 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
       const PI::CObject* const disk = topology.FindDisk(member.m_Name);
       const ERole role = RoleOf(machine, member, disk);
       const bool isLost = role == ERole::MISSING || role == ERole::OFFLINE;
-      entry.m_Members.push_back({member.m_Name, disk, role, isLost && member.m_Mark == 'S'});
+      entry.m_Members.push_back({member.m_Name, disk, WholeDiskOf(topology, member.m_Name, disk), role,
+                                 isLost && member.m_Mark == 'S'});
       gone += isLost && member.m_Mark == 0 ? 1 : 0;
     }
   } else {
     for (const unsigned long id : object.m_Children)
       if (const PI::CObject* const disk = topology.FindID(id))
-        entry.m_Members.push_back({NameOf(*disk), disk, RoleOf(*disk)});
+        entry.m_Members.push_back({NameOf(*disk), disk, disk, RoleOf(*disk)});
   }
   // md lists members as they came; people look for names.
   std::ranges::stable_sort(entry.m_Members, {}, [](const SMember& member) {
@@ -95,13 +105,6 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
 }
 
 }  // namespace
-
-const PI::CObject* WholeDiskOf(const CTopology& topology, const SMember& member) {
-  if (member.m_Disk != nullptr) return member.m_Disk;
-  for (const PI::CObject* const disk : topology.OfKind(PI::OBJ_PHYSICAL_DRIVE))
-    if (IsPartitionOf(member.m_Name, NameOf(*disk))) return disk;
-  return nullptr;
-}
 
 const char* WordOf(ERole role) {
   constexpr const char* WORDS[] = {"active",  "spare",   "failed",  "rebuilding",

@@ -22,14 +22,12 @@ enum class ERole { ACTIVE, SPARE, FAILED, REBUILDING, MISSING, OFFLINE, JOURNAL,
 const char* WordOf(ERole role);
 
 struct SMember {
-  std::string m_Name;         ///< also of a partition, or of a disk that is not managed
-  const PI::CObject* m_Disk;  ///< null: not managed as a whole
+  std::string m_Name;          ///< also of a partition, or of a disk that is not managed
+  const PI::CObject* m_Disk;   ///< null: not managed as a whole
+  const PI::CObject* m_Whole;  ///< the managed disk that it is, or is a partition of; null: neither
   ERole m_Role;
   bool m_IsLostSpare{false};  ///< a spare that is missing or offline: the array works without it
 };
-
-/// The managed disk that a member is, or is a partition of; null when it is neither.
-const PI::CObject* WholeDiskOf(const CTopology& topology, const SMember& member);
 
 /// An array. Its references live as long as the topology.
 struct SArrayEntry {

@@ -36,7 +36,7 @@ struct SRow {
   const SMember* Membership(const SArrayEntry** array = nullptr) const {
     for (const SArrayEntry& entry : m_Inventory.Arrays())
       for (const SMember& member : entry.m_Members)
-        if (WholeDiskOf(m_Inventory.Topology(), member) == &m_Object) {
+        if (member.m_Whole == &m_Object) {
           if (array != nullptr) *array = &entry;
           return &member;
         }
@@ -199,9 +199,8 @@ Objects Listed(const CInventory& inventory, PI::_OBJECT_KIND kind, const SFilter
     if (filter.m_Ready && status != PI::STATUS_READY) return true;
     if (filter.m_Failed && status != PI::STATUS_FAILED && status != PI::STATUS_MISSING) return true;
     return array != nullptr &&
-           std::ranges::none_of(inventory.EntryOf(*array).m_Members, [&](const SMember& member) {
-             return WholeDiskOf(inventory.Topology(), member) == object;
-           });
+           std::ranges::none_of(inventory.EntryOf(*array).m_Members,
+                                [&](const SMember& member) { return member.m_Whole == object; });
   };
   std::erase_if(objects, isOut);
   std::ranges::stable_sort(objects, {}, [](const PI::CObject* object) {

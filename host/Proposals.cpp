@@ -115,7 +115,7 @@ SChange Deletion(const CInventory& inventory, const SRequest& wanted) {
     // Its file system and mounts are what is lost.
     plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *array));
     for (const SMember& member : inventory.EntryOf(*array).m_Members) {
-      const PI::CObject* const whole = WholeDiskOf(inventory.Topology(), member);
+      const PI::CObject* const whole = member.m_Whole;
       if (whole != nullptr) plans.push_back(PlanOf(inventory.Machine(), inventory.Topology(), *whole));
       if (member.m_Disk == nullptr) loss += " The member " + member.m_Name + " keeps its superblock.";
       if (member.m_Disk == nullptr && whole != nullptr)

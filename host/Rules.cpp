@@ -48,7 +48,7 @@ SUse UseOf(const CInventory& inventory, const PI::CObject& disk) {
   const std::string name = NameOf(disk);
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members) {
-      if (WholeDiskOf(inventory.Topology(), member) != &disk) continue;
+      if (member.m_Whole != &disk) continue;
       const char* const role = member.m_Role == ERole::SPARE    ? " is a hot spare of "
                                : member.m_Role == ERole::FAILED ? " is a failed member of "
                                                                 : " is a member of ";
@@ -273,7 +273,7 @@ void RequireRelease(const CInventory& inventory, const PI::CObject& disk) {
     }
   for (const SArrayEntry& array : inventory.Arrays())
     for (const SMember& member : array.m_Members)
-      if (WholeDiskOf(inventory.Topology(), member) == &disk)
+      if (member.m_Whole == &disk)
         Forbidden("member-is-partition", NameOf(disk),
                   member.m_Name + ", a partition of " + NameOf(disk) + ", is the member of " + array.m_Name +
                       ": use mdadm --remove");
@@ -319,7 +319,7 @@ void RequireDeletable(const CInventory& inventory, const PI::CObject& array, boo
   for (const SMember& member : entry.m_Members) {
     managed = managed || member.m_Disk != nullptr;
     if (member.m_Disk != nullptr || partitionMembers) continue;
-    if (const PI::CObject* const disk = WholeDiskOf(inventory.Topology(), member))
+    if (const PI::CObject* const disk = member.m_Whole)
       Forbidden("member-is-partition", entry.m_Name,
                 "the member " + member.m_Name + " of " + entry.m_Name +
                     " is a partition: the blank superblock would be written to the end of the whole disk " +
