@@ -100,7 +100,7 @@ release() {
     local status=0 fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
     hardened bin/rvxctl 'Flags:.* PIE' || status=1
     hardened sbin/rvxd 'Flags:.* PIE' "$fortified" "$asserting" || status=1
-    hardened libexec/rvxctl 'Flags:.* PIE' "$fortified" "$asserting" || status=1
+    hardened libexec/rvxctl-whole 'Flags:.* PIE' "$fortified" "$asserting" || status=1
     hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" || status=1
     hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" || status=1
     hardened lib/piRVX/libzqKVT.so "$kept" "$fortified" || status=1
