@@ -42,9 +42,44 @@ bool Repeats(unsigned int code) {
 
 std::string Dumped(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
+/// Whom it is about: an array that is gone, or a disk that the adapter speaks of, stands in the placeholders.
 std::string NameIn(const Json& event) {
   const Json name = event.value("objectName", Json(nullptr));
+  if (name.is_string() && name != "adapter") return name;
+  for (const Json& text : event.value("placeholders", Json::array()))
+    if (text.is_string() && text != "") return text;
   return name.is_string() ? name.get<std::string>() : event.value("object", "");
+}
+
+/// Whether a later event ends what an earlier one about the same object began.
+bool Ends(unsigned int later, unsigned int earlier) {
+  const auto isOneOf = [](unsigned int code, std::initializer_list<unsigned int> codes) {
+    return std::ranges::find(codes, code) != codes.end();
+  };
+  switch (later) {
+    case PI::EVT_RESYNC_COMPLETED:
+    case PI::EVT_RESYNC_ABORTED:
+      return earlier == PI::EVT_RESYNC_STARTED;
+    case PI::EVT_REBUILD_COMPLETED:
+    case PI::EVT_REBUILD_ABORTED:
+      return earlier == PI::EVT_REBUILD_STARTED;
+    case PI::EVT_LOGICALDRIVE_OK:
+    case PI::EVT_LOGICALDRIVE_ADDED:
+    case PI::EVT_LOGICALDRIVE_DELETED:
+      return isOneOf(earlier, {PI::EVT_LOGICALDRIVE_DEGRADED, PI::EVT_LOGICALDRIVE_FAILED,
+                               PI::EVT_RESYNC_STARTED, PI::EVT_REBUILD_STARTED});
+    case PI::EVT_LOGICALDRIVE_DEGRADED:
+    case PI::EVT_LOGICALDRIVE_FAILED:
+      return earlier == PI::EVT_LOGICALDRIVE_OK;
+    case PI::EVT_PHYSICALDRIVE_ADDED:
+    case PI::EVT_PHYSICALDRIVE_REMOVED:
+    case PI::EVT_FAILED_DRIVE_READY:
+    case PI::EVT_USED_DRIVE_READY:
+      return isOneOf(earlier, {PI::EVT_READY_DRIVE_OFFLINE, PI::EVT_READY_DRIVE_IN_USE,
+                               PI::EVT_FAILED_DRIVE_IN_USE, PI::EVT_USED_DRIVE_OFFLINE});
+    default:
+      return false;
+  }
 }
 
 std::string RepeatKey(const Json& event) {
@@ -169,10 +204,10 @@ void CFeed::Write(const std::string& line, bool sync) {
 
 void CFeed::Push(std::uint64_t number, const Json& event) {
   m_Last = number;
-  m_Events.push_back({number, event.value("severity", 0U), NameIn(event),
+  m_Events.push_back({number, event.value("code", 0U), event.value("severity", 0U), NameIn(event),
                       std::make_shared<const std::string>(Dumped(event))});
   if (Repeats(event.value("code", 0U)))
-    m_Repeats[RepeatKey(event)] = {number, 1, Host::NowMilliseconds()};
+    m_Repeats[RepeatKey(event)] = {number, Host::NowMilliseconds()};
   else
     std::erase_if(m_Repeats, [&](const auto& one) { return one.first.ends_with(" " + NameIn(event)); });
   if (m_Events.size() <= EVENT_LIMIT) return;
@@ -180,24 +215,41 @@ void CFeed::Push(std::uint64_t number, const Json& event) {
   m_Events.pop_front();
 }
 
+void CFeed::Count(std::uint64_t number, const Json& event) {
+  const auto kept = std::ranges::lower_bound(m_Events, number, {}, &SEvent::m_Number);
+  if (kept == m_Events.end() || kept->m_Number != number) return;
+  Json counted = Json::parse(*kept->m_Json);
+  counted["count"] = counted["count"].get<unsigned long>() + 1;
+  counted["last"] = event["time"];
+  kept->m_Json = std::make_shared<const std::string>(Dumped(counted));
+}
+
 bool CFeed::Fold(const Json& event, std::uint64_t now) {
   const auto repeat = m_Repeats.find(RepeatKey(event));
   if (repeat == m_Repeats.end() || now > repeat->second.m_Last + REPEAT_LIMIT) return false;
   repeat->second.m_Last = now;
-  ++repeat->second.m_Count;
-  const auto kept = std::ranges::lower_bound(m_Events, repeat->second.m_Number, {}, &SEvent::m_Number);
-  if (kept == m_Events.end() || kept->m_Number != repeat->second.m_Number) return true;
-  Json counted = Json::parse(*kept->m_Json);
-  counted["count"] = repeat->second.m_Count;
-  counted["last"] = event["time"];
-  kept->m_Json = std::make_shared<const std::string>(Dumped(counted));
+  Count(repeat->second.m_Number, event);
   return true;
 }
 
-void CFeed::Add(Json event, std::uint64_t now) {
+bool CFeed::FoldFound(const Json& event) {
+  const std::string name = NameIn(event);
+  const auto code = event.value("code", 0U);
+  for (auto earlier = m_Events.rbegin(); earlier != m_Events.rend(); ++earlier) {
+    if (earlier->m_Object != name) continue;
+    if (earlier->m_Code == code) {
+      Count(earlier->m_Number, event);
+      return true;
+    }
+    if (Ends(earlier->m_Code, code)) return false;
+  }
+  return false;
+}
+
+void CFeed::Add(Json event, std::uint64_t now, EFound found) {
   {
     const std::lock_guard lock(m_Mutex);
-    if (Fold(event, now)) return;
+    if (Fold(event, now) || (found == EFound::AT_START && FoldFound(event))) return;
     const std::uint64_t number = m_Last + 1;
     Json whole = {{"id", IdOf(number)}};
     whole.update(event);

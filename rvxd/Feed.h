@@ -46,6 +46,8 @@ struct SEventPage {
   bool m_Reset{false};
 };
 
+enum class EFound { AT_START, LATER };
+
 /// An event's identifier is "EPOCH-NUMBER": the epoch is that of the journal, numbers rise. All functions may
 /// be called by any thread.
 class CFeed {
@@ -57,9 +59,10 @@ class CFeed {
   CFeed(const CFeed&) = delete;
   CFeed& operator=(const CFeed&) = delete;
 
-  /// Keeps an event (EventJson) and tells it. What the plug-in repeats on every pass is counted, no more.
-  /// `now` is in milliseconds since 1970.
-  void Add(Json event, std::uint64_t now);
+  /// Keeps an event (EventJson) and tells it. What is told again is counted, no more: what the plug-in
+  /// repeats on every pass, and the states that it finds AT_START as if they were new. `now` is in
+  /// milliseconds since 1970.
+  void Add(Json event, std::uint64_t now, EFound found);
   /// Tells the streams, and keeps nothing: "operation", "condition", "state".
   void Notify(const std::string& type, const Json& data);
   /// Ends all streams and waits.
@@ -83,6 +86,7 @@ class CFeed {
  private:
   struct SEvent {
     std::uint64_t m_Number;
+    unsigned int m_Code;
     unsigned int m_Severity;
     std::string m_Object;
     Text m_Json;
@@ -94,7 +98,6 @@ class CFeed {
   /// What is repeated: its event, and when it was last.
   struct SRepeat {
     std::uint64_t m_Number;
-    unsigned long m_Count;
     std::uint64_t m_Last;
   };
 
@@ -102,7 +105,11 @@ class CFeed {
   void Begin(std::uint64_t next);
   void Write(const std::string& line, bool sync);
   void Push(std::uint64_t number, const Json& event);
+  /// An event that is kept was told once more.
+  void Count(std::uint64_t number, const Json& event);
   bool Fold(const Json& event, std::uint64_t now);
+  /// A state that was told before this start, and has not ended since.
+  bool FoldFound(const Json& event);
   std::string IdOf(std::uint64_t number) const { return m_Epoch + "-" + std::to_string(number); }
   /// The number behind which `since` asks for; none when that is not known.
   std::optional<std::uint64_t> NumberOf(const std::string& since) const;

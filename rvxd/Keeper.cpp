@@ -157,7 +157,9 @@ void CKeeper::TellEvents() {
   for (const PI::CEvent& event : events) {
     const bool isOwn = event.m_Code == PI::EVT_RESCAN_REQUESTED && m_OwnRescans > 0;
     m_OwnRescans -= isOwn ? 1 : 0;
-    if (!isOwn) m_Feed.Add(Host::EventJson(inventory, event), Host::NowMilliseconds());
+    if (!isOwn)
+      m_Feed.Add(Host::EventJson(inventory, event), Host::NowMilliseconds(),
+                 Now() == nullptr ? EFound::AT_START : EFound::LATER);
   }
 }
 
