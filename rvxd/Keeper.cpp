@@ -22,10 +22,10 @@ constexpr std::chrono::milliseconds TURN{1000};
 /// is before it makes it skip its pass.
 constexpr std::chrono::milliseconds CHANGE_TURN{10};
 constexpr int CHANGE_TURNS = 50;
-constexpr std::chrono::milliseconds PASS_LOOK{20};
-constexpr std::chrono::milliseconds PASS_AGAIN{200};
+constexpr std::chrono::milliseconds PASS_LOOK{5};
+constexpr std::chrono::milliseconds PASS_AGAIN{40};
 constexpr std::chrono::seconds PASS_LIMIT{60};
-constexpr std::chrono::milliseconds OUTCOME_LOOK{100};
+constexpr std::chrono::milliseconds OUTCOME_LOOK{50};
 constexpr std::chrono::seconds WORK_LIMIT{60};
 constexpr std::chrono::milliseconds TELL_INTERVAL{500};
 
