@@ -175,6 +175,7 @@ void CKeeper::Look() {
     seen += " " + std::to_string(object.m_ID) + " " + std::to_string(object.m_UpdateCounter);
   SPass pass = Pass();
   pass.m_Interval = Host::NumberOf(objects.front(), PI::PROP_POLL_INTERVAL).value_or(0);
+  if (objects.size() == 2) pass.m_Interval *= 10;  // as the plug-in does where there is no disk
   if (counter != m_Counter) pass.m_Time = Host::NowMilliseconds();
   m_Counter = counter;
   if (pass.m_Time == 0) return;  // no pass yet
@@ -187,21 +188,24 @@ void CKeeper::Look() {
     own.push_back({Host::EHealth::CRITICAL, "watch blind", "rvxd",
                    "the plug-in has not looked at the machine since " + Host::TimeText(pass.m_Time),
                    "'systemctl restart rvxd', and the kernel's log tells which disk hangs"});
-  seen += " " + cursor + " " + std::to_string(own.size());
-  if (before != nullptr && seen == m_Seen) {
-    const std::lock_guard lock(m_Mutex);
-    m_Pass = pass;
-    return;
+  seen += " " + cursor + " " + std::to_string(own.size()) + m_Conditions.All().dump();
+  std::shared_ptr<CSnapshot> now;
+  if (before == nullptr || seen != m_Seen) {
+    now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
+    m_Conditions.Update(now->Health(), own);
+    now->Publish(m_Feed.Epoch(), cursor, m_Conditions.All(), pass, before.get());
+    m_Seen = std::move(seen);
   }
-  const auto now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
-  m_Conditions.Update(now->Health(), own);
-  now->Publish(m_Feed.Epoch(), cursor, m_Conditions.All(), pass, before.get());
-  m_Seen = std::move(seen);
   {
     const std::lock_guard lock(m_Mutex);
-    m_Now = now;
+    if (now) m_Now = now;
     m_Pass = pass;
   }
+  TellState();
+}
+
+void CKeeper::TellState() {
+  const auto now = Now();
   if (now->Revision() == m_ToldRevision || Clock::now() < m_ToldAt + TELL_INTERVAL) return;
   m_Feed.Notify("state", {{"revision", now->Revision()}, {"changed", now->ChangedSince(m_ToldRevision)}});
   m_ToldRevision = now->Revision();

@@ -54,6 +54,8 @@ class CKeeper {
   void TellEvents();
   /// Looks, where anything has changed since the last look.
   void Look();
+  /// Tells the streams that there is a new state, at most twice a second.
+  void TellState();
   void DoWork();
   void CarryOut(const STask& task);
   /// Has the plug-in look at the machine, and waits until it has.

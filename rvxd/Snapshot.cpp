@@ -258,7 +258,11 @@ Json CSnapshot::DiskJson(const PI::CObject& disk) const {
 
 void CSnapshot::Publish(const std::string& epoch, const std::string& cursor, const Json& conditions,
                         const SPass& pass, const CSnapshot* before) {
-  m_HealthJson = {{"level", Host::WordOf(m_Health.m_Health)},
+  Host::EHealth level = m_Health.m_Health;
+  for (const Json& condition : conditions)  // rvxd's own are among them
+    for (const Host::EHealth worse : {Host::EHealth::WARNING, Host::EHealth::CRITICAL})
+      if (condition["level"] == Host::WordOf(worse)) level = std::max(level, worse);
+  m_HealthJson = {{"level", Host::WordOf(level)},
                   {"headline", m_Health.m_Headline},
                   {"notes", m_Health.m_Notes},
                   {"conditions", conditions},
