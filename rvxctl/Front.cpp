@@ -1,8 +1,8 @@
 /// @file
-/// What the name rvxctl starts: the whole program, but for `status` into a pipe or file where rvxd answers. That one
-/// is asked every few seconds by those who watch, and to start the whole with its libraries takes longer than rvxd's
-/// answer. It uses C alone, so that nothing but the C library is loaded, and whatever is not as expected is left to
-/// the whole.
+/// What the name rvxctl starts: the whole program, but for `status` into a pipe or file where rvxd answers.
+/// That one is asked every few seconds by those who watch, and to start the whole with its libraries takes
+/// longer than rvxd's answer. It uses C alone, so that nothing but the C library is loaded, and whatever is
+/// not as expected is left to the whole.
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -34,7 +34,8 @@ bool Parse(int count, char** words, SAsked& asked) {
       asked.m_Json = true;
     else if (std::strcmp(word, "--only-problems") == 0)
       asked.m_OnlyProblems = asked.m_IsStatus;  // it belongs behind
-    else if (std::strcmp(word, "--socket") == 0 && i + 1 < count && words[i + 1][0] == '/' && asked.m_Socket == nullptr)
+    else if (std::strcmp(word, "--socket") == 0 && i + 1 < count && words[i + 1][0] == '/' &&
+             asked.m_Socket == nullptr)
       asked.m_Socket = words[++i];
     else if (std::strcmp(word, "--no-color") != 0)
       return false;
@@ -57,7 +58,8 @@ int Connected(const char* path) {
   return socket;
 }
 
-/// All that comes until the end, with a zero behind; null when something fails. The memory goes with the process.
+/// All that comes until the end, with a zero behind; null when something fails. The memory goes with the
+/// process.
 char* ReadAll(int socket, std::size_t& size) {
   std::size_t room = 64U << 10;
   char* text = static_cast<char*>(std::malloc(room));
@@ -85,13 +87,16 @@ bool Show(const SAsked& asked) {
   if (socket < 0) return false;
   // HTTP/1.0 ends with the connection, and has no chunks.
   char request[256];
-  const int length = std::snprintf(request, sizeof request,
-                                   "GET /v1/views/status?width=0&form=%s%s HTTP/1.0\r\nAccept: text/plain\r\n\r\n",
-                                   asked.m_Json ? "json" : "text", asked.m_OnlyProblems ? "&only-problems=1" : "");
+  const int length =
+      std::snprintf(request, sizeof request,
+                    "GET /v1/views/status?width=0&form=%s%s HTTP/1.0\r\nAccept: text/plain\r\n\r\n",
+                    asked.m_Json ? "json" : "text", asked.m_OnlyProblems ? "&only-problems=1" : "");
   std::size_t size = 0;
-  const char* const answer =
-      ::send(socket, request, static_cast<std::size_t>(length), MSG_NOSIGNAL) == length ? ReadAll(socket, size) : nullptr;
-  if (answer == nullptr || std::strncmp(answer, "HTTP/1.", 7) != 0 || std::strncmp(answer + 8, " 200 ", 5) != 0)
+  const char* const answer = ::send(socket, request, static_cast<std::size_t>(length), MSG_NOSIGNAL) == length
+                                 ? ReadAll(socket, size)
+                                 : nullptr;
+  if (answer == nullptr || std::strncmp(answer, "HTTP/1.", 7) != 0 ||
+      std::strncmp(answer + 8, " 200 ", 5) != 0)
     return false;
   const char* body = std::strstr(answer, "\r\n\r\n");
   const char* const told = std::strstr(answer, "Content-Length: ");
@@ -121,7 +126,8 @@ int StartWhole(char** words) {
     std::strcpy(std::strrchr(path, '/') + 1, RVX_WHOLE);
     ::execv(path, words);
   }
-  std::fprintf(stderr, "rvxctl: cannot start %s: %s\n", length > 0 ? path : "the program", std::strerror(errno));
+  std::fprintf(stderr, "rvxctl: cannot start %s: %s\n", length > 0 ? path : "the program",
+               std::strerror(errno));
   return 9;  // as where the plug-in cannot be loaded
 }
 
@@ -131,7 +137,8 @@ int main(int count, char** words) {
   SAsked asked;
   struct stat out {};
   // What a terminal is shown depends on the terminal.
-  if (Parse(count, words, asked) && ::fstat(STDOUT_FILENO, &out) == 0 && ::isatty(STDOUT_FILENO) == 0 && Show(asked))
+  if (Parse(count, words, asked) && ::fstat(STDOUT_FILENO, &out) == 0 && ::isatty(STDOUT_FILENO) == 0 &&
+      Show(asked))
     return EXIT_SUCCESS;
   return StartWhole(words);
 }

@@ -8,6 +8,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <cstdio>
+#include <iostream>
 #include <random>
 
 #include "host/Signals.h"
@@ -27,6 +28,8 @@ constexpr char READING_SOCKET[] = "/run/rvx/rvxd-ro.sock";
 constexpr std::chrono::seconds ANSWER_LIMIT{90};  ///< above the longest wait that is asked for
 constexpr std::chrono::seconds BEAT_LIMIT{30};    ///< without a beat of a stream the connection is dead
 constexpr std::chrono::seconds AGAIN_INTERVAL{1};
+constexpr std::chrono::seconds START_LIMIT{60};
+constexpr std::chrono::milliseconds START_LOOK{100};
 constexpr std::size_t PART = 64U << 10;
 constexpr char WAIT_FOR_END[] = "?wait=30";
 
@@ -176,9 +179,14 @@ std::vector<SFrame> TakeFrames(std::string& text) {
 }  // namespace
 
 std::unique_ptr<CRemote> CRemote::Find(const SOptions& options) {
+  if (!options.m_Socket.empty() && (options.m_Direct || options.m_Simulate))
+    throw CError(EXIT_USAGE, std::string("--socket means rvxd, and ") +
+                                 (options.m_Direct ? "--direct" : "--simulate") +
+                                 " means without it: say one of them");
   if (!options.m_Socket.empty()) return std::make_unique<CRemote>(options.m_Socket);
   // Who chooses a plug-in wants this one.
-  if (options.m_Direct || options.m_Simulate || !options.m_Plugin.empty() || FindVariable("RVX_PLUGIN") != nullptr)
+  if (options.m_Direct || options.m_Simulate || !options.m_Plugin.empty() ||
+      FindVariable("RVX_PLUGIN") != nullptr)
     return nullptr;
   for (const char* const socket : {CHANGING_SOCKET, READING_SOCKET})
     if (Answers(socket)) return std::make_unique<CRemote>(socket);
@@ -191,10 +199,17 @@ SAnswer CRemote::Ask(const std::string& method, const std::string& target, const
     auto request = RequestFor(method, target);
     if (!body.empty()) request.set(http::field::content_type, "application/json");
     if (!key.empty()) request.set("Idempotency-Key", key);
+    if (method == "PUT") request.set(http::field::if_match, "*");  // whatever it was before
     request.body() = body;
     request.prepare_payload();
-    const auto answer = CConversation(m_Socket, request).Answer();
-    return {answer.result_int(), answer.body(), std::string(answer[http::field::location])};
+    // One that was started by this very connection looks at the machine first.
+    for (const auto end = std::chrono::steady_clock::now() + START_LIMIT;; Pause(START_LOOK)) {
+      const auto answer = CConversation(m_Socket, request).Answer();
+      const bool isStarting =
+          answer.result_int() == 503 && answer.body().find("/starting\"") != std::string::npos;
+      if (!isStarting || std::chrono::steady_clock::now() > end)
+        return {answer.result_int(), answer.body(), std::string(answer[http::field::location])};
+    }
   } catch (const boost::system::system_error& error) {
     throw Away(m_Socket, error);
   }
@@ -262,19 +277,7 @@ SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {
   }
 }
 
-void CRemote::SetPollInterval(int seconds) {
-  auto request = RequestFor("PUT", "/v1/settings");
-  request.set(http::field::if_match, "*");
-  request.set(http::field::content_type, "application/json");
-  request.body() = Json{{"pollInterval", seconds}}.dump();
-  request.prepare_payload();
-  try {
-    const auto answer = CConversation(m_Socket, request).Answer();
-    if (answer.result_int() >= 300) throw ErrorOf({answer.result_int(), answer.body()});
-  } catch (const boost::system::system_error& error) {
-    throw Away(m_Socket, error);
-  }
-}
+void CRemote::SetPollInterval(int seconds) { Document("PUT", "/v1/settings", {{"pollInterval", seconds}}); }
 
 void CRemote::Watch() {
   HoldEndSignals();
@@ -316,6 +319,8 @@ void CRemote::Follow(const std::string& since, bool follow, const std::function<
         for (const SFrame& frame : TakeFrames(text)) {
           if (frame.m_Event != "event" && frame.m_Event != "reset") continue;
           Json data = Json::parse(frame.m_Data);
+          if (frame.m_Event == "reset")
+            std::cerr << "rvxctl: rvxd has begun anew: what happened meanwhile may be missing\n";
           cursor = data[frame.m_Event == "event" ? "id" : "cursor"];
           if (frame.m_Event == "event") tell(std::move(data));
         }

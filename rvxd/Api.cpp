@@ -192,7 +192,7 @@ SHttpAnswer CApi::State(const SHttpRequest& request, const Captured&) const {
 SHttpAnswer CApi::Health(const SHttpRequest&, const Captured&) const {
   const auto snapshot = Snapshot();
   Json health = HealthNow(*snapshot, m_Keeper.Pass(), Host::NowMilliseconds());
-  health["conditions"] = m_Conditions.All();
+  health["conditions"] = ConditionsNow();
   return Answered(health);
 }
 
@@ -238,8 +238,22 @@ SHttpAnswer CApi::Levels(const SHttpRequest& request, const Captured&) const {
   });
 }
 
+Json CApi::ConditionsNow() const {
+  Json all = m_Conditions.All();
+  const SPass pass = m_Keeper.Pass();
+  // The plug-in's thread, which would say so, may hang itself.
+  const auto isSaid = [](const Json& one) { return one["kind"] == "watch-blind"; };
+  if (IsBlind(pass, Host::NowMilliseconds()) && std::ranges::none_of(all, isSaid))
+    all.push_back(ConditionOf(BlindProblem(pass), pass.m_Time));
+  return all;
+}
+
 SHttpAnswer CApi::View(const SHttpRequest& request, const Captured& name) const {
   const auto snapshot = Snapshot();
+  // A view tells of the machine as it is now, and a script that asks takes it so.
+  if (const SPass pass = m_Keeper.Pass(); IsBlind(pass, Host::NowMilliseconds()))
+    throw CProblem(503, "blind",
+                   BlindProblem(pass).m_Text + ": what rvxd knows may be wrong; --direct looks without it");
   Host::SForm form{request.Query("form") == "json"};
   form.m_Style.m_Width = NumberIn(request, "width", 0, 65535);
   form.m_Style.m_Color = request.Query("color") == "1";
@@ -277,7 +291,7 @@ SHttpAnswer CApi::Events(const SHttpRequest& request, const Captured&) const {
 }
 
 SHttpAnswer CApi::Conditions(const SHttpRequest&, const Captured&) const {
-  return Answered({{"conditions", m_Conditions.All()}});
+  return Answered({{"conditions", ConditionsNow()}});
 }
 
 SHttpAnswer CApi::Acknowledge(const SHttpRequest& request, const Captured& id) const {

@@ -56,6 +56,7 @@ class CApi {
   /// The last look. Throws CProblem before the first one.
   std::shared_ptr<const CSnapshot> Snapshot() const;
   Json SettingsJson() const;
+  Json ConditionsNow() const;
 
   CKeeper& m_Keeper;
   CFeed& m_Feed;

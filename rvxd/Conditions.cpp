@@ -9,7 +9,9 @@ namespace {
 
 std::string NowText() { return Host::TimeText(Host::NowMilliseconds()); }
 
-Json ConditionOf(const Host::SProblem& problem) {
+}  // namespace
+
+Json ConditionOf(const Host::SProblem& problem, std::uint64_t since) {
   const std::string kind = problem.Word();
   return {{"id", kind + ":" + problem.m_Object},
           {"kind", kind},
@@ -17,11 +19,9 @@ Json ConditionOf(const Host::SProblem& problem) {
           {"level", Host::WordOf(problem.m_Health)},
           {"text", problem.m_Text},
           {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)},
-          {"since", NowText()},
+          {"since", Host::TimeText(since)},
           {"acknowledged", nullptr}};
 }
-
-}  // namespace
 
 CConditions::CConditions(const std::string& folder, CFeed& feed)
     : m_File(folder + "/conditions.json"), m_Feed(feed) {
@@ -38,7 +38,7 @@ void CConditions::Update(const Host::SHealth& health, const std::vector<Host::SP
   bool isOther = false;
   for (const std::vector<Host::SProblem>* const problems : {&health.m_Problems, &own})
     for (const Host::SProblem& problem : *problems) {
-      Json condition = ConditionOf(problem);
+      Json condition = ConditionOf(problem, Host::NowMilliseconds());
       const std::string id = condition["id"];
       if (const auto before = m_Conditions.find(id); before != m_Conditions.end()) {
         condition["since"] = before->second["since"];

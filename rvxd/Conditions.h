@@ -13,6 +13,10 @@
 
 namespace Rvxd {
 
+/// A problem as it is told: "array-degraded:md_d0".
+/// @param since in milliseconds since 1970
+Json ConditionOf(const Host::SProblem& problem, std::uint64_t since);
+
 /// Kept over restarts, so that nobody is told twice. All functions may be called by any thread.
 class CConditions {
  public:

@@ -118,7 +118,7 @@ void CKeeper::Run(const std::stop_token& end) {
     } catch (const std::exception& error) {  // a turn that fails is lost, the next one may do better
       Log(3, std::string("a look at the machine failed: ") + error.what());
     }
-    if (m_OnTurn) m_OnTurn(Now() != nullptr);
+    m_OnTurn(Now() == nullptr ? ETurn::STARTING : ETurn::WATCHING);
     if (!end.stop_requested()) Wait();
   }
 }
@@ -184,16 +184,13 @@ void CKeeper::Look() {
     own.push_back({Host::EHealth::WARNING, "events lost", "rvxd",
                    "the journal of events cannot be written: " + error,
                    "make room on the disk that it lies on"});
-  if (IsBlind(pass, Host::NowMilliseconds()))
-    own.push_back({Host::EHealth::CRITICAL, "watch blind", "rvxd",
-                   "the plug-in has not looked at the machine since " + Host::TimeText(pass.m_Time),
-                   "'systemctl restart rvxd', and the kernel's log tells which disk hangs"});
+  if (IsBlind(pass, Host::NowMilliseconds())) own.push_back(BlindProblem(pass));
   seen += " " + cursor + " " + std::to_string(own.size()) + m_Conditions.All().dump();
   std::shared_ptr<CSnapshot> now;
   if (before == nullptr || seen != m_Seen) {
     now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
     m_Conditions.Update(now->Health(), own);
-    now->Publish(m_Feed.Epoch(), cursor, m_Conditions.All(), pass, before.get());
+    now->Publish(m_Instance, cursor, m_Conditions.All(), pass, before.get());
     m_Seen = std::move(seen);
   }
   {
@@ -257,7 +254,9 @@ void CKeeper::CarryOut(const STask& task) {
     // On the disk before the machine is touched: who finds it there knows what may be half done.
     m_Operations.Step(id,
                       "Looked again: the machine is as the plan showed it. Begun: " + change.m_What + ".");
+    m_OnTurn(ETurn::CHANGING);
     const unsigned int status = m_Session->Run(change.m_Object.m_ID, look->m_Operation);
+    m_OnTurn(ETurn::WATCHING);
     const auto await = [&](const auto& question, std::chrono::seconds limit) {
       for (const auto end = Clock::now() + limit; Clock::now() < end;
            std::this_thread::sleep_for(OUTCOME_LOOK)) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <thread>
 
 #include "host/Options.h"
@@ -18,6 +19,9 @@
 #include "rvxd/Snapshot.h"
 
 namespace Rvxd {
+
+/// What the plug-in's thread does: it is about to change the machine, for which the kernel may take its time.
+enum class ETurn { STARTING, WATCHING, CHANGING };
 
 class CKeeper {
  public:
@@ -34,8 +38,8 @@ class CKeeper {
   /// looks up from md every three seconds alone, and whoever stops a service waits for less. Throws
   /// Host::CError when a simulated machine cannot be saved.
   bool End(std::chrono::milliseconds limit);
-  /// Called by the plug-in's thread with each turn: it lives.
-  void OnTurn(std::function<void(bool isReady)> tell) { m_OnTurn = std::move(tell); }
+  /// Called by the plug-in's thread with each turn, and where it begins something that may take long.
+  void OnTurn(std::function<void(ETurn)> tell) { m_OnTurn = std::move(tell); }
 
   /// For any thread. Null before the first pass.
   std::shared_ptr<const CSnapshot> Now() const;
@@ -65,10 +69,12 @@ class CKeeper {
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
-  std::function<void(bool)> m_OnTurn;
+  std::function<void(ETurn)> m_OnTurn{[](ETurn) {}};
   std::unique_ptr<Host::CSession> m_Session;
   std::unique_ptr<OS::COperatingSystem> m_Here;
   std::unique_ptr<const Host::CMachine> m_Machine;
+  /// Tells this process's revisions from those of another, which count from 1 too.
+  const std::string m_Instance{std::to_string(std::random_device()())};
   KVT::Internal::CFileDescriptor m_Wake;
   KVT::Internal::CFileDescriptor m_Md;
   int m_Soon{0};                 ///< turns that follow a change of md closely

@@ -24,10 +24,11 @@ namespace Rvxd {
 namespace {
 
 constexpr std::chrono::milliseconds END_LIMIT{400};
+constexpr char CHANGE_LIMIT[] = "7200000000";  ///< microseconds of the watchdog during a change: two hours
 
 struct SDaemonOptions {
   Host::SOptions m_Host;
-  std::string m_Socket{"/run/rvx/rvxd.sock"};
+  std::string m_Socket;
   std::string m_State;  ///< folder; empty: the service manager's, else the usual one
   unsigned int m_PlanSeconds{900};
 };
@@ -45,15 +46,23 @@ std::string StateFolder(const SDaemonOptions& options) {
 }
 
 /// Tells the service manager; the watchdog is fed by the plug-in's thread alone, since it is the one that may
-/// hang.
-void TellManager(bool isReady) {
+/// hang. A change is not to be killed half-way because the kernel takes long for it.
+void TellManager(ETurn turn) {
   static bool wasReady = false;
-  if (isReady && !std::exchange(wasReady, true))
+  static const char* const usual = std::getenv("WATCHDOG_USEC");
+  if (turn == ETurn::WATCHING && !std::exchange(wasReady, true))
     ::sd_notify(0, "READY=1\nSTATUS=The machine is being watched.");
+  if (usual != nullptr) ::sd_notifyf(0, "WATCHDOG_USEC=%s", turn == ETurn::CHANGING ? CHANGE_LIMIT : usual);
   ::sd_notify(0, "WATCHDOG=1");
 }
 
-int Serve(const SDaemonOptions& options) {
+int Serve(SDaemonOptions options) {
+  if (options.m_Host.m_Simulate && options.m_Socket.empty())
+    throw Host::CError(Host::EXIT_USAGE,
+                       "a simulated machine is not served in the place of this one: --socket says where");
+  if (options.m_Host.m_Save && options.m_Host.m_Machine.empty())
+    throw Host::CError(Host::EXIT_USAGE, "--save needs a file: --simulate=FILE");
+  if (options.m_Socket.empty()) options.m_Socket = "/run/rvx/rvxd.sock";
   const std::string folder = StateFolder(options);
   const auto lock = Host::LockWriter(
       options.m_Host.m_Simulate ? folder + "/writer.lock" : std::string(Host::WRITER_LOCK), "rvxd");
@@ -68,7 +77,7 @@ int Serve(const SDaemonOptions& options) {
   std::list<CServer> servers;
   if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, false);
   if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, true);
-  Log(6, "serving at " + options.m_Socket);
+  Log(6, "serving at " + sockets.m_Where);
   const sigset_t signals = Host::EndSignals();
   int signal = 0;
   ::sigwait(&signals, &signal);
@@ -95,9 +104,9 @@ int Main(int count, char** words) {
   app.add_flag("--simulate{-}", options.m_Host.m_Machine, "a simulated machine: the demonstration or FILE")
       ->each([&](const std::string&) { options.m_Host.m_Simulate = true; });
   app.add_flag("--save", options.m_Host.m_Save, "keep the simulated machine in its file at the end");
-  app.add_option("--socket", options.m_Socket, "where to listen, unless the service manager says")
-      ->type_name("PATH")
-      ->capture_default_str();
+  app.add_option("--socket", options.m_Socket,
+                 "where to listen, unless the service manager says: /run/rvx/rvxd.sock")
+      ->type_name("PATH");
   app.add_option("--state", options.m_State, "folder for events, operations and conditions")
       ->type_name("PATH");
   app.add_option("--plugin", options.m_Host.m_Plugin, "the plug-in's library")->type_name("PATH");

@@ -1,8 +1,6 @@
 #include "rvxd/Operations.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +11,7 @@
 #include <random>
 
 #include "host/Values.h"
+#include "libraries/common/ReplaceFile.h"
 #include "rvxd/Log.h"
 
 namespace Rvxd {
@@ -54,16 +53,7 @@ constexpr char NOT_BEGUN[] = "rvxd ended before it began: nothing was done";
 }  // namespace
 
 void WriteWhole(const std::string& path, const std::string& text) {
-  const std::string next = path + ".new";
-  bool isWritten = false;
-  {
-    const KVT::Internal::CFileDescriptor file(
-        ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-    isWritten = file.IsOpen() &&
-                ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                ::fdatasync(file.Get()) == 0;
-  }
-  if (!isWritten || ::rename(next.c_str(), path.c_str()) != 0)
+  if (!KVT::Internal::ReplaceFile(path, text, S_IRUSR | S_IWUSR))
     throw Host::CError(Host::EXIT_PLUGIN_ERROR, "cannot write " + path + ": " + std::strerror(errno));
 }
 
@@ -89,12 +79,15 @@ COperations::COperations(const std::string& folder, CFeed& feed, std::chrono::se
         operation["state"] = "interrupted";
         operation["ended"] = NowText();
         operation["error"] = CProblem(500, "interrupted", isBegun ? INTERRUPTED : NOT_BEGUN).ToJson();
+        Log(3, operation.at("id").get<std::string>() + " (" + operation.at("title").get<std::string>() +
+                   "): " + (isBegun ? INTERRUPTED : NOT_BEGUN));
       }
       m_Operations.push_back(std::move(operation));
     }
   } catch (const Json::exception&) {  // somebody has written into it
     m_Operations.clear();
   }
+  Keep();
 }
 
 std::pair<std::string, std::string> COperations::AddPlan(const Host::SRequest& request,
@@ -226,12 +219,18 @@ std::optional<STask> COperations::Next() {
 void COperations::Step(const std::string& id, const std::string& text) {
   const std::lock_guard lock(m_Mutex);
   Json& operation = Find(id);
+  const Json before = operation;
   operation["steps"].push_back({{"text", text}, {"time", NowText()}});
   if (operation["state"] == "queued") {
     operation["state"] = "running";
     operation["started"] = NowText();
   }
-  Keep();
+  try {
+    Keep();
+  } catch (const CProblem&) {  // it is not begun either
+    operation = before;
+    throw;
+  }
   Tell(operation);
 }
 

@@ -113,7 +113,7 @@ Json CProblem::ToJson() const {
   if (m_Code == 403) json["exitStatus"] = Host::EXIT_NO_RIGHTS;
   if (m_Code == 404) json["exitStatus"] = Host::EXIT_NO_OBJECT;
   if (m_Code == 412 || m_Code == 429 || m_Code == 503 || m_Code == 409) json["exitStatus"] = Host::EXIT_BUSY;
-  if (m_Code == 400 || m_Code == 422) json["exitStatus"] = Host::EXIT_USAGE;
+  if (m_Code == 400 || m_Code == 422 || m_Code == 428) json["exitStatus"] = Host::EXIT_USAGE;
   json.update(m_More);
   json["reasons"] = m_Reasons;
   return json;

@@ -256,7 +256,7 @@ Json CSnapshot::DiskJson(const PI::CObject& disk) const {
   return json;
 }
 
-void CSnapshot::Publish(const std::string& epoch, const std::string& cursor, const Json& conditions,
+void CSnapshot::Publish(const std::string& instance, const std::string& cursor, const Json& conditions,
                         const SPass& pass, const CSnapshot* before) {
   Host::EHealth level = m_Health.m_Health;
   for (const Json& condition : conditions)  // rvxd's own are among them
@@ -300,7 +300,7 @@ void CSnapshot::Publish(const std::string& epoch, const std::string& cursor, con
       {"health", m_HealthJson},       {"arrays", m_Arrays}, {"disks", m_Disks},
       {"controllers", m_Controllers}, {"levels", m_Levels}};
   m_State = std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
-  m_Tag = "\"" + epoch + "-" + std::to_string(m_Revision) + "\"";
+  m_Tag = "\"" + instance + "-" + std::to_string(m_Revision) + "\"";
 }
 
 std::vector<std::string> CSnapshot::ChangedSince(unsigned long revision) const {
@@ -339,6 +339,12 @@ const Json* CSnapshot::FindDisk(const std::string& address) const {
 bool IsBlind(const SPass& pass, std::uint64_t now) {
   const auto interval = static_cast<std::uint64_t>(pass.m_Interval) * MILLISECONDS;
   return now > pass.m_Time + BLIND_INTERVALS * interval;
+}
+
+Host::SProblem BlindProblem(const SPass& pass) {
+  return {Host::EHealth::CRITICAL, "watch blind", "rvxd",
+          "the plug-in has not looked at the machine since " + Host::TimeText(pass.m_Time),
+          "'systemctl restart rvxd', and the kernel's log tells which disk hangs"};
 }
 
 Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now) {

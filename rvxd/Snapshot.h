@@ -32,10 +32,10 @@ class CSnapshot {
 
   /// Numbers it, and makes the document of /v1/state. The revision is that of `before` when that shows the
   /// same.
-  /// @param epoch of the revision's tag: another process counts from 1 again
+  /// @param instance of the program: another one counts its revisions from 1 too
   /// @param conditions as they are told, with this look's own
-  void Publish(const std::string& epoch, const std::string& cursor, const Json& conditions, const SPass& pass,
-               const CSnapshot* before);
+  void Publish(const std::string& instance, const std::string& cursor, const Json& conditions,
+               const SPass& pass, const CSnapshot* before);
 
   const Host::CTopology& Topology() const { return m_Topology; }
   const Host::CInventory& Inventory() const { return m_Inventory; }
@@ -87,5 +87,6 @@ class CSnapshot {
 Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now);
 /// Nobody has looked for so long that what is told may be wrong.
 bool IsBlind(const SPass& pass, std::uint64_t now);
+Host::SProblem BlindProblem(const SPass& pass);
 
 }  // namespace Rvxd

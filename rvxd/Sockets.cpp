@@ -30,8 +30,12 @@ CFileDescriptor Listen(const std::string& path, mode_t mode) {
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   CFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket.IsOpen()) Fail("no socket");
-  struct stat old {};
-  if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
+  if (struct stat old{}; ::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
+    const CFileDescriptor other(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(other.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+      throw Host::CError(Host::EXIT_BUSY, "another program listens at " + path);
+    ::unlink(path.c_str());
+  }
   const mode_t mask = ::umask(~mode & (S_IRWXU | S_IRWXG | S_IRWXO));
   const int bound = ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   ::umask(mask);
@@ -66,6 +70,7 @@ SSockets OpenSockets(const std::string& path) {
                          "of the sockets that were handed over none is named rvxd or rvxd-ro");
     return sockets;
   }
+  sockets.m_Where = path;
   sockets.m_Changing = Listen(path, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP);
   if (const group* const rvx = ::getgrnam("rvx"); rvx != nullptr && ::geteuid() == 0)
     if (::chown(path.c_str(), 0, rvx->gr_gid) != 0) Fail("cannot give " + path + " to the group rvx");

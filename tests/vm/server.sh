@@ -32,9 +32,10 @@ first=${disk[AHCI-0]} second=${disk[SAS-0]} spare=${disk[AHCI-1]} next=${disk[SA
 echo 100 >/proc/sys/dev/raid/speed_limit_min
 sync_speed 200
 expect_eq "a mirror is made by way of rvxd" md_d0 "$(make raid1 - "$first" "$second")"
-expect_eq "the operation is kept as done" done "$(api GET /v1/operations | jq -r '.operations[-1].state')"
+expect_eq "the operation is kept" "done" "$(api GET /v1/operations | jq -r '.operations[-1].state')"
 comes 10085 md_d0
 expect_match "the state has it at once" 'First sync [0-9]*% \(md\)' "$(rvx status)"
+# shellcheck disable=SC2034  # of the condition
 uuid=$(mdadm --detail /dev/md_d0 | sed -n 's/.*UUID : //p')
 check "it is found by its uuid too, once udev has seen it" wait_for 10 'api GET "/v1/arrays/$uuid" >/dev/null'
 status=0
