@@ -23,6 +23,7 @@ namespace Rvxd {
 
 namespace {
 
+constexpr char DEFAULT_SOCKET[] = "/run/rvx/rvxd.sock";
 constexpr std::chrono::milliseconds END_LIMIT{400};
 constexpr char CHANGE_LIMIT[] = "7200000000";  ///< microseconds of the watchdog during a change: two hours
 
@@ -35,7 +36,11 @@ struct SDaemonOptions {
 
 std::string StateFolder(const SDaemonOptions& options) {
   std::string folder = options.m_State;
-  if (folder.empty() && options.m_Host.m_Simulate) folder = options.m_Socket + ".state";
+  if (folder.empty() && options.m_Host.m_Simulate) {
+    if (options.m_Socket.empty())
+      throw Host::CError(Host::EXIT_USAGE, "a simulated machine needs --socket or --state");
+    folder = options.m_Socket + ".state";
+  }
   if (const char* const given = std::getenv("STATE_DIRECTORY"); folder.empty() && given != nullptr)
     folder = given;
   if (folder.empty()) folder = "/var/lib/rvx";
@@ -57,12 +62,10 @@ void TellManager(ETurn turn) {
 }
 
 int Serve(SDaemonOptions options) {
-  if (options.m_Host.m_Simulate && options.m_Socket.empty())
-    throw Host::CError(Host::EXIT_USAGE,
-                       "a simulated machine is not served in the place of this one: --socket says where");
   if (options.m_Host.m_Save && options.m_Host.m_Machine.empty())
     throw Host::CError(Host::EXIT_USAGE, "--save needs a file: --simulate=FILE");
-  if (options.m_Socket.empty()) options.m_Socket = "/run/rvx/rvxd.sock";
+  // A simulated machine is not served in the place of this one.
+  if (options.m_Socket.empty() && !options.m_Host.m_Simulate) options.m_Socket = DEFAULT_SOCKET;
   const std::string folder = StateFolder(options);
   const auto lock = Host::LockWriter(
       options.m_Host.m_Simulate ? folder + "/writer.lock" : std::string(Host::WRITER_LOCK), "rvxd");
@@ -104,9 +107,9 @@ int Main(int count, char** words) {
   app.add_flag("--simulate{-}", options.m_Host.m_Machine, "a simulated machine: the demonstration or FILE")
       ->each([&](const std::string&) { options.m_Host.m_Simulate = true; });
   app.add_flag("--save", options.m_Host.m_Save, "keep the simulated machine in its file at the end");
-  app.add_option("--socket", options.m_Socket,
-                 "where to listen, unless the service manager says: /run/rvx/rvxd.sock")
-      ->type_name("PATH");
+  app.add_option("--socket", options.m_Socket, "where to listen, unless the service manager says")
+      ->type_name("PATH")
+      ->default_str(DEFAULT_SOCKET);
   app.add_option("--state", options.m_State, "folder for events, operations and conditions")
       ->type_name("PATH");
   app.add_option("--plugin", options.m_Host.m_Plugin, "the plug-in's library")->type_name("PATH");

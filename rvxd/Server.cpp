@@ -90,7 +90,7 @@ MHD_Result Send(MHD_Connection* connection, SHttpAnswer answer) {
   return result;
 }
 
-void LogFromBelow(void*, const char* format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void LogFromBelow(void*, const char* format, va_list arguments) {
   std::array<char, 256> text{};
   std::vsnprintf(text.data(), text.size(), format, arguments);
   std::string line = text.data();

@@ -70,6 +70,7 @@ SSockets OpenSockets(const std::string& path) {
                          "of the sockets that were handed over none is named rvxd or rvxd-ro");
     return sockets;
   }
+  if (path.empty()) throw Host::CError(Host::EXIT_USAGE, "--socket is missing: it says where to listen");
   sockets.m_Where = path;
   sockets.m_Changing = Listen(path, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP);
   if (const group* const rvx = ::getgrnam("rvx"); rvx != nullptr && ::geteuid() == 0)
