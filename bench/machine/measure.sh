@@ -49,6 +49,17 @@ programs() {
     "$RVX_BUILD/bench/rvx_scan_time" "$rounds"
 }
 
+# The status by way of rvxd.
+served() {
+    local server
+    "$RVX_BUILD/sbin/rvxd" 2>/dev/null &
+    server=$!
+    wait_for 30 'rvx --socket /run/rvx/rvxd.sock api GET /v1/health >/dev/null 2>&1'
+    "$stopwatch" compare "$rounds" "served=$RVX_BUILD/bin/rvxctl --json status" "served_lsblk=lsblk -J"
+    kill "$server"
+    wait "$server"
+}
+
 # seen FILE LINES WORDS: the moment of the first line with the words behind so many.
 seen() { tail -n +$(($2 + 1)) "$1" | grep -m1 -- "$3" | cut -d' ' -f1; }
 
@@ -106,6 +117,7 @@ mirror /dev/md1 AHCI-0 AHCI-1
 mirror /dev/md2 AHCI-2 AHCI-3
 udevadm settle
 programs | tell
+served | tell
 change_to_event >/tmp/delays
 grep '^#' /tmp/delays
 tell </tmp/delays
