@@ -150,6 +150,7 @@ SHttpAnswer CApi::Route(const SHttpRequest& request) const {
     if (!Matches(route.m_Path, request.m_Path, captured)) continue;
     if (request.m_Method != route.m_Method) {
       allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
+      if (allowed.ends_with("GET")) allowed += ", HEAD";
       continue;
     }
     if (request.m_IsReadOnly && request.m_Method != "GET")

@@ -205,7 +205,7 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
     Json slot = nullptr;
     if (entry.m_Md)
       for (const Host::SMdMember& one : entry.m_Md->m_Members)
-        if (one.m_Name == member.m_Name) slot = one.m_Number;
+        if (one.m_Name == member.m_Name && one.m_Mark != 'S' && one.m_Mark != 'F') slot = one.m_Number;
     json["members"].push_back(
         {{"disk", member.m_Disk == nullptr ? Json(nullptr) : Json(DiskID(*member.m_Disk))},
          {"name", member.m_Name},
@@ -330,9 +330,13 @@ const Json* CSnapshot::FindArray(const std::string& address) const {
 }
 
 const Json* CSnapshot::FindDisk(const std::string& address) const {
-  for (const char* const key : {"id", "name", "serial", "wwn"})
-    for (const Json& disk : m_Disks)
-      if (disk[key] == address) return &disk;
+  for (const char* const key : {"id", "name", "serial", "wwn"}) {
+    const auto has = [&](const Json& disk) { return disk[key] == address; };
+    const auto found = std::ranges::find_if(m_Disks, has);
+    if (found == m_Disks.end()) continue;
+    // Two disks may tell the same serial number: then it names neither.
+    return std::none_of(std::next(found), m_Disks.end(), has) ? &*found : nullptr;
+  }
   return nullptr;
 }
 

@@ -54,7 +54,8 @@ class CSnapshot {
 
   /// Throws Host::CError.
   Host::SView View(const Host::SViewRequest& request, const Host::SForm& form) const;
-  /// By uuid or name, by identifier, kernel name, serial number or WWN; null when there is none.
+  /// By uuid or name; by identifier, kernel name, serial number or WWN. Null when there is none, or not one
+  /// alone.
   const Json* FindArray(const std::string& address) const;
   const Json* FindDisk(const std::string& address) const;
 
