@@ -268,10 +268,7 @@ void CFeed::Add(Json event, std::uint64_t now, EFound found) {
 void CFeed::Notify(const std::string& type, const Json& data) {
   {
     const std::lock_guard lock(m_Mutex);
-    std::string frame = "event: " + type + "\n";
-    if (type != "state") frame += "id: " + IdOf(m_Last) + "\n";
-    frame += "data: " + Dumped(data) + "\n\n";
-    m_Notices.push_back({++m_LastNotice, std::make_shared<const std::string>(std::move(frame))});
+    m_Notices.push_back({++m_LastNotice, type, std::make_shared<const std::string>(Dumped(data))});
     if (m_Notices.size() > NOTICE_LIMIT) m_Notices.pop_front();
   }
   m_News.notify_all();
@@ -359,7 +356,10 @@ std::string CFeed::FramesBehind(SCursor& cursor, const SEventFilter& filter) con
     if (notice.m_Number <= cursor.m_Notice) continue;
     if (frames.size() >= FRAMES_LIMIT) break;
     cursor.m_Notice = notice.m_Number;
-    frames += *notice.m_Frame;
+    frames += "event: " + notice.m_Type + "\n";
+    // Who goes on behind it has had all events up to this stream's last one.
+    if (notice.m_Type != "state") frames += "id: " + IdOf(cursor.m_Event) + "\n";
+    frames += "data: " + *notice.m_Json + "\n\n";
   }
   return frames;
 }

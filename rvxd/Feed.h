@@ -93,7 +93,8 @@ class CFeed {
   };
   struct SNotice {
     std::uint64_t m_Number;
-    Text m_Frame;
+    std::string m_Type;
+    Text m_Json;
   };
   /// What is repeated: its event, and when it was last.
   struct SRepeat {

@@ -104,16 +104,22 @@ MHD_Result Send(MHD_Connection* connection, SHttpAnswer answer) {
 struct SConnection {
   std::string m_Body;
   bool m_IsTooLarge{false};
+  bool m_IsBegun{false};
+  bool m_HasZero{false};  ///< in its target, where a name would end for some and not for others
+
+  /// Called with the target as it came.
+  static void* Begin(void*, const char* target, MHD_Connection*) {
+    auto* const one = new SConnection;
+    one->m_HasZero = std::strstr(target, "%00") != nullptr;
+    return one;
+  }
 
   static MHD_Result Handle(void* self, MHD_Connection* connection, const char* url, const char* method,
                            const char*, const char* part, std::size_t* size, void** state) {
     const CServer& server = *static_cast<CServer*>(self);
     try {
-      if (*state == nullptr) {
-        *state = new SConnection;
-        return MHD_YES;
-      }
       SConnection& one = *static_cast<SConnection*>(*state);
+      if (!std::exchange(one.m_IsBegun, true)) return MHD_YES;
       if (*size != 0) {
         one.m_IsTooLarge = one.m_IsTooLarge || one.m_Body.size() + *size > BODY;
         if (!one.m_IsTooLarge) one.m_Body.append(part, *size);
@@ -145,12 +151,12 @@ struct SConnection {
     request.m_Extend = [connection](unsigned int seconds) {
       MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, seconds);
     };
-    if (m_IsTooLarge) {
-      request.m_Body.clear();
-      const CProblem problem(413, "too-large", "a body has 64 KiB at most");
-      return {413, std::make_shared<const std::string>(problem.ToJson().dump() + "\n"),
+    const auto refused = [](const CProblem& problem) -> SHttpAnswer {
+      return {problem.m_Code, std::make_shared<const std::string>(problem.ToJson().dump() + "\n"),
               "application/problem+json"};
-    }
+    };
+    if (m_IsTooLarge) return refused({413, "too-large", "a body has 64 KiB at most"});
+    if (m_HasZero) return refused({400, "usage", "no resource and no value has a zero in it"});
     if (request.m_Method != "GET")
       Log(5, request.m_Method + " " + request.m_Path + " by uid " + std::to_string(request.m_Peer.m_User) +
                  (request.m_Peer.m_Login ? " (login " + std::to_string(*request.m_Peer.m_Login) + ")" : "") +
@@ -160,14 +166,14 @@ struct SConnection {
 };
 
 CServer::CServer(int listener, const CApi& api, bool isReadOnly) : m_Api(api), m_IsReadOnly(isReadOnly) {
-  m_Daemon =
-      MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL |
-                           MHD_USE_ITC | MHD_USE_ERROR_LOG,
-                       0, nullptr, nullptr, &SConnection::Handle, this, MHD_OPTION_EXTERNAL_LOGGER,
-                       &LogFromBelow, nullptr, MHD_OPTION_LISTEN_SOCKET, listener,
-                       MHD_OPTION_CONNECTION_LIMIT, CONNECTIONS, MHD_OPTION_CONNECTION_TIMEOUT, SILENCE,
-                       MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEADERS, MHD_OPTION_THREAD_STACK_SIZE, STACK,
-                       MHD_OPTION_NOTIFY_COMPLETED, &SConnection::Done, nullptr, MHD_OPTION_END);
+  m_Daemon = MHD_start_daemon(
+      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ITC |
+          MHD_USE_ERROR_LOG,
+      0, nullptr, nullptr, &SConnection::Handle, this, MHD_OPTION_EXTERNAL_LOGGER, &LogFromBelow, nullptr,
+      MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, CONNECTIONS,
+      MHD_OPTION_CONNECTION_TIMEOUT, SILENCE, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEADERS,
+      MHD_OPTION_THREAD_STACK_SIZE, STACK, MHD_OPTION_URI_LOG_CALLBACK, &SConnection::Begin, nullptr,
+      MHD_OPTION_NOTIFY_COMPLETED, &SConnection::Done, nullptr, MHD_OPTION_END);
   if (m_Daemon == nullptr)
     throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the server of HTTP cannot be started");
 }

@@ -131,6 +131,7 @@ CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, con
     else
       m_Offers[object.m_ID] = {state, Host::OffersOf(m_Inventory, object, check)};
   }
+  NameDisks();
   m_Arrays = m_Disks = m_Controllers = m_Levels = Json::array();
   for (const Host::SArrayEntry& entry : m_Inventory.Arrays()) m_Arrays.push_back(ArrayJson(entry));
   for (const PI::CObject* const disk : m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE))
@@ -158,10 +159,22 @@ CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, con
   }
 }
 
-std::string CSnapshot::DiskID(const PI::CObject& disk) const {
-  const Host::SDeviceFacts facts = m_Inventory.FactsOf(disk);
-  if (!facts.m_ByID.empty()) return facts.m_ByID.front().substr(facts.m_ByID.front().rfind('/') + 1);
-  return facts.m_WWN.empty() ? NameOf(disk) : facts.m_WWN;
+void CSnapshot::NameDisks() {
+  const auto disks = m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE);
+  std::map<unsigned long, std::vector<std::string>> names;
+  std::map<std::string, int> owners;
+  for (const PI::CObject* const disk : disks) {
+    const Host::SDeviceFacts facts = m_Inventory.FactsOf(*disk);
+    auto& own = names[disk->m_ID];
+    for (const std::string& path : facts.m_ByID) own.push_back(path.substr(path.rfind('/') + 1));
+    if (!facts.m_WWN.empty()) own.push_back(facts.m_WWN);
+    for (const std::string& name : own) ++owners[name];
+  }
+  for (const PI::CObject* const disk : disks) {
+    const auto& own = names[disk->m_ID];
+    const auto found = std::ranges::find_if(own, [&](const std::string& name) { return owners[name] == 1; });
+    m_DiskIDs[disk->m_ID] = found == own.end() ? NameOf(*disk) : *found;
+  }
 }
 
 Json CSnapshot::OffersJson(const PI::CObject& object) const {
@@ -207,7 +220,7 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
       for (const Host::SMdMember& one : entry.m_Md->m_Members)
         if (one.m_Name == member.m_Name && one.m_Mark != 'S' && one.m_Mark != 'F') slot = one.m_Number;
     json["members"].push_back(
-        {{"disk", member.m_Disk == nullptr ? Json(nullptr) : Json(DiskID(*member.m_Disk))},
+        {{"disk", member.m_Disk == nullptr ? Json(nullptr) : Json(m_DiskIDs.at(member.m_Disk->m_ID))},
          {"name", member.m_Name},
          {"slot", slot},
          {"state", Host::WordOf(member.m_Role)}});
@@ -221,7 +234,7 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
 Json CSnapshot::DiskJson(const PI::CObject& disk) const {
   const Host::SDeviceFacts facts = m_Inventory.FactsOf(disk);
   const PI::CObject* const array = m_Topology.ArrayOf(disk);
-  Json json = {{"id", DiskID(disk)},
+  Json json = {{"id", m_DiskIDs.at(disk.m_ID)},
                {"device", TextOf(disk, PI::PROP_DEVICE_PATH)},
                {"name", NameOf(disk)},
                {"identifier", Host::HexadecimalID(disk.m_ID)},

@@ -67,13 +67,15 @@ class CSnapshot {
 
   Json ArrayJson(const Host::SArrayEntry& entry) const;
   Json DiskJson(const PI::CObject& disk) const;
-  std::string DiskID(const PI::CObject& disk) const;
+  /// Gives each disk a name that no other one has: by-id name, else WWN, else kernel name.
+  void NameDisks();
   Json OffersJson(const PI::CObject& object) const;
 
   const Host::CTopology m_Topology;
   Host::CInventory m_Inventory;
   Host::SHealth m_ArrayHealth;
   Host::SHealth m_Health;
+  std::map<unsigned long, std::string> m_DiskIDs;              ///< by the framework's identifier
   std::map<unsigned long, SOffers> m_Offers;                   ///< by identifier
   std::map<unsigned long, std::vector<std::string>> m_Mounts;  ///< mount points of it and its partitions
   Json m_Arrays, m_Disks, m_Controllers, m_Levels, m_HealthJson;
