@@ -1,0 +1,70 @@
+"""Streams that stay open, that stall, and the end; and who alone may change the machine."""
+
+import concurrent.futures
+import os
+import select
+import subprocess
+import time
+
+from client import Case, ids, machine, mirror, until
+
+
+class Streams(Case):
+    def test_beats(self):
+        """A client that cannot tell a quiet machine from a dead connection; an old client that gets chunks."""
+        daemon = self.daemon(machine())
+        for version, coding in (("HTTP/1.1", "chunked"), ("HTTP/1.0", None)):
+            with daemon.stream(version=version) as stream:
+                self.assertEqual(stream.response.headers["Transfer-Encoding"], coding)
+                self.assertEqual(stream.next().event, "beat")
+                begin = time.monotonic()
+                stream.until(lambda frame: frame.event == "beat")
+                self.assertLessEqual(time.monotonic() - begin, 10)
+
+    def test_who_does_not_read_is_dropped(self):
+        """One reader that fills rvxd's memory or holds up the others; events that he never sees, or sees again."""
+        daemon = self.daemon(machine())
+        cursor, hung_up = daemon.get("/v1/state")["cursor"], select.poll()
+        stalled, slow, quick = (self.enterContext(daemon.stream(last=cursor)) for _ in range(3))
+        hung_up.register(stalled.socket, select.POLLHUP)
+        is_last = lambda frame: frame.event == "operation" and frame.data["kind"] == "array.create" and frame.data["ended"]
+        with concurrent.futures.ThreadPoolExecutor(10) as pool:
+            readers = [pool.submit(quick.until, is_last, 200)]
+            for count in range(20):  # more than fits between the two processes
+                readers += [pool.submit(slow.until, is_last, 200)] if count == 3 else []
+                list(pool.map(lambda _: daemon.carry_out("rescan"), range(8)))
+            until(lambda: hung_up.poll(0), "the stalled one is dropped", 15)
+            daemon.carry_out("array.create", **mirror("sda", "sdb"))
+            seen, same = (ids(reader.result()) for reader in readers)
+        self.assertEqual(same, seen)
+        got = []
+        while frame := stalled.next():
+            got += ids([frame])
+        self.assertEqual(got, seen[:len(got)])
+        with daemon.stream(last=got[-1] if got else cursor) as resumed:
+            self.assertEqual(ids(resumed.until(lambda frame: ids([frame]) == seen[-1:])), seen[len(got):])
+
+    def test_an_end_waits_for_nobody(self):
+        """A service that cannot be stopped because somebody watches."""
+        daemon = self.daemon(machine())
+        streams = [self.enterContext(daemon.stream()) for _ in range(30)]
+        self.assertEqual({stream.next().event for stream in streams}, {"beat"})
+        self.assertLess(daemon.stop(), 1)
+        for stream in streams:
+            while stream.next():
+                pass
+
+    def test_one_alone_changes_the_machine(self):
+        """Two of them on one state; a second one that takes the first one's sockets away; a crash that leaves a lock."""
+        daemon = self.daemon(machine())
+        second = daemon.spawn()
+        second.communicate(timeout=30)
+        self.assertEqual(second.returncode, 5)
+        self.assertIn(f"rvxd (process {daemon.process.pid})", daemon.log.read_text())
+        self.assertEqual(daemon.get("/v1/state"), daemon.reader.get("/v1/state"))
+        daemon.kill()
+        daemon.start()
+        create = "array create --level raid1 sda sdb --yes".split()
+        result = subprocess.run([os.environ["RVXCTL"], f"--socket={daemon.path}", *create], capture_output=True, text=True, timeout=60)
+        self.assertEqual((result.returncode, daemon.names()), (0, ["md_d0"]), result)
+        self.assertIn("Created md_d0: 63 MiB.", result.stdout)
