@@ -247,8 +247,9 @@ SPlan CRemote::Plan(const SRequest& request, std::size_t width) {
   std::optional<CError> refusal;
   if (!plan["error"].is_null()) refusal = ErrorOf(plan["error"], "message", "status");
   // What a rule forbids has no plan.
-  if (refusal && plan["plan"].is_null()) throw CError(*refusal);
-  return {plan["document"], plan["text"], plan["answer"], plan["questions"], refusal, plan["plan"]};
+  if (refusal && plan["document"].is_null()) throw CError(*refusal);
+  return {plan["document"],  plan["text"], plan["answer"],
+          plan["questions"], refusal,      plan["plan"].is_null() ? "" : plan["plan"].get<std::string>()};
 }
 
 SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {

@@ -344,6 +344,7 @@ SHttpAnswer CApi::Plan(const SHttpRequest& request, const Captured&) const {
              {"contents", disk.m_Contents.m_All},
              {"state", known == nullptr ? Json(nullptr) : (*known)["state"]}});
       }
+      if (error) return;
       std::tie(answer["plan"], answer["expires"]) =
           m_Operations.AddPlan(wanted, look.m_Change.m_What, look.m_Token);
     } catch (const Host::CError& forbidden) {

@@ -43,7 +43,10 @@ void CConditions::Update(const Host::SHealth& health, const std::vector<Host::SP
       if (const auto before = m_Conditions.find(id); before != m_Conditions.end()) {
         condition["since"] = before->second["since"];
         condition["acknowledged"] = before->second["acknowledged"];
-        isOther = isOther || condition != before->second;
+        if (condition != before->second) {
+          isOther = true;
+          m_Feed.Notify("condition", condition);
+        }
       } else {
         isOther = true;
         Log(problem.m_Health == Host::EHealth::CRITICAL ? 3 : 4,

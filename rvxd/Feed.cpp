@@ -342,8 +342,14 @@ std::string CFeed::FramesBehind(SCursor& cursor, const SEventFilter& filter) con
     cursor.m_Event = m_Last;
     cursor.m_Reset = true;
   }
-  if (std::exchange(cursor.m_Reset, false))
-    frames = "event: reset\nid: " + IdOf(m_Last) + "\ndata: " + Dumped({{"cursor", IdOf(m_Last)}}) + "\n\n";
+  if (!m_Notices.empty() && cursor.m_Notice + 1 < m_Notices.front().m_Number) {
+    cursor.m_Notice = m_LastNotice;
+    cursor.m_Reset = true;
+  }
+  if (std::exchange(cursor.m_Reset, false)) {
+    const std::string id = IdOf(cursor.m_Event);
+    frames = "event: reset\nid: " + id + "\ndata: " + Dumped({{"cursor", id}}) + "\n\n";
+  }
   for (auto event = std::ranges::upper_bound(m_Events, cursor.m_Event, {}, &SEvent::m_Number);
        event != m_Events.end() && frames.size() < FRAMES_LIMIT; ++event) {
     cursor.m_Event = event->m_Number;

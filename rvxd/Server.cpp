@@ -156,7 +156,7 @@ struct SConnection {
               "application/problem+json"};
     };
     if (m_IsTooLarge) return refused({413, "too-large", "a body has 64 KiB at most"});
-    if (m_HasZero) return refused({400, "usage", "no resource and no value has a zero in it"});
+    if (m_HasZero) return refused({404, "not-found", "no resource has a zero in its name"});
     if (request.m_Method != "GET")
       Log(5, request.m_Method + " " + request.m_Path + " by uid " + std::to_string(request.m_Peer.m_User) +
                  (request.m_Peer.m_Login ? " (login " + std::to_string(*request.m_Peer.m_Login) + ")" : "") +

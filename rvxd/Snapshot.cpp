@@ -5,6 +5,7 @@
 
 #include "host/Keys.h"
 #include "host/Levels.h"
+#include "host/Proposals.h"
 #include "host/Rules.h"
 #include "host/Texts.h"
 #include "host/Values.h"
@@ -178,17 +179,27 @@ void CSnapshot::NameDisks() {
 }
 
 Json CSnapshot::OffersJson(const PI::CObject& object) const {
+  // What can be asked for, under the kinds of plans.
+  constexpr std::pair<unsigned int, Host::EChange> KINDS[] = {
+      {PI::OP_DELETE_LOGICAL_DRIVE, Host::EChange::DELETE_ARRAY},
+      {PI::OP_CREATE_DEDICATED_HOTSPARE, Host::EChange::ADD_SPARE},
+      {PI::OP_DELETE_DEDICATED_HOTSPARE, Host::EChange::RELEASE_SPARE},
+      {PI::OP_START_REBUILD, Host::EChange::START_REBUILD},
+      {PI::OP_CANCEL_REBUILD, Host::EChange::CANCEL_REBUILD}};
   Json list = Json::array();
   for (const Host::SOffer& offer : m_Offers.at(object.m_ID).m_Offers) {
+    const unsigned int code = offer.m_Operation.m_Code;
+    const auto* const kind = std::ranges::find(KINDS, code, &std::pair<unsigned int, Host::EChange>::first);
+    if (kind == std::end(KINDS)) continue;
     Json reasons = Json::array();
     if (!offer.m_Why.empty())
-      reasons.push_back({{"rule", TextOrNull(offer.m_Rule)},
+      reasons.push_back({{"rule", offer.m_Rule.empty() ? "plugin-check" : offer.m_Rule},
                          {"object", NameOf(object)},
                          {"text", offer.m_Why},
                          {"overridable", false}});
-    list.push_back({{"kind", Host::Keys::OfOperation(offer.m_Operation.m_Code)},
-                    {"code", offer.m_Operation.m_Code},
-                    {"text", Host::Texts::Of(offer.m_Operation.m_Code)},
+    list.push_back({{"kind", Host::WordOf(kind->second)},
+                    {"code", code},
+                    {"text", Host::Texts::Of(code)},
                     {"allowed", offer.m_Why.empty()},
                     {"reasons", reasons}});
   }

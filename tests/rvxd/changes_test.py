@@ -60,7 +60,7 @@ class Changes(Case):
                 with self.subTest(rule):
                     request = {key: name} if key else mirror("sda", name)
                     plan = daemon.plan(kind, **request, **({"disk": "sda"} if kind == "spare.add" else {}))
-                    self.assertEqual((plan["allowed"], plan["document"], rules(plan)), (False, None, {(rule, name)}))
+                    self.assertEqual((plan["allowed"], plan["plan"], rules(plan)), (False, None, {(rule, name)}))
         self.assertTrue(daemon.plan("array.delete", array="md_d5", forcePartitionMembers=True)["allowed"])
         offered = daemon.get("/v1/arrays/md_d3")["operations"]
         self.assertIn("array-in-use", {reason["rule"] for one in offered for reason in one["reasons"]})

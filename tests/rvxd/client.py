@@ -225,7 +225,8 @@ class Daemon(Client):
             described = json.loads((ROOT / f"tests/host/machines/{described}.json").read_text())
         (folder / "machine.json").write_text(json.dumps(described))
         (folder / "piRVX.ini").write_text("PollInterval=2\n")
-        self._words = ["env", f"ZQ_CONFIG_DIR={folder}", os.environ["RVXD"], f"--simulate={folder}/machine.json",
+        self.slow = folder / "slow"  # as long as it is there, a plug-in that is RVX_SLOW hangs
+        self._words = ["env", f"ZQ_CONFIG_DIR={folder}", f"RVX_TEST_SLOW={self.slow}", os.environ["RVXD"], f"--simulate={folder}/machine.json",
                        "--socket", self.path, "--state", self.state, *options]
         self.process = None
 

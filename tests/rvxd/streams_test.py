@@ -54,6 +54,25 @@ class Streams(Case):
             while stream.next():
                 pass
 
+    def test_a_pass_that_hangs(self):
+        """Readers that wait for a disk that does not answer; a monitoring that goes on saying that all is well."""
+        daemon = self.daemon(machine(), "--plugin", os.environ["RVX_SLOW"])
+        daemon.slow.touch()
+        begin = time.monotonic()
+        while time.monotonic() - begin < 20:
+            asked = time.monotonic()
+            for target in ("/v1/state", "/v1/disks/sda", "/v1/events", "/v1/operations"):
+                daemon.get(target)
+            self.assertLess(time.monotonic() - asked, 0.5)
+            time.sleep(0.1)
+        health = daemon.get("/v1/health")
+        self.assertEqual((health["level"], [one["id"] for one in health["conditions"]]), ("unknown", ["watch-blind:rvxd"]))
+        daemon.ask("GET", "/v1/views/status", expect=503)
+        check = subprocess.run([os.environ["RVXCTL"], f"--socket={daemon.path}", "check"], capture_output=True, text=True, timeout=60)
+        self.assertEqual((check.returncode, check.stdout[:12]), (3, "RAID UNKNOWN"))
+        daemon.slow.unlink()
+        until(lambda: daemon.get("/v1/health")["level"] == "ok", "it looks again", 10)
+
     def test_one_alone_changes_the_machine(self):
         """Two of them on one state; a second one that takes the first one's sockets away; a crash that leaves a lock."""
         daemon = self.daemon(machine())
