@@ -237,7 +237,7 @@ std::string RoleText(const Json& array, const std::string& disk) {
     if (member["name"] != disk) continue;
     const std::string word = member["role"];
     const auto* const role = std::ranges::find_if(ROLES, [&](const auto& one) { return word == one.first; });
-    return disk + role->second + name;
+    return std::string(disk).append(role->second).append(name);
   }
   return disk + " is no member of " + name;
 }

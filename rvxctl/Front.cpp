@@ -46,8 +46,9 @@ bool Parse(int count, char** words, SAsked& asked) {
 int Connected(const char* path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (std::strlen(path) >= sizeof address.sun_path) return -1;
-  std::strcpy(address.sun_path, path);
+  const std::size_t length = std::strlen(path);
+  if (length >= sizeof address.sun_path) return -1;
+  std::memcpy(address.sun_path, path, length);  // the rest is zero
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const timeval limit{30, 0};
   if (socket < 0 || ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0 ||
@@ -123,7 +124,7 @@ int StartWhole(char** words) {
   const ssize_t length = ::readlink("/proc/self/exe", path, PATH_MAX);
   if (length > 0) {
     path[length] = '\0';
-    std::strcpy(std::strrchr(path, '/') + 1, RVX_WHOLE);
+    std::memcpy(std::strrchr(path, '/') + 1, RVX_WHOLE, sizeof RVX_WHOLE);
     ::execv(path, words);
   }
   std::fprintf(stderr, "rvxctl: cannot start %s: %s\n", length > 0 ? path : "the program",

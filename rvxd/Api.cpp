@@ -166,7 +166,7 @@ SHttpAnswer CApi::Route(const SHttpRequest& request) const {
 }
 
 std::shared_ptr<const CSnapshot> CApi::Snapshot() const {
-  const auto snapshot = m_Keeper.Now();
+  auto snapshot = m_Keeper.Now();
   if (snapshot == nullptr) throw CProblem(503, "starting", "the plug-in has not looked at the machine yet");
   return snapshot;
 }

@@ -81,7 +81,19 @@ SPass CKeeper::Pass() const {
 }
 
 void CKeeper::Do(const std::function<void(Host::CSession&, const Host::CMachine&)>& work) {
-  const auto task = std::make_shared<Work::element_type>(work);
+  // What it throws is thrown again here, as a copy: an exception that two threads hold is freed by either.
+  std::optional<Host::CError> error;
+  std::optional<CProblem> problem;
+  const auto task =
+      std::make_shared<Work::element_type>([&](Host::CSession& session, const Host::CMachine& machine) {
+        try {
+          work(session, machine);
+        } catch (const Host::CError& thrown) {
+          error.emplace(thrown);
+        } catch (const CProblem& thrown) {
+          problem.emplace(thrown);
+        }
+      });
   std::future<void> done = task->get_future();
   {
     const std::lock_guard lock(m_Mutex);
@@ -102,6 +114,8 @@ void CKeeper::Do(const std::function<void(Host::CSession&, const Host::CMachine&
   } catch (const std::future_error&) {
     throw CProblem(503, "stopping", "rvxd is being stopped; nothing was done");
   }
+  if (error) throw Host::CError(*error);
+  if (problem) throw CProblem(*problem);
 }
 
 void CKeeper::Run(const std::stop_token& end) {

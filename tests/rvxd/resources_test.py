@@ -2,7 +2,7 @@
 
 import urllib.parse
 
-from client import API, Case, Daemon, machine, mirror
+from client import API, Case, Daemon, machine, mirror, until
 
 
 def everything():
@@ -36,8 +36,8 @@ class Resources(Case):
                 self.assertEqual([one.get("/")["readOnly"] for one in (daemon, daemon.reader)], [False, True])
                 plain = daemon.ask("GET", "/v1/views/status", headers={"Accept": "text/plain"}).data
                 self.assertEqual(daemon.get("/v1/views/status?form=text")["text"], plain)
-                for part in ("arrays", "disks", "controllers", "levels"):
-                    self.assertEqual(daemon.get(f"/v1/{part}")[part], state[part])
+                for part in ("arrays", "disks", "controllers", "levels"):  # a rebuild goes on between two requests
+                    until(lambda: daemon.get(f"/v1/{part}")[part] == daemon.get("/v1/state")[part], f"{part} are those of the state")
 
     def test_names(self):
         """A disk or array that is found by one of its names only, or another one than was named."""
