@@ -47,7 +47,7 @@ std::string NameIn(const Json& event) {
   const Json name = event.value("objectName", Json(nullptr));
   if (name.is_string() && name != "adapter") return name;
   for (const Json& text : event.value("placeholders", Json::array()))
-    if (text.is_string() && text != "") return text;
+    if (text.is_string() && !text.get_ref<const std::string&>().empty()) return text;
   return name.is_string() ? name.get<std::string>() : event.value("object", "");
 }
 

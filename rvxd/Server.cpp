@@ -58,7 +58,7 @@ struct SStream {
     if (stream.m_Rest.empty()) stream.m_Rest = stream.m_Next();
     if (stream.m_Rest.empty()) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::size_t count = std::min(size, stream.m_Rest.size());
-    std::memcpy(buffer, stream.m_Rest.data(), count);
+    std::copy_n(stream.m_Rest.begin(), count, buffer);
     stream.m_Rest.erase(0, count);
     return static_cast<ssize_t>(count);
   }

@@ -317,7 +317,7 @@ void CSnapshot::Publish(const std::string& instance, const std::string& cursor, 
   compare(m_Arrays, before == nullptr ? Json::array() : before->m_Arrays);
   compare(m_Disks, before == nullptr ? Json::array() : before->m_Disks);
   m_OwnHealth = m_HealthJson;
-  if (!isOther) m_Revision = before->m_Revision;
+  if (!isOther && before != nullptr) m_Revision = before->m_Revision;
   m_HealthJson = HealthNow(*this, pass, pass.m_Time);
   const Json state = {
       {"revision", m_Revision},       {"cursor", cursor},   {"time", Host::TimeText(pass.m_Time)},
