@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds TURN{1000};
 constexpr std::chrono::milliseconds CHANGE_TURN{10};
 constexpr int CHANGE_TURNS = 50;
 constexpr std::chrono::milliseconds PASS_LOOK{5};
-constexpr std::chrono::milliseconds PASS_AGAIN{40};
+constexpr std::chrono::milliseconds PASS_AGAIN{80};
 constexpr std::chrono::seconds PASS_LIMIT{60};
 constexpr std::chrono::milliseconds OUTCOME_LOOK{50};
 constexpr std::chrono::seconds WORK_LIMIT{60};
@@ -241,16 +241,16 @@ void CKeeper::AwaitPass() {
   const Host::CTopology before(*m_Session);
   PI::COperation rescan;
   rescan.m_Code = rescan.m_SecondCode = PI::OP_RESCAN_ADAPTER;
+  auto pause = PASS_LOOK;
   for (const auto end = Clock::now() + PASS_LIMIT; Clock::now() < end;) {
-    // Asked again until it is done: a pass that meets a request, be it this one, is skipped until the next
-    // interval.
+    // Asked again until it is done, and more and more rarely: a pass that meets a request, be it this one, is
+    // skipped until the next interval.
     if (const unsigned int status = m_Session->Run(before.Adapter().m_ID, rescan); status != PI::OK)
       throw Host::PluginError(status, "rescan");
     ++m_OwnRescans;
-    for (const auto again = Clock::now() + PASS_AGAIN; Clock::now() < again;) {
-      std::this_thread::sleep_for(PASS_LOOK);
-      if (m_Session->Topology().front().m_UpdateCounter != before.Plugin().m_UpdateCounter) return;
-    }
+    std::this_thread::sleep_for(pause);
+    if (m_Session->Topology().front().m_UpdateCounter != before.Plugin().m_UpdateCounter) return;
+    pause = std::min(pause * 2, PASS_AGAIN);
   }
   throw Host::CError(Host::EXIT_BUSY, "the plug-in has not looked at the machine within " +
                                           std::to_string(PASS_LIMIT.count()) + " s");

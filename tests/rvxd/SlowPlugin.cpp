@@ -21,8 +21,10 @@ class CSlowPlugin : public IPLUGINAPI {
   CSlowPlugin() { reinterpret_cast<CreateIfFunction*>(Simulated("createIf"))(&m_Below); }
   ~CSlowPlugin() override { reinterpret_cast<ReleaseIfFunction*>(Simulated("releaseIf"))(&m_Below); }
   unsigned int Execute(PI::_COMMAND command, unsigned long id, void* data) override {
-    m_Below->m_pNotificationTarget = m_pNotificationTarget;
-    m_Below->m_pNotification = m_pNotification;
+    if (command == PI::CMD_INITIALIZE) {
+      m_Below->m_pNotificationTarget = m_pNotificationTarget;
+      m_Below->m_pNotification = m_pNotification;
+    }
     const char* const file = std::getenv("RVX_TEST_SLOW");
     while (file != nullptr && ::access(file, F_OK) == 0) ::usleep(10000);
     return m_Below->Execute(command, id, data);
