@@ -134,8 +134,6 @@ CFeed::CFeed(const std::string& folder) : m_Folder(folder) {
     m_Epoch = NewEpoch();
     Begin(1);
   }
-  if (!m_WriteError.empty())
-    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the journal of events cannot be written: " + m_WriteError);
 }
 
 void CFeed::Close() {
@@ -255,9 +253,9 @@ void CFeed::Add(Json event, std::uint64_t now, EFound found) {
     whole.update(event);
     whole["count"] = 1;
     whole["last"] = event["time"];
-    if (m_Written > FILE_LIMIT &&
-        ::rename((m_Folder + FILE_NAME).c_str(), (m_Folder + OLDER_NAME).c_str()) == 0)
-      Begin(number);
+    const bool isMoved = m_Written > FILE_LIMIT &&
+                         ::rename((m_Folder + FILE_NAME).c_str(), (m_Folder + OLDER_NAME).c_str()) == 0;
+    if (isMoved || !m_File.IsOpen()) Begin(number);  // also where the last beginning failed
     // On the disk before anybody is told: an identifier that a client has seen is known after a restart.
     Write(Dumped(whole), event.value("severity", 0U) >= PI::SEV_WARNING);
     Push(number, whole);

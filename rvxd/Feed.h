@@ -52,8 +52,7 @@ enum class EFound { AT_START, LATER };
 /// be called by any thread.
 class CFeed {
  public:
-  /// Takes up the journal in the folder, or begins one. A line that is torn is cut off. Throws Host::CError
-  /// when the folder cannot be written to.
+  /// Takes up the journal in the folder, or begins one. A line that is torn is cut off.
   explicit CFeed(const std::string& folder);
   ~CFeed() { Close(); }
   CFeed(const CFeed&) = delete;

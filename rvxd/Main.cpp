@@ -44,8 +44,9 @@ std::string StateFolder(const SDaemonOptions& options) {
   if (const char* const given = std::getenv("STATE_DIRECTORY"); folder.empty() && given != nullptr)
     folder = given;
   if (folder.empty()) folder = "/var/lib/rvx";
-  if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST)
-    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "cannot make " + folder + ": " + std::strerror(errno) +
+  if ((::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) || ::access(folder.c_str(), W_OK) != 0)
+    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "cannot keep anything in " + folder + ": " +
+                                                    std::strerror(errno) +
                                                     "; --state names the folder for what is kept");
   return folder;
 }

@@ -87,7 +87,11 @@ COperations::COperations(const std::string& folder, CFeed& feed, std::chrono::se
   } catch (const Json::exception&) {  // somebody has written into it
     m_Operations.clear();
   }
-  Keep();
+  try {
+    Keep();
+  } catch (const CProblem& problem) {  // a full disk is no reason not to watch
+    Log(3, problem.what());
+  }
 }
 
 std::pair<std::string, std::string> COperations::AddPlan(const Host::SRequest& request,
