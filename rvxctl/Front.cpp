@@ -63,7 +63,8 @@ int Connected(const char* path) {
 /// process.
 char* ReadAll(int socket, std::size_t& size) {
   std::size_t room = 64U << 10;
-  char* text = static_cast<char*>(std::malloc(room));
+  static char* text = nullptr;  // it goes with the process
+  text = static_cast<char*>(std::malloc(room));
   for (size = 0; text != nullptr;) {
     const ssize_t count = ::read(socket, text + size, room - size - 1);
     if (count < 0 && errno == EINTR) continue;
@@ -138,8 +139,8 @@ int main(int count, char** words) {
   SAsked asked;
   struct stat out {};
   // What a terminal is shown depends on the terminal.
-  if (Parse(count, words, asked) && ::fstat(STDOUT_FILENO, &out) == 0 && ::isatty(STDOUT_FILENO) == 0 &&
-      Show(asked))
+  if (Parse(count, words, asked) && std::getenv("RVX_PLUGIN") == nullptr &&
+      ::fstat(STDOUT_FILENO, &out) == 0 && ::isatty(STDOUT_FILENO) == 0 && Show(asked))
     return EXIT_SUCCESS;
   return StartWhole(words);
 }

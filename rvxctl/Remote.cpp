@@ -222,7 +222,8 @@ CError ErrorOf(const SAnswer& answer) {
 }
 
 Json CRemote::Document(const std::string& method, const std::string& target, const Json& body) const {
-  const SAnswer answer = Ask(method, target, body.is_null() ? "" : body.dump());
+  const SAnswer answer =
+      Ask(method, target, body.is_null() ? "" : body.dump(-1, ' ', false, Json::error_handler_t::replace));
   if (answer.m_Code >= 300) throw ErrorOf(answer);
   Json document = Json::parse(answer.m_Body, nullptr, false);
   if (!document.is_object())
@@ -252,11 +253,31 @@ SPlan CRemote::Plan(const SRequest& request, std::size_t width) {
           plan["questions"], refusal,      plan["plan"].is_null() ? "" : plan["plan"].get<std::string>()};
 }
 
+SAnswer CRemote::Begin(const std::string& plan) const {
+  const std::string body = Json{{"plan", plan}, {"confirm", true}}.dump();
+  const std::string key = NewKey();
+  for (const auto end = std::chrono::steady_clock::now() + START_LIMIT;;) {
+    try {
+      try {
+        return Ask("POST", "/v1/operations", body, key);
+      } catch (const CError& error) {
+        // Under the same key it is one operation, however often it is asked for.
+        if (error.m_ExitStatus != EXIT_NO_PLUGIN || std::chrono::steady_clock::now() > end) throw;
+      }
+      Pause(AGAIN_INTERVAL);
+    } catch (const CError& error) {
+      throw CError(error.m_ExitStatus, std::string(error.what()) +
+                                           "; whether the change was begun is not known: 'rvxctl api GET "
+                                           "/v1/operations' tells");
+    }
+  }
+}
+
 SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {
   HoldEndSignals();
   const std::string id = plan.m_ID.empty() ? Plan(request, 0).m_ID : plan.m_ID;
   const Json body = {{"plan", id}, {"confirm", true}};
-  const SAnswer begun = Ask("POST", "/v1/operations", body.dump(), NewKey());
+  const SAnswer begun = Begin(id);
   if (begun.m_Code >= 300) throw ErrorOf(begun);
   try {
     while (true) {
@@ -320,8 +341,14 @@ void CRemote::Follow(const std::string& since, bool follow, const std::function<
         for (const SFrame& frame : TakeFrames(text)) {
           if (frame.m_Event != "event" && frame.m_Event != "reset") continue;
           Json data = Json::parse(frame.m_Data);
-          if (frame.m_Event == "reset")
-            std::cerr << "rvxctl: rvxd has begun anew: what happened meanwhile may be missing\n";
+          if (frame.m_Event == "reset") {
+            std::cerr << "rvxctl: what happened meanwhile may not all be told: rvxd has begun anew, or this "
+                         "was too slow\n";
+            // All that a new list has is new.
+            const std::string next = data["cursor"];
+            if (next.substr(0, next.find('-')) != cursor.substr(0, cursor.find('-')))
+              for (const Json& event : Document("GET", "/v1/events?limit=1000")["events"]) tell(event);
+          }
           cursor = data[frame.m_Event == "event" ? "id" : "cursor"];
           if (frame.m_Event == "event") tell(std::move(data));
         }

@@ -45,6 +45,9 @@ class CRemote : public CSource {
   Json Document(const std::string& method, const std::string& target, const Json& body = nullptr) const;
 
  private:
+  /// Asks for the operation of a plan, again where the answer got lost.
+  SAnswer Begin(const std::string& plan) const;
+
   const std::string m_Socket;
   std::string m_Cursor;  ///< of the last event that was fetched
 };

@@ -414,10 +414,11 @@ SHttpAnswer CApi::SetSettings(const SHttpRequest& request, const Captured&) cons
   const Json body = BodyOf(request);
   if (!body.value("pollInterval", Json()).is_number_integer())
     throw CProblem(422, "usage", "\"pollInterval\" is a number of seconds");
-  if (!Names(match, "\"" + std::to_string(SettingsJson()["pollInterval"].get<long>()) + "\""))
-    throw CProblem(412, "stale", "the settings are other ones by now");
   const auto seconds = std::clamp(body["pollInterval"].get<long>(), -1L, 1L << 20);
   m_Keeper.Do([&](Host::CSession& session, const Host::CMachine&) {
+    // Between two turns, so that of two who change the same one alone succeeds.
+    if (!Names(match, "\"" + std::to_string(SettingsJson()["pollInterval"].get<long>()) + "\""))
+      throw CProblem(412, "stale", "the settings are other ones by now");
     Host::SetPollInterval(session, static_cast<int>(seconds));
   });
   m_Keeper.Do([](Host::CSession&, const Host::CMachine&) {});  // behind the look that shows it

@@ -1,5 +1,7 @@
 #include "rvxd/Conditions.h"
 
+#include <algorithm>
+
 #include "host/Values.h"
 #include "rvxd/Log.h"
 
@@ -28,7 +30,11 @@ CConditions::CConditions(const std::string& folder, CFeed& feed)
   const Json kept = ReadDocument(m_File);
   if (!kept.is_array()) return;
   for (const Json& condition : kept)
-    if (condition.is_object() && condition.value("id", Json()).is_string())
+    if (const char* const fields[] = {"id", "kind", "object", "level", "text", "next", "since",
+                                      "acknowledged"};
+        condition.is_object() &&
+        std::ranges::all_of(fields, [&](const char* field) { return condition.contains(field); }) &&
+        condition["id"].is_string())
       m_Conditions[condition["id"]] = condition;
 }
 
@@ -40,6 +46,10 @@ void CConditions::Update(const Host::SHealth& health, const std::vector<Host::SP
     for (const Host::SProblem& problem : *problems) {
       Json condition = ConditionOf(problem, Host::NowMilliseconds());
       const std::string id = condition["id"];
+      if (const auto same = now.find(id); same != now.end()) {  // two spares of one array, say
+        same->second["text"] = same->second["text"].get<std::string>() + "; " + problem.m_Text;
+        continue;
+      }
       if (const auto before = m_Conditions.find(id); before != m_Conditions.end()) {
         condition["since"] = before->second["since"];
         condition["acknowledged"] = before->second["acknowledged"];

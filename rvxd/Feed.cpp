@@ -69,8 +69,9 @@ bool Ends(unsigned int later, unsigned int earlier) {
       return isOneOf(earlier, {PI::EVT_LOGICALDRIVE_DEGRADED, PI::EVT_LOGICALDRIVE_FAILED,
                                PI::EVT_RESYNC_STARTED, PI::EVT_REBUILD_STARTED});
     case PI::EVT_LOGICALDRIVE_DEGRADED:
+      return isOneOf(earlier, {PI::EVT_LOGICALDRIVE_OK, PI::EVT_LOGICALDRIVE_FAILED});
     case PI::EVT_LOGICALDRIVE_FAILED:
-      return earlier == PI::EVT_LOGICALDRIVE_OK;
+      return isOneOf(earlier, {PI::EVT_LOGICALDRIVE_OK, PI::EVT_LOGICALDRIVE_DEGRADED});
     case PI::EVT_PHYSICALDRIVE_ADDED:
     case PI::EVT_PHYSICALDRIVE_REMOVED:
     case PI::EVT_FAILED_DRIVE_READY:
@@ -217,7 +218,7 @@ void CFeed::Count(std::uint64_t number, const Json& event) {
   const auto kept = std::ranges::lower_bound(m_Events, number, {}, &SEvent::m_Number);
   if (kept == m_Events.end() || kept->m_Number != number) return;
   Json counted = Json::parse(*kept->m_Json);
-  counted["count"] = counted["count"].get<unsigned long>() + 1;
+  counted["count"] = counted.value("count", 1UL) + 1;
   counted["last"] = event["time"];
   kept->m_Json = std::make_shared<const std::string>(Dumped(counted));
 }

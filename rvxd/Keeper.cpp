@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 
 #include "host/Values.h"
@@ -164,11 +165,13 @@ void CKeeper::Wait() {
 }
 
 void CKeeper::TellEvents() {
-  const std::vector<PI::CEvent> events = m_Session->FetchEvents();
-  if (events.empty()) return;
+  // Fetched ones are gone from the plug-in: where telling fails, they wait here for the next turn.
+  for (PI::CEvent& event : m_Session->FetchEvents()) m_Events.push_back(std::move(event));
+  if (m_Events.empty()) return;
   const Host::CTopology topology(*m_Session);
   const Host::CInventory inventory(topology, *m_Machine);
-  for (const PI::CEvent& event : events) {
+  for (; !m_Events.empty(); m_Events.pop_front()) {
+    const PI::CEvent& event = m_Events.front();
     const bool isOwn = event.m_Code == PI::EVT_RESCAN_REQUESTED && m_OwnRescans > 0;
     m_OwnRescans -= isOwn ? 1 : 0;
     if (!isOwn)
@@ -199,7 +202,8 @@ void CKeeper::Look() {
                    "the journal of events cannot be written: " + error,
                    "make room on the disk that it lies on"});
   if (IsBlind(pass, Host::NowMilliseconds())) own.push_back(BlindProblem(pass));
-  seen += " " + cursor + " " + std::to_string(own.size()) + m_Conditions.All().dump();
+  seen += " " + cursor + " " + std::to_string(own.size()) +
+          m_Conditions.All().dump(-1, ' ', false, Json::error_handler_t::replace);
   std::shared_ptr<CSnapshot> now;
   if (before == nullptr || seen != m_Seen) {
     now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
@@ -259,22 +263,33 @@ void CKeeper::AwaitPass() {
 void CKeeper::CarryOut(const STask& task) {
   const std::string& id = task.m_ID;
   try {
-    AwaitPass();
-    const auto look = Host::LookAgain(
-        *m_Session, *m_Machine,
-        [&](const Host::CInventory& now) { return Host::ChangeOf(now, task.m_Request); }, task.m_Token);
-    const Host::SChange& change = look->m_Change;
-    Log(5, id + " begins: " + change.m_What);
+    try {
+      AwaitPass();
+    } catch (const Host::CError& error) {
+      throw CProblem(503, "busy", std::string(error.what()) + "; nothing was done");
+    }
+    const auto lookAgain = [&] {
+      return Host::LookAgain(
+          *m_Session, *m_Machine,
+          [&](const Host::CInventory& now) { return Host::ChangeOf(now, task.m_Request); }, task.m_Token);
+    };
+    auto look = lookAgain();
+    Log(5, id + " begins: " + look->m_Change.m_What);
     // On the disk before the machine is touched: who finds it there knows what may be half done.
-    m_Operations.Step(id,
-                      "Looked again: the machine is as the plan showed it. Begun: " + change.m_What + ".");
+    m_Operations.Step(
+        id, "Looked again: the machine is as the plan showed it. Begun: " + look->m_Change.m_What + ".");
+    // The disk that keeps this may have been slow: the last look is as short before the change as can be.
+    look = lookAgain();
+    if (!HoldsStill(*look)) throw Host::ChangedMeanwhile("arrays or disks came or went");
     m_OnTurn(ETurn::CHANGING);
-    const unsigned int status = m_Session->Run(change.m_Object.m_ID, look->m_Operation);
+    const unsigned int status = m_Session->Run(look->m_Change.m_Object.m_ID, look->m_Operation);
     m_OnTurn(ETurn::WATCHING);
     const auto await = [&](const auto& question, std::chrono::seconds limit) {
       for (const auto end = Clock::now() + limit; Clock::now() < end;
            std::this_thread::sleep_for(OUTCOME_LOOK)) {
         AwaitPass();
+        TellEvents();
+        Look();
         const Host::CTopology topology(*m_Session);
         if (question(Host::CInventory(topology, *m_Machine))) return true;
       }
@@ -295,9 +310,28 @@ void CKeeper::CarryOut(const STask& task) {
     }
     Log(4, id + " is refused: " + error.what());
     m_Operations.Fail(id, problem);
-  } catch (const CProblem& problem) {  // it could not be kept, and was not begun
+  } catch (const CProblem& problem) {  // it could not be kept, or no look was had: it was not begun
     m_Operations.Fail(id, problem);
+  } catch (const std::exception& error) {
+    Log(3, id + " failed: " + error.what());
+    m_Operations.Fail(id, CProblem(500, "internal",
+                                   std::string("rvxd failed in it: ") + error.what() +
+                                       "; 'rvxctl status' shows what was done"));
   }
+}
+
+bool CKeeper::HoldsStill(const Host::SLook& look) {
+  const Host::CTopology now(*m_Session);
+  const auto names = [](const Host::CTopology& topology) {
+    std::string all;
+    for (const PI::CObject* const array : topology.OfKind(PI::OBJ_LOGICAL_DRIVE))
+      all += std::to_string(array->m_ID) + " " + Host::NameOf(*array) + "\n";
+    return all;
+  };
+  return names(now) == names(look.m_Topology) &&
+         std::ranges::all_of(look.m_Change.m_Disks, [&](const Host::SDiskPlan& disk) {
+           return m_Machine->Facts("/dev/" + disk.m_Name) == disk.m_Facts;
+         });
 }
 
 }  // namespace Rvxd

@@ -62,6 +62,9 @@ class CKeeper {
   void TellState();
   void DoWork();
   void CarryOut(const STask& task);
+  /// Whether no array came or went and no disk of the change is another one since the look: asked last of
+  /// all.
+  bool HoldsStill(const Host::SLook& look);
   /// Has the plug-in look at the machine, and waits until it has.
   void AwaitPass();
 
@@ -77,10 +80,11 @@ class CKeeper {
   const std::string m_Instance{std::to_string(std::random_device()())};
   KVT::Internal::CFileDescriptor m_Wake;
   KVT::Internal::CFileDescriptor m_Md;
-  int m_Soon{0};                 ///< turns that follow a change of md closely
-  std::string m_Seen;            ///< what the last look was made of
-  unsigned long m_Counter{0};    ///< of the plug-in's passes
-  unsigned int m_OwnRescans{0};  ///< whose events tell nobody anything
+  int m_Soon{0};                   ///< turns that follow a change of md closely
+  std::list<PI::CEvent> m_Events;  ///< fetched and not yet told
+  std::string m_Seen;              ///< what the last look was made of
+  unsigned long m_Counter{0};      ///< of the plug-in's passes
+  unsigned int m_OwnRescans{0};    ///< whose events tell nobody anything
   unsigned long m_ToldRevision{0};
   std::chrono::steady_clock::time_point m_ToldAt;
   mutable std::mutex m_Mutex;

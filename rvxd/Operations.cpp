@@ -74,6 +74,9 @@ COperations::COperations(const std::string& folder, CFeed& feed, std::chrono::se
   try {
     m_Last = kept.at("last");
     for (Json operation : kept.at("operations")) {
+      for (const char* const field : {"id", "kind", "title", "state", "created", "started", "ended", "steps",
+                                      "by", "result", "left", "error"})
+        operation.at(field);
       if (!IsOver(operation)) {
         const bool isBegun = operation.at("state") == "running";
         operation["state"] = "interrupted";

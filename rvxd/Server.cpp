@@ -155,6 +155,7 @@ struct SConnection {
       return {problem.m_Code, std::make_shared<const std::string>(problem.ToJson().dump() + "\n"),
               "application/problem+json"};
     };
+    request.m_Extend(SILENCE);  // whatever an earlier request on this connection needed
     if (m_IsTooLarge) return refused({413, "too-large", "a body has 64 KiB at most"});
     if (m_HasZero) return refused({404, "not-found", "no resource has a zero in its name"});
     if (request.m_Method != "GET")

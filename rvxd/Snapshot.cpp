@@ -366,7 +366,7 @@ const Json* CSnapshot::FindDisk(const std::string& address) const {
 
 bool IsBlind(const SPass& pass, std::uint64_t now) {
   const auto interval = static_cast<std::uint64_t>(pass.m_Interval) * MILLISECONDS;
-  return now > pass.m_Time + BLIND_INTERVALS * interval;
+  return pass.m_Time != 0 && now > pass.m_Time + BLIND_INTERVALS * interval;
 }
 
 Host::SProblem BlindProblem(const SPass& pass) {

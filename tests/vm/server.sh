@@ -1,6 +1,6 @@
 #!/bin/bash
 # rvxd over md: each event once and in order, over a restart in the middle of a resync and a kill, beside what mdadm's
-# monitor saw; changes and views by way of it; the lock, the sockets' rights, and what a killed operation leaves.
+# monitor saw; changes and views by way of it; the lock and the sockets' rights.
 source "$RVX_SOURCE/tests/vm/lib.sh"
 
 socket=/run/rvx/rvxd.sock
@@ -80,6 +80,7 @@ expect_eq "identifiers rise" "$(jq -r 'select(.type == "event").data.id' /tmp/fo
 for code in 10080 10085 10086 10055 10056 10078 10081; do
     expect_eq "event $code came once" 1 "$(told $code md_d0)"
 done
+check "mdadm's monitor saw the failure and the end" sh -c 'grep -q "^Fail /dev/md_d0" /tmp/mdadm && grep -q "^DeviceDisappeared /dev/md_d0" /tmp/mdadm'
 for pair in NewArray:10080 RebuildStarted:10085 RebuildFinished:10086 Fail:10078 DeviceDisappeared:10081; do
     ! grep -q "^${pair%:*} /dev/md_d0" /tmp/mdadm || expect_eq "what mdadm's monitor saw as ${pair%:*} came too" 1 "$(told "${pair#*:}" md_d0)"
 done
