@@ -82,7 +82,10 @@ CError SLook::Refusal() const {
   std::string help = ReasonOf(m_Topology, m_Change.m_Object, m_Change.m_Code, m_Check);
   const std::string hint = HintForCheck(m_Inventory.Machine().MdStat(), m_Check);
   help += (help.empty() || hint.empty() ? "" : "\n") + hint;
-  return PluginError(m_Check, "cannot " + m_Change.m_What, help);
+  CError refusal = PluginError(m_Check, "cannot " + m_Change.m_What, help);
+  refusal.m_Rule = "plugin-check";
+  refusal.m_Object = NameOf(m_Change.m_Object);
+  return refusal;
 }
 
 CError ChangedMeanwhile(const std::string& why) {

@@ -325,8 +325,6 @@ SHttpAnswer CApi::Plan(const SHttpRequest& request, const Captured&) const {
                              [&](const Host::CInventory& now) { return Host::ChangeOf(now, wanted); });
       const Host::SPlan plan = look.Plan(width);
       error = plan.m_Refusal;
-      if (error) error->m_Rule = "plugin-check";
-      if (error) error->m_Object = Host::NameOf(look.m_Change.m_Object);
       answer["title"] = look.m_Change.m_What;
       for (const std::string& text : {look.m_Change.m_Loss, look.m_Warning})
         if (!text.empty()) answer["consequences"].push_back(text);
