@@ -1,5 +1,5 @@
-/// What strangers send rvxd: queries, identifiers of events, bodies of plans. Any of it is answered or refused in words,
-/// and a request that is taken is the same after it was written down and read again.
+/// What strangers send rvxd: queries, identifiers of events, bodies of plans. Any of it is answered or
+/// refused in words, and a request that is taken is the same after it was written down and read again.
 
 #include "host/Proposals.h"
 #include "rvxd/Http.h"
