@@ -88,8 +88,7 @@ hardened() {
     local file=build/release/$1 facts fact status=0
     facts=$(readelf -hdlW "$file" && nm -D "$file" && echo "endbr64 $(objdump -d "$file" | grep -c endbr64)") || return 1
     shift
-    for fact in 'Type: +DYN' 'GNU_RELRO' 'BIND_NOW|Flags:.* NOW' 'GNU_STACK .* RW ' '__stack_chk_fail@' \
-        'endbr64 [0-9]{2,}' "$@"; do
+    for fact in 'Type: +DYN' 'GNU_RELRO' 'BIND_NOW|Flags:.* NOW' 'GNU_STACK .* RW ' '__stack_chk_fail@' "$@"; do
         grep -qE -- "$fact" <<<"$facts" || { echo "$file lacks $fact" && status=1; }
     done
     ! grep -qaF "$PWD" "$file" || { echo "$file contains the name of the folder it was built in" && status=1; }
@@ -97,15 +96,15 @@ hardened() {
 }
 
 release() {
-    local status=0 fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
-    hardened bin/rvxctl 'Flags:.* PIE' || status=1
-    hardened sbin/rvxd 'Flags:.* PIE' "$fortified" "$asserting" || status=1
-    hardened libexec/rvxctl-whole 'Flags:.* PIE' "$fortified" "$asserting" || status=1
-    hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" || status=1
-    hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" || status=1
-    hardened lib/piRVX/libzqKVT.so "$kept" "$fortified" || status=1
-    hardened lib/piRVX/libzqKVTX.so "$asserting" || status=1
-    hardened lib/piRVX/libzqPI.so "$asserting" || status=1
+    local status=0 branches='endbr64 [0-9]{2,}' fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
+    hardened bin/rvxctl 'Flags:.* PIE' 'endbr64 [3-9]' || status=1
+    hardened sbin/rvxd 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
+    hardened libexec/rvxctl-whole 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
+    hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" "$branches" || status=1
+    hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" "$branches" || status=1
+    hardened lib/piRVX/libzqKVT.so "$kept" "$fortified" "$branches" || status=1
+    hardened lib/piRVX/libzqKVTX.so "$asserting" "$branches" || status=1
+    hardened lib/piRVX/libzqPI.so "$asserting" "$branches" || status=1
     return "$status"
 }
 
