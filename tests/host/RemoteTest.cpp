@@ -52,7 +52,9 @@ std::string SaidBy(const Words& machine, const std::string& command) {
          std::regex_replace(result.m_Out, std::regex("\"updateCounter\": \\d+"), "") + result.m_Err;
 }
 
-TEST(Remote, EveryViewAndPlanIsTheSameBothWays) {
+class RemoteMachine : public testing::TestWithParam<const char*> {};
+
+TEST_P(RemoteMachine, EveryViewAndPlanIsTheSameBothWays) {
   constexpr const char* COMMANDS[] = {"topology",
                                       "status",
                                       "status --only-problems",
@@ -88,14 +90,13 @@ TEST(Remote, EveryViewAndPlanIsTheSameBothWays) {
                                       "rebuild start md_d1 --dry-run",
                                       "rebuild cancel md_d1 --dry-run",
                                       "array create --level raid1 sda sdb --yes --if-unchanged other"};
-  for (const char* const machine : {"arrays", "plain", "rules", "lost"}) {
-    const CDaemon daemon(Simulate(machine));
-    for (const std::string command : COMMANDS)
-      for (const std::string& words : {command, "--json " + command})
-        EXPECT_EQ(SaidBy({"--socket", daemon.Socket()}, words), SaidBy({Simulate(machine)}, words))
-            << machine << ": " << words;
-  }
+  const CDaemon daemon(Simulate(GetParam()));
+  for (const std::string command : COMMANDS)
+    for (const std::string& words : {command, "--json " + command})
+      EXPECT_EQ(SaidBy({"--socket", daemon.Socket()}, words), SaidBy({Simulate(GetParam())}, words)) << words;
 }
+INSTANTIATE_TEST_SUITE_P(Machines, RemoteMachine, testing::Values("arrays", "plain", "rules", "lost"),
+                         [](const auto& machine) { return std::string(machine.param); });
 
 TEST(Remote, ChangesAreTheSameBothWays) {
   const CTemporaryFolder folder;
