@@ -22,6 +22,9 @@ check "the plug-in is told to look every two seconds" rvx prop set plugin poll-i
 printf '#!/bin/sh\necho "$*" >>/tmp/mdadm\n' >/tmp/alert
 chmod +x /tmp/alert
 : >/tmp/mdadm
+# It ends where there is no array to watch.
+mdadm --create /dev/md1 --run --level=1 --metadata=1.2 --bitmap=none --assume-clean --raid-devices=2 \
+    "/dev/${disk[SAS-2]}" "/dev/${disk[SAS-3]}" >/dev/null 2>&1
 mdadm --monitor --scan --program=/tmp/alert >/tmp/monitor 2>&1 &
 monitor=$!
 start_server "at first"
@@ -80,11 +83,11 @@ expect_eq "identifiers rise" "$(jq -r 'select(.type == "event").data.id' /tmp/fo
 for code in 10080 10085 10086 10055 10056 10078 10081; do
     expect_eq "event $code came once" 1 "$(told $code md_d0)"
 done
-check "mdadm's monitor saw the failure and the end" sh -c 'grep -q "^Fail /dev/md_d0" /tmp/mdadm && grep -q "^DeviceDisappeared /dev/md_d0" /tmp/mdadm'
+check "mdadm's monitor saw the failure and the end" sh -c 'grep -q "^Fail /dev/md.*d0" /tmp/mdadm && grep -q "^DeviceDisappeared /dev/md.*d0" /tmp/mdadm'
 for pair in NewArray:10080 RebuildStarted:10085 RebuildFinished:10086 Fail:10078 DeviceDisappeared:10081; do
-    ! grep -q "^${pair%:*} /dev/md_d0" /tmp/mdadm || expect_eq "what mdadm's monitor saw as ${pair%:*} came too" 1 "$(told "${pair#*:}" md_d0)"
+    ! grep -q "^${pair%:*} /dev/md.*d0" /tmp/mdadm || expect_eq "what mdadm's monitor saw as ${pair%:*} came too" 1 "$(told "${pair#*:}" md_d0)"
 done
-echo "# mdadm's monitor: $(cut -d' ' -f1 /tmp/mdadm | sort | uniq -c | xargs)"
+echo "# mdadm's monitor: $(sort /tmp/mdadm | uniq -c | xargs)"
 
 expect_eq "who may not change things may look" "ok 403" "$(setpriv --reuid 65534 --regid 65534 --clear-groups curl -s \
     --unix-socket /run/rvx/rvxd-ro.sock http://x/v1/health | jq -r .level) $(setpriv --reuid 65534 --regid 65534 \
