@@ -59,8 +59,7 @@ int Connected(const char* path) {
   return socket;
 }
 
-/// All that comes until the end, with a zero behind; null when something fails. The memory goes with the
-/// process.
+/// All that comes until the end, with a zero behind; null when something fails.
 char* ReadAll(int socket, std::size_t& size) {
   std::size_t room = 64U << 10;
   static char* text = nullptr;  // it goes with the process

@@ -276,7 +276,6 @@ SAnswer CRemote::Begin(const std::string& plan) const {
 SOutcome CRemote::CarryOut(const SRequest& request, const SPlan& plan) {
   HoldEndSignals();
   const std::string id = plan.m_ID.empty() ? Plan(request, 0).m_ID : plan.m_ID;
-  const Json body = {{"plan", id}, {"confirm", true}};
   const SAnswer begun = Begin(id);
   if (begun.m_Code >= 300) throw ErrorOf(begun);
   try {

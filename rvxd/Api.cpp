@@ -26,12 +26,6 @@ Text Whole(const Json& json) {
 
 SHttpAnswer Answered(const Json& json, unsigned int code = 200) { return {code, Whole(json)}; }
 
-SHttpAnswer AnswerOf(const CProblem& problem) {
-  SHttpAnswer answer{problem.m_Code, Whole(problem.ToJson()), "application/problem+json"};
-  if (problem.m_Code == 503 || problem.m_Code == 429) answer.m_Headers.emplace_back("Retry-After", "1");
-  return answer;
-}
-
 /// Whether a header with tags ("*", or several with commas between) names this one.
 bool Names(const std::string& tags, const std::string& tag) {
   return tags == "*" || tags.find(tag) != std::string::npos;
@@ -74,6 +68,12 @@ bool Matches(const std::string& pattern, const std::string& path, std::string& c
 }
 
 }  // namespace
+
+SHttpAnswer AnswerOf(const CProblem& problem) {
+  SHttpAnswer answer{problem.m_Code, Whole(problem.ToJson()), "application/problem+json"};
+  if (problem.m_Code == 503 || problem.m_Code == 429) answer.m_Headers.emplace_back("Retry-After", "1");
+  return answer;
+}
 
 const std::string& SHttpRequest::Query(const std::string& name) const {
   static const std::string none;
@@ -197,46 +197,40 @@ SHttpAnswer CApi::Health(const SHttpRequest&, const Captured&) const {
   return Answered(health);
 }
 
+SHttpAnswer CApi::List(const SHttpRequest& request, const char* name,
+                       const Json& (CSnapshot::*list)() const) const {
+  const auto snapshot = Snapshot();
+  return Tagged(request, snapshot->Tag(), [&] {
+    return Whole({{"revision", snapshot->Revision()}, {name, (snapshot.get()->*list)()}});
+  });
+}
+
+SHttpAnswer CApi::One(const SHttpRequest& request, const char* name, const Captured& id,
+                      const Json* (CSnapshot::*find)(const std::string&) const) const {
+  const auto snapshot = Snapshot();
+  const Json* const one = (snapshot.get()->*find)(id);
+  if (one == nullptr)
+    throw CProblem(404, "not-found", std::string("there is no ") + name + " \"" + id + "\"");
+  return Tagged(request, snapshot->Tag(), [&] { return Whole(*one); });
+}
+
 SHttpAnswer CApi::Arrays(const SHttpRequest& request, const Captured&) const {
-  const auto snapshot = Snapshot();
-  return Tagged(request, snapshot->Tag(), [&] {
-    return Whole({{"revision", snapshot->Revision()}, {"arrays", snapshot->Arrays()}});
-  });
+  return List(request, "arrays", &CSnapshot::Arrays);
 }
-
 SHttpAnswer CApi::Array(const SHttpRequest& request, const Captured& id) const {
-  const auto snapshot = Snapshot();
-  const Json* const array = snapshot->FindArray(id);
-  if (array == nullptr) throw CProblem(404, "not-found", "there is no array \"" + id + "\"");
-  return Tagged(request, snapshot->Tag(), [&] { return Whole(*array); });
+  return One(request, "array", id, &CSnapshot::FindArray);
 }
-
 SHttpAnswer CApi::Disks(const SHttpRequest& request, const Captured&) const {
-  const auto snapshot = Snapshot();
-  return Tagged(request, snapshot->Tag(), [&] {
-    return Whole({{"revision", snapshot->Revision()}, {"disks", snapshot->Disks()}});
-  });
+  return List(request, "disks", &CSnapshot::Disks);
 }
-
 SHttpAnswer CApi::Disk(const SHttpRequest& request, const Captured& id) const {
-  const auto snapshot = Snapshot();
-  const Json* const disk = snapshot->FindDisk(id);
-  if (disk == nullptr) throw CProblem(404, "not-found", "there is no disk \"" + id + "\"");
-  return Tagged(request, snapshot->Tag(), [&] { return Whole(*disk); });
+  return One(request, "disk", id, &CSnapshot::FindDisk);
 }
-
 SHttpAnswer CApi::Controllers(const SHttpRequest& request, const Captured&) const {
-  const auto snapshot = Snapshot();
-  return Tagged(request, snapshot->Tag(), [&] {
-    return Whole({{"revision", snapshot->Revision()}, {"controllers", snapshot->Controllers()}});
-  });
+  return List(request, "controllers", &CSnapshot::Controllers);
 }
-
 SHttpAnswer CApi::Levels(const SHttpRequest& request, const Captured&) const {
-  const auto snapshot = Snapshot();
-  return Tagged(request, snapshot->Tag(), [&] {
-    return Whole({{"revision", snapshot->Revision()}, {"levels", snapshot->Levels()}});
-  });
+  return List(request, "levels", &CSnapshot::Levels);
 }
 
 Json CApi::ConditionsNow() const {
@@ -278,8 +272,7 @@ SHttpAnswer CApi::Events(const SHttpRequest& request, const Captured&) const {
     // The first beat takes the headers along.
     answer.m_Stream = [&feed = m_Feed, filter, isFirst = true, cursor = m_Feed.CursorAt(since)]() mutable {
       if (std::exchange(isFirst, false)) return std::string(": beat\n\n");
-      const SNews news = feed.Next(cursor, filter);
-      return news.m_Ended ? std::string() : news.m_Frames;
+      return feed.Next(cursor, filter);
     };
     return answer;
   }

@@ -53,6 +53,11 @@ class CApi {
   SHttpAnswer Settings(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer SetSettings(const SHttpRequest& request, const Captured&) const;
 
+  /// All of a kind, under their name; one of them. Both with the tag of their revision.
+  SHttpAnswer List(const SHttpRequest& request, const char* name,
+                   const Json& (CSnapshot::*list)() const) const;
+  SHttpAnswer One(const SHttpRequest& request, const char* name, const Captured& id,
+                  const Json* (CSnapshot::*find)(const std::string&) const) const;
   /// The last look. Throws CProblem before the first one.
   std::shared_ptr<const CSnapshot> Snapshot() const;
   Json SettingsJson() const;

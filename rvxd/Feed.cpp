@@ -281,11 +281,6 @@ void CFeed::Stop() {
   m_News.notify_all();
 }
 
-bool CFeed::IsStopped() const {
-  const std::lock_guard lock(m_Mutex);
-  return m_Stopped;
-}
-
 std::string CFeed::Cursor() const {
   const std::lock_guard lock(m_Mutex);
   return IdOf(m_Last);
@@ -369,17 +364,16 @@ std::string CFeed::FramesBehind(SCursor& cursor, const SEventFilter& filter) con
   return frames;
 }
 
-SNews CFeed::Next(SCursor& cursor, const SEventFilter& filter) const {
+std::string CFeed::Next(SCursor& cursor, const SEventFilter& filter) const {
   std::unique_lock lock(m_Mutex);
-  SNews news;
+  std::string frames;
   const auto hasNews = [&] {
     if (m_Stopped) return true;
-    news.m_Frames = FramesBehind(cursor, filter);
-    return !news.m_Frames.empty();
+    frames = FramesBehind(cursor, filter);
+    return !frames.empty();
   };
-  if (!m_News.wait_for(lock, BEAT, hasNews)) news.m_Frames = ": beat\n\n";
-  news.m_Ended = m_Stopped;
-  return news;
+  if (!m_News.wait_for(lock, BEAT, hasNews)) return ": beat\n\n";
+  return m_Stopped ? std::string() : frames;
 }
 
 }  // namespace Rvxd

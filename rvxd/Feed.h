@@ -26,12 +26,6 @@ struct SEventFilter {
   std::string m_Object{};      ///< the name; empty: of any
 };
 
-/// What a stream sends next.
-struct SNews {
-  std::string m_Frames{};
-  bool m_Ended{false};  ///< the daemon stops
-};
-
 /// Where a stream is. Each has its own, so that no reader waits for another and none has a queue.
 struct SCursor {
   std::uint64_t m_Event{0};   ///< the last one's number
@@ -68,7 +62,6 @@ class CFeed {
   void Stop();
   /// Marks the journal as ended in order: nothing comes behind it.
   void Close();
-  bool IsStopped() const;
 
   const std::string& Epoch() const { return m_Epoch; }
   /// The last event's identifier.
@@ -77,8 +70,9 @@ class CFeed {
   SEventPage Page(const std::string& since, std::size_t limit, const SEventFilter& filter) const;
 
   SCursor CursorAt(const std::string& since) const;
-  /// Waits for what comes behind the cursor, which is moved on; a beat when nothing does.
-  SNews Next(SCursor& cursor, const SEventFilter& filter) const;
+  /// Waits for the frames of what comes behind the cursor, which is moved on; a beat when nothing does.
+  /// Empty: the daemon stops.
+  std::string Next(SCursor& cursor, const SEventFilter& filter) const;
   /// Why the journal could not be written to; empty when it could.
   std::string WriteError() const;
 

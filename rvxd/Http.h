@@ -38,6 +38,9 @@ struct SHttpAnswer {
   std::function<std::string()> m_Stream{};
 };
 
+/// The answer that tells a problem.
+SHttpAnswer AnswerOf(const CProblem& problem);
+
 /// A number of a query. Throws CProblem when it is none, or more than `most`.
 unsigned long NumberIn(const SHttpRequest& request, const std::string& name, unsigned long otherwise,
                        unsigned long most);

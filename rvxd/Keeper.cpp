@@ -144,9 +144,7 @@ void CKeeper::Turn() {
   DoWork();
   if (const auto task = m_Operations.Next()) {
     CarryOut(*task);
-    TellEvents();
-    Look();
-    ::eventfd_write(m_Wake.Get(), 1);  // there may be another one
+    ::eventfd_write(m_Wake.Get(), 1);  // what came of it is looked at now, and there may be another one
   }
 }
 

@@ -44,10 +44,8 @@ bool IsOver(const Json& operation) {
 
 constexpr char INTERRUPTED[] =
     "rvxd ended in the middle of it: what was done is not known. 'rvxctl status' and 'cat /proc/mdstat' show "
-    "which "
-    "arrays there are, 'rvxctl disk list' which disks are free; an array that does not run holds its disks "
-    "until "
-    "'mdadm --stop'";
+    "which arrays there are, 'rvxctl disk list' which disks are free; an array that does not run holds its "
+    "disks until 'mdadm --stop'";
 constexpr char NOT_BEGUN[] = "rvxd ended before it began: nothing was done";
 
 }  // namespace

@@ -151,13 +151,9 @@ struct SConnection {
     request.m_Extend = [connection](unsigned int seconds) {
       MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, seconds);
     };
-    const auto refused = [](const CProblem& problem) -> SHttpAnswer {
-      return {problem.m_Code, std::make_shared<const std::string>(problem.ToJson().dump() + "\n"),
-              "application/problem+json"};
-    };
     request.m_Extend(SILENCE);  // whatever an earlier request on this connection needed
-    if (m_IsTooLarge) return refused({413, "too-large", "a body has 64 KiB at most"});
-    if (m_HasZero) return refused({404, "not-found", "no resource has a zero in its name"});
+    if (m_IsTooLarge) return AnswerOf({413, "too-large", "a body has 64 KiB at most"});
+    if (m_HasZero) return AnswerOf({404, "not-found", "no resource has a zero in its name"});
     if (request.m_Method != "GET")
       Log(5, request.m_Method + " " + request.m_Path + " by uid " + std::to_string(request.m_Peer.m_User) +
                  (request.m_Peer.m_Login ? " (login " + std::to_string(*request.m_Peer.m_Login) + ")" : "") +

@@ -38,7 +38,6 @@ class CSnapshot {
                const SPass& pass, const CSnapshot* before);
 
   const Host::CTopology& Topology() const { return m_Topology; }
-  const Host::CInventory& Inventory() const { return m_Inventory; }
   const Host::SHealth& Health() const { return m_Health; }
   unsigned long Revision() const { return m_Revision; }
   /// The names of what differs from an older revision.
