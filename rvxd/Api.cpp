@@ -18,6 +18,7 @@ constexpr unsigned long WAIT_LIMIT = 60;  ///< seconds
 constexpr std::chrono::seconds BEGIN_LIMIT{2};
 constexpr unsigned int SILENCE = 15;  ///< seconds more than what is waited for
 constexpr std::size_t DEPTH_LIMIT = 16;
+constexpr char METRICS[] = "/metrics";
 
 Text Whole(const Json& json) {
   return std::make_shared<const std::string>(json.dump(-1, ' ', false, Json::error_handler_t::replace) +
@@ -128,9 +129,20 @@ const CApi::SRoute CApi::ROUTES[] = {
     {"DELETE", "/v1/operations/*", &CApi::Withdraw},
     {"GET", "/v1/settings", &CApi::Settings},
     {"PUT", "/v1/settings", &CApi::SetSettings},
+    {"GET", METRICS, &CApi::Metrics},
 };
 
 SHttpAnswer CApi::Answer(const SHttpRequest& request) const {
+  Captured captured;
+  const auto* const route = std::ranges::find_if(
+      ROUTES, [&](const SRoute& one) { return Matches(one.m_Path, request.m_Path, captured); });
+  SHttpAnswer answer = Guarded(request);
+  m_Counters.Count("rvx_http_requests_total", {{"route", route == std::end(ROUTES) ? "other" : route->m_Path},
+                                               {"code", std::to_string(answer.m_Code)}});
+  return answer;
+}
+
+SHttpAnswer CApi::Guarded(const SHttpRequest& request) const {
   try {
     return Route(request);
   } catch (const CProblem& problem) {
@@ -144,6 +156,10 @@ SHttpAnswer CApi::Answer(const SHttpRequest& request) const {
 }
 
 SHttpAnswer CApi::Route(const SHttpRequest& request) const {
+  // To who may read these alone, there is nothing else.
+  if (request.m_Access == EAccess::METRICS && (request.m_Path != METRICS || request.m_Method != "GET"))
+    throw CProblem(404, "not-found", "there is no resource " + request.m_Path);
+  if (request.m_Refusal) throw CProblem(*request.m_Refusal);
   std::string allowed;
   for (const SRoute& route : ROUTES) {
     Captured captured;
@@ -153,7 +169,7 @@ SHttpAnswer CApi::Route(const SHttpRequest& request) const {
       if (allowed.ends_with("GET")) allowed += ", HEAD";
       continue;
     }
-    if (request.m_IsReadOnly && request.m_Method != "GET")
+    if (request.m_Access == EAccess::READING && request.m_Method != "GET")
       throw CProblem(403, "read-only",
                      "this socket is for reading: changes go by rvxd.sock, which the group rvx may use");
     return (this->*route.m_Handler)(request, captured);
@@ -182,7 +198,7 @@ SHttpAnswer CApi::Root(const SHttpRequest& request, const Captured&) const {
        {"plugin",
         {{"version", version.empty() ? Json(nullptr) : Json(version)}, {"simulated", m_IsSimulated}}},
        {"epoch", m_Feed.Epoch()},
-       {"readOnly", request.m_IsReadOnly}});
+       {"readOnly", request.m_Access == EAccess::READING}});
 }
 
 SHttpAnswer CApi::State(const SHttpRequest& request, const Captured&) const {
@@ -270,7 +286,8 @@ SHttpAnswer CApi::Events(const SHttpRequest& request, const Captured&) const {
     answer.m_Type = "text/event-stream";
     answer.m_Headers.emplace_back("Cache-Control", "no-store");
     // The first beat takes the headers along.
-    answer.m_Stream = [&feed = m_Feed, filter, isFirst = true, cursor = m_Feed.CursorAt(since)]() mutable {
+    answer.m_Stream = [&feed = m_Feed, counted = m_Feed.Streaming(), filter, isFirst = true,
+                       cursor = m_Feed.CursorAt(since)]() mutable {
       if (std::exchange(isFirst, false)) return std::string(": beat\n\n");
       return feed.Next(cursor, filter);
     };
@@ -414,6 +431,11 @@ SHttpAnswer CApi::SetSettings(const SHttpRequest& request, const Captured&) cons
   });
   m_Keeper.Do([](Host::CSession&, const Host::CMachine&) {});  // behind the look that shows it
   return Settings({}, {});
+}
+
+SHttpAnswer CApi::Metrics(const SHttpRequest&, const Captured&) const {
+  return {200, std::make_shared<const std::string>(m_Metrics.Text(EProcess::TOLD)),
+          "text/plain; version=0.0.4; charset=utf-8"};
 }
 
 }  // namespace Rvxd

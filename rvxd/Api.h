@@ -3,21 +3,24 @@
 /// The routes: what is asked for, and what is answered. docs/openapi.yaml describes them.
 
 #include "rvxd/Http.h"
-#include "rvxd/Keeper.h"
+#include "rvxd/Metrics.h"
 
 namespace Rvxd {
 
 class CApi {
  public:
   /// `isSimulated` is told to who asks.
-  CApi(CKeeper& keeper, CFeed& feed, COperations& operations, CConditions& conditions, bool isSimulated)
+  CApi(CKeeper& keeper, CFeed& feed, COperations& operations, CConditions& conditions,
+       const CMetrics& metrics, CCounters& counters, bool isSimulated)
       : m_Keeper(keeper),
         m_Feed(feed),
         m_Operations(operations),
         m_Conditions(conditions),
+        m_Metrics(metrics),
+        m_Counters(counters),
         m_IsSimulated(isSimulated) {}
 
-  /// Any thread. Failures are problems.
+  /// Any thread. Failures are problems. The request is counted.
   SHttpAnswer Answer(const SHttpRequest& request) const;
 
  private:
@@ -30,6 +33,7 @@ class CApi {
   };
   static const SRoute ROUTES[];
 
+  SHttpAnswer Guarded(const SHttpRequest& request) const;
   SHttpAnswer Route(const SHttpRequest& request) const;
 
   SHttpAnswer Root(const SHttpRequest& request, const Captured&) const;
@@ -52,6 +56,7 @@ class CApi {
   SHttpAnswer Withdraw(const SHttpRequest& request, const Captured& id) const;
   SHttpAnswer Settings(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer SetSettings(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer Metrics(const SHttpRequest& request, const Captured&) const;
 
   /// All of a kind, under their name; one of them. Both with the tag of their revision.
   SHttpAnswer List(const SHttpRequest& request, const char* name,
@@ -67,6 +72,8 @@ class CApi {
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
+  const CMetrics& m_Metrics;
+  CCounters& m_Counters;
   const bool m_IsSimulated;
 };
 

@@ -125,7 +125,7 @@ std::optional<std::pair<std::string, std::uint64_t>> ParseEventID(const std::str
   return std::pair(id.substr(0, dash), number);
 }
 
-CFeed::CFeed(const std::string& folder) : m_Folder(folder) {
+CFeed::CFeed(const std::string& folder, CCounters& counters) : m_Folder(folder), m_Counters(counters) {
   try {
     Load();
   } catch (const Json::exception&) {  // somebody has written into it
@@ -161,7 +161,7 @@ void CFeed::Load() {
     if (lines->Epoch() != epoch) continue;
     for (const Json& line : lines->m_Lines) {
       isClosed = line.is_object() && line.contains("closed");
-      if (line.is_object() && line.contains("skipped")) m_Last = line.value("skipped", m_Last);
+      if (line.is_object() && line.contains("skipped")) m_Last = line.value("skipped", m_Last.load());
       const auto id = line.is_object() ? ParseEventID(line.value("id", "")) : std::nullopt;
       if (id && id->second > m_Last) Push(id->second, line);
     }
@@ -174,7 +174,7 @@ void CFeed::Load() {
   }
   if (isClosed) return;
   m_Last += SKIP;
-  Write(Dumped({{"skipped", m_Last}}), true);
+  Write(Dumped({{"skipped", m_Last.load()}}), true);
 }
 
 void CFeed::Begin(std::uint64_t next) {
@@ -260,6 +260,8 @@ void CFeed::Add(Json event, std::uint64_t now, EFound found) {
     // On the disk before anybody is told: an identifier that a client has seen is known after a restart.
     Write(Dumped(whole), event.value("severity", 0U) >= PI::SEV_WARNING);
     Push(number, whole);
+    m_Counters.Count("rvx_events_total", {{"code", std::to_string(whole.value("code", 0U))},
+                                          {"severity", whole.value("severityKey", "")}});
   }
   m_News.notify_all();
 }
@@ -320,7 +322,7 @@ SEventPage CFeed::Page(const std::string& since, std::size_t limit, const SEvent
     last = event->m_Number;
   }
   // Behind the last one stands what was skipped, too.
-  page.m_Cursor = IdOf(page.m_More ? last : m_Last);
+  page.m_Cursor = IdOf(page.m_More ? last : m_Last.load());
   return page;
 }
 

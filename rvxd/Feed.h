@@ -2,6 +2,7 @@
 /// @file
 /// What happened: events with lasting identifiers, kept on disk, and beside them what else a stream tells of.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -14,6 +15,7 @@
 
 #include "host/JsonView.h"
 #include "libraries/common/FileDescriptor.h"
+#include "rvxd/Counters.h"
 
 namespace Rvxd {
 
@@ -47,7 +49,7 @@ enum class EFound { AT_START, LATER };
 class CFeed {
  public:
   /// Takes up the journal in the folder, or begins one. A line that is torn is cut off.
-  explicit CFeed(const std::string& folder);
+  CFeed(const std::string& folder, CCounters& counters);
   ~CFeed() { Close(); }
   CFeed(const CFeed&) = delete;
   CFeed& operator=(const CFeed&) = delete;
@@ -73,6 +75,11 @@ class CFeed {
   /// Waits for the frames of what comes behind the cursor, which is moved on; a beat when nothing does.
   /// Empty: the daemon stops.
   std::string Next(SCursor& cursor, const SEventFilter& filter) const;
+  /// Who holds it is counted as a stream.
+  std::shared_ptr<const void> Streaming() const { return m_Streaming; }
+  long Streams() const { return m_Streaming.use_count() - 1; }
+  /// The last event's number. It waits for no disk, as all that takes the lock does while a line is written.
+  std::uint64_t Last() const { return m_Last; }
   /// Why the journal could not be written to; empty when it could.
   std::string WriteError() const;
 
@@ -110,11 +117,13 @@ class CFeed {
   std::string FramesBehind(SCursor& cursor, const SEventFilter& filter) const;
 
   const std::string m_Folder;
+  CCounters& m_Counters;
+  const std::shared_ptr<const void> m_Streaming{std::make_shared<char>()};
   mutable std::mutex m_Mutex;
   mutable std::condition_variable m_News;
   std::string m_Epoch;
-  std::uint64_t m_Last{0};   ///< event's number
-  std::uint64_t m_First{0};  ///< behind this one nothing is missing
+  std::atomic<std::uint64_t> m_Last{0};  ///< event's number
+  std::uint64_t m_First{0};              ///< behind this one nothing is missing
   std::deque<SEvent> m_Events;
   std::uint64_t m_LastNotice{0};
   std::deque<SNotice> m_Notices;

@@ -14,6 +14,9 @@
 
 namespace Rvxd {
 
+/// By which socket a request comes, and so what it may ask for.
+enum class EAccess { ALL, READING, METRICS };
+
 struct SHttpRequest {
   std::string m_Method;                            ///< "GET"; HEAD is told as GET
   std::string m_Path;                              ///< unescaped, without what stands behind "?"
@@ -21,7 +24,8 @@ struct SHttpRequest {
   std::map<std::string, std::string> m_Headers{};  ///< names in lower case
   std::string m_Body{};
   SPeer m_Peer{};
-  bool m_IsReadOnly{false};                      ///< it came by the socket that is for reading
+  EAccess m_Access{EAccess::ALL};
+  std::optional<CProblem> m_Refusal{};           ///< what is wrong with it before it is looked at
   std::function<void(unsigned int)> m_Extend{};  ///< the connection may be silent for so many seconds
 
   /// Empty when it is not said.

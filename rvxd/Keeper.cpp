@@ -32,11 +32,13 @@ constexpr std::chrono::milliseconds TELL_INTERVAL{500};
 
 }  // namespace
 
-CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions)
+CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
+                 CCounters& counters)
     : m_Options(options),
       m_Feed(feed),
       m_Operations(operations),
       m_Conditions(conditions),
+      m_Counters(counters),
       m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   m_Operations.OnQueued([this] { ::eventfd_write(m_Wake.Get(), 1); });
 }
@@ -179,6 +181,7 @@ void CKeeper::TellEvents() {
 }
 
 void CKeeper::Look() {
+  const auto begin = Clock::now();
   // Before the topology: what happens behind this look has a higher number.
   const std::string cursor = m_Feed.Cursor();
   const auto before = Now();
@@ -191,7 +194,12 @@ void CKeeper::Look() {
   SPass pass = Pass();
   pass.m_Interval = Host::NumberOf(objects.front(), PI::PROP_POLL_INTERVAL).value_or(0);
   if (objects.size() == 2) pass.m_Interval *= 10;  // as the plug-in does where there is no disk
-  if (counter != m_Counter) pass.m_Time = Host::NowMilliseconds();
+  const bool isNew = counter != m_Counter;
+  if (isNew) {
+    m_Counters.Count("rvx_passes_total",
+                     {{"result", IsBlind(pass, Host::NowMilliseconds()) ? "late" : "seen"}});
+    pass.m_Time = Host::NowMilliseconds();
+  }
   m_Counter = counter;
   if (pass.m_Time == 0) return;  // no pass yet
   std::vector<Host::SProblem> own;
@@ -209,6 +217,7 @@ void CKeeper::Look() {
     now->Publish(m_Instance, cursor, m_Conditions.All(), pass, before.get());
     m_Seen = std::move(seen);
   }
+  if (isNew) pass.m_Look = std::chrono::duration<double>(Clock::now() - begin).count();
   {
     const std::lock_guard lock(m_Mutex);
     if (now) m_Now = now;

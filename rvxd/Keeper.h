@@ -25,7 +25,8 @@ enum class ETurn { STARTING, WATCHING, CHANGING };
 
 class CKeeper {
  public:
-  CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions);
+  CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
+          CCounters& counters);
   ~CKeeper();
   CKeeper(const CKeeper&) = delete;
   CKeeper& operator=(const CKeeper&) = delete;
@@ -72,6 +73,7 @@ class CKeeper {
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
+  CCounters& m_Counters;
   std::function<void(ETurn)> m_OnTurn{[](ETurn) {}};
   std::unique_ptr<Host::CSession> m_Session;
   std::unique_ptr<OS::COperatingSystem> m_Here;

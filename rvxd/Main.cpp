@@ -18,6 +18,7 @@
 #include "rvxd/Log.h"
 #include "rvxd/Server.h"
 #include "rvxd/Sockets.h"
+#include "rvxd/Textfile.h"
 
 namespace Rvxd {
 
@@ -32,6 +33,8 @@ struct SDaemonOptions {
   std::string m_Socket;
   std::string m_State;  ///< folder; empty: the service manager's, else the usual one
   unsigned int m_PlanSeconds{900};
+  std::string m_Metrics;   ///< "127.0.0.1:9634"; empty: not by TCP
+  std::string m_Textfile;  ///< empty: none
 };
 
 std::string StateFolder(const SDaemonOptions& options) {
@@ -70,17 +73,22 @@ int Serve(SDaemonOptions options) {
   const std::string folder = StateFolder(options);
   const auto lock = Host::LockWriter(
       options.m_Host.m_Simulate ? folder + "/writer.lock" : std::string(Host::WRITER_LOCK), "rvxd");
-  const SSockets sockets = OpenSockets(options.m_Socket);
-  CFeed feed(folder);
-  COperations operations(folder, feed, std::chrono::seconds(options.m_PlanSeconds));
+  const SSockets sockets = OpenSockets(options.m_Socket, options.m_Metrics);
+  CCounters counters;
+  CFeed feed(folder, counters);
+  COperations operations(folder, feed, counters, std::chrono::seconds(options.m_PlanSeconds));
   CConditions conditions(folder, feed);
-  CKeeper keeper(options.m_Host, feed, operations, conditions);
-  const CApi api(keeper, feed, operations, conditions, options.m_Host.m_Simulate);
+  CKeeper keeper(options.m_Host, feed, operations, conditions, counters);
+  const CMetrics metrics(keeper, feed, operations, counters, [] { return CMetrics::Spares(); });
+  const CApi api(keeper, feed, operations, conditions, metrics, counters, options.m_Host.m_Simulate);
+  std::optional<CTextfile> textfile;
+  if (!options.m_Textfile.empty()) textfile.emplace(options.m_Textfile, keeper, metrics);
   keeper.OnTurn(&TellManager);
   keeper.Start();
   std::list<CServer> servers;
-  if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, false);
-  if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, true);
+  if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, EAccess::ALL);
+  if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, EAccess::READING);
+  if (sockets.m_Metrics.IsOpen()) servers.emplace_back(sockets.m_Metrics.Get(), api, EAccess::METRICS);
   Log(6, "serving at " + sockets.m_Where);
   const sigset_t signals = Host::EndSignals();
   int signal = 0;
@@ -92,6 +100,7 @@ int Serve(SDaemonOptions options) {
   feed.Stop();
   keeper.Stop();
   servers.clear();
+  textfile.reset();
   const bool isOver = keeper.End(END_LIMIT);
   feed.Close();
   // All that is left are threads of the plug-in that wait for news and write nothing.
@@ -117,6 +126,10 @@ int Main(int count, char** words) {
   app.add_option("--plan-seconds", options.m_PlanSeconds, "how long a plan may be carried out")
       ->type_name("N")
       ->capture_default_str();
+  app.add_option("--metrics", options.m_Metrics, "serve metrics by TCP too, at a loopback address")
+      ->type_name("ADDRESS:PORT");
+  app.add_option("--textfile", options.m_Textfile, "write metrics there for node_exporter, after each pass")
+      ->type_name("PATH.prom");
   try {
     app.parse(count, words);
   } catch (const CLI::Success& success) {

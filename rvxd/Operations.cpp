@@ -65,8 +65,9 @@ Json SPeer::ToJson() const {
   return {{"uid", m_User}, {"pid", m_Process}, {"loginuid", m_Login ? Json(*m_Login) : Json(nullptr)}};
 }
 
-COperations::COperations(const std::string& folder, CFeed& feed, std::chrono::seconds planTime)
-    : m_File(folder + "/operations.json"), m_Feed(feed), m_PlanTime(planTime) {
+COperations::COperations(const std::string& folder, CFeed& feed, CCounters& counters,
+                         std::chrono::seconds planTime)
+    : m_File(folder + "/operations.json"), m_Feed(feed), m_Counters(counters), m_PlanTime(planTime) {
   const Json kept = ReadDocument(m_File);
   if (!kept.is_object()) return;
   try {
@@ -79,6 +80,7 @@ COperations::COperations(const std::string& folder, CFeed& feed, std::chrono::se
         const bool isBegun = operation.at("state") == "running";
         operation["state"] = "interrupted";
         operation["ended"] = NowText();
+        Count(operation);
         operation["error"] = CProblem(500, "interrupted", isBegun ? INTERRUPTED : NOT_BEGUN).ToJson();
         Log(3, operation.at("id").get<std::string>() + " (" + operation.at("title").get<std::string>() +
                    "): " + (isBegun ? INTERRUPTED : NOT_BEGUN));
@@ -242,6 +244,7 @@ void COperations::Step(const std::string& id, const std::string& text) {
 void COperations::Finish(Json& operation, const char* state) {
   operation["state"] = state;
   operation["ended"] = NowText();
+  Count(operation);
   try {
     Keep();
   } catch (const CProblem& problem) {
@@ -279,7 +282,13 @@ void COperations::Keep() const {
   }
 }
 
+void COperations::Count(const Json& operation) {
+  m_Counters.Count("rvx_operations_total", {{"kind", operation["kind"]}, {"result", operation["state"]}});
+}
+
 void COperations::Tell(const Json& operation) {
+  m_Waiting = static_cast<std::size_t>(
+      std::ranges::count_if(m_Operations, [](const Json& one) { return one["state"] == "queued"; }));
   m_Feed.Notify("operation", Public(operation));
   m_News.notify_all();
 }

@@ -2,6 +2,7 @@
 /// @file
 /// What clients ask for: plans, and the operations that carry them out one at a time.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -38,7 +39,7 @@ struct STask {
 class COperations {
  public:
   /// `planTime` is how long a plan may be carried out.
-  COperations(const std::string& folder, CFeed& feed, std::chrono::seconds planTime);
+  COperations(const std::string& folder, CFeed& feed, CCounters& counters, std::chrono::seconds planTime);
 
   /// The new plan's identifier and when it expires.
   std::pair<std::string, std::string> AddPlan(const Host::SRequest& request, const std::string& title,
@@ -47,6 +48,8 @@ class COperations {
   std::string Begin(const std::string& plan, const std::string& key, const SPeer& peer);
   void Withdraw(const std::string& id);
   Json All() const;
+  /// How many are queued. It waits for no disk, as all that takes the lock does while they are kept.
+  std::size_t Waiting() const { return m_Waiting; }
   Json One(const std::string& id) const;
   /// The same when it is not queued (or: has ended), or the time is over.
   Json AwaitBegin(const std::string& id, std::chrono::milliseconds limit) const;
@@ -77,11 +80,14 @@ class COperations {
   /// Throws CProblem when they cannot be kept.
   void Keep() const;
   void Tell(const Json& operation);
+  /// It has ended.
+  void Count(const Json& operation);
   /// It has ended, also where that cannot be kept.
   void Finish(Json& operation, const char* state);
 
   const std::string m_File;
   CFeed& m_Feed;
+  CCounters& m_Counters;
   const std::chrono::seconds m_PlanTime;
   std::function<void()> m_Wake;
   mutable std::mutex m_Mutex;
@@ -89,6 +95,7 @@ class COperations {
   std::map<std::string, SPlan> m_Plans;
   std::list<std::string> m_PlanOrder;  ///< the oldest first
   std::list<STask> m_Queue;
+  std::atomic<std::size_t> m_Waiting{0};
   std::list<Json> m_Operations;  ///< the oldest first; "key" and "plan" are for rvxd alone
   std::uint64_t m_Last{0};
   bool m_Stopped{false};

@@ -15,6 +15,7 @@ namespace Rvxd {
 namespace {
 
 constexpr unsigned int CONNECTIONS = 64;
+constexpr unsigned int METRICS_CONNECTIONS = 8;
 constexpr unsigned int SILENCE = 10;  ///< seconds after which a connection is dropped where nothing goes on
 constexpr std::size_t HEADERS = 32U << 10;
 constexpr std::size_t BODY = 64U << 10;
@@ -147,14 +148,14 @@ struct SConnection {
     request.m_Body = std::move(m_Body);
     request.m_Peer =
         PeerOf(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd);
-    request.m_IsReadOnly = server.m_IsReadOnly;
+    request.m_Access = server.m_Access;
     request.m_Extend = [connection](unsigned int seconds) {
       MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, seconds);
     };
     request.m_Extend(SILENCE);  // whatever an earlier request on this connection needed
-    if (m_IsTooLarge) return AnswerOf({413, "too-large", "a body has 64 KiB at most"});
-    if (m_HasZero) return AnswerOf({404, "not-found", "no resource has a zero in its name"});
-    if (request.m_Method != "GET")
+    if (m_IsTooLarge) request.m_Refusal.emplace(413, "too-large", "a body has 64 KiB at most");
+    if (m_HasZero) request.m_Refusal.emplace(404, "not-found", "no resource has a zero in its name");
+    if (request.m_Method != "GET" && request.m_Access != EAccess::METRICS)  // TCP tells no peer
       Log(5, request.m_Method + " " + request.m_Path + " by uid " + std::to_string(request.m_Peer.m_User) +
                  (request.m_Peer.m_Login ? " (login " + std::to_string(*request.m_Peer.m_Login) + ")" : "") +
                  ", process " + std::to_string(request.m_Peer.m_Process));
@@ -162,15 +163,16 @@ struct SConnection {
   }
 };
 
-CServer::CServer(int listener, const CApi& api, bool isReadOnly) : m_Api(api), m_IsReadOnly(isReadOnly) {
+CServer::CServer(int listener, const CApi& api, EAccess access) : m_Api(api), m_Access(access) {
   m_Daemon = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ITC |
           MHD_USE_ERROR_LOG,
       0, nullptr, nullptr, &SConnection::Handle, this, MHD_OPTION_EXTERNAL_LOGGER, &LogFromBelow, nullptr,
-      MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, CONNECTIONS,
-      MHD_OPTION_CONNECTION_TIMEOUT, SILENCE, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEADERS,
-      MHD_OPTION_THREAD_STACK_SIZE, STACK, MHD_OPTION_URI_LOG_CALLBACK, &SConnection::Begin, nullptr,
-      MHD_OPTION_NOTIFY_COMPLETED, &SConnection::Done, nullptr, MHD_OPTION_END);
+      MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT,
+      access == EAccess::METRICS ? METRICS_CONNECTIONS : CONNECTIONS, MHD_OPTION_CONNECTION_TIMEOUT, SILENCE,
+      MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEADERS, MHD_OPTION_THREAD_STACK_SIZE, STACK,
+      MHD_OPTION_URI_LOG_CALLBACK, &SConnection::Begin, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
+      &SConnection::Done, nullptr, MHD_OPTION_END);
   if (m_Daemon == nullptr)
     throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the server of HTTP cannot be started");
 }

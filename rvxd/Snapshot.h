@@ -19,6 +19,7 @@ using Text = std::shared_ptr<const std::string>;
 struct SPass {
   std::uint64_t m_Time{0};  ///< of the last one's end as it was seen, in milliseconds since 1970
   long m_Interval{0};       ///< seconds between two of them
+  double m_Look{0};         ///< seconds that it took to take over what the last one found
 };
 
 /// Safe to be read by any thread: nothing of it asks the plug-in or the machine.

@@ -32,10 +32,15 @@ struct STemporaryFile {
   }
 };
 
+/// Whether a file is on the disk before anybody is told so. What is written anew every few seconds need not
+/// be.
+enum class ESync { DISK, NONE };
+
 /// Puts a new file in the place of the old one, which stays whole whatever fails (errno tells why). Where
 /// only the folder could not be synced, the new one is there, but a power cut may bring the old one back. The
 /// new one has the old one's owner and permissions; `mode` is for where there was none.
-inline bool ReplaceFile(const std::string& path, const std::string& text, mode_t mode) {
+inline bool ReplaceFile(const std::string& path, const std::string& text, mode_t mode,
+                        ESync sync = ESync::DISK) {
   struct stat before {};
   const bool existed = stat(path.c_str(), &before) == 0;
   std::string name = path + ".XXXXXX";
@@ -44,9 +49,11 @@ inline bool ReplaceFile(const std::string& path, const std::string& text, mode_t
   STemporaryFile temporary{name};
   if (existed && fchown(file.Get(), before.st_uid, before.st_gid) != 0) return false;
   if (fchmod(file.Get(), existed ? before.st_mode & 07777U : mode) != 0) return false;
-  if (!WriteAll(file.Get(), text) || fsync(file.Get()) != 0 || !file.Close()) return false;
+  if (!WriteAll(file.Get(), text) || (sync == ESync::DISK && fsync(file.Get()) != 0) || !file.Close())
+    return false;
   if (rename(name.c_str(), path.c_str()) != 0) return false;
   temporary.m_Path.clear();
+  if (sync == ESync::NONE) return true;
   const CFileDescriptor folder(
       open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return folder.IsOpen() && fsync(folder.Get()) == 0;

@@ -47,6 +47,16 @@ def mirror(*disks):
     return {"level": "raid1", "disks": list(disks)}
 
 
+def series(text):
+    return {name: float(value) for name, value in (line.rsplit(" ", 1) for line in text.splitlines() if line[0] != "#")}
+
+
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
+
+
 def ids(frames):
     return [frame.id for frame in frames if frame.event == "event"]
 
@@ -92,7 +102,7 @@ def check_answer(method, target, body, answer):
         if body is not None:
             check(operation["requestBody"]["content"]["application/json"]["schema"], body, f"{what} request")
     if method == "HEAD" or "content" not in response:
-        return check({"enum": ["None", "b''"]}, str(answer.data), f"{what} body")
+        return check({"enum": ["None", "b''", ""]}, str(answer.data), f"{what} body")
     media = answer.headers["Content-Type"].split(";")[0]
     check({"enum": list(response["content"])}, media, f"{what} Content-Type")
     if media != "text/event-stream":
@@ -165,6 +175,10 @@ class Client:
 
     def events(self, query=""):
         return self.get(f"/v1/events?limit=1000{query}")["events"]
+
+    def series(self):
+        """The metrics: each series as it is written, and its value."""
+        return series(self.get("/metrics"))
 
     def stream(self, **more):
         return Stream(self.path, **more)

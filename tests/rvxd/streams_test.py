@@ -61,17 +61,19 @@ class Streams(Case):
         begin = time.monotonic()
         while time.monotonic() - begin < 20:
             asked = time.monotonic()
-            for target in ("/v1/state", "/v1/disks/sda", "/v1/events", "/v1/operations"):
+            for target in ("/v1/state", "/v1/disks/sda", "/v1/events", "/v1/operations", "/metrics"):
                 daemon.get(target)
             self.assertLess(time.monotonic() - asked, 0.5 * PATIENCE)
             time.sleep(0.1)
         health = daemon.get("/v1/health")
         self.assertEqual((health["level"], [one["id"] for one in health["conditions"]]), ("unknown", ["watch-blind:rvxd"]))
+        self.assertEqual(daemon.series()['rvx_condition{condition="watch-blind",object="rvxd"}'], 1)
         daemon.ask("GET", "/v1/views/status", expect=503)
         check = subprocess.run([os.environ["RVXCTL"], f"--socket={daemon.path}", "check"], capture_output=True, text=True, timeout=60)
         self.assertEqual((check.returncode, check.stdout[:12]), (3, "RAID UNKNOWN"))
         daemon.slow.unlink()
         until(lambda: daemon.get("/v1/health")["level"] == "ok", "it looks again", 10)
+        self.assertEqual(daemon.series()['rvx_passes_total{result="late"}'], 1)
 
     def test_one_alone_changes_the_machine(self):
         """Two of them on one state; a second one that takes the first one's sockets away; a crash that leaves a lock."""

@@ -14,12 +14,18 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 RVXD, UNITS = os.environ["RVXD"], pathlib.Path(os.environ["RVX_UNITS"])
 SOCKETS = ("rvxd.socket", "rvxd-ro.socket")
+METRICS = "rvxd-metrics.socket"
 
 
 def said(unit, key):
     """What a unit says of a key, once."""
     (value,) = re.findall(rf"^{key}=(.*)$", (UNITS / unit).read_text(), re.MULTILINE)
     return value
+
+
+def written():
+    """The folders beside its own that the service may write to."""
+    return re.findall(r"^ReadWritePaths=-(.*)$", (UNITS / "rvxd.service").read_text(), re.MULTILINE)
 
 
 def ask(path, method, target, body=None):
@@ -50,7 +56,7 @@ class Units(unittest.TestCase):
 
     def run_on_units(self, *words):
         """A command of systemd-analyze about them, with this build's rvxd for the one that will be installed."""
-        for unit in (*SOCKETS, "rvxd.service"):
+        for unit in (*SOCKETS, METRICS, "rvxd.service"):
             text = (UNITS / unit).read_text()
             (self.folder / unit).write_text(re.sub(r"^ExecStart=\S+", f"ExecStart={RVXD}", text, flags=re.MULTILINE))
         done = subprocess.run(["systemd-analyze", *words], cwd=self.folder, capture_output=True, text=True)
@@ -58,7 +64,7 @@ class Units(unittest.TestCase):
 
     def test_systemd_takes_them(self):
         # A directive that is misspelled is left out with a warning alone.
-        self.assertEqual(self.run_on_units("verify", "--man=no", "./rvxd.service", *(f"./{one}" for one in SOCKETS)),
+        self.assertEqual(self.run_on_units("verify", "--man=no", "./rvxd.service", *(f"./{one}" for one in (*SOCKETS, METRICS))),
                          (0, "", ""))
 
     def test_the_exposure_is_not_above_what_the_guide_tells(self):
@@ -72,13 +78,23 @@ class Units(unittest.TestCase):
         sources = ROOT / "packaging/systemd"
         self.assertIn(f"g {said('rvxd.socket', 'SocketGroup')} ", (sources / "sysusers.conf").read_text())
         made = (sources / "tmpfiles.conf").read_text()
-        for path in (os.path.dirname(said("rvxd.socket", "ListenStream")), said("rvxd.service", "ReadWritePaths")[1:]):
+        for path in (os.path.dirname(said("rvxd.socket", "ListenStream")), written()[0]):
             self.assertIn(f"d {path} 0755 root root", made)
         # Where nobody hands sockets over, rvxd listens at the same place.
         told = subprocess.run([RVXD, "--help"], capture_output=True, text=True, check=True).stdout
         self.assertIn(f"PATH={said('rvxd.socket', 'ListenStream')}", told)
         self.assertEqual(said("rvxd-ro.socket", "ListenStream"),
                          said("rvxd.socket", "ListenStream").replace(".sock", "-ro.sock"))
+
+    def test_metrics_are_for_this_machine_and_for_who_wants_them(self):
+        """A port that the package opens for everybody, or for anybody at all; one that the service pulls in."""
+        self.assertEqual((said(METRICS, "ListenStream"), said(METRICS, "IPAddressAllow"), said(METRICS, "IPAddressDeny")),
+                         ("127.0.0.1:9634", "localhost", "any"))
+        service = (UNITS / "rvxd.service").read_text()
+        self.assertNotIn(METRICS, re.sub("^#.*", "", service, flags=re.MULTILINE))
+        self.assertEqual(written(), ["/etc/zq", "/var/lib/prometheus/node-exporter"])
+        # The words of that variable are options of their own, and none where nobody sets it.
+        self.assertRegex(service, r"(?m)^Environment=RVXD_OPTIONS=\nEnvironmentFile=-/etc/default/rvxd\nExecStart=\S+ \$RVXD_OPTIONS$")
 
     def test_activated_it_tells_what_it_does(self):
         shutil.copy(ROOT / "tests/host/machines/plain.json", self.folder / "machine.json")
@@ -87,11 +103,12 @@ class Units(unittest.TestCase):
         manager.settimeout(30)
         # The name says what a socket is for, not its place.
         paths = {self.folder / said(unit, "FileDescriptorName"): unit for unit in reversed(SOCKETS)}
-        listening = [word for path in paths for word in ("-l", path)]
+        metrics = self.folder / said(METRICS, "FileDescriptorName")
+        listening = [word for path in (*paths, metrics) for word in ("-l", path)]
         environment = {"NOTIFY_SOCKET": self.folder / "notify", "ZQ_CONFIG_DIR": self.folder}
         log = self.enterContext(open(self.folder / "log", "w+b"))
         daemon = subprocess.Popen(
-            ["systemd-socket-activate", *listening, "--fdname=" + ":".join(path.name for path in paths),
+            ["systemd-socket-activate", *listening, "--fdname=" + ":".join(path.name for path in (*paths, metrics)),
              *(f"--setenv={name}={value}" for name, value in environment.items()),
              RVXD, f"--simulate={self.folder}/machine.json", "--state", self.folder / "state"], stderr=log)
         self.addCleanup(daemon.wait)
@@ -103,6 +120,7 @@ class Units(unittest.TestCase):
             self.assertEqual(ask(path, "GET", "/v1/health"), 200, "ready is who has looked at the machine")
             others_may = int(said(unit, "SocketMode"), 8) & 0o006
             self.assertEqual(ask(path, "POST", "/v1/plans", '{"kind": "rescan"}'), 403 if others_may else 200, unit)
+        self.assertEqual([ask(metrics, "GET", target) for target in ("/metrics", "/v1/health")], [200, 404])
         await_notice(manager, "WATCHDOG=1")
         daemon.terminate()
         await_notice(manager, "STOPPING=1")
