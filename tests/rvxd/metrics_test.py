@@ -14,7 +14,7 @@ import time
 from client import API, PATIENCE, ROOT, Case, check_answer, connected, free_port, machine, mirror, series, until
 from resources_test import everything
 
-PROMTOOL = subprocess.run([ROOT / "tools/monitoring.sh"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip() + "/promtool"
+TOOLS = pathlib.Path(subprocess.run([ROOT / "tools/monitoring.sh"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip())
 SCHEMAS = {name: API["components"]["schemas"][name]["properties"] for name in ("Array", "Disk")}
 MEMBER_STATES = SCHEMAS["Array"]["members"]["items"]["properties"]["state"]["enum"]
 
@@ -86,7 +86,7 @@ class Metrics(Case):
                     self.assertEqual(told, of_state(before))
                     return True
                 until(same, "nothing changes between two requests")
-                checked = subprocess.run([PROMTOOL, "check", "metrics"], input=daemon.get("/metrics"), text=True, capture_output=True)
+                checked = subprocess.run([TOOLS / "promtool", "check", "metrics"], input=daemon.get("/metrics"), text=True, capture_output=True)
                 self.assertEqual((checked.returncode, checked.stdout + checked.stderr), (0, ""))
                 daemon.stop()
 
