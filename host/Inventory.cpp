@@ -172,17 +172,19 @@ const PI::CObject& CInventory::Find(const std::string& address, PI::_OBJECT_KIND
   if (address.empty()) throw CError(EXIT_USAGE, "an empty name names nothing: is a script's variable unset?");
   if (const PI::CObject* const object = m_Topology.Match(address, kind)) return *object;
   const PI::CObject* found = nullptr;
-  for (const PI::CObject* const disk : m_Topology.OfKind(PI::OBJ_PHYSICAL_DRIVE)) {
-    if (kind != PI::OBJ_NONE && kind != PI::OBJ_PHYSICAL_DRIVE) break;
-    const SDeviceFacts facts = FactsOf(*disk);
+  for (const PI::CObject& object : m_Topology.Objects()) {
+    const bool isArray = object.m_Kind == PI::OBJ_LOGICAL_DRIVE;
+    if (!isArray && object.m_Kind != PI::OBJ_PHYSICAL_DRIVE) continue;
+    if (kind != PI::OBJ_NONE && kind != object.m_Kind) continue;
+    const SDeviceFacts facts = FactsOf(object);
     const bool byID = std::ranges::any_of(facts.m_ByID, [&](const std::string& path) {
-      return path == address || path.ends_with("/" + address);
+      return path == address || path.ends_with((isArray ? "/md-uuid-" : "/") + address);
     });
     if (address != facts.m_Serial && address != facts.m_WWN && !byID) continue;
     if (found != nullptr)
-      throw CError(EXIT_USAGE,
-                   "\"" + address + "\" is " + NameOf(*found) + " and " + NameOf(*disk) + ": name the disk");
-    found = disk;
+      throw CError(EXIT_USAGE, "\"" + address + "\" is " + NameOf(*found) + " and " + NameOf(object) +
+                                   ": name the " + (isArray ? "array" : "disk"));
+    found = &object;
   }
   if (found == nullptr) m_Topology.ThrowUnknown(address, kind);
   return *found;

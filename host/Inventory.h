@@ -62,8 +62,8 @@ class CInventory {
   const std::vector<SArrayEntry>& Arrays() const { return m_Arrays; }
   /// The entry of an array's object.
   const SArrayEntry& EntryOf(const PI::CObject& array) const;
-  /// As CTopology::Find; a disk's serial number, WWN and name below /dev/disk/by-id too, where one disk alone
-  /// has it. Throws CError.
+  /// As CTopology::Find; a disk's serial number, WWN and name below /dev/disk/by-id too, and an array's UUID,
+  /// where one object alone has it. Throws CError.
   const PI::CObject& Find(const std::string& address, PI::_OBJECT_KIND kind) const;
   /// The same of an object that is to be changed: an identifier, which another run gives to another object,
   /// is refused.

@@ -22,6 +22,7 @@ struct SOutcome {
 using Await =
     std::function<bool(const std::function<bool(const CInventory&)>& question, std::chrono::seconds limit)>;
 
+/// @param request by kernel names
 /// @param before the look that the change was executed on
 /// @param failure of the execution
 SOutcome OutcomeOf(const SRequest& request, const SLook& before, const std::optional<CError>& failure,

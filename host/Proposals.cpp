@@ -271,6 +271,14 @@ SRequest RequestOf(const Json& document) {
   return request;
 }
 
+SRequest ByKernelNames(const CInventory& inventory, SRequest request) {
+  for (std::string& disk : request.m_Disks)
+    disk = NameOf(inventory.FindForChange(disk, PI::OBJ_PHYSICAL_DRIVE));
+  if (!request.m_Array.empty())
+    request.m_Array = NameOf(inventory.FindForChange(request.m_Array, PI::OBJ_LOGICAL_DRIVE));
+  return request;
+}
+
 std::vector<const PI::CObject*> ArraysOf(const CInventory& inventory, const SRequest& wanted) {
   return DoomedBy(inventory, wanted).m_Arrays;
 }

@@ -48,6 +48,9 @@ SRequest RequestOf(const Json& document);
 
 /// Throws CError when the request is wrong, or the state forbids it.
 SChange ChangeOf(const CInventory& inventory, const SRequest& request);
+/// The same request by kernel names: these go on to name what a change ended, when links and records that
+/// other names are found by are gone with it.
+SRequest ByKernelNames(const CInventory& inventory, SRequest request);
 /// The arrays that a deletion means.
 std::vector<const PI::CObject*> ArraysOf(const CInventory& inventory, const SRequest& request);
 

@@ -56,6 +56,7 @@ SOutcome CDirect::CarryOut(const SRequest& request, const SPlan& plan) {
       plan.m_Document["token"]);
   // Before the plug-in's threads run: what was consented to is carried out on the model that was shown.
   const SChange& change = look->m_Change;
+  const SRequest named = ByKernelNames(look->m_Inventory, request);
   const unsigned int status =
       m_Session.Change(change.m_Object.m_ID, look->m_Operation, "\"" + change.m_What + "\"");
   const auto await = [&](const auto& question, std::chrono::seconds limit) {
@@ -66,7 +67,7 @@ SOutcome CDirect::CarryOut(const SRequest& request, const SPlan& plan) {
     }
     return false;
   };
-  return OutcomeOf(request, *look, look->FailureOf(status), await);
+  return OutcomeOf(named, *look, look->FailureOf(status), await);
 }
 
 SOutcome CDirect::Rescan(const SRequest& request) {

@@ -12,8 +12,8 @@ namespace {
 
 constexpr char FOOTER[] =
     R"(Objects are named by kernel name (sda, md_d0), path, device key or, but for
-changes, identifier; disks also by serial number, WWN and /dev/disk/by-id.
-"plugin" and "adapter" name these two.
+changes, identifier; disks also by serial number, WWN and /dev/disk/by-id,
+arrays by UUID. "plugin" and "adapter" name these two.
 
 Examples:
   rvxctl --simulate topology      a machine that exists only in memory

@@ -287,6 +287,7 @@ void CKeeper::CarryOut(const STask& task) {
         id, "Looked again: the machine is as the plan showed it. Begun: " + look->m_Change.m_What + ".");
     // The disk that keeps this may have been slow: the last look is as short before the change as can be.
     look = lookAgain();
+    const Host::SRequest named = Host::ByKernelNames(look->m_Inventory, task.m_Request);
     if (!HoldsStill(*look)) throw Host::ChangedMeanwhile("arrays or disks came or went");
     m_OnTurn(ETurn::CHANGING);
     const unsigned int status = m_Session->Run(look->m_Change.m_Object.m_ID, look->m_Operation);
@@ -302,7 +303,7 @@ void CKeeper::CarryOut(const STask& task) {
       }
       return false;
     };
-    const Host::SOutcome outcome = Host::OutcomeOf(task.m_Request, *look, look->FailureOf(status), await);
+    const Host::SOutcome outcome = Host::OutcomeOf(named, *look, look->FailureOf(status), await);
     TellEvents();
     Look();  // so that who is told of the end finds it in the state, too
     Log(outcome.m_Failure ? 4 : 5,

@@ -3,6 +3,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <boost/algorithm/hex.hpp>
 #include <boost/algorithm/string.hpp>
 #include <boost/format.hpp>
 #include <cctype>
@@ -69,6 +70,14 @@ std::vector<std::string> LinksOf(const TProperties& properties, const SDisk& dis
   return links;
 }
 
+/// What mdadm's rules for udev make of a superblock of version 1: four words, byte by byte.
+std::vector<std::string> LinksOf(const SArray& array) {
+  if (!array.m_Running || array.m_MajorVersion != 1) return {};
+  std::string uuid = boost::algorithm::hex_lower(std::string(array.m_Uuid.begin(), array.m_Uuid.end()));
+  for (const std::size_t at : {24U, 16U, 8U}) uuid.insert(at, 1, ':');
+  return {"disk/by-id/md-uuid-" + uuid};
+}
+
 }  // namespace
 
 std::vector<std::string> UdevRecord(const SMachine& machine, const SBlock& block, std::string devicePath) {
@@ -89,6 +98,7 @@ std::vector<std::string> UdevRecord(const SMachine& machine, const SBlock& block
   }
   if (isPartition) properties["PARTN"] = std::to_string(block.m_Partition->m_Number);
   std::vector<std::string> links;
+  if (block.m_Array != nullptr && !isPartition) links = LinksOf(*block.m_Array);
   if (block.m_Disk != nullptr) {
     const SController& controller = machine.m_Controllers[block.m_Disk->m_Controller];
     const SDriver& driver = FindDriver(controller.m_Driver);
@@ -100,8 +110,8 @@ std::vector<std::string> UdevRecord(const SMachine& machine, const SBlock& block
         str(path % (block.m_Disk->m_Host + 1) % block.m_Disk->m_Target % controller.m_Address);
     const std::string part = isPartition ? "-part" + properties["PARTN"] : "";
     links = LinksOf(properties, *block.m_Disk, part);
-    properties["DEVLINKS"] = "/dev/" + boost::join(links, " /dev/");
   }
+  if (!links.empty()) properties["DEVLINKS"] = "/dev/" + boost::join(links, " /dev/");
   std::vector<std::string> lines = {"P: " + devicePath, "N: " + block.m_Name};
   for (const std::string& link : links) lines.push_back("S: " + link);
   lines.push_back("Q: " + properties["DISKSEQ"]);
