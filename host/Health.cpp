@@ -65,7 +65,7 @@ void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth&
     problem(EHealth::WARNING, "array rebuilding", text + "; " + activity,
             "wait: 'rvxctl array watch " + array.m_Name + "'");
   else if (lost != 0 || (redundant && status == PI::STATUS_DEGRADED))
-    problem(EHealth::CRITICAL, "array degraded",
+    problem(lost != 0 && CanLose(array) != 0 ? EHealth::WARNING : EHealth::CRITICAL, "array degraded",
             text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""),
             ReplacementFor(inventory, array));
   else if (!redundant && status != PI::STATUS_OK)
@@ -132,8 +132,14 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
   if (!worn.empty()) problem(EHealth::WARNING, "disk wearing out", Joined(worn), "replace it soon");
 }
 
-/// "2 arrays degraded": the plural goes behind the first word.
+/// "2 arrays degraded": the plural goes behind the first word, where the kind is one that is counted.
 std::string Counted(std::size_t count, const std::string& kind) {
+  constexpr std::pair<std::string_view, const char*> UNCOUNTED[] = {
+      {"watch blind", "nobody looks at the machine"},
+      {"events lost", "events are lost"},
+      {"notify failing", "alarms cannot be sent"}};
+  for (const auto& [one, text] : UNCOUNTED)
+    if (kind == one) return text;
   const std::size_t blank = kind.find(' ');
   return std::to_string(count) + " " + kind.substr(0, blank) + (count == 1 ? "" : "s") + kind.substr(blank);
 }
@@ -162,6 +168,14 @@ unsigned int ToleranceOf(const SArrayEntry& array) {
   if (array.m_Level == "raid10") return array.m_Wanted / 2;
   if (array.m_Level == "raid6") return 2;
   return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
+}
+
+unsigned int CanLose(const SArrayEntry& array) {
+  const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
+  unsigned int tolerance = ToleranceOf(array);
+  if (array.m_Level == "raid10")
+    tolerance = std::min(tolerance, 1U);  // the next one may be the mirror of the first
+  return tolerance - std::min(tolerance, lost);
 }
 
 SHealth ArrayHealthOf(const CInventory& inventory) {

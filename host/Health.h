@@ -47,6 +47,8 @@ struct SHealth {
 
 /// How many members the array's level can do without.
 unsigned int ToleranceOf(const SArrayEntry& array);
+/// How many more members may fail, whichever they are, before data is lost.
+unsigned int CanLose(const SArrayEntry& array);
 
 /// Of the arrays alone. What to do next depends on what md answers: this asks the machine.
 SHealth ArrayHealthOf(const CInventory& inventory);

@@ -43,6 +43,11 @@ std::string PluginPath(const SOptions& options) {
       .string();
 }
 
+std::string NotifierPath() {
+  boost::system::error_code error;
+  return (OwnFolder(error) / RVX_NOTIFIER).lexically_normal().string();
+}
+
 void FindCatalog() {
   boost::system::error_code error;
   const fs::path folder = OwnFolder(error) / RVX_CATALOG_DIR;

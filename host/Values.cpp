@@ -167,6 +167,13 @@ std::string TimeText(unsigned long milliseconds) {
   return (boost::format("%s.%03dZ") % text % (milliseconds % 1000)).str();
 }
 
+std::uint64_t MillisecondsOf(const std::string& time) {
+  std::tm parts{};
+  const char* const rest = ::strptime(time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+  if (rest == nullptr || *rest != '.') return 0;
+  return static_cast<std::uint64_t>(::timegm(&parts)) * 1000 + std::strtoul(rest + 1, nullptr, 10);
+}
+
 std::uint64_t NowMilliseconds() {
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;

@@ -43,6 +43,8 @@ std::string SizeOfKiB(std::uint64_t kibibytes);
 std::string Joined(const std::vector<std::string>& texts, const char* separator = ", ");
 /// RFC 3339 with milliseconds, UTC.
 std::string TimeText(unsigned long milliseconds);
+/// What TimeText gave; 0 when it is no such text.
+std::uint64_t MillisecondsOf(const std::string& time);
 /// Since 1970, as TimeText takes them.
 std::uint64_t NowMilliseconds();
 

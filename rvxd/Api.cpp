@@ -18,6 +18,9 @@ constexpr unsigned long WAIT_LIMIT = 60;  ///< seconds
 constexpr std::chrono::seconds BEGIN_LIMIT{2};
 constexpr unsigned int SILENCE = 15;  ///< seconds more than what is waited for
 constexpr std::size_t DEPTH_LIMIT = 16;
+constexpr unsigned int SPARES_LIMIT = 32;
+/// A message takes five minutes at most, and the one that is sent by its side as long.
+constexpr unsigned int TEST_SILENCE = 700;
 constexpr char METRICS[] = "/metrics";
 
 Text Whole(const Json& json) {
@@ -42,6 +45,13 @@ SHttpAnswer Tagged(const SHttpRequest& request, const std::string& tag, const st
   }
   answer.m_Body = body();
   return answer;
+}
+
+/// Of a document that is made anew for each request.
+std::string TagOf(const Json& json) {
+  return "\"" +
+         std::to_string(std::hash<std::string>()(json.dump(-1, ' ', false, Json::error_handler_t::replace))) +
+         "\"";
 }
 
 Json BodyOf(const SHttpRequest& request) {
@@ -127,6 +137,8 @@ const CApi::SRoute CApi::ROUTES[] = {
     {"POST", "/v1/operations", &CApi::Begin},
     {"GET", "/v1/operations/*", &CApi::Operation},
     {"DELETE", "/v1/operations/*", &CApi::Withdraw},
+    {"GET", "/v1/notify", &CApi::Notify},
+    {"POST", "/v1/notify/test", &CApi::TestNotify},
     {"GET", "/v1/settings", &CApi::Settings},
     {"PUT", "/v1/settings", &CApi::SetSettings},
     {"GET", METRICS, &CApi::Metrics},
@@ -209,7 +221,7 @@ SHttpAnswer CApi::State(const SHttpRequest& request, const Captured&) const {
 SHttpAnswer CApi::Health(const SHttpRequest&, const Captured&) const {
   const auto snapshot = Snapshot();
   Json health = HealthNow(*snapshot, m_Keeper.Pass(), Host::NowMilliseconds());
-  health["conditions"] = ConditionsNow();
+  health["conditions"] = m_Keeper.Conditions();
   return Answered(health);
 }
 
@@ -247,16 +259,6 @@ SHttpAnswer CApi::Controllers(const SHttpRequest& request, const Captured&) cons
 }
 SHttpAnswer CApi::Levels(const SHttpRequest& request, const Captured&) const {
   return List(request, "levels", &CSnapshot::Levels);
-}
-
-Json CApi::ConditionsNow() const {
-  Json all = m_Conditions.All();
-  const SPass pass = m_Keeper.Pass();
-  // The plug-in's thread, which would say so, may hang itself.
-  const auto isSaid = [](const Json& one) { return one["kind"] == "watch-blind"; };
-  if (IsBlind(pass, Host::NowMilliseconds()) && std::ranges::none_of(all, isSaid))
-    all.push_back(ConditionOf(BlindProblem(pass), pass.m_Time));
-  return all;
 }
 
 SHttpAnswer CApi::View(const SHttpRequest& request, const Captured& name) const {
@@ -302,7 +304,7 @@ SHttpAnswer CApi::Events(const SHttpRequest& request, const Captured&) const {
 }
 
 SHttpAnswer CApi::Conditions(const SHttpRequest&, const Captured&) const {
-  return Answered({{"conditions", ConditionsNow()}});
+  return Answered({{"conditions", m_Keeper.Conditions()}});
 }
 
 SHttpAnswer CApi::Acknowledge(const SHttpRequest& request, const Captured& id) const {
@@ -406,13 +408,49 @@ Json CApi::SettingsJson() const {
   const auto* const range = interval == nullptr ? nullptr : std::get_if<PI::SRange>(&interval->m_Value);
   if (range == nullptr) throw CProblem(500, "plugin-error", "the plug-in tells no poll interval");
   return {{"pollInterval", range->m_Value},
-          {"limits", {{"pollInterval", {{"least", range->m_Minimum}, {"most", range->m_Maximum}}}}}};
+          {"spares", m_Settings.Wanted()},
+          {"limits",
+           {{"pollInterval", {{"least", range->m_Minimum}, {"most", range->m_Maximum}}},
+            {"spares", {{"least", 0}, {"most", SPARES_LIMIT}}}}}};
+}
+
+SHttpAnswer CApi::Notify(const SHttpRequest&, const Captured&) const {
+  return Answered({{"channels", m_Notifier.List()}});
+}
+
+SHttpAnswer CApi::TestNotify(const SHttpRequest& request, const Captured&) const {
+  const Json channel = BodyOf(request).value("channel", Json(""));
+  if (!channel.is_string()) throw CProblem(422, "usage", "\"channel\" is a channel's name");
+  if (request.m_Extend) request.m_Extend(TEST_SILENCE);
+  return Answered({{"results", m_Notifier.Test(channel)}});
 }
 
 SHttpAnswer CApi::Settings(const SHttpRequest& request, const Captured&) const {
   const Json settings = SettingsJson();
-  return Tagged(request, "\"" + std::to_string(settings["pollInterval"].get<long>()) + "\"",
-                [&] { return Whole(settings); });
+  return Tagged(request, TagOf(settings), [&] { return Whole(settings); });
+}
+
+Spares CApi::SparesWith(const Json& changes) const {
+  if (!changes.is_object())
+    throw CProblem(422, "usage", "\"spares\" is an object: for each array a number, or null for none");
+  const auto snapshot = Snapshot();
+  Spares spares = m_Settings.Wanted();
+  for (const auto& [name, count] : changes.items()) {
+    const Json* const array = snapshot->FindArray(name);
+    const bool hasUuid = array != nullptr && (*array)["uuid"].is_string();
+    const std::string key = hasUuid ? (*array)["uuid"].get<std::string>() : name;
+    // One that is not there now may be on its way.
+    if (array == nullptr && !spares.contains(key))
+      throw CProblem(422, "usage", "there is no array \"" + name + "\"");
+    if (!count.is_null() && (!count.is_number_unsigned() || count > SPARES_LIMIT))
+      throw CProblem(422, "usage",
+                     "the number of spares of " + name + " is one from 0 to " + std::to_string(SPARES_LIMIT));
+    if (count.is_null())
+      spares.erase(key);
+    else
+      spares[key] = count;
+  }
+  return spares;
 }
 
 SHttpAnswer CApi::SetSettings(const SHttpRequest& request, const Captured&) const {
@@ -420,14 +458,20 @@ SHttpAnswer CApi::SetSettings(const SHttpRequest& request, const Captured&) cons
   if (match.empty())
     throw CProblem(428, "precondition-required", "If-Match with the ETag of what is changed is missing");
   const Json body = BodyOf(request);
-  if (!body.value("pollInterval", Json()).is_number_integer())
+  const Json interval = body.value("pollInterval", Json());
+  if (!interval.is_null() && !interval.is_number_integer())
     throw CProblem(422, "usage", "\"pollInterval\" is a number of seconds");
-  const auto seconds = std::clamp(body["pollInterval"].get<long>(), -1L, 1L << 20);
+  if (interval.is_null() && !body.contains("spares"))
+    throw CProblem(422, "usage",
+                   "neither \"pollInterval\" nor \"spares\" is there: nothing is to be changed");
   m_Keeper.Do([&](Host::CSession& session, const Host::CMachine&) {
     // Between two turns, so that of two who change the same one alone succeeds.
-    if (!Names(match, "\"" + std::to_string(SettingsJson()["pollInterval"].get<long>()) + "\""))
+    const auto spares = body.contains("spares") ? std::optional(SparesWith(body["spares"])) : std::nullopt;
+    if (!Names(match, TagOf(SettingsJson())))
       throw CProblem(412, "stale", "the settings are other ones by now");
-    Host::SetPollInterval(session, static_cast<int>(seconds));
+    if (!interval.is_null())
+      Host::SetPollInterval(session, static_cast<int>(std::clamp(interval.get<long>(), -1L, 1L << 20)));
+    if (spares) m_Settings.Want(*spares);
   });
   m_Keeper.Do([](Host::CSession&, const Host::CMachine&) {});  // behind the look that shows it
   return Settings({}, {});

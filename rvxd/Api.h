@@ -4,18 +4,21 @@
 
 #include "rvxd/Http.h"
 #include "rvxd/Metrics.h"
+#include "rvxd/Notifier.h"
 
 namespace Rvxd {
 
 class CApi {
  public:
   /// `isSimulated` is told to who asks.
-  CApi(CKeeper& keeper, CFeed& feed, COperations& operations, CConditions& conditions,
-       const CMetrics& metrics, CCounters& counters, bool isSimulated)
+  CApi(CKeeper& keeper, CFeed& feed, COperations& operations, CConditions& conditions, CSettings& settings,
+       CNotifier& notifier, const CMetrics& metrics, CCounters& counters, bool isSimulated)
       : m_Keeper(keeper),
         m_Feed(feed),
         m_Operations(operations),
         m_Conditions(conditions),
+        m_Settings(settings),
+        m_Notifier(notifier),
         m_Metrics(metrics),
         m_Counters(counters),
         m_IsSimulated(isSimulated) {}
@@ -54,6 +57,8 @@ class CApi {
   SHttpAnswer Operations(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer Operation(const SHttpRequest& request, const Captured& id) const;
   SHttpAnswer Withdraw(const SHttpRequest& request, const Captured& id) const;
+  SHttpAnswer Notify(const SHttpRequest& request, const Captured&) const;
+  SHttpAnswer TestNotify(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer Settings(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer SetSettings(const SHttpRequest& request, const Captured&) const;
   SHttpAnswer Metrics(const SHttpRequest& request, const Captured&) const;
@@ -66,12 +71,15 @@ class CApi {
   /// The last look. Throws CProblem before the first one.
   std::shared_ptr<const CSnapshot> Snapshot() const;
   Json SettingsJson() const;
-  Json ConditionsNow() const;
+  /// The wanted numbers of spares, by what an array is kept under, with what a request changes of them.
+  Spares SparesWith(const Json& changes) const;
 
   CKeeper& m_Keeper;
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
+  CSettings& m_Settings;
+  CNotifier& m_Notifier;
   const CMetrics& m_Metrics;
   CCounters& m_Counters;
   const bool m_IsSimulated;

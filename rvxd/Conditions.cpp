@@ -18,62 +18,78 @@ Json ConditionOf(const Host::SProblem& problem, std::uint64_t since) {
   return {{"id", kind + ":" + problem.m_Object},
           {"kind", kind},
           {"object", problem.m_Object},
+          {"subject", problem.m_Object},
           {"level", Host::WordOf(problem.m_Health)},
           {"text", problem.m_Text},
           {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)},
+          {"disks", Json::array()},
+          {"canLose", nullptr},
           {"since", Host::TimeText(since)},
           {"acknowledged", nullptr}};
 }
 
+bool IsCondition(const Json& json) {
+  const auto is = [&](Json::value_t type, std::initializer_list<const char*> fields) {
+    return std::ranges::all_of(
+        fields, [&](const char* field) { return json.contains(field) && json[field].type() == type; });
+  };
+  return json.is_object() &&
+         is(Json::value_t::string, {"id", "kind", "object", "subject", "level", "text", "since"}) &&
+         is(Json::value_t::array, {"disks"}) && json.contains("next") && json.contains("canLose") &&
+         json.contains("acknowledged");
+}
+
 CConditions::CConditions(const std::string& folder, CFeed& feed)
-    : m_File(folder + "/conditions.json"), m_Feed(feed) {
+    : m_File(folder + "/conditions.json"), m_Feed(feed), m_Members(folder) {
   const Json kept = ReadDocument(m_File);
   if (!kept.is_array()) return;
   for (const Json& condition : kept)
-    if (const char* const fields[] = {"id", "kind", "object", "level", "text", "next", "since",
-                                      "acknowledged"};
-        condition.is_object() &&
-        std::ranges::all_of(fields, [&](const char* field) { return condition.contains(field); }) &&
-        condition["id"].is_string())
-      m_Conditions[condition["id"]] = condition;
+    if (IsCondition(condition)) m_Conditions[condition["id"]] = condition;
 }
 
-void CConditions::Update(const Host::SHealth& health, const std::vector<Host::SProblem>& own) {
-  const std::lock_guard lock(m_Mutex);
+void CConditions::Place(Json& condition, const Json& arrays, const Json& disks) const {
+  const Json& object = condition["object"];
+  condition["disks"] = m_Members.Concerned(object, arrays, disks);
+  for (const Json& array : arrays) {
+    if (array["name"] == object) condition["canLose"] = array["redundancy"]["canLose"];
+    // What is wrong with a member is a part of what is wrong with its array.
+    if (std::ranges::any_of(array["members"], [&](const Json& member) { return member["name"] == object; }))
+      condition["subject"] = array["name"];
+  }
+}
+
+void CConditions::Update(const Host::SHealth& health, const Json& arrays, const Json& disks) {
+  m_Members.Learn(arrays, disks);
+  std::unique_lock lock(m_Mutex);
   std::map<std::string, Json> now;
-  bool isOther = false;
-  for (const std::vector<Host::SProblem>* const problems : {&health.m_Problems, &own})
-    for (const Host::SProblem& problem : *problems) {
-      Json condition = ConditionOf(problem, Host::NowMilliseconds());
-      const std::string id = condition["id"];
-      if (const auto same = now.find(id); same != now.end()) {  // two spares of one array, say
-        same->second["text"] = same->second["text"].get<std::string>() + "; " + problem.m_Text;
-        continue;
-      }
-      if (const auto before = m_Conditions.find(id); before != m_Conditions.end()) {
-        condition["since"] = before->second["since"];
-        condition["acknowledged"] = before->second["acknowledged"];
-        if (condition != before->second) {
-          isOther = true;
-          m_Feed.Notify("condition", condition);
-        }
-      } else {
-        isOther = true;
-        Log(problem.m_Health == Host::EHealth::CRITICAL ? 3 : 4,
-            problem.m_Object + ": " + problem.m_Kind + ": " + problem.m_Text);
-        m_Feed.Notify("condition", condition);
-      }
-      now[id] = std::move(condition);
+  for (const Host::SProblem& problem : health.m_Problems) {
+    Json condition = ConditionOf(problem, Host::NowMilliseconds());
+    const std::string id = condition["id"];
+    if (const auto same = now.find(id); same != now.end()) {  // two spares of one array, say
+      same->second["text"] = same->second["text"].get<std::string>() + "; " + problem.m_Text;
+      continue;
     }
-  for (const auto& [id, condition] : m_Conditions) {
-    if (now.contains(id)) continue;
+    Place(condition, arrays, disks);
+    if (const auto before = m_Conditions.find(id); before != m_Conditions.end())
+      // A failed disk that its array has let go of is still what that array lost.
+      for (const char* const key : {"since", "acknowledged", "subject"}) condition[key] = before->second[key];
+    now[id] = std::move(condition);
+  }
+  bool isOther = now.size() != m_Conditions.size();
+  for (const auto& [id, condition] : now) {
+    const auto before = m_Conditions.find(id);
+    if (before != m_Conditions.end() && before->second == condition) continue;
+    m_Feed.Notify("condition", condition);
     isOther = true;
-    Json over = condition;
-    over["level"] = Host::WordOf(Host::EHealth::OK);
-    Log(5, id + " is over");
-    m_Feed.Notify("condition", over);
+  }
+  for (auto [id, condition] : m_Conditions) {
+    if (now.contains(id)) continue;
+    condition["level"] = Host::WordOf(Host::EHealth::OK);
+    m_Feed.Notify("condition", condition);
+    isOther = true;
   }
   m_Conditions = std::move(now);
+  lock.unlock();
   if (isOther) Keep();
 }
 
@@ -85,20 +101,21 @@ Json CConditions::All() const {
 }
 
 Json CConditions::Acknowledge(const std::string& id, const SPeer& peer) {
-  const std::lock_guard lock(m_Mutex);
+  std::unique_lock lock(m_Mutex);
   const auto found = m_Conditions.find(id);
   if (found == m_Conditions.end()) throw CProblem(404, "not-found", "there is no condition \"" + id + "\"");
   found->second["acknowledged"] = {{"time", NowText()}, {"uid", peer.m_User}};
-  m_Feed.Notify("condition", found->second);
+  const Json condition = found->second;
+  m_Feed.Notify("condition", condition);
+  lock.unlock();
   Keep();
-  return found->second;
+  return condition;
 }
 
 void CConditions::Keep() const {
-  Json all = Json::array();
-  for (const auto& [id, condition] : m_Conditions) all.push_back(condition);
+  const std::lock_guard writing(m_Writing);
   try {
-    WriteWhole(m_File, all.dump(-1, ' ', false, Json::error_handler_t::replace));
+    WriteWhole(m_File, All().dump(-1, ' ', false, Json::error_handler_t::replace));
   } catch (const Host::CError& error) {
     Log(3, error.what());
   }

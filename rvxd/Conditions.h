@@ -9,31 +9,40 @@
 
 #include "host/Health.h"
 #include "rvxd/Feed.h"
+#include "rvxd/Members.h"
 #include "rvxd/Operations.h"
 
 namespace Rvxd {
 
-/// A problem as it is told: "array-degraded:md_d0".
+/// A problem as it is told: "array-degraded:md_d0", of no array or disk.
 /// @param since in milliseconds since 1970
 Json ConditionOf(const Host::SProblem& problem, std::uint64_t since);
+
+/// Whether a document from a file is one.
+bool IsCondition(const Json& json);
 
 /// Kept over restarts, so that nobody is told twice. All functions may be called by any thread.
 class CConditions {
  public:
   CConditions(const std::string& folder, CFeed& feed);
 
-  /// Takes over what is wrong now; tells the streams what came and what went. `own` are those of rvxd itself,
-  /// as problems too.
-  void Update(const Host::SHealth& health, const std::vector<Host::SProblem>& own);
+  /// Takes over what is wrong now; tells the streams what came and what went. `arrays` and
+  /// `disks` are those of /v1/state.
+  void Update(const Host::SHealth& health, const Json& arrays, const Json& disks);
   Json All() const;
   /// Throws CProblem when there is none of that identifier.
   Json Acknowledge(const std::string& id, const SPeer& peer);
 
  private:
+  /// Without m_Mutex: who reads does not wait for the disk.
   void Keep() const;
+  /// The array or disk that this is a part of what is wrong with, and the disks that it is about.
+  void Place(Json& condition, const Json& arrays, const Json& disks) const;
 
   const std::string m_File;
   CFeed& m_Feed;
+  CMembers m_Members;
+  mutable std::mutex m_Writing;  ///< taken before m_Mutex
   mutable std::mutex m_Mutex;
   std::map<std::string, Json> m_Conditions;  ///< by identifier: "array-degraded:md_d0"
 };

@@ -33,11 +33,12 @@ constexpr std::chrono::milliseconds TELL_INTERVAL{500};
 }  // namespace
 
 CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
-                 CCounters& counters)
+                 const CSettings& settings, CCounters& counters)
     : m_Options(options),
       m_Feed(feed),
       m_Operations(operations),
       m_Conditions(conditions),
+      m_Settings(settings),
       m_Counters(counters),
       m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   m_Operations.OnQueued([this] { ::eventfd_write(m_Wake.Get(), 1); });
@@ -81,6 +82,15 @@ std::shared_ptr<const CSnapshot> CKeeper::Now() const {
 SPass CKeeper::Pass() const {
   const std::lock_guard lock(m_Mutex);
   return m_Pass;
+}
+
+Json CKeeper::Conditions() const {
+  Json all = m_Conditions.All();
+  const SPass pass = Pass();
+  const auto isSaid = [](const Json& one) { return one["kind"] == "watch-blind"; };
+  if (IsBlind(pass, Host::NowMilliseconds()) && std::ranges::none_of(all, isSaid))
+    all.push_back(ConditionOf(BlindProblem(pass), pass.m_Time));
+  return all;
 }
 
 void CKeeper::Do(const std::function<void(Host::CSession&, const Host::CMachine&)>& work) {
@@ -180,6 +190,19 @@ void CKeeper::TellEvents() {
   }
 }
 
+std::vector<Host::SProblem> CKeeper::OwnProblems(const SPass& pass) {
+  std::vector<Host::SProblem> own = m_OnLook();
+  if (const std::string error = m_Feed.WriteError(); !error.empty())
+    own.push_back({Host::EHealth::WARNING, "events lost", "rvxd",
+                   "the journal of events cannot be written: " + error,
+                   "make room on the disk that it lies on"});
+  if (IsBlind(pass, Host::NowMilliseconds())) own.push_back(BlindProblem(pass));
+  if (const auto now = Now())
+    for (Host::SProblem& stuck : m_Progress.Stuck(now->Arrays(), Clock::now()))
+      own.push_back(std::move(stuck));
+  return own;
+}
+
 void CKeeper::Look() {
   const auto begin = Clock::now();
   // Before the topology: what happens behind this look has a higher number.
@@ -202,18 +225,15 @@ void CKeeper::Look() {
   }
   m_Counter = counter;
   if (pass.m_Time == 0) return;  // no pass yet
-  std::vector<Host::SProblem> own;
-  if (const std::string error = m_Feed.WriteError(); !error.empty())
-    own.push_back({Host::EHealth::WARNING, "events lost", "rvxd",
-                   "the journal of events cannot be written: " + error,
-                   "make room on the disk that it lies on"});
-  if (IsBlind(pass, Host::NowMilliseconds())) own.push_back(BlindProblem(pass));
-  seen += " " + cursor + " " + std::to_string(own.size()) +
+  const std::vector<Host::SProblem> own = OwnProblems(pass);
+  const Spares wanted = m_Settings.Wanted();
+  for (const Host::SProblem& problem : own) seen += "\n" + problem.m_Object + problem.m_Kind + problem.m_Text;
+  seen += "\n" + cursor + Json(wanted).dump() +
           m_Conditions.All().dump(-1, ' ', false, Json::error_handler_t::replace);
   std::shared_ptr<CSnapshot> now;
   if (before == nullptr || seen != m_Seen) {
-    now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get());
-    m_Conditions.Update(now->Health(), own);
+    now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get(), wanted, own);
+    m_Conditions.Update(now->Health(), now->Arrays(), now->Disks());
     now->Publish(m_Instance, cursor, m_Conditions.All(), pass, before.get());
     m_Seen = std::move(seen);
   }

@@ -16,6 +16,7 @@
 #include "rvxd/Conditions.h"
 #include "rvxd/Feed.h"
 #include "rvxd/Operations.h"
+#include "rvxd/Progress.h"
 #include "rvxd/Snapshot.h"
 
 namespace Rvxd {
@@ -26,7 +27,7 @@ enum class ETurn { STARTING, WATCHING, CHANGING };
 class CKeeper {
  public:
   CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
-          CCounters& counters);
+          const CSettings& settings, CCounters& counters);
   ~CKeeper();
   CKeeper(const CKeeper&) = delete;
   CKeeper& operator=(const CKeeper&) = delete;
@@ -42,9 +43,15 @@ class CKeeper {
   /// Called by the plug-in's thread with each turn, and where it begins something that may take long.
   void OnTurn(std::function<void(ETurn)> tell) { m_OnTurn = std::move(tell); }
 
+  /// Asked by the plug-in's thread with each turn: what others have found wrong with the watching.
+  void OnLook(std::function<std::vector<Host::SProblem>()> ask) { m_OnLook = std::move(ask); }
+
   /// For any thread. Null before the first pass.
   std::shared_ptr<const CSnapshot> Now() const;
   SPass Pass() const;
+  /// All that is wrong now, also that nobody looks: the plug-in's thread, which would say so, may hang
+  /// itself.
+  Json Conditions() const;
   /// Has the plug-in's thread do something between two turns, and waits. Throws CProblem when it does not
   /// come to it, and what the work throws.
   void Do(const std::function<void(Host::CSession&, const Host::CMachine&)>& work);
@@ -57,6 +64,8 @@ class CKeeper {
   /// Waits for work, md's change or the time.
   void Wait();
   void TellEvents();
+  /// What is wrong with the watching.
+  std::vector<Host::SProblem> OwnProblems(const SPass& pass);
   /// Looks, where anything has changed since the last look.
   void Look();
   /// Tells the streams that there is a new state, at most twice a second.
@@ -73,8 +82,10 @@ class CKeeper {
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
+  const CSettings& m_Settings;
   CCounters& m_Counters;
   std::function<void(ETurn)> m_OnTurn{[](ETurn) {}};
+  std::function<std::vector<Host::SProblem>()> m_OnLook{[] { return std::vector<Host::SProblem>(); }};
   std::unique_ptr<Host::CSession> m_Session;
   std::unique_ptr<OS::COperatingSystem> m_Here;
   std::unique_ptr<const Host::CMachine> m_Machine;
@@ -85,8 +96,9 @@ class CKeeper {
   int m_Soon{0};                   ///< turns that follow a change of md closely
   std::list<PI::CEvent> m_Events;  ///< fetched and not yet told
   std::string m_Seen;              ///< what the last look was made of
-  unsigned long m_Counter{0};      ///< of the plug-in's passes
-  unsigned int m_OwnRescans{0};    ///< whose events tell nobody anything
+  CProgress m_Progress;
+  unsigned long m_Counter{0};    ///< of the plug-in's passes
+  unsigned int m_OwnRescans{0};  ///< whose events tell nobody anything
   unsigned long m_ToldRevision{0};
   std::chrono::steady_clock::time_point m_ToldAt;
   mutable std::mutex m_Mutex;

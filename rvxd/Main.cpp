@@ -16,6 +16,7 @@
 #include "host/WriterLock.h"
 #include "rvxd/Keeper.h"
 #include "rvxd/Log.h"
+#include "rvxd/Notifier.h"
 #include "rvxd/Server.h"
 #include "rvxd/Sockets.h"
 #include "rvxd/Textfile.h"
@@ -25,13 +26,17 @@ namespace Rvxd {
 namespace {
 
 constexpr char DEFAULT_SOCKET[] = "/run/rvx/rvxd.sock";
+constexpr char DEFAULT_CHANNELS[] = "/etc/rvx/notify.d";
+constexpr char NOTIFY_SOCKET[] = "/run/rvx/notify.sock";
+constexpr char JOURNAL_SOCKET[] = "/run/systemd/journal/socket";
 constexpr std::chrono::milliseconds END_LIMIT{400};
 constexpr char CHANGE_LIMIT[] = "7200000000";  ///< microseconds of the watchdog during a change: two hours
 
 struct SDaemonOptions {
   Host::SOptions m_Host;
   std::string m_Socket;
-  std::string m_State;  ///< folder; empty: the service manager's, else the usual one
+  std::string m_State;     ///< folder; empty: the service manager's, else the usual one
+  std::string m_Channels;  ///< folder; empty: the usual one, of a simulated machine none
   unsigned int m_PlanSeconds{900};
   std::string m_Metrics;   ///< "127.0.0.1:9634"; empty: not by TCP
   std::string m_Textfile;  ///< empty: none
@@ -52,6 +57,13 @@ std::string StateFolder(const SDaemonOptions& options) {
                                                     std::strerror(errno) +
                                                     "; --state names the folder for what is kept");
   return folder;
+}
+
+/// A simulated machine's alarms are for nobody but who asks for them.
+SNotifierPlaces PlacesOf(const SDaemonOptions& options, const std::string& folder) {
+  const bool isReal = !options.m_Host.m_Simulate;
+  return {options.m_Channels.empty() && isReal ? DEFAULT_CHANNELS : options.m_Channels, folder,
+          isReal ? NOTIFY_SOCKET : "", isReal && ::access(JOURNAL_SOCKET, W_OK) == 0};
 }
 
 /// Tells the service manager; the watchdog is fed by the plug-in's thread alone, since it is the one that may
@@ -78,13 +90,21 @@ int Serve(SDaemonOptions options) {
   CFeed feed(folder, counters);
   COperations operations(folder, feed, counters, std::chrono::seconds(options.m_PlanSeconds));
   CConditions conditions(folder, feed);
-  CKeeper keeper(options.m_Host, feed, operations, conditions, counters);
-  const CMetrics metrics(keeper, feed, operations, counters, [] { return CMetrics::Spares(); });
-  const CApi api(keeper, feed, operations, conditions, metrics, counters, options.m_Host.m_Simulate);
+  CSettings settings(folder);
+  CKeeper keeper(options.m_Host, feed, operations, conditions, settings, counters);
+  CNotifier notifier(
+      PlacesOf(options, folder),
+      [&keeper] { return keeper.Now() == nullptr ? std::nullopt : std::optional(keeper.Conditions()); },
+      counters);
+  keeper.OnLook([&notifier] { return notifier.Problems(); });
+  const CMetrics metrics(keeper, feed, operations, counters);
+  const CApi api(keeper, feed, operations, conditions, settings, notifier, metrics, counters,
+                 options.m_Host.m_Simulate);
   std::optional<CTextfile> textfile;
   if (!options.m_Textfile.empty()) textfile.emplace(options.m_Textfile, keeper, metrics);
   keeper.OnTurn(&TellManager);
   keeper.Start();
+  notifier.Start();
   std::list<CServer> servers;
   if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, EAccess::ALL);
   if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, EAccess::READING);
@@ -98,6 +118,7 @@ int Serve(SDaemonOptions options) {
   for (CServer& server : servers) server.Quiesce();
   operations.Stop();
   feed.Stop();
+  notifier.Stop();
   keeper.Stop();
   servers.clear();
   textfile.reset();
@@ -122,6 +143,9 @@ int Main(int count, char** words) {
       ->default_str(DEFAULT_SOCKET);
   app.add_option("--state", options.m_State, "folder for events, operations and conditions")
       ->type_name("PATH");
+  app.add_option("--channels", options.m_Channels, "folder that says where alarms go")
+      ->type_name("PATH")
+      ->default_str(DEFAULT_CHANNELS);
   app.add_option("--plugin", options.m_Host.m_Plugin, "the plug-in's library")->type_name("PATH");
   app.add_option("--plan-seconds", options.m_PlanSeconds, "how long a plan may be carried out")
       ->type_name("N")

@@ -87,6 +87,7 @@ const SFigure ARRAY_FIGURES[] = {
     {"rvx_array_members_missing", Json::json_pointer("/redundancy/missing")},
     {"rvx_array_redundancy_left", Json::json_pointer("/redundancy/canLose")},
     {"rvx_array_spares", Json::json_pointer("/spares")},
+    {"rvx_array_spares_expected", Json::json_pointer("/sparesWanted")},
     {"rvx_array_sync_progress_ratio", Json::json_pointer("/activity/progress")},
     {"rvx_array_sync_speed_bytes_per_second", Json::json_pointer("/activity/speed")},
     {"rvx_array_sync_remaining_seconds", Json::json_pointer("/activity/remaining")}};
@@ -150,7 +151,7 @@ class CSeries {
   std::map<std::string, std::vector<prometheus::ClientMetric>> m_All;
 };
 
-void AddArray(CSeries& series, const Json& array, const CMetrics::Spares& wanted) {
+void AddArray(CSeries& series, const Json& array) {
   const Labels labels = {{"array", Value(array["name"])}, {"uuid", Value(array["uuid"])}};
   series.Add("rvx_array_info", LabelsOf(labels, array, {"device", "level", "metadata"}), 1);
   series.AddFigures(array, labels, ARRAY_FIGURES);
@@ -160,11 +161,6 @@ void AddArray(CSeries& series, const Json& array, const CMetrics::Spares& wanted
     series.Add("rvx_array_members", With(labels, {"state", state}),
                static_cast<double>(std::ranges::count_if(
                    array["members"], [&](const Json& member) { return member["state"] == state; })));
-  for (const char* const name : {"uuid", "name"})
-    if (const auto found = wanted.find(Value(array[name])); found != wanted.end()) {
-      series.Add("rvx_array_spares_expected", labels, found->second);
-      break;
-    }
 }
 
 void AddDisk(CSeries& series, const Json& disk) {
@@ -178,16 +174,11 @@ void AddDisk(CSeries& series, const Json& disk) {
                    disk["state"]);
 }
 
-void AddConditions(CSeries& series, const CSnapshot& snapshot, const SPass& pass) {
+void AddConditions(CSeries& series, const CSnapshot& snapshot, const Json& conditions) {
   std::set<std::pair<std::string, std::string>> now;
-  for (const Json& condition : snapshot.HealthJson()["conditions"]) {
+  for (const Json& condition : conditions) {
     const Json* const disk = snapshot.FindDisk(condition["object"]);
     now.emplace(Value(condition["kind"]), Value(disk == nullptr ? condition["object"] : (*disk)["id"]));
-  }
-  // The plug-in's thread, which would say so, may hang itself.
-  if (IsBlind(pass, Host::NowMilliseconds())) {
-    const Host::SProblem blind = BlindProblem(pass);
-    now.emplace(blind.Word(), blind.m_Object);
   }
   for (const auto& [condition, object] : now)
     series.Add("rvx_condition", {{"condition", condition}, {"object", object}}, 1);
@@ -208,12 +199,11 @@ void AddProcess(CSeries& series, double started) {
 }  // namespace
 
 CMetrics::CMetrics(const CKeeper& keeper, const CFeed& feed, const COperations& operations,
-                   const CCounters& counters, std::function<Spares()> wanted)
+                   const CCounters& counters)
     : m_Keeper(keeper),
       m_Feed(feed),
       m_Operations(operations),
       m_Counters(counters),
-      m_Wanted(std::move(wanted)),
       m_Started(static_cast<double>(Host::NowMilliseconds()) / MILLISECONDS) {}
 
 std::string CMetrics::Text(EProcess process) const {
@@ -235,10 +225,9 @@ std::string CMetrics::Text(EProcess process) const {
     series.Add("rvx_pass_last_success_timestamp_seconds", {},
                static_cast<double>(pass.m_Time) / MILLISECONDS);
     series.Add("rvx_pass_duration_seconds", {}, pass.m_Look);
-    const Spares wanted = m_Wanted();
-    for (const Json& array : snapshot->Arrays()) AddArray(series, array, wanted);
+    for (const Json& array : snapshot->Arrays()) AddArray(series, array);
     for (const Json& disk : snapshot->Disks()) AddDisk(series, disk);
-    AddConditions(series, *snapshot, pass);
+    AddConditions(series, *snapshot, m_Keeper.Conditions());
   }
   return series.Text();
 }

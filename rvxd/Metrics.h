@@ -2,8 +2,6 @@
 /// @file
 /// What rvxd knows, as figures for a program that stores them over time: Prometheus' text format 0.0.4.
 
-#include <functional>
-#include <map>
 #include <string>
 
 #include "rvxd/Counters.h"
@@ -18,11 +16,8 @@ enum class EProcess { TOLD, LEFT_OUT };
 /// series. All functions may be called by any thread.
 class CMetrics {
  public:
-  using Spares = std::map<std::string, unsigned int>;
-
-  /// `wanted` tells how many spares arrays are to have, by UUID or name.
-  CMetrics(const CKeeper& keeper, const CFeed& feed, const COperations& operations, const CCounters& counters,
-           std::function<Spares()> wanted);
+  CMetrics(const CKeeper& keeper, const CFeed& feed, const COperations& operations,
+           const CCounters& counters);
 
   std::string Text(EProcess process) const;
 
@@ -31,7 +26,6 @@ class CMetrics {
   const CFeed& m_Feed;
   const COperations& m_Operations;
   const CCounters& m_Counters;
-  const std::function<Spares()> m_Wanted;
   const double m_Started;  ///< seconds since 1970
 };
 

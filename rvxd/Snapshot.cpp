@@ -61,15 +61,6 @@ Json RemainingLife(const PI::CObject& disk) {
   return std::max<std::time_t>(0, ::timegm(&day) / SECONDS - std::time(nullptr) / SECONDS) * SECONDS;
 }
 
-/// How many more members may fail, whichever they are.
-Json CanLose(const Host::SArrayEntry& array) {
-  const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
-  unsigned int tolerance = Host::ToleranceOf(array);
-  if (array.m_Level == "raid10")
-    tolerance = std::min(tolerance, 1U);  // the next one may be the mirror of the first
-  return tolerance - std::min(tolerance, lost);
-}
-
 Json ActivityJson(const Host::SArrayEntry& array) {
   const std::optional<Host::SMdRun> run = array.m_Md ? array.m_Md->m_Run : std::nullopt;
   const auto activity = NumberOf(array.m_Object, PI::PROP_ACTIVITY);
@@ -106,10 +97,34 @@ std::vector<std::string> MountsOf(const Host::CMachine& machine, const std::stri
 
 }  // namespace
 
-CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, const CSnapshot* before)
+Host::SHealth CSnapshot::ArrayHealth(const std::vector<Host::SProblem>& own) {
+  m_Inventory.Remember();
+  Host::SHealth health = Host::ArrayHealthOf(m_Inventory);
+  for (const Host::SArrayEntry& array : m_Inventory.Arrays()) {
+    const std::size_t spares = array.Of(Host::ERole::SPARE).size();
+    if (const auto wanted = SparesWanted(array); wanted && spares < *wanted)
+      health.m_Problems.push_back({Host::EHealth::WARNING, "spare missing", array.m_Name,
+                                   std::to_string(spares) + " of the " + std::to_string(*wanted) +
+                                       " spares that it is to have " + (spares == 1 ? "is" : "are") +
+                                       " there",
+                                   "'rvxctl spare add DISK " + array.m_Name + "'"});
+  }
+  health.m_Problems.insert(health.m_Problems.end(), own.begin(), own.end());
+  return health;
+}
+
+std::optional<unsigned int> CSnapshot::SparesWanted(const Host::SArrayEntry& array) const {
+  const Json uuid = UuidOf(m_Inventory.FactsOf(array.m_Object));
+  const auto found = m_Wanted.find(uuid.is_string() ? uuid.get<std::string>() : array.m_Name);
+  return found == m_Wanted.end() ? std::nullopt : std::optional(found->second);
+}
+
+CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, const CSnapshot* before,
+                     const Spares& wanted, const std::vector<Host::SProblem>& own)
     : m_Topology(session),
       m_Inventory(m_Topology, machine),
-      m_ArrayHealth((m_Inventory.Remember(), Host::ArrayHealthOf(m_Inventory))),
+      m_Wanted(wanted),
+      m_ArrayHealth(ArrayHealth(own)),
       m_Health(Host::HealthOf(m_Inventory, m_ArrayHealth)) {
   const auto check = [&](const PI::CObject& object, PI::COperation& operation) {
     return session.Check(object.m_ID, operation);
@@ -222,7 +237,7 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
   json["redundancy"] = {{"required", entry.m_Wanted},
                         {"active", entry.m_Present},
                         {"missing", entry.m_Wanted - std::min(entry.m_Wanted, entry.m_Present)},
-                        {"canLose", CanLose(entry)}};
+                        {"canLose", Host::CanLose(entry)}};
   json["activity"] = ActivityJson(entry);
   json["members"] = json["spares"] = Json::array();
   for (const Host::SMember& member : entry.m_Members) {
@@ -232,11 +247,13 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
         if (one.m_Name == member.m_Name && one.m_Mark != 'S' && one.m_Mark != 'F') slot = one.m_Number;
     json["members"].push_back(
         {{"disk", member.m_Disk == nullptr ? Json(nullptr) : Json(m_DiskIDs.at(member.m_Disk->m_ID))},
+         {"whole", member.m_Whole == nullptr ? Json(nullptr) : Json(m_DiskIDs.at(member.m_Whole->m_ID))},
          {"name", member.m_Name},
          {"slot", slot},
          {"state", Host::WordOf(member.m_Role)}});
     if (member.m_Role == Host::ERole::SPARE) json["spares"].push_back(member.m_Name);
   }
+  json["sparesWanted"] = OrNull(SparesWanted(entry));
   json["mounts"] = m_Mounts.at(array.m_ID);
   json["operations"] = OffersJson(array);
   return json;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/Views.h"
+#include "rvxd/Settings.h"
 
 namespace Rvxd {
 
@@ -27,7 +28,9 @@ class CSnapshot {
  public:
   /// Asks both, on the plug-in's thread. What an object offers is asked anew only where `before` (may be
   /// null) shows it in another state, since that opens an array exclusively for a moment.
-  CSnapshot(Host::CSession& session, const Host::CMachine& machine, const CSnapshot* before);
+  /// @param own what is wrong with the watching itself, to be told beside what is wrong with the machine
+  CSnapshot(Host::CSession& session, const Host::CMachine& machine, const CSnapshot* before,
+            const Spares& wanted, const std::vector<Host::SProblem>& own);
   CSnapshot(const CSnapshot&) = delete;
   CSnapshot& operator=(const CSnapshot&) = delete;
 
@@ -71,8 +74,14 @@ class CSnapshot {
   void NameDisks();
   Json OffersJson(const PI::CObject& object) const;
 
+  /// Of the arrays, what is wanted and is not there, and what rvxd itself has.
+  Host::SHealth ArrayHealth(const std::vector<Host::SProblem>& own);
+  /// None where nobody said how many.
+  std::optional<unsigned int> SparesWanted(const Host::SArrayEntry& array) const;
+
   const Host::CTopology m_Topology;
   Host::CInventory m_Inventory;
+  const Spares m_Wanted;
   Host::SHealth m_ArrayHealth;
   Host::SHealth m_Health;
   std::map<unsigned long, std::string> m_DiskIDs;              ///< by the framework's identifier

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-sources=(Src system simulator host rvxctl rvxd libraries framework tests bench)
+sources=(Src system simulator host rvxctl rvxd notify libraries framework tests bench)
 
 all_sources() {
     find "${sources[@]}" -name '*.h' -o -name '*.cpp'
@@ -99,6 +99,7 @@ release() {
     local status=0 branches='endbr64 [0-9]{2,}' fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
     hardened bin/rvxctl 'Flags:.* PIE' 'endbr64 [3-9]' || status=1
     hardened sbin/rvxd 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
+    hardened libexec/rvx-notify 'Flags:.* PIE' "$fortified" "$branches" || status=1
     hardened libexec/rvxctl-whole 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
     hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" "$branches" || status=1
     hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" "$branches" || status=1

@@ -4,7 +4,7 @@
 declare -A packages=(
     [build]="g++ cmake ninja-build pkg-config linux-libc-dev libboost-dev libboost-filesystem-dev libboost-system-dev
         libpugixml-dev libspdlog-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmount-dev libblkid-dev
-        libudev-dev libsmartcols-dev libmicrohttpd-dev libsystemd-dev prometheus-cpp-dev"
+        libudev-dev libsmartcols-dev libmicrohttpd-dev libsystemd-dev prometheus-cpp-dev libcurl4-openssl-dev"
     [test]="ccache libgtest-dev libgmock-dev libbenchmark-dev udev mdadm sdparm hdparm util-linux jq python3 python3-jsonschema
         python3-yaml bash-completion zsh fish sudo curl systemd"
     [fleet]="ansible-core ansible-lint"

@@ -15,6 +15,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 RVXD, UNITS = os.environ["RVXD"], pathlib.Path(os.environ["RVX_UNITS"])
 SOCKETS = ("rvxd.socket", "rvxd-ro.socket")
 METRICS = "rvxd-metrics.socket"
+NOTIFY = ("rvx-notify.socket", "rvx-notify@.service")
 
 
 def said(unit, key):
@@ -56,7 +57,7 @@ class Units(unittest.TestCase):
 
     def run_on_units(self, *words):
         """A command of systemd-analyze about them, with this build's rvxd for the one that will be installed."""
-        for unit in (*SOCKETS, METRICS, "rvxd.service"):
+        for unit in (*SOCKETS, METRICS, *NOTIFY, "rvxd.service"):
             text = (UNITS / unit).read_text()
             (self.folder / unit).write_text(re.sub(r"^ExecStart=\S+", f"ExecStart={RVXD}", text, flags=re.MULTILINE))
         done = subprocess.run(["systemd-analyze", *words], cwd=self.folder, capture_output=True, text=True)
@@ -64,7 +65,7 @@ class Units(unittest.TestCase):
 
     def test_systemd_takes_them(self):
         # A directive that is misspelled is left out with a warning alone.
-        self.assertEqual(self.run_on_units("verify", "--man=no", "./rvxd.service", *(f"./{one}" for one in (*SOCKETS, METRICS))),
+        self.assertEqual(self.run_on_units("verify", "--man=no", "./rvxd.service", *(f"./{one}" for one in (*SOCKETS, METRICS, *NOTIFY))),
                          (0, "", ""))
 
     def test_the_exposure_is_not_above_what_the_guide_tells(self):
@@ -85,6 +86,13 @@ class Units(unittest.TestCase):
         self.assertIn(f"PATH={said('rvxd.socket', 'ListenStream')}", told)
         self.assertEqual(said("rvxd-ro.socket", "ListenStream"),
                          said("rvxd.socket", "ListenStream").replace(".sock", "-ro.sock"))
+
+    def test_alarms_leave_by_a_socket_that_is_roots(self):
+        """Whoever connects to it has programs run with all rights."""
+        self.assertEqual((said(NOTIFY[0], "ListenStream"), said(NOTIFY[0], "SocketMode"), said(NOTIFY[0], "Accept")),
+                         ("/run/rvx/notify.sock", "0600", "yes"))
+        self.assertEqual(re.findall("^(?:Wants|After)=rvx-notify.socket$", (UNITS / "rvxd.service").read_text(), re.MULTILINE),
+                         ["Wants=rvx-notify.socket", "After=rvx-notify.socket"])
 
     def test_metrics_are_for_this_machine_and_for_who_wants_them(self):
         """A port that the package opens for everybody, or for anybody at all; one that the service pulls in."""

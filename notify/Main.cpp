@@ -1,0 +1,68 @@
+/// @file
+/// rvx-notify: delivers one message, which comes on its standard input, and says on its standard output what
+/// came of it. A process by itself, since a mail program or a script takes rights, a network and time that
+/// the one who watches does not have.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <iterator>
+
+#include "notify/Ways.h"
+
+namespace Notify {
+
+namespace {
+
+void Answer(const SResult& result) {
+  const std::string text = Json{{"delivered", result.m_IsDelivered}, {"text", result.m_Text}}.dump(
+                               -1, ' ', false, Json::error_handler_t::replace) +
+                           "\n";
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+/// The time is over: says so, and ends all that was begun with it.
+void OnAlarm(int) {
+  static const char text[] =
+      "{\"delivered\":false,\"text\":\"it took longer than its timeout, and was stopped\"}\n";
+  if (::write(STDOUT_FILENO, text, sizeof text - 1) < 0) ::_exit(EXIT_FAILURE);
+  ::kill(0, SIGKILL);
+}
+
+SResult Deliver() {
+  constexpr std::pair<std::string_view, SResult (*)(const SOrder&)> WAYS[] = {{"journal", &ByJournal},
+                                                                              {"mail", &ByMail},
+                                                                              {"program", &ByProgram},
+                                                                              {"webhook", &ByWebhook},
+                                                                              {"heartbeat", &ByHeartbeat}};
+  const Json given = Json::parse(std::string(std::istreambuf_iterator<char>(std::cin), {}), nullptr, false);
+  if (!given.is_object()) return {false, "no order came"};
+  const SOrder order{given.at("settings"), given.at("message"), given.at("process"),
+                     std::chrono::milliseconds(given.at("limit").get<unsigned int>())};
+  const auto seconds = static_cast<unsigned int>(order.m_Limit.count() / 1000);
+  ::alarm(seconds + 1);  // behind what a way keeps by itself, whose words say more
+  for (const auto& [type, way] : WAYS)
+    if (type == TextIn(given, "type")) return way(order);
+  return {false, "there is no such way: " + TextIn(given, "type")};
+}
+
+}  // namespace
+
+}  // namespace Notify
+
+int main() {
+  // A group of its own ends as a whole; where a service manager made one already, this fails, and it does
+  // that.
+  ::setpgid(0, 0);
+  std::signal(SIGALRM, &Notify::OnAlarm);
+  try {
+    Notify::Answer(Notify::Deliver());
+  } catch (const std::exception& error) {
+    Notify::Answer({false, error.what()});
+  }
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,71 @@
+#pragma once
+/// @file
+/// What a channel is to be told, and when: conditions that belong together are one matter, which is told
+/// once, again when it gets worse or lasts, and once when it is over.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/Health.h"
+
+namespace Rvxd {
+
+using Host::Json;
+using Milliseconds = std::uint64_t;
+
+enum class EPhase { BEGAN, WORSE, REMINDER, CLEARED, TEST };
+/// "began", "worse", "reminder", "cleared", "test".
+const char* WordOf(EPhase phase);
+
+/// What a channel wants to be told.
+struct SPolicy {
+  Host::EHealth m_Severity{Host::EHealth::WARNING};  ///< the least
+  std::vector<std::string> m_Conditions{};           ///< patterns of their kinds; none: all
+  std::vector<std::string> m_Objects{};              ///< patterns of names; none: all
+  Milliseconds m_Delay{2000};                        ///< how long it must last before it is told
+  std::optional<Milliseconds> m_Reminder{86'400'000};
+  std::optional<Milliseconds> m_Cleared{60'000};  ///< how long it must be over before that is told
+};
+
+/// What is to be told now.
+struct SDue {
+  EPhase m_Phase;
+  std::string m_Subject;  ///< the array or disk, or rvxd itself
+  Json m_Conditions;      ///< those that are so now; of CLEARED those that were
+  Milliseconds m_Since;
+};
+
+/// What one channel was told. Times are milliseconds since 1970; a clock that is set back makes nothing come
+/// later than an hour and nothing twice within one.
+class CTold {
+ public:
+  CTold() = default;
+  /// What ToJson gave; anything else is nothing.
+  explicit CTold(const Json& kept);
+  Json ToJson() const;
+
+  /// @param conditions all there are, as /v1/conditions lists them
+  std::vector<SDue> Due(const Json& conditions, const SPolicy& policy, Milliseconds now);
+  void Delivered(const SDue& due, Milliseconds now);
+  /// It will be tried again: three times soon, then after an hour. True: it was the last one of the soon.
+  bool Failed(const SDue& due, Milliseconds now);
+
+ private:
+  struct SMatter {
+    std::map<std::string, Json> m_Told{};           ///< conditions by identifier, as they were told
+    std::map<std::string, Milliseconds> m_Times{};  ///< when each was told last, also behind its end
+    Milliseconds m_Last{0};                         ///< message of it
+    Milliseconds m_Over{0};                         ///< since when it is; 0: it is not
+    Milliseconds m_Next{0};                         ///< no try before
+    unsigned int m_Tries{0};                        ///< that failed
+  };
+  std::optional<SDue> DueOf(const std::string& subject, SMatter& matter, const Json& all,
+                            const SPolicy& policy, Milliseconds now) const;
+
+  std::map<std::string, SMatter> m_Matters;  ///< by subject
+};
+
+}  // namespace Rvxd

@@ -1,0 +1,294 @@
+#include "rvxd/Channels.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <regex>
+#include <sstream>
+
+#include "host/Values.h"
+#include "libraries/common/FileDescriptor.h"
+
+namespace Rvxd {
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+constexpr std::size_t FILE_LIMIT = 64U << 10;
+constexpr Milliseconds SECOND = 1000;
+constexpr Milliseconds LEAST_REMINDER = 3600 * SECOND;
+
+/// A person's mistake in a channel's file.
+struct CMistake : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+enum class ESafe { FROM_WRITING, FROM_READING };
+
+/// The text of a file that nobody but root, or whoever runs this, may write to; with FROM_READING nobody else
+/// may read it either. Throws CMistake.
+std::string ReadSafely(const std::string& path, ESafe safe) {
+  const KVT::Internal::CFileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat facts {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &facts) != 0) throw CMistake(path + ": " + std::strerror(errno));
+  if (!S_ISREG(facts.st_mode)) throw CMistake(path + " is no file");
+  if (facts.st_uid != 0 && facts.st_uid != ::geteuid())
+    throw CMistake(path + " belongs to somebody else: 'chown root " + path + "'");
+  if ((facts.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    throw CMistake("others may write to " + path + ": 'chmod go-w " + path + "'");
+  if (safe == ESafe::FROM_READING && (facts.st_mode & (S_IRGRP | S_IROTH)) != 0)
+    throw CMistake("others may read the secret in " + path + ": 'chmod 600 " + path + "'");
+  std::string text(FILE_LIMIT + 1, '\0');
+  const ssize_t size = ::read(file.Get(), text.data(), text.size());
+  if (size < 0) throw CMistake(path + ": " + std::strerror(errno));
+  if (static_cast<std::size_t>(size) > FILE_LIMIT) throw CMistake(path + " has more than 64 KiB");
+  text.resize(static_cast<std::size_t>(size));
+  return text;
+}
+
+std::string Trimmed(const std::string& text) {
+  const std::size_t begin = text.find_first_not_of(" \t\r\n");
+  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
+}
+
+std::vector<std::string> Listed(const std::string& text) {
+  std::vector<std::string> words;
+  std::string spaced = text;
+  std::ranges::replace(spaced, ',', ' ');
+  std::istringstream stream(spaced);
+  for (std::string word; stream >> word;) words.push_back(word);
+  return words;
+}
+
+/// "30s", "5min", "2h", "1d".
+Milliseconds Duration(const std::string& text) {
+  static const std::regex form("([0-9]{1,6})(s|min|h|d)");
+  std::smatch parts;
+  if (!std::regex_match(text, parts, form))
+    throw CMistake("\"" + text + "\" is no time such as 30s, 5min, 2h or 1d");
+  const std::string unit = parts[2];
+  return std::stoul(parts[1]) * SECOND * (unit == "s" ? 1 : unit == "min" ? 60 : unit == "h" ? 3600 : 86400);
+}
+
+std::optional<Milliseconds> DurationOrNo(const std::string& text) {
+  return text == "no" ? std::nullopt : std::optional(Duration(text));
+}
+
+std::string Absolute(const std::string& path) {
+  if (!path.starts_with("/")) throw CMistake("\"" + path + "\" does not begin with a slash");
+  return path;
+}
+
+std::string Url(const std::string& url) {
+  if (!url.starts_with("http://") && !url.starts_with("https://"))
+    throw CMistake("the address does not begin with http:// or https://");
+  return url;
+}
+
+/// Where an address leads, without what may be secret in it.
+std::string HostOf(const std::string& url) {
+  const std::size_t host = url.find("//") + 2;
+  std::string text = url.substr(host, url.find_first_of("/?#", host) - host);
+  return url.substr(0, host) + text.substr(text.rfind('@') == std::string::npos ? 0 : text.rfind('@') + 1);
+}
+
+/// A file's lines, as they are taken in.
+class CReader {
+ public:
+  explicit CReader(std::string path) : m_Path(std::move(path)) {}
+
+  SChannel Read() {
+    m_Channel.m_Limit = 30 * SECOND;
+    m_Channel.m_Interval = 300 * SECOND;
+    std::size_t number = 0;
+    try {
+      std::istringstream lines(ReadSafely(m_Path, ESafe::FROM_WRITING));
+      for (std::string line; std::getline(lines, line);) {
+        ++number;
+        line = Trimmed(line);
+        if (line.empty() || line.starts_with("#")) continue;
+        const std::size_t equals = line.find('=');
+        if (equals == std::string::npos) throw CMistake("it is not of the form \"key = value\"");
+        Take(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
+      }
+      number = 0;
+      Complete();
+    } catch (const CMistake& mistake) {
+      m_Channel.m_Refusal =
+          m_Path + (number == 0 ? "" : " line " + std::to_string(number)) + ": " + mistake.what();
+    }
+    return m_Channel;
+  }
+
+ private:
+  void Take(const std::string& key, const std::string& value) {
+    struct SKey {
+      const char* m_Name;
+      const char* m_Types;  ///< of channels that have it
+      std::function<void(CReader&, const std::string&)> m_Take;
+    };
+    const auto put = [](const char* name) {
+      return [name](CReader& reader, const std::string& text) { reader.m_Channel.m_Settings[name] = text; };
+    };
+    static const SKey KEYS[] = {
+        {"severity", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) {
+           if (text != "warning" && text != "critical") throw CMistake("\"severity\" is warning or critical");
+           reader.Policy().m_Severity = text == "critical" ? Host::EHealth::CRITICAL : Host::EHealth::WARNING;
+         }},
+        {"conditions", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) { reader.Policy().m_Conditions = Listed(text); }},
+        {"objects", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) { reader.Policy().m_Objects = Listed(text); }},
+        {"delay", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) { reader.Policy().m_Delay = Duration(text); }},
+        {"cleared", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) { reader.Policy().m_Cleared = DurationOrNo(text); }},
+        {"reminder", "journal mail program webhook",
+         [](CReader& reader, const std::string& text) {
+           reader.Policy().m_Reminder = DurationOrNo(text);
+           if (reader.Policy().m_Reminder.value_or(LEAST_REMINDER) < LEAST_REMINDER)
+             throw CMistake("a reminder comes once an hour at most");
+         }},
+        {"timeout", "mail program webhook heartbeat",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Limit = std::clamp(Duration(text), SECOND, 300 * SECOND);
+         }},
+        {"interval", "heartbeat",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Interval = std::max(Duration(text), SECOND);
+         }},
+        {"to", "mail",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Settings["to"] = Host::Joined(Listed(text));
+         }},
+        {"from", "mail", put("from")},
+        {"sendmail", "mail",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Settings["program"] = Absolute(text);
+         }},
+        {"program", "program",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Settings["program"] = Absolute(text);
+         }},
+        {"url", "webhook heartbeat",
+         [](CReader& reader, const std::string& text) {
+           ReadSafely(reader.m_Path, ESafe::FROM_READING);  // an address may be all that it takes
+           reader.m_Channel.m_Settings["url"] = Url(text);
+         }},
+        {"url-file", "webhook heartbeat",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Settings["url"] = Url(Trimmed(ReadSafely(Absolute(text), ESafe::FROM_READING)));
+         }},
+        {"header", "webhook",
+         [](CReader& reader, const std::string& text) {
+           ReadSafely(reader.m_Path, ESafe::FROM_READING);
+           reader.AddHeader(text);
+         }},
+        {"header-file", "webhook",
+         [](CReader& reader, const std::string& text) {
+           reader.AddHeader(Trimmed(ReadSafely(Absolute(text), ESafe::FROM_READING)));
+         }},
+        {"template", "webhook",
+         [](CReader& reader, const std::string& text) {
+           reader.m_Channel.m_Settings["template"] = ReadSafely(Absolute(text), ESafe::FROM_WRITING);
+         }},
+        {"content-type", "webhook", put("content-type")},
+    };
+    if (key == "type") {
+      const auto types = Listed("journal mail program webhook heartbeat");
+      if (std::ranges::find(types, value) == types.end())
+        throw CMistake("\"type\" is journal, mail, program, webhook or heartbeat");
+      m_Channel.m_Type = value;
+      return;
+    }
+    if (m_Channel.m_Type.empty())
+      throw CMistake("\"type\" comes first: journal, mail, program, webhook or heartbeat");
+    const auto known = std::ranges::find(KEYS, key, &SKey::m_Name);
+    const auto types = known == std::end(KEYS) ? std::vector<std::string>() : Listed(known->m_Types);
+    if (std::ranges::find(types, m_Channel.m_Type) == types.end()) {
+      std::string others;
+      for (const SKey& one : KEYS)
+        if (const auto of = Listed(one.m_Types); std::ranges::find(of, m_Channel.m_Type) != of.end())
+          others += (others.empty() ? "" : ", ") + std::string(one.m_Name);
+      throw CMistake("\"" + key + "\" is no key of type " + m_Channel.m_Type + ": " + others);
+    }
+    known->m_Take(*this, value);
+  }
+
+  void Complete() {
+    Json& settings = m_Channel.m_Settings;
+    const std::string& type = m_Channel.m_Type;
+    if (type.empty()) throw CMistake("\"type\" is missing: journal, mail, program, webhook or heartbeat");
+    if (type == "mail") {
+      if (!settings.contains("to")) throw CMistake("\"to\" is missing: who gets the mail");
+      if (!settings.contains("program")) settings["program"] = "/usr/sbin/sendmail";
+      m_Channel.m_Target = settings["to"];
+    }
+    if (type == "program" && !settings.contains("program"))
+      throw CMistake("\"program\" is missing: its path");
+    if (type == "mail" || type == "program") RequireSafe(settings["program"]);
+    if (type == "program") m_Channel.m_Target = settings["program"];
+    if (type == "webhook" || type == "heartbeat") {
+      if (!settings.contains("url")) throw CMistake("\"url\" is missing, or \"url-file\": where to send it");
+      m_Channel.m_Target = HostOf(settings["url"]);
+    }
+  }
+
+  /// What runs with our rights is nobody else's to change.
+  static void RequireSafe(const std::string& program) {
+    struct stat facts {};
+    if (::stat(program.c_str(), &facts) != 0) throw CMistake(program + ": " + std::strerror(errno));
+    if (!S_ISREG(facts.st_mode) || ::access(program.c_str(), X_OK) != 0)
+      throw CMistake(program + " cannot be run");
+    if ((facts.st_uid != 0 && facts.st_uid != ::geteuid()) || (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+      throw CMistake("others may change " + program +
+                     ", which would run with the rights of rvxd: 'chown root " + program +
+                     "' and 'chmod go-w " + program + "'");
+  }
+
+  void AddHeader(const std::string& header) {
+    const bool isOne =
+        header.find(':') != std::string::npos && header.find_first_of("\r\n") == std::string::npos;
+    if (!isOne) throw CMistake("a header is one line of the form \"Name: value\"");
+    m_Channel.m_Settings["headers"].push_back(header);
+  }
+
+  SPolicy& Policy() { return m_Channel.m_Policy; }
+
+  const std::string m_Path;
+  SChannel m_Channel;
+};
+
+std::vector<std::string> FilesOf(const std::string& folder) {
+  std::vector<std::string> files;
+  boost::system::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+    if (entry->path().extension() == ".conf") files.push_back(entry->path().string());
+  std::ranges::sort(files);
+  return files;
+}
+
+}  // namespace
+
+Channels ReadChannels(const std::string& folder) {
+  Channels channels;
+  for (const std::string& file : FilesOf(folder))
+    channels[fs::path(file).stem().string()] = CReader(file).Read();
+  // Always, unless a file says how.
+  if (std::ranges::none_of(channels, [](const auto& one) { return one.second.m_Type == "journal"; })) {
+    SChannel journal{"journal"};
+    journal.m_Limit = 30 * SECOND;
+    channels.try_emplace(channels.contains("journal") ? "system-journal" : "journal", std::move(journal));
+  }
+  return channels;
+}
+
+}  // namespace Rvxd

@@ -1,0 +1,94 @@
+#include "rvxd/Members.h"
+
+#include <algorithm>
+
+#include "rvxd/Log.h"
+#include "rvxd/Operations.h"
+
+namespace Rvxd {
+
+namespace {
+
+constexpr std::size_t ARRAY_LIMIT = 256;
+
+std::string KeyOf(const Json& array) {
+  return array["uuid"].is_string() ? array["uuid"].get<std::string>() : array["name"].get<std::string>();
+}
+
+const Json* Find(const Json& list, const char* key, const Json& value) {
+  const auto found = std::ranges::find_if(list, [&](const Json& one) { return one[key] == value; });
+  return found == list.end() || value.is_null() ? nullptr : &*found;
+}
+
+/// What tells the disk from others, and where it is.
+Json IdentityOf(const std::string& name, const Json* disk, const std::string& state) {
+  Json identity = {{"name", name}, {"state", state}};
+  for (const char* const key : {"id", "serial", "model", "path"})
+    identity[key] = disk == nullptr ? Json(nullptr) : (*disk)[key];
+  return identity;
+}
+
+}  // namespace
+
+CMembers::CMembers(const std::string& folder)
+    : m_File(folder + "/members.json"), m_Known(ReadDocument(m_File)) {
+  const auto isDisk = [](const Json& disk) {
+    const char* const keys[] = {"name", "id", "serial", "model", "path", "state"};
+    return disk.is_object() &&
+           std::ranges::all_of(keys, [&](const char* key) { return disk.contains(key); }) &&
+           disk["name"].is_string();
+  };
+  if (!m_Known.is_object()) m_Known = Json::object();
+  for (Json& disks : m_Known)
+    if (!disks.is_array() || !std::ranges::all_of(disks, isDisk)) disks = Json::array();
+}
+
+void CMembers::Learn(const Json& arrays, const Json& disks) {
+  Json known = m_Known;
+  for (const Json& array : arrays) {
+    if (array["redundancy"]["missing"] != 0) continue;
+    Json members = Json::array();
+    for (const Json& member : array["members"])
+      if (member["state"] == "active")
+        members.push_back(IdentityOf(member["name"], Find(disks, "id", member["whole"]), "gone"));
+    known[KeyOf(array)] = std::move(members);
+  }
+  // Arrays come and go; one that is not there may be on its way.
+  for (auto one = known.begin(); one != known.end() && known.size() > ARRAY_LIMIT;)
+    if (std::ranges::none_of(arrays, [&](const Json& array) { return KeyOf(array) == one.key(); }))
+      one = known.erase(one);
+    else
+      ++one;
+  if (known == m_Known) return;
+  m_Known = std::move(known);
+  try {
+    WriteWhole(m_File, m_Known.dump(-1, ' ', false, Json::error_handler_t::replace));
+  } catch (const Host::CError& error) {
+    Log(4, error.what());
+  }
+}
+
+Json CMembers::Concerned(const std::string& object, const Json& arrays, const Json& disks) const {
+  if (const Json* const disk = Find(disks, "name", object))
+    return Json::array({IdentityOf(object, disk, (*disk)["state"])});
+  const Json* const array = Find(arrays, "name", object);
+  if (array == nullptr) return Json::array();
+  const Json known = m_Known.value(KeyOf(*array), Json::array());
+  Json concerned = Json::array();
+  for (const Json& member : (*array)["members"]) {
+    if (member["state"] != "failed" && member["state"] != "missing" && member["state"] != "offline") continue;
+    const Json* disk = Find(disks, "id", member["whole"]);
+    if (disk == nullptr) disk = Find(known, "name", member["name"]);
+    concerned.push_back(IdentityOf(member["name"], disk, member["state"]));
+  }
+  if ((*array)["redundancy"]["missing"] == 0) return concerned;
+  for (const Json& disk : known)
+    // By name only where nothing else is known of it: names are given anew at a start.
+    if (const char* const key = disk["id"].is_string() ? "whole" : "name";
+        Find((*array)["members"], key, disk[disk["id"].is_string() ? "id" : "name"]) == nullptr &&
+        Find(concerned, "name", disk["name"]) == nullptr)
+      concerned.push_back(disk);
+  return concerned;
+}
+
+}  // namespace Rvxd

@@ -1,0 +1,30 @@
+#pragma once
+/// @file
+/// What rvxd itself is told to expect of the machine.
+
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace Rvxd {
+
+/// How many spares an array is to have, by its UUID, else its name; an array that is not named has no such
+/// number.
+using Spares = std::map<std::string, unsigned int>;
+
+/// Kept over restarts. All functions may be called by any thread.
+class CSettings {
+ public:
+  explicit CSettings(const std::string& folder);
+
+  Spares Wanted() const;
+  /// Throws Host::CError when it cannot be kept; nothing is changed then.
+  void Want(const Spares& spares);
+
+ private:
+  const std::string m_File;
+  mutable std::mutex m_Mutex;
+  Spares m_Spares;
+};
+
+}  // namespace Rvxd
