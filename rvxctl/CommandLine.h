@@ -76,7 +76,11 @@ void AddFollowing(CGroup& all);
 void AddPlayground(CGroup& all);
 /// The command that asks rvxd anything.
 void AddApi(CGroup& all);
+/// For what rvxd alone knows. Throws CError when it does not run.
+CRemote& RequireRemote(CContext& context);
 /// Commands that change the machine.
 void AddChanging(CGroup& all);
+/// Commands of what rvxd tells people, and of what it is to expect; behind those that change.
+void AddAlarms(CGroup& all);
 
 }  // namespace Host

@@ -17,17 +17,22 @@ struct SAsked {
 };
 
 int AskApi(CContext& context, const SAsked& asked) {
-  const CRemote* const remote = context.Remote();
-  if (remote == nullptr)
-    throw CError(EXIT_NO_PLUGIN, "rvxd does not run here: --socket names where it listens");
+  const CRemote& remote = RequireRemote(context);
   std::string data = asked.m_Data;
   if (data == "-") data.assign(std::istreambuf_iterator<char>(std::cin), {});
-  const SAnswer answer = remote->Ask(asked.m_Method, asked.m_Path, data);
+  const SAnswer answer = remote.Ask(asked.m_Method, asked.m_Path, data);
   context.Terminal().Print(answer.m_Body);
   return answer.m_Code < 300 ? EXIT_DONE : ErrorOf(answer).m_ExitStatus;
 }
 
 }  // namespace
+
+CRemote& RequireRemote(CContext& context) {
+  CRemote* const remote = context.Remote();
+  if (remote == nullptr)
+    throw CError(EXIT_NO_PLUGIN, "rvxd does not run here: --socket names where it listens");
+  return *remote;
+}
 
 void AddApi(CGroup& all) {
   const auto [api, asked] = all.Leaf<SAsked>("api", "asks rvxd, and prints its answer", AskApi);

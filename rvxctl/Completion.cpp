@@ -32,6 +32,7 @@ constexpr struct SOperand {
                 {"spare add", 0, T::DISK | T::READY},
                 {"spare add", 1, T::ARRAY | T::REDUNDANT},
                 {"spare release", 0, T::DISK | T::RELEASABLE},
+                {"spare expect", 0, T::ARRAY | T::REDUNDANT},
                 {"rebuild start", 0, T::ARRAY | T::DEGRADED},
                 {"rebuild cancel", 0, T::ARRAY | T::REBUILDING},
                 {"operations", 0, 0},

@@ -73,6 +73,7 @@ void Describe(CLI::App& app, SOptions& options, Command& command) {
   AddHealth(all);
   AddFollowing(all);
   AddChanging(all);
+  AddAlarms(all);
   AddPlayground(all);
   AddApi(all);
   const auto [help, wanted] =

@@ -33,22 +33,6 @@ constexpr std::chrono::milliseconds START_LOOK{100};
 constexpr std::size_t PART = 64U << 10;
 constexpr char WAIT_FOR_END[] = "?wait=30";
 
-/// "a b" as "a%20b"
-std::string Escaped(const std::string& text) {
-  std::string escaped;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (std::isalnum(byte) != 0 || std::string_view("-._~/").find(c) != std::string_view::npos) {
-      escaped += c;
-      continue;
-    }
-    std::array<char, 4> code{};
-    std::snprintf(code.data(), code.size(), "%%%02X", static_cast<unsigned int>(byte));
-    escaped += code.data();
-  }
-  return escaped;
-}
-
 /// A request and its answer. Throws boost::system::system_error where the connection fails.
 class CConversation {
  public:
@@ -177,6 +161,21 @@ std::vector<SFrame> TakeFrames(std::string& text) {
 }
 
 }  // namespace
+
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) != 0 || std::string_view("-._~/").find(c) != std::string_view::npos) {
+      escaped += c;
+      continue;
+    }
+    std::array<char, 4> code{};
+    std::snprintf(code.data(), code.size(), "%%%02X", static_cast<unsigned int>(byte));
+    escaped += code.data();
+  }
+  return escaped;
+}
 
 std::unique_ptr<CRemote> CRemote::Find(const SOptions& options) {
   if (!options.m_Socket.empty() && (options.m_Direct || options.m_Simulate))

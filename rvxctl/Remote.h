@@ -52,6 +52,8 @@ class CRemote : public CSource {
   std::string m_Cursor;  ///< of the last event that was fetched
 };
 
+/// A part of a target: "a b" as "a%20b".
+std::string Escaped(const std::string& text);
 /// The problem that an answer tells. Whatever else it is becomes a message too.
 CError ErrorOf(const SAnswer& answer);
 
