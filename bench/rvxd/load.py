@@ -151,4 +151,5 @@ def main():
             soak(daemon, float(sys.argv[4]), int(sys.argv[5]))
 
 
-main()
+if __name__ == "__main__":
+    main()

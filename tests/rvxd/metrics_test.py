@@ -123,6 +123,8 @@ class Metrics(Case):
             told[key] = told.get(key, 0) + 1
         self.assertEqual({key: value for key, value in now.items() if key.startswith("rvx_events_total")}, told)
         self.assertLess(abs(now["process_start_time_seconds"] - time.time()), 60 * PATIENCE)
+        status = pathlib.Path(f"/proc/{daemon.process.pid}/status").read_text()
+        self.assertAlmostEqual(now["process_resident_memory_bytes"] / (int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10), 1, delta=0.5)
         files = len(os.listdir(f"/proc/{daemon.process.pid}/fd"))
         self.assertLess(abs(now["process_open_fds"] - files), 4)
 
