@@ -30,7 +30,7 @@ told() {
 alerts() { curl -s http://127.0.0.1:9090/api/v1/alerts | jq -r '[.data.alerts[] | select(.state == "firing") | .labels.alertname] | sort | join(" ")'; }
 
 mkdir -p /etc/zq /etc/rvx/notify.d /run/rvx /tmp/mails /run/systemd/journal
-: >/tmp/calls >/tmp/posts >/tmp/journal
+touch /tmp/calls /tmp/posts /tmp/journal
 ip link set lo up
 printf '#!/bin/sh\ncat >/tmp/mail.$$ && mv /tmp/mail.$$ /tmp/mails/$$\n' >/usr/local/bin/sendmail
 printf '#!/bin/sh\necho "$* $RVX_PHASE $RVX_SERIAL" >>/tmp/calls\n' >/usr/local/bin/alarm
