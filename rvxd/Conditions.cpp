@@ -104,9 +104,13 @@ Json CConditions::Acknowledge(const std::string& id, const SPeer& peer) {
   std::unique_lock lock(m_Mutex);
   const auto found = m_Conditions.find(id);
   if (found == m_Conditions.end()) throw CProblem(404, "not-found", "there is no condition \"" + id + "\"");
-  found->second["acknowledged"] = {{"time", NowText()}, {"uid", peer.m_User}};
-  const Json condition = found->second;
-  m_Feed.Notify("condition", condition);
+  const Json subject = found->second["subject"], note = {{"time", NowText()}, {"uid", peer.m_User}};
+  for (auto& [other, condition] : m_Conditions) {
+    if (condition["subject"] != subject) continue;
+    condition["acknowledged"] = note;
+    m_Feed.Notify("condition", condition);
+  }
+  Json condition = found->second;
   lock.unlock();
   Keep();
   return condition;

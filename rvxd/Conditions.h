@@ -30,7 +30,8 @@ class CConditions {
   /// `disks` are those of /v1/state.
   void Update(const Host::SHealth& health, const Json& arrays, const Json& disks);
   Json All() const;
-  /// Throws CProblem when there is none of that identifier.
+  /// Takes note of it, and of all others with its subject. Throws CProblem when there is none of that
+  /// identifier.
   Json Acknowledge(const std::string& id, const SPeer& peer);
 
  private:

@@ -26,34 +26,43 @@ using KVT::Internal::CFileDescriptor;
 constexpr std::chrono::seconds GRACE{5};
 constexpr std::size_t ANSWER_LIMIT = 64U << 10;
 
-/// Those that were killed and had not ended yet, of the one thread that delivers: one in the kernel's hands
-/// may take its time.
-std::list<pid_t>& Dying() {
-  thread_local std::list<pid_t> dying;
-  return dying;
+/// Those of this process that were given up.
+std::list<pid_t>& Ending() {
+  static std::list<pid_t> ending;
+  return ending;
 }
 
 }  // namespace
 
 CDelivery::CDelivery(const std::string& socket, const Json& order, std::chrono::milliseconds limit)
-    : m_End(Clock::now() + limit + GRACE) {
-  std::erase_if(Dying(), [](pid_t process) { return ::waitpid(process, nullptr, WNOHANG) != 0; });
+    : m_End(Clock::now() + limit + GRACE),
+      m_Order(order.dump(-1, ' ', false, Json::error_handler_t::replace)) {
   if (!Connect(socket)) Spawn();
-  if (!m_Socket.IsOpen()) return;
-  const std::string text = order.dump(-1, ' ', false, Json::error_handler_t::replace);
-  // It fits into the socket's buffer, so that this waits for nobody.
-  const ssize_t sent = ::send(m_Socket.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent == static_cast<ssize_t>(text.size()) && ::shutdown(m_Socket.Get(), SHUT_WR) == 0) return;
-  m_Failure =
-      std::string("rvx-notify does not take it: ") + (sent < 0 ? std::strerror(errno) : "it is too long");
-  m_Socket.Close();
+  Send();
 }
 
 CDelivery::~CDelivery() {
   m_Socket.Close();
-  if (m_Process == 0 || ::waitpid(m_Process, nullptr, WNOHANG) != 0) return;
+  if (m_Process == 0) return;
+  // What it has left behind ends with it, as under a service manager.
   ::kill(-m_Process, SIGKILL);
-  Dying().push_back(m_Process);
+  Ending().push_back(m_Process);
+  Reap();
+}
+
+void CDelivery::Reap() {
+  std::erase_if(Ending(), [](pid_t process) { return ::waitpid(process, nullptr, WNOHANG) != 0; });
+}
+
+void CDelivery::Send() {
+  if (!m_Socket.IsOpen() || m_Order.empty()) return;
+  const ssize_t sent = ::send(m_Socket.Get(), m_Order.data(), m_Order.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent > 0) m_Order.erase(0, static_cast<std::size_t>(sent));
+  if (m_Order.empty()) ::shutdown(m_Socket.Get(), SHUT_WR);  // one that has ended is seen by its answer
+}
+
+pollfd CDelivery::Source() const {
+  return {m_Socket.Get(), static_cast<short>(m_Order.empty() ? POLLIN : POLLIN | POLLOUT), 0};
 }
 
 bool CDelivery::Connect(const std::string& socket) {
@@ -104,6 +113,7 @@ void CDelivery::Spawn() {
 
 std::optional<SDelivered> CDelivery::Result() {
   if (!m_Socket.IsOpen()) return SDelivered{false, m_Failure};
+  Send();
   char part[4096];
   ssize_t count = 0;
   while ((count = ::recv(m_Socket.Get(), part, sizeof part, MSG_DONTWAIT)) > 0 &&

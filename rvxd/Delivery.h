@@ -3,6 +3,7 @@
 /// One message on its way: a program of its own delivers it, so that what hangs there, and what rights it
 /// takes, is no matter of the one who watches.
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -31,18 +32,24 @@ class CDelivery {
   CDelivery(const CDelivery&) = delete;
   CDelivery& operator=(const CDelivery&) = delete;
 
-  /// To be waited for: readable when there is something to ask Result for. -1: it has failed already.
-  int Descriptor() const { return m_Socket.Get(); }
+  /// What to wait for before Result is asked again. A descriptor of -1: it has failed already.
+  pollfd Source() const;
   /// None as long as it is under way. Does not wait.
   std::optional<SDelivered> Result();
+  /// Takes note of those that have ended since they were given up: one in the kernel's hands may take its
+  /// time. For the one thread that delivers.
+  static void Reap();
 
  private:
+  /// Hands over as much of the order as is taken.
+  void Send();
   bool Connect(const std::string& socket);
   void Spawn();
 
   const std::chrono::steady_clock::time_point m_End;
   KVT::Internal::CFileDescriptor m_Socket;
-  pid_t m_Process{0};  ///< 0: none of ours
+  pid_t m_Process{0};   ///< 0: none of ours
+  std::string m_Order;  ///< what of it is still to be handed over
   std::string m_Answer;
   std::string m_Failure;
 };

@@ -1,6 +1,7 @@
 #include "rvxd/Message.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "PI/Numbers.h"
 #include "host/Printable.h"
@@ -12,6 +13,7 @@ namespace Rvxd {
 namespace {
 
 constexpr std::size_t WIDTH = 72;
+constexpr std::size_t LIST_LIMIT = 20;
 
 /// "array degraded" of "array-degraded".
 std::string Words(std::string kind) {
@@ -58,25 +60,25 @@ std::string DiskText(const Json& disk) {
 /// What other programs call a condition.
 constexpr struct SCalled {
   std::string_view m_Kind;
-  bool m_OfDevice;      ///< else of rvxd itself, or of one of its channels
   const char* m_Event;  ///< as `mdadm --monitor` has it, or in its manner
   unsigned int m_Code;  ///< of the plug-in's event that tells of it; 0: none does
-} CALLED[] = {{"array-degraded", true, "DegradedArray", PI::EVT_LOGICALDRIVE_DEGRADED},
-              {"array-failed", true, "DegradedArray", PI::EVT_LOGICALDRIVE_FAILED},
-              {"array-inactive", true, "DeviceDisappeared", 0},
-              {"array-rebuilding", true, "RebuildStarted", PI::EVT_REBUILD_STARTED},
-              {"rebuild-stuck", true, "RebuildStuck", 0},
-              {"disk-failed", true, "Fail", PI::EVT_FAILED_DRIVE_IN_USE},
-              {"disk-missing", true, "Fail", PI::EVT_PHYSICALDRIVE_REMOVED},
-              {"disk-wearing-out", true, "DiskWearingOut", PI::EVT_SMART_WEAR_HIGH},
-              {"spare-missing", true, "SparesMissing", 0},
-              {"watch-blind", false, "WatchBlind", 0},
-              {"notify-failing", false, "NotifyFailing", 0},
-              {"events-lost", false, "EventsLost", 0}};
+  bool m_OfDevice;      ///< else of rvxd itself, or of one of its channels
+} CALLED[] = {{"array-degraded", "DegradedArray", PI::EVT_LOGICALDRIVE_DEGRADED, true},
+              {"array-failed", "DegradedArray", PI::EVT_LOGICALDRIVE_FAILED, true},
+              {"array-inactive", "DeviceDisappeared", 0, true},
+              {"array-rebuilding", "RebuildStarted", PI::EVT_REBUILD_STARTED, true},
+              {"rebuild-stuck", "RebuildStuck", 0, true},
+              {"disk-failed", "Fail", PI::EVT_FAILED_DRIVE_IN_USE, true},
+              {"disk-missing", "Fail", PI::EVT_PHYSICALDRIVE_REMOVED, true},
+              {"disk-wearing-out", "DiskWearingOut", PI::EVT_SMART_WEAR_HIGH, true},
+              {"spare-missing", "SparesMissing", 0, true},
+              {"watch-blind", "WatchBlind", 0, false},
+              {"notify-failing", "NotifyFailing", 0, false},
+              {"events-lost", "EventsLost", 0, false}};
 
 SCalled CalledOf(const std::string& kind) {
   const auto* const found = std::ranges::find(CALLED, kind, &SCalled::m_Kind);
-  return found == std::end(CALLED) ? SCalled{kind, true, "Changed", 0} : *found;
+  return found == std::end(CALLED) ? SCalled{kind, "Changed", 0, true} : *found;
 }
 
 /// As `mdadm --monitor` calls it.
@@ -110,6 +112,18 @@ std::string Paragraph(const std::string& text, const std::string& indent = {}) {
   return indented + "\n";
 }
 
+/// A paragraph for each, and how many there are beside those that a person reads.
+std::string Paragraphs(const Json& list, const std::function<std::string(const Json&)>& textOf) {
+  std::string text;
+  std::size_t count = 0;
+  for (const Json& one : list)
+    if (const std::string paragraph = textOf(one); !paragraph.empty() && ++count <= LIST_LIMIT)
+      text += Paragraph(paragraph, "  ");
+  if (count > LIST_LIMIT)
+    text += "  and " + std::to_string(count - LIST_LIMIT) + " more: 'rvxctl condition list' tells all.\n";
+  return text;
+}
+
 std::string BodyOf(const SDue& due, const Json& conditions, const Json& disks, const std::string& host,
                    std::optional<Milliseconds> reminder, Milliseconds now) {
   if (due.m_Phase == EPhase::TEST)
@@ -117,35 +131,33 @@ std::string BodyOf(const SDue& due, const Json& conditions, const Json& disks, c
                      ": what is wrong with its disks and arrays will be told in this way.");
   std::string text;
   if (due.m_Phase == EPhase::CLEARED) {
-    text = Paragraph(due.m_Subject + " on " + host + " is in order again, after " +
-                     DurationText(now - std::min(now, due.m_Since)) + ". It was:");
+    text = Paragraph("What was wrong with " + Host::Printable(due.m_Subject) + " on " + host +
+                     " is over, after " + DurationText(now - std::min(now, due.m_Since)) + ". It was:");
   } else {
     const std::string since = Host::TimeText(due.m_Since);
     text =
         Paragraph("On " + host + (due.m_Phase == EPhase::REMINDER ? " it is still so, since " : ", since ") +
                   since.substr(0, 10) + " " + since.substr(11, 5) + " UTC:");
   }
-  text += "\n";
-  for (const Json& condition : conditions)
-    text += Paragraph(TextIn(condition, "object") + ": " + Words(TextIn(condition, "kind")) + ". " +
-                          TextIn(condition, "text") + ".",
-                      "  ");
+  text += "\n" + Paragraphs(conditions, [](const Json& condition) {
+            return TextIn(condition, "object") + ": " + Words(TextIn(condition, "kind")) + ". " +
+                   TextIn(condition, "text") + ".";
+          });
   if (due.m_Phase == EPhase::CLEARED) return text;
   if (const std::string risk = RiskText(conditions); !risk.empty()) text += "\n" + Paragraph(risk);
-  if (!disks.empty()) {
-    text += disks.size() == 1 ? "\nThe disk:\n" : "\nThe disks:\n";
-    for (const Json& disk : disks) {
-      std::string line = DiskText(disk) + " (" + TextIn(disk, "state") + ")";
-      for (const auto& [key, word] : {std::pair{"model", ", model "}, {"path", ", at "}, {"id", ", "}})
-        if (const std::string value = TextIn(disk, key); !value.empty()) line += word + value;
-      text += Paragraph(line, "  ");
-    }
-  }
-  std::string steps;
-  for (const Json& condition : conditions)
-    if (const std::string next = TextIn(condition, "next"); !next.empty())
-      steps +=
-          Paragraph((conditions.size() == 1 ? "" : TextIn(condition, "object") + ": ") + next + ".", "  ");
+  if (!disks.empty())
+    text +=
+        (disks.size() == 1 ? "\nThe disk:\n" : "\nThe disks:\n") + Paragraphs(disks, [](const Json& disk) {
+          std::string line = DiskText(disk) + " (" + TextIn(disk, "state") + ")";
+          for (const auto& [key, word] : {std::pair{"model", ", model "}, {"path", ", at "}, {"id", ", "}})
+            if (const std::string value = TextIn(disk, key); !value.empty()) line += word + value;
+          return line;
+        });
+  const std::string steps = Paragraphs(conditions, [&](const Json& condition) {
+    const std::string next = TextIn(condition, "next");
+    return next.empty() ? ""
+                        : (conditions.size() == 1 ? "" : TextIn(condition, "object") + ": ") + next + ".";
+  });
   if (!steps.empty()) text += "\nWhat to do:\n" + steps;
   text += "\n";
   if (reminder)

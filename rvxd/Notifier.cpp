@@ -49,7 +49,7 @@ CNotifier::CNotifier(SNotifierPlaces places, std::function<std::optional<Json>()
       if (const Json time = one.value("delivered", Json()); time.is_number_unsigned())
         state.m_Delivered = time;
     }
-  ReadAgain();
+  Take(ReadChannels(m_Places.m_Channels));
 }
 
 CNotifier::~CNotifier() { Stop(); }
@@ -91,18 +91,23 @@ void CNotifier::Run(const std::stop_token& end) {
 }
 
 void CNotifier::Turn() {
-  // Asked without the lock, as what was told is kept: neither the machine's disks nor who asks wait for the
-  // other.
+  // Asked and read without the lock, as what was told is kept: nobody who asks waits for a disk.
   const std::optional<Json> conditions = m_Conditions();
+  std::optional<Channels> channels;
+  if (Clock::now() >= m_ReadAt) {
+    channels = ReadChannels(m_Places.m_Channels);
+    m_ReadAt = Clock::now() + READ_INTERVAL;
+  }
   {
     const std::lock_guard lock(m_Mutex);
+    if (channels) Take(std::move(*channels));
     TellAll(conditions);
   }
   Keep();
+  CDelivery::Reap();
 }
 
 void CNotifier::TellAll(const std::optional<Json>& conditions) {
-  if (Clock::now() >= m_ReadAt) ReadAgain();
   for (auto& [name, state] : m_States) Collect(name, state);
   for (const auto& [name, channel] : m_Channels)
     if (conditions && channel.m_Refusal.empty()) Tell(name, channel, m_States[name], *conditions);
@@ -124,9 +129,8 @@ void CNotifier::TellAll(const std::optional<Json>& conditions) {
   }
 }
 
-void CNotifier::ReadAgain() {
-  m_ReadAt = Clock::now() + READ_INTERVAL;
-  m_Channels = ReadChannels(m_Places.m_Channels);
+void CNotifier::Take(Channels channels) {
+  m_Channels = std::move(channels);
   std::erase_if(m_States, [&](const auto& one) { return !m_Channels.contains(one.first); });
   for (const auto& [name, channel] : m_Channels) m_States.try_emplace(name);
   for (STest& test : m_Tests)
@@ -204,8 +208,8 @@ void CNotifier::Wait() {
     const std::lock_guard lock(m_Mutex);
     const auto add = [&](const std::unique_ptr<CDelivery>& delivery) {
       if (delivery == nullptr) return;
-      sources.push_back({delivery->Descriptor(), POLLIN, 0});
-      if (delivery->Descriptor() < 0) time = 0;
+      sources.push_back(delivery->Source());
+      if (sources.back().fd < 0) time = 0;
     };
     for (const auto& [name, state] : m_States) add(state.m_Delivery);
     for (const STest& test : m_Tests) add(test.m_Delivery);
@@ -258,8 +262,9 @@ Json CNotifier::List() const {
 }
 
 Json CNotifier::Test(const std::string& channel) {
+  Channels channels = ReadChannels(m_Places.m_Channels);
   std::unique_lock lock(m_Mutex);
-  ReadAgain();
+  Take(std::move(channels));
   if (!channel.empty() && !m_Channels.contains(channel))
     throw CProblem(404, "not-found", "there is no channel \"" + channel + "\"");
   std::list<STest*> mine;

@@ -67,7 +67,7 @@ class CNotifier {
   void Run(const std::stop_token& end);
   void Turn();
   void TellAll(const std::optional<Json>& conditions);
-  void ReadAgain();
+  void Take(Channels channels);
   void Tell(const std::string& name, const SChannel& channel, SState& state, const Json& conditions);
   void Collect(const std::string& name, SState& state);
   /// Waits for an answer, a test or a second.
@@ -87,7 +87,7 @@ class CNotifier {
   std::map<std::string, SState> m_States;  ///< by channel
   std::list<STest> m_Tests;
   std::string m_Kept;
-  std::chrono::steady_clock::time_point m_ReadAt;
+  std::chrono::steady_clock::time_point m_ReadAt{};  ///< of the thread alone
   bool m_Stopped{false};
   std::jthread m_Thread;
 };

@@ -93,7 +93,7 @@ class Alarms(Case):
         daemon.carry_out("spare.release", disk="sdb")
         daemon.carry_out("spare.add", disk="sdc", array="md_d0")
         all_told(2)
-        self.assertIn("is in order again, after ", self.mails(folder)[1])
+        self.assertIn(" is over, after ", self.mails(folder)[1])
         self.assertEqual(self.called(folder)[1], "RebuildFinished /dev/md_d0 /dev/sdb|cleared|S-1")
         listed = {one["channel"]: one for one in daemon.get("/v1/notify")["channels"]}
         self.assertEqual({name: (one["type"], one["target"], one["state"]) for name, one in listed.items()},

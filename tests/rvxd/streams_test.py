@@ -68,6 +68,7 @@ class Streams(Case):
         health = daemon.get("/v1/health")
         self.assertEqual((health["level"], [one["id"] for one in health["conditions"]]), ("unknown", ["watch-blind:rvxd"]))
         self.assertEqual(daemon.series()['rvx_condition{condition="watch-blind",object="rvxd"}'], 1)
+        until(lambda: " rvxd CRITICAL: watch blind" in daemon.log.read_text(), "people are told though the thread that looks hangs", 10)
         daemon.ask("GET", "/v1/views/status", expect=503)
         check = subprocess.run([os.environ["RVXCTL"], f"--socket={daemon.path}", "check"], capture_output=True, text=True, timeout=60)
         self.assertEqual((check.returncode, check.stdout[:12]), (3, "RAID UNKNOWN"))

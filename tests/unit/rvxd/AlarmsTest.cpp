@@ -41,9 +41,9 @@ struct SChannelOnTest {
     }
     m_Told = CTold(Json::parse(m_Told.ToJson().dump()));  // a restart after each moment
   }
-  /// The same for so long, a look each ten seconds.
+  /// The same for so long, a look each half a minute.
   void During(Milliseconds begin, Milliseconds span, const Json& conditions) {
-    for (Milliseconds now = begin; now < begin + span; now += 10 * SECOND) At(now, conditions);
+    for (Milliseconds now = begin; now < begin + span; now += 30 * SECOND) At(now, conditions);
   }
 
   SPolicy m_Policy{};
@@ -174,7 +174,8 @@ TEST(Alarms, AMessageSaysWhichDiskWhereAndWhatToDo) {
       MessageOf({EPhase::CLEARED, "md_d0", Json::array({degraded}), BEGIN}, "n", {}, BEGIN + 90 * MINUTE);
   EXPECT_EQ(over["subject"], "n md_d0 OK: array degraded: over");
   EXPECT_EQ(over["text"],
-            "md_d0 on n is in order again, after 90 minutes. It was:\n\n  md_d0: array degraded. a text.\n");
+            "What was wrong with md_d0 on n is over, after 90 minutes. It was:\n\n  md_d0: array degraded. a "
+            "text.\n");
   EXPECT_EQ(over["event"], "RebuildFinished");
 }
 
