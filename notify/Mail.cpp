@@ -33,7 +33,7 @@ std::string Header(const std::string& text) {
     while (at + size < text.size() && size > 1 &&
            (static_cast<unsigned char>(text[at + size]) & 0xC0U) == 0x80)
       --size;
-    header += (header.empty() ? "" : "\r\n ") + ("=?UTF-8?B?" + Base64(text.substr(at, size)) + "?=");
+    header += (header.empty() ? "" : "\n ") + ("=?UTF-8?B?" + Base64(text.substr(at, size)) + "?=");
     at += size;
   }
   return header;
@@ -44,10 +44,8 @@ std::string Header(const std::string& text) {
 SResult ByMail(const SOrder& order) {
   const Json& message = order.m_Message;
   const std::string from = TextIn(order.m_Settings, "from");
-  std::string mail = from.empty() ? "" : "From: " + Header(from) + "\n";
-  std::string subject = Header(TextIn(message, "subject"));
-  std::erase(subject, '\r');
-  mail += "To: " + Header(TextIn(order.m_Settings, "to")) + "\nSubject: " + subject +
+  std::string mail = from.empty() ? "" : "From: " + from + "\n";
+  mail += "To: " + TextIn(order.m_Settings, "to") + "\nSubject: " + Header(TextIn(message, "subject")) +
           "\nAuto-Submitted: auto-generated\nMIME-Version: 1.0\nContent-Type: text/plain; charset=utf-8\n"
           "Content-Transfer-Encoding: 8bit\nX-RVX-Phase: " +
           TextIn(message, "phase") + "\nX-RVX-Condition: " + TextIn(message, "condition") +

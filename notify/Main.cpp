@@ -18,9 +18,10 @@ namespace Notify {
 namespace {
 
 void Answer(const SResult& result) {
-  const std::string text = Json{{"delivered", result.m_IsDelivered}, {"text", result.m_Text}}.dump(
-                               -1, ' ', false, Json::error_handler_t::replace) +
-                           "\n";
+  const std::string text =
+      Json{{"delivered", result.m_IsDelivered}, {"text", result.m_Text}, {"said", result.m_Said}}.dump(
+          -1, ' ', false, Json::error_handler_t::replace) +
+      "\n";
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fflush(stdout);
 }

@@ -61,10 +61,9 @@ SResult Run(const std::vector<std::string>& words, const std::vector<std::string
   std::array<char, WORDS_LIMIT> said{};
   const ssize_t size = ::pread(out.Get(), said.data(), said.size(), 0);
   const std::string text = Trimmed({said.data(), static_cast<std::size_t>(std::max<ssize_t>(0, size))});
-  std::string end = WIFEXITED(status) ? "ended with status " + std::to_string(WEXITSTATUS(status))
-                                      : "was ended by signal " + std::to_string(WTERMSIG(status));
-  if (!text.empty()) end += ": " + text;
-  return {WIFEXITED(status) && WEXITSTATUS(status) == 0, words.front() + " " + end};
+  const std::string end = WIFEXITED(status) ? "ended with status " + std::to_string(WEXITSTATUS(status))
+                                            : "was ended by signal " + std::to_string(WTERMSIG(status));
+  return {WIFEXITED(status) && WEXITSTATUS(status) == 0, words.front() + " " + end, text};
 }
 
 std::string TextIn(const Json& json, const char* key) {

@@ -21,7 +21,8 @@ struct SOrder {
 
 struct SResult {
   bool m_IsDelivered{false};
-  std::string m_Text{};  ///< the way's own words
+  std::string m_Text{};  ///< "HTTP 404"
+  std::string m_Said{};  ///< the way's own words, which may hold what is secret
 };
 
 SResult ByJournal(const SOrder& order);
@@ -31,7 +32,7 @@ SResult ByWebhook(const SOrder& order);
 /// An address that is asked for, so that who listens there knows that somebody watches.
 SResult ByHeartbeat(const SOrder& order);
 
-/// Runs a program with this text as its input. Its output and errors are the words.
+/// Runs a program with this text as its input. Its output and errors are its words.
 /// @param variables beside those of this process
 SResult Run(const std::vector<std::string>& words, const std::vector<std::string>& variables,
             const std::string& input);

@@ -71,8 +71,7 @@ SResult Ask(const SOrder& order, const std::string* body, const std::vector<std:
     return {false, error[0] == 0 ? ::curl_easy_strerror(code) : error.data()};
   long status = 0;
   ::curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
-  return {status >= 200 && status < 300,
-          "HTTP " + std::to_string(status) + (words.empty() ? "" : ": " + words)};
+  return {status >= 200 && status < 300, "HTTP " + std::to_string(status), words};
 }
 
 }  // namespace

@@ -13,6 +13,8 @@ namespace Rvxd {
 namespace {
 
 constexpr Milliseconds HOUR = 3'600'000;  ///< in which a condition is told once
+/// What is not there may come at a start later than rvxd does.
+constexpr Milliseconds GONE_DELAY = 300'000;
 constexpr std::array<Milliseconds, 3> RETRIES{10'000, 60'000, 300'000};
 
 /// Whether it was less than the span ago. What lies in the future was never.
@@ -29,6 +31,13 @@ bool Matches(const std::vector<std::string>& patterns, const std::string& text) 
 Host::EHealth LevelOf(const Json& condition) {
   return condition["level"] == Host::WordOf(Host::EHealth::CRITICAL) ? Host::EHealth::CRITICAL
                                                                      : Host::EHealth::WARNING;
+}
+
+/// Whether more of it is lost than when it was told.
+bool IsWorse(const Json& now, const Json& told) {
+  const bool hasLess =
+      now["canLose"].is_number() && told["canLose"].is_number() && now["canLose"] < told["canLose"];
+  return LevelOf(now) > LevelOf(told) || hasLess || now["disks"].size() > told["disks"].size();
 }
 
 Milliseconds SinceOf(const Json& conditions) {
@@ -49,7 +58,8 @@ CTold::CTold(const Json& kept) {
     for (const auto& [subject, one] : kept.items()) {
       SMatter& matter = m_Matters[subject];
       one.at("told").get_to(matter.m_Told);
-      one.at("times").get_to(matter.m_Times);
+      for (const auto& [id, time] : one.at("times").items())
+        matter.m_Times[id] = {time.at(0), static_cast<Host::EHealth>(time.at(1).get<int>())};
       one.at("last").get_to(matter.m_Last);
       one.at("over").get_to(matter.m_Over);
       one.at("next").get_to(matter.m_Next);
@@ -63,96 +73,119 @@ CTold::CTold(const Json& kept) {
 
 Json CTold::ToJson() const {
   Json all = Json::object();
-  for (const auto& [subject, matter] : m_Matters)
-    all[subject] = {{"told", matter.m_Told}, {"times", matter.m_Times}, {"last", matter.m_Last},
-                    {"over", matter.m_Over}, {"next", matter.m_Next},   {"tries", matter.m_Tries}};
+  for (const auto& [key, matter] : m_Matters) {
+    Json times = Json::object();
+    for (const auto& [id, time] : matter.m_Times) times[id] = {time.m_At, static_cast<int>(time.m_Level)};
+    all[key] = {{"told", matter.m_Told}, {"times", times},        {"last", matter.m_Last},
+                {"over", matter.m_Over}, {"next", matter.m_Next}, {"tries", matter.m_Tries}};
+  }
   return all;
 }
 
-std::vector<SDue> CTold::Due(const Json& conditions, const SPolicy& policy, Milliseconds now) {
-  std::map<std::string, Json> subjects;
-  for (const auto& [subject, matter] : m_Matters) subjects[subject] = Json::array();
-  for (const Json& condition : conditions) {
-    Json& all = subjects[condition["subject"]];
+std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Milliseconds now) {
+  std::map<std::string, Json> matters;
+  for (const auto& [key, matter] : m_Matters) matters[key] = Json::array();
+  for (const Json& condition : picture.m_Conditions) {
+    Json& all = matters[SubjectOf(condition)];
     if (all.is_null()) all = Json::array();
     all.push_back(condition);
   }
   std::vector<SDue> due;
-  for (const auto& [subject, all] : subjects) {
-    SMatter& matter = m_Matters[subject];
-    if (auto one = DueOf(subject, matter, all, policy, now)) due.push_back(std::move(*one));
+  for (const auto& [key, all] : matters) {
+    SMatter& matter = m_Matters[key];
+    if (auto one = DueOf(matter, all, picture.m_Arrays, policy, now)) due.push_back(std::move(*one));
     std::erase_if(matter.m_Times, [&](const auto& one) {
-      return !matter.m_Told.contains(one.first) && !IsWithin(one.second, now, HOUR);
+      return !matter.m_Told.contains(one.first) && !IsWithin(one.second.m_At, now, HOUR);
     });
     if (matter.m_Told.empty() && matter.m_Times.empty() && matter.m_Tries == 0 && now >= matter.m_Next)
-      m_Matters.erase(subject);
+      m_Matters.erase(key);
   }
   return due;
 }
 
-std::optional<SDue> CTold::DueOf(const std::string& subject, SMatter& matter, const Json& all,
-                                 const SPolicy& policy, Milliseconds now) const {
+std::optional<SDue> CTold::DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,
+                                    const SPolicy& policy, Milliseconds now) {
+  if (matter.m_Told.empty()) {
+    matter.m_Tries = 0;
+    matter.m_Next = 0;
+    return std::nullopt;
+  }
+  if (matter.m_Over == 0 || matter.m_Over > now) matter.m_Over = now;
+  if (!policy.m_Cleared) {
+    matter.m_Told.clear();
+    return std::nullopt;
+  }
+  Json were = Json::array();
+  bool isGone = false;
+  for (const auto& [id, condition] : matter.m_Told) {
+    were.push_back(condition);
+    isGone = isGone || (condition["kind"].get_ref<const std::string&>().starts_with("array-") &&
+                        !arrays.contains(SubjectOf(condition)));
+  }
+  if (now < matter.m_Next ||
+      IsWithin(matter.m_Over, now, isGone ? std::max(*policy.m_Cleared, GONE_DELAY) : *policy.m_Cleared))
+    return std::nullopt;
+  return SDue{EPhase::CLEARED, were.front()["subject"], were, SinceOf(were), isGone};
+}
+
+std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
+                                 const SPolicy& policy, Milliseconds now) {
   if (matter.m_Next > now + HOUR) matter.m_Next = now;
   if (matter.m_Last > now) matter.m_Last = now;
-  if (all.empty()) {
-    if (matter.m_Told.empty()) {
-      matter.m_Tries = 0;
-      matter.m_Next = 0;
-      return std::nullopt;
-    }
-    if (matter.m_Over == 0 || matter.m_Over > now) matter.m_Over = now;
-    if (!policy.m_Cleared) matter.m_Told.clear();
-    if (matter.m_Told.empty() || now < matter.m_Next || IsWithin(matter.m_Over, now, *policy.m_Cleared))
-      return std::nullopt;
-    Json were = Json::array();
-    for (const auto& [id, condition] : matter.m_Told) were.push_back(condition);
-    return SDue{EPhase::CLEARED, subject, were, SinceOf(were)};
-  }
-  matter.m_Over = 0;
   // What a matter consists of is told whole; what is wanted decides whether it is.
   Json fresh = Json::array();
-  bool isWanted = false, isNoted = true, isNew = matter.m_Told.empty();
+  bool isWanted = false, isNoted = true, isNew = matter.m_Told.empty(), isRepaired = false;
   for (const Json& condition : all) {
+    // The repair of what was told is no news, needs nobody's hand, and is not the end either.
+    const bool isRepair = condition["kind"] == "array-rebuilding";
+    isRepaired = isRepaired || isRepair;
     if (LevelOf(condition) < policy.m_Severity || !Matches(policy.m_Conditions, condition["kind"]) ||
         !Matches(policy.m_Objects, condition["object"]))
       continue;
     isWanted = true;
-    // The repair of what was told is no news, and needs nobody's hand.
-    const bool isRepair = condition["kind"] == "array-rebuilding";
     isNoted = isNoted && (isRepair || !condition["acknowledged"].is_null());
-    const auto told = matter.m_Told.find(condition["id"]);
-    if (told != matter.m_Told.end() && LevelOf(told->second) >= LevelOf(condition)) continue;
+    const auto told = matter.m_Told.find(IdentityOf(condition));
+    // One that was over in between is another one.
+    if (told != matter.m_Told.end() && told->second["since"] == condition["since"] &&
+        !IsWorse(condition, told->second))
+      continue;
     fresh.push_back(condition);
     isNew = isNew || !isRepair;
   }
+  if (!isWanted && !isRepaired) return DueOfEnd(matter, arrays, policy, now);
+  matter.m_Over = 0;
   if (!isWanted || now < matter.m_Next) return std::nullopt;
   if (isNew && !fresh.empty()) {
     const auto isYoung = [&](const Json& condition) {
       return IsWithin(Host::MillisecondsOf(condition["since"]), now, policy.m_Delay);
     };
     const auto wasToldNow = [&](const Json& condition) {
-      const auto time = matter.m_Times.find(condition["id"]);
+      const std::string id = IdentityOf(condition);
+      const auto told = matter.m_Told.find(id);
+      const auto time = matter.m_Times.find(id);
       // One that was told and has grown worse since is told at once.
-      return !matter.m_Told.contains(condition["id"]) && time != matter.m_Times.end() &&
-             IsWithin(time->second, now, HOUR);
+      return time != matter.m_Times.end() && IsWithin(time->second.m_At, now, HOUR) &&
+             LevelOf(condition) <= time->second.m_Level &&
+             (told == matter.m_Told.end() || !IsWorse(condition, told->second));
     };
     if (std::ranges::any_of(fresh, isYoung) || std::ranges::all_of(fresh, wasToldNow)) return std::nullopt;
-    return SDue{matter.m_Told.empty() ? EPhase::BEGAN : EPhase::WORSE, subject, all, SinceOf(all)};
+    return SDue{matter.m_Told.empty() ? EPhase::BEGAN : EPhase::WORSE, all.front()["subject"], all,
+                SinceOf(all)};
   }
   if (matter.m_Told.empty() || !policy.m_Reminder || isNoted ||
       IsWithin(matter.m_Last, now, *policy.m_Reminder))
     return std::nullopt;
-  return SDue{EPhase::REMINDER, subject, all, SinceOf(all)};
+  return SDue{EPhase::REMINDER, all.front()["subject"], all, SinceOf(all)};
 }
 
 void CTold::Delivered(const SDue& due, Milliseconds now) {
-  SMatter& matter = m_Matters[due.m_Subject];
+  SMatter& matter = m_Matters[SubjectOf(due.m_Conditions.front())];
   if (due.m_Phase == EPhase::CLEARED)
     matter.m_Told.clear();
   else
     for (const Json& condition : due.m_Conditions) {
-      matter.m_Told[condition["id"]] = condition;
-      matter.m_Times[condition["id"]] = now;
+      matter.m_Told[IdentityOf(condition)] = condition;
+      matter.m_Times[IdentityOf(condition)] = {now, LevelOf(condition)};
     }
   matter.m_Last = now;
   matter.m_Next = 0;
@@ -160,7 +193,7 @@ void CTold::Delivered(const SDue& due, Milliseconds now) {
 }
 
 bool CTold::Failed(const SDue& due, Milliseconds now) {
-  SMatter& matter = m_Matters[due.m_Subject];
+  SMatter& matter = m_Matters[SubjectOf(due.m_Conditions.front())];
   const bool isLast = matter.m_Tries >= RETRIES.size();
   matter.m_Next = now + (isLast ? HOUR : RETRIES.at(matter.m_Tries));
   matter.m_Tries = isLast ? 0 : matter.m_Tries + 1;

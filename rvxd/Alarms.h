@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,13 @@ struct SDue {
   std::string m_Subject;  ///< the array or disk, or rvxd itself
   Json m_Conditions;      ///< those that are so now; of CLEARED those that were
   Milliseconds m_Since;
+  bool m_IsGone{false};  ///< of CLEARED: the array itself is not there any more
+};
+
+/// What is wrong now, as /v1/conditions lists it, and the UUIDs and names of the arrays that there are.
+struct SPicture {
+  Json m_Conditions;
+  std::set<std::string> m_Arrays{};
 };
 
 /// What one channel was told. Times are milliseconds since 1970; a clock that is set back makes nothing come
@@ -47,25 +55,30 @@ class CTold {
   explicit CTold(const Json& kept);
   Json ToJson() const;
 
-  /// @param conditions all there are, as /v1/conditions lists them
-  std::vector<SDue> Due(const Json& conditions, const SPolicy& policy, Milliseconds now);
+  std::vector<SDue> Due(const SPicture& picture, const SPolicy& policy, Milliseconds now);
   void Delivered(const SDue& due, Milliseconds now);
   /// It will be tried again: three times soon, then after an hour. True: it was the last one of the soon.
   bool Failed(const SDue& due, Milliseconds now);
 
  private:
-  struct SMatter {
-    std::map<std::string, Json> m_Told{};           ///< conditions by identifier, as they were told
-    std::map<std::string, Milliseconds> m_Times{};  ///< when each was told last, also behind its end
-    Milliseconds m_Last{0};                         ///< message of it
-    Milliseconds m_Over{0};                         ///< since when it is; 0: it is not
-    Milliseconds m_Next{0};                         ///< no try before
-    unsigned int m_Tries{0};                        ///< that failed
+  struct STime {
+    Milliseconds m_At;
+    Host::EHealth m_Level;
   };
-  std::optional<SDue> DueOf(const std::string& subject, SMatter& matter, const Json& all,
-                            const SPolicy& policy, Milliseconds now) const;
+  struct SMatter {
+    std::map<std::string, Json> m_Told{};    ///< conditions by identity, as they were told
+    std::map<std::string, STime> m_Times{};  ///< when each was told last, also behind its end
+    Milliseconds m_Last{0};                  ///< message of it
+    Milliseconds m_Over{0};                  ///< since when it is; 0: it is not
+    Milliseconds m_Next{0};                  ///< no try before
+    unsigned int m_Tries{0};                 ///< that failed
+  };
+  static std::optional<SDue> DueOf(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
+                                   const SPolicy& policy, Milliseconds now);
+  static std::optional<SDue> DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,
+                                      const SPolicy& policy, Milliseconds now);
 
-  std::map<std::string, SMatter> m_Matters;  ///< by subject
+  std::map<std::string, SMatter> m_Matters;  ///< by UUID, else subject
 };
 
 }  // namespace Rvxd

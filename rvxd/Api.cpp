@@ -264,7 +264,7 @@ SHttpAnswer CApi::Levels(const SHttpRequest& request, const Captured&) const {
 SHttpAnswer CApi::View(const SHttpRequest& request, const Captured& name) const {
   const auto snapshot = Snapshot();
   // A view tells of the machine as it is now, and a script that asks takes it so.
-  if (const SPass pass = m_Keeper.Pass(); IsBlind(pass, Host::NowMilliseconds()))
+  if (const SPass pass = m_Keeper.Pass(); IsBlind(pass))
     throw CProblem(503, "blind",
                    BlindProblem(pass).m_Text + ": what rvxd knows may be wrong; --direct looks without it");
   Host::SForm form{request.Query("form") == "json"};
@@ -445,6 +445,9 @@ Spares CApi::SparesWith(const Json& changes) const {
     if (!count.is_null() && (!count.is_number_unsigned() || count > SPARES_LIMIT))
       throw CProblem(422, "usage",
                      "the number of spares of " + name + " is one from 0 to " + std::to_string(SPARES_LIMIT));
+    if (!count.is_null() && array != nullptr &&
+        ((*array)["level"] == "raid0" || (*array)["level"] == "linear"))
+      throw CProblem(422, "usage", name + " is of a level that has no use for spares");
     if (count.is_null())
       spares.erase(key);
     else

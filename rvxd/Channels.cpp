@@ -81,8 +81,15 @@ std::optional<Milliseconds> DurationOrNo(const std::string& text) {
   return text == "no" ? std::nullopt : std::optional(Duration(text));
 }
 
+/// Addresses as every mail program takes them.
+std::string Ascii(const std::string& text) {
+  if (std::ranges::any_of(text, [](unsigned char c) { return c >= 127; }))
+    throw CMistake("an address is written in ASCII, without a name that is not");
+  return text;
+}
+
 std::string Absolute(const std::string& path) {
-  if (!path.starts_with("/")) throw CMistake("\"" + path + "\" does not begin with a slash");
+  if (!path.starts_with("/")) throw CMistake("the path does not begin with a slash");
   return path;
 }
 
@@ -167,9 +174,10 @@ class CReader {
          }},
         {"to", "mail",
          [](CReader& reader, const std::string& text) {
-           reader.m_Channel.m_Settings["to"] = Host::Joined(Listed(text));
+           reader.m_Channel.m_Settings["to"] = Ascii(Host::Joined(Listed(text)));
          }},
-        {"from", "mail", put("from")},
+        {"from", "mail",
+         [](CReader& reader, const std::string& text) { reader.m_Channel.m_Settings["from"] = Ascii(text); }},
         {"sendmail", "mail",
          [](CReader& reader, const std::string& text) {
            reader.m_Channel.m_Settings["program"] = Absolute(text);
@@ -218,7 +226,10 @@ class CReader {
       for (const SKey& one : KEYS)
         if (const auto of = Listed(one.m_Types); std::ranges::find(of, m_Channel.m_Type) != of.end())
           others += (others.empty() ? "" : ", ") + std::string(one.m_Name);
-      throw CMistake("\"" + key + "\" is no key of type " + m_Channel.m_Type + ": " + others);
+      // What is no word at all may be a secret that lost its key.
+      const bool isWord = key.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;
+      throw CMistake((isWord ? "\"" + key + "\" is" : std::string("it has")) + " no key of type " +
+                     m_Channel.m_Type + ": " + others);
     }
     known->m_Take(*this, value);
   }
@@ -244,14 +255,24 @@ class CReader {
 
   /// What runs with our rights is nobody else's to change.
   static void RequireSafe(const std::string& program) {
+    for (fs::path folder = fs::path(program).parent_path(); !folder.empty(); folder = folder.parent_path())
+      RequireOurs(folder.string(), program);
     struct stat facts {};
     if (::stat(program.c_str(), &facts) != 0) throw CMistake(program + ": " + std::strerror(errno));
     if (!S_ISREG(facts.st_mode) || ::access(program.c_str(), X_OK) != 0)
       throw CMistake(program + " cannot be run");
-    if ((facts.st_uid != 0 && facts.st_uid != ::geteuid()) || (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-      throw CMistake("others may change " + program +
-                     ", which would run with the rights of rvxd: 'chown root " + program +
-                     "' and 'chmod go-w " + program + "'");
+    RequireOurs(program, program);
+  }
+  static void RequireOurs(const std::string& path, const std::string& program) {
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) throw CMistake(path + ": " + std::strerror(errno));
+    const bool isTheirs = facts.st_uid != 0 && facts.st_uid != ::geteuid();
+    // In a folder such as /tmp nobody can put another file in the place of one that is ours.
+    const bool isSticky = S_ISDIR(facts.st_mode) && (facts.st_mode & S_ISVTX) != 0;
+    if (isTheirs || (!isSticky && (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0))
+      throw CMistake("others may change " + path + ", and " + program +
+                     " would run with the rights of rvxd: 'chown root " + path + "' and 'chmod go-w " + path +
+                     "'");
   }
 
   void AddHeader(const std::string& header) {
@@ -267,23 +288,24 @@ class CReader {
   SChannel m_Channel;
 };
 
-std::vector<std::string> FilesOf(const std::string& folder) {
-  std::vector<std::string> files;
-  boost::system::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
-    if (entry->path().extension() == ".conf") files.push_back(entry->path().string());
-  std::ranges::sort(files);
-  return files;
-}
-
 }  // namespace
 
 Channels ReadChannels(const std::string& folder) {
   Channels channels;
-  for (const std::string& file : FilesOf(folder))
-    channels[fs::path(file).stem().string()] = CReader(file).Read();
+  boost::system::error_code error;
+  fs::directory_iterator entry(folder, error);
+  for (const fs::directory_iterator end; !error && entry != end; entry.increment(error))
+    // Editors keep what they work on beside it.
+    if (const fs::path file = entry->path();
+        file.extension() == ".conf" && !file.filename().string().starts_with("."))
+      channels[file.stem().string()] = CReader(file.string()).Read();
+  if (error && error != boost::system::errc::no_such_file_or_directory && !folder.empty())
+    throw std::runtime_error(folder + ": " + error.message());
   // Always, unless a file says how.
-  if (std::ranges::none_of(channels, [](const auto& one) { return one.second.m_Type == "journal"; })) {
+  const auto isJournal = [](const auto& one) {
+    return one.second.m_Type == "journal" && one.second.m_Refusal.empty();
+  };
+  if (std::ranges::none_of(channels, isJournal)) {
     SChannel journal{"journal"};
     journal.m_Limit = 30 * SECOND;
     channels.try_emplace(channels.contains("journal") ? "system-journal" : "journal", std::move(journal));

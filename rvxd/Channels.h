@@ -26,7 +26,7 @@ using Channels = std::map<std::string, SChannel>;
 
 /// The journal, and what the folder's files say. A file that is wrong gives a channel with a refusal, which
 /// names file and line; so does one that others may write to, and a secret that others may read. No folder:
-/// the journal alone.
+/// the journal alone. Throws std::runtime_error when the folder cannot be read.
 Channels ReadChannels(const std::string& folder);
 
 }  // namespace Rvxd

@@ -9,6 +9,9 @@ namespace Rvxd {
 
 namespace {
 
+/// An array that is started late, or anew, has the conditions that it had.
+constexpr std::chrono::minutes GONE_LIMIT{5};
+
 std::string NowText() { return Host::TimeText(Host::NowMilliseconds()); }
 
 }  // namespace
@@ -19,6 +22,7 @@ Json ConditionOf(const Host::SProblem& problem, std::uint64_t since) {
           {"kind", kind},
           {"object", problem.m_Object},
           {"subject", problem.m_Object},
+          {"uuid", nullptr},
           {"level", Host::WordOf(problem.m_Health)},
           {"text", problem.m_Text},
           {"next", problem.m_Next.empty() ? Json(nullptr) : Json(problem.m_Next)},
@@ -35,8 +39,23 @@ bool IsCondition(const Json& json) {
   };
   return json.is_object() &&
          is(Json::value_t::string, {"id", "kind", "object", "subject", "level", "text", "since"}) &&
-         is(Json::value_t::array, {"disks"}) && json.contains("next") && json.contains("canLose") &&
-         json.contains("acknowledged");
+         is(Json::value_t::array, {"disks"}) && std::ranges::all_of(json["disks"], &CMembers::IsDisk) &&
+         std::ranges::all_of(std::initializer_list<const char*>{"uuid", "next", "canLose", "acknowledged"},
+                             [&](const char* field) { return json.contains(field); });
+}
+
+std::string SubjectOf(const Json& condition) {
+  return condition[condition["uuid"].is_string() ? "uuid" : "subject"];
+}
+
+std::string IdentityOf(const Json& condition) {
+  const std::string kind = condition["kind"].get<std::string>() + ":";
+  if (condition["object"] == condition["subject"] && condition["uuid"].is_string())
+    return kind + condition["uuid"].get<std::string>();
+  const Json& disks = condition["disks"];
+  if (disks.size() == 1 && disks[0]["name"] == condition["object"] && disks[0]["id"].is_string())
+    return kind + disks[0]["id"].get<std::string>();
+  return kind + condition["object"].get<std::string>();
 }
 
 CConditions::CConditions(const std::string& folder, CFeed& feed)
@@ -50,15 +69,31 @@ CConditions::CConditions(const std::string& folder, CFeed& feed)
 void CConditions::Place(Json& condition, const Json& arrays, const Json& disks) const {
   const Json& object = condition["object"];
   condition["disks"] = m_Members.Concerned(object, arrays, disks);
+  const auto disk = std::ranges::find_if(disks, [&](const Json& one) { return one["name"] == object; });
   for (const Json& array : arrays) {
-    if (array["name"] == object) condition["canLose"] = array["redundancy"]["canLose"];
-    // What is wrong with a member is a part of what is wrong with its array.
-    if (std::ranges::any_of(array["members"], [&](const Json& member) { return member["name"] == object; }))
-      condition["subject"] = array["name"];
+    const bool isItself = array["name"] == object;
+    if (isItself) condition["canLose"] = array["redundancy"]["canLose"];
+    // What is wrong with a member, or with the disk that it is a part of, is a part of what is wrong with its
+    // array.
+    const bool isMembers = std::ranges::any_of(array["members"], [&](const Json& member) {
+      return member["name"] == object || (disk != disks.end() && member["whole"] == (*disk)["id"]);
+    });
+    if (!isItself && !isMembers) continue;
+    condition["subject"] = array["name"];
+    condition["uuid"] = array["uuid"];
   }
 }
 
+const Json* CConditions::Before(const Json& condition) const {
+  const std::string identity = IdentityOf(condition);
+  for (const auto& [id, one] : m_Conditions)
+    if (IdentityOf(one) == identity) return &one;
+  const auto gone = m_Gone.find(identity);
+  return gone == m_Gone.end() ? nullptr : &gone->second.m_Condition;
+}
+
 void CConditions::Update(const Host::SHealth& health, const Json& arrays, const Json& disks) {
+  const std::lock_guard writing(m_Writing);
   m_Members.Learn(arrays, disks);
   std::unique_lock lock(m_Mutex);
   std::map<std::string, Json> now;
@@ -70,27 +105,37 @@ void CConditions::Update(const Host::SHealth& health, const Json& arrays, const 
       continue;
     }
     Place(condition, arrays, disks);
-    if (const auto before = m_Conditions.find(id); before != m_Conditions.end())
+    if (const Json* const before = Before(condition)) {
+      condition["since"] = (*before)["since"];
+      // Who took note of a warning did not take note of what it has become.
+      if (condition["level"] == (*before)["level"] ||
+          condition["level"] == Host::WordOf(Host::EHealth::WARNING))
+        condition["acknowledged"] = (*before)["acknowledged"];
       // A failed disk that its array has let go of is still what that array lost.
-      for (const char* const key : {"since", "acknowledged", "subject"}) condition[key] = before->second[key];
+      if (condition["uuid"].is_null()) {
+        condition["subject"] = (*before)["subject"];
+        condition["uuid"] = (*before)["uuid"];
+      }
+    }
     now[id] = std::move(condition);
   }
-  bool isOther = now.size() != m_Conditions.size();
-  for (const auto& [id, condition] : now) {
-    const auto before = m_Conditions.find(id);
-    if (before != m_Conditions.end() && before->second == condition) continue;
-    m_Feed.Notify("condition", condition);
-    isOther = true;
-  }
+  std::vector<Json> news;
+  for (const auto& [id, condition] : now)
+    if (const auto before = m_Conditions.find(id);
+        before == m_Conditions.end() || before->second != condition)
+      news.push_back(condition);
+  const auto moment = std::chrono::steady_clock::now();
+  std::erase_if(m_Gone, [&](const auto& one) { return moment - one.second.m_At > GONE_LIMIT; });
   for (auto [id, condition] : m_Conditions) {
     if (now.contains(id)) continue;
+    m_Gone[IdentityOf(condition)] = {condition, moment};
     condition["level"] = Host::WordOf(Host::EHealth::OK);
-    m_Feed.Notify("condition", condition);
-    isOther = true;
+    news.push_back(std::move(condition));
   }
   m_Conditions = std::move(now);
   lock.unlock();
-  if (isOther) Keep();
+  for (const Json& condition : news) m_Feed.Notify("condition", condition);
+  if (!news.empty()) Keep();
 }
 
 Json CConditions::All() const {
@@ -101,23 +146,25 @@ Json CConditions::All() const {
 }
 
 Json CConditions::Acknowledge(const std::string& id, const SPeer& peer) {
+  const std::lock_guard writing(m_Writing);
   std::unique_lock lock(m_Mutex);
   const auto found = m_Conditions.find(id);
   if (found == m_Conditions.end()) throw CProblem(404, "not-found", "there is no condition \"" + id + "\"");
   const Json subject = found->second["subject"], note = {{"time", NowText()}, {"uid", peer.m_User}};
+  std::vector<Json> noted;
   for (auto& [other, condition] : m_Conditions) {
     if (condition["subject"] != subject) continue;
     condition["acknowledged"] = note;
-    m_Feed.Notify("condition", condition);
+    noted.push_back(condition);
   }
   Json condition = found->second;
   lock.unlock();
+  for (const Json& one : noted) m_Feed.Notify("condition", one);
   Keep();
   return condition;
 }
 
 void CConditions::Keep() const {
-  const std::lock_guard writing(m_Writing);
   try {
     WriteWhole(m_File, All().dump(-1, ' ', false, Json::error_handler_t::replace));
   } catch (const Host::CError& error) {

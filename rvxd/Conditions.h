@@ -3,6 +3,7 @@
 /// What is wrong, as long as it is wrong: each condition with the time since when, and who has taken note of
 /// it.
 
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <string>
@@ -20,6 +21,10 @@ Json ConditionOf(const Host::SProblem& problem, std::uint64_t since);
 
 /// Whether a document from a file is one.
 bool IsCondition(const Json& json);
+/// By what it is known again though names of arrays and disks were given anew, at a start for one.
+std::string IdentityOf(const Json& condition);
+/// The same of what it is a part of.
+std::string SubjectOf(const Json& condition);
 
 /// Kept over restarts, so that nobody is told twice. All functions may be called by any thread.
 class CConditions {
@@ -43,9 +48,17 @@ class CConditions {
   const std::string m_File;
   CFeed& m_Feed;
   CMembers m_Members;
-  mutable std::mutex m_Writing;  ///< taken before m_Mutex
+  std::mutex m_Writing;  ///< of who changes them, to the end of telling and keeping; taken before m_Mutex
   mutable std::mutex m_Mutex;
+  struct SGone {
+    Json m_Condition;
+    std::chrono::steady_clock::time_point m_At;
+  };
+  /// The condition as it was until now, or a moment ago; null when it is new.
+  const Json* Before(const Json& condition) const;
+
   std::map<std::string, Json> m_Conditions;  ///< by identifier: "array-degraded:md_d0"
+  std::map<std::string, SGone> m_Gone;       ///< by identity: those that may come back, with their array
 };
 
 }  // namespace Rvxd

@@ -44,8 +44,8 @@ CDelivery::CDelivery(const std::string& socket, const Json& order, std::chrono::
 CDelivery::~CDelivery() {
   m_Socket.Close();
   if (m_Process == 0) return;
-  // What it has left behind ends with it, as under a service manager.
-  ::kill(-m_Process, SIGKILL);
+  // What it has left behind goes on behind its answer: a mail program may deliver then.
+  if (!m_IsOver) ::kill(-m_Process, SIGKILL);
   Ending().push_back(m_Process);
   Reap();
 }
@@ -123,11 +123,14 @@ std::optional<SDelivered> CDelivery::Result() {
     if (Clock::now() < m_End) return std::nullopt;
     return SDelivered{false, "rvx-notify does not answer"};
   }
+  m_IsOver = true;
   const Json answer = Json::parse(m_Answer, nullptr, false);
   if (!answer.is_object()) return SDelivered{false, "rvx-notify ended without an answer"};
-  const Json text = answer.value("text", Json(""));
-  return SDelivered{answer.value("delivered", Json(false)) == true,
-                    text.is_string() ? text.get<std::string>() : ""};
+  const auto textIn = [&](const char* key) {
+    const Json text = answer.value(key, Json());
+    return text.is_string() ? text.get<std::string>() : std::string();
+  };
+  return SDelivered{answer.value("delivered", Json()) == true, textIn("text"), textIn("said")};
 }
 
 }  // namespace Rvxd

@@ -19,7 +19,8 @@ using Host::Json;
 
 struct SDelivered {
   bool m_IsDelivered{false};
-  std::string m_Text{};  ///< the channel's own words
+  std::string m_Text{};  ///< "HTTP 404"
+  std::string m_Said{};  ///< the channel's own words, in which anything may stand
 };
 
 class CDelivery {
@@ -48,7 +49,8 @@ class CDelivery {
 
   const std::chrono::steady_clock::time_point m_End;
   KVT::Internal::CFileDescriptor m_Socket;
-  pid_t m_Process{0};   ///< 0: none of ours
+  pid_t m_Process{0};  ///< 0: none of ours
+  bool m_IsOver{false};
   std::string m_Order;  ///< what of it is still to be handed over
   std::string m_Answer;
   std::string m_Failure;

@@ -88,7 +88,7 @@ Json CKeeper::Conditions() const {
   Json all = m_Conditions.All();
   const SPass pass = Pass();
   const auto isSaid = [](const Json& one) { return one["kind"] == "watch-blind"; };
-  if (IsBlind(pass, Host::NowMilliseconds()) && std::ranges::none_of(all, isSaid))
+  if (IsBlind(pass) && std::ranges::none_of(all, isSaid))
     all.push_back(ConditionOf(BlindProblem(pass), pass.m_Time));
   return all;
 }
@@ -196,7 +196,7 @@ std::vector<Host::SProblem> CKeeper::OwnProblems(const SPass& pass) {
     own.push_back({Host::EHealth::WARNING, "events lost", "rvxd",
                    "the journal of events cannot be written: " + error,
                    "make room on the disk that it lies on"});
-  if (IsBlind(pass, Host::NowMilliseconds())) own.push_back(BlindProblem(pass));
+  if (IsBlind(pass)) own.push_back(BlindProblem(pass));
   if (const auto now = Now())
     for (Host::SProblem& stuck : m_Progress.Stuck(now->Arrays(), Clock::now()))
       own.push_back(std::move(stuck));
@@ -219,9 +219,9 @@ void CKeeper::Look() {
   if (objects.size() == 2) pass.m_Interval *= 10;  // as the plug-in does where there is no disk
   const bool isNew = counter != m_Counter;
   if (isNew) {
-    m_Counters.Count("rvx_passes_total",
-                     {{"result", IsBlind(pass, Host::NowMilliseconds()) ? "late" : "seen"}});
+    m_Counters.Count("rvx_passes_total", {{"result", IsBlind(pass) ? "late" : "seen"}});
     pass.m_Time = Host::NowMilliseconds();
+    pass.m_At = Clock::now();
   }
   m_Counter = counter;
   if (pass.m_Time == 0) return;  // no pass yet

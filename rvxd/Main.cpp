@@ -59,6 +59,16 @@ std::string StateFolder(const SDaemonOptions& options) {
   return folder;
 }
 
+std::optional<SPicture> PictureOf(const CKeeper& keeper) {
+  const auto now = keeper.Now();
+  if (now == nullptr) return std::nullopt;
+  SPicture picture{keeper.Conditions()};
+  for (const Json& array : now->Arrays())
+    for (const char* const name : {"name", "uuid"})
+      if (array[name].is_string()) picture.m_Arrays.insert(array[name]);
+  return picture;
+}
+
 /// A simulated machine's alarms are for nobody but who asks for them.
 SNotifierPlaces PlacesOf(const SDaemonOptions& options, const std::string& folder) {
   const bool isReal = !options.m_Host.m_Simulate;
@@ -93,9 +103,9 @@ int Serve(SDaemonOptions options) {
   CSettings settings(folder);
   CKeeper keeper(options.m_Host, feed, operations, conditions, settings, counters);
   CNotifier notifier(
-      PlacesOf(options, folder),
-      [&keeper] { return keeper.Now() == nullptr ? std::nullopt : std::optional(keeper.Conditions()); },
-      counters);
+      PlacesOf(options, folder), [&keeper] { return PictureOf(keeper); }, counters);
+  // Its thread asks the notifier, whatever ends this function.
+  const std::shared_ptr<void> ending(nullptr, [&keeper](void*) { keeper.Stop(); });
   keeper.OnLook([&notifier] { return notifier.Problems(); });
   const CMetrics metrics(keeper, feed, operations, counters);
   const CApi api(keeper, feed, operations, conditions, settings, notifier, metrics, counters,

@@ -30,17 +30,20 @@ Json IdentityOf(const std::string& name, const Json* disk, const std::string& st
 
 }  // namespace
 
+bool CMembers::IsDisk(const Json& json) {
+  const auto has = [&](const char* key) {
+    return json.contains(key) && (json[key].is_string() || json[key].is_null());
+  };
+  return json.is_object() &&
+         std::ranges::all_of(std::initializer_list<const char*>{"id", "serial", "model", "path"}, has) &&
+         json.value("name", Json()).is_string() && json.value("state", Json()).is_string();
+}
+
 CMembers::CMembers(const std::string& folder)
     : m_File(folder + "/members.json"), m_Known(ReadDocument(m_File)) {
-  const auto isDisk = [](const Json& disk) {
-    const char* const keys[] = {"name", "id", "serial", "model", "path", "state"};
-    return disk.is_object() &&
-           std::ranges::all_of(keys, [&](const char* key) { return disk.contains(key); }) &&
-           disk["name"].is_string();
-  };
   if (!m_Known.is_object()) m_Known = Json::object();
   for (Json& disks : m_Known)
-    if (!disks.is_array() || !std::ranges::all_of(disks, isDisk)) disks = Json::array();
+    if (!disks.is_array() || !std::ranges::all_of(disks, &IsDisk)) disks = Json::array();
 }
 
 void CMembers::Learn(const Json& arrays, const Json& disks) {
@@ -59,10 +62,12 @@ void CMembers::Learn(const Json& arrays, const Json& disks) {
       one = known.erase(one);
     else
       ++one;
-  if (known == m_Known) return;
+  if (known == m_Known && m_IsKept) return;
   m_Known = std::move(known);
+  m_IsKept = false;
   try {
     WriteWhole(m_File, m_Known.dump(-1, ' ', false, Json::error_handler_t::replace));
+    m_IsKept = true;
   } catch (const Host::CError& error) {
     Log(4, error.what());
   }
@@ -75,19 +80,26 @@ Json CMembers::Concerned(const std::string& object, const Json& arrays, const Js
   if (array == nullptr) return Json::array();
   const Json known = m_Known.value(KeyOf(*array), Json::array());
   Json concerned = Json::array();
-  for (const Json& member : (*array)["members"]) {
-    if (member["state"] != "failed" && member["state"] != "missing" && member["state"] != "offline") continue;
-    const Json* disk = Find(disks, "id", member["whole"]);
-    if (disk == nullptr) disk = Find(known, "name", member["name"]);
-    concerned.push_back(IdentityOf(member["name"], disk, member["state"]));
-  }
+  for (const char* const state : {"failed", "missing", "offline"})
+    for (const Json& member : (*array)["members"]) {
+      if (member["state"] != state) continue;
+      const Json* disk = Find(disks, "id", member["whole"]);
+      if (disk == nullptr) disk = Find(known, "name", member["name"]);
+      concerned.push_back(IdentityOf(member["name"], disk, state));
+    }
   if ((*array)["redundancy"]["missing"] == 0) return concerned;
+  const auto isThere = [&](const Json& disk) {
+    return std::ranges::any_of((*array)["members"], [&](const Json& member) {
+      const Json* const whole = Find(disks, "id", member["whole"]);
+      if (whole == nullptr || (disk["id"].is_null() && disk["serial"].is_null()))
+        return member["name"] == disk["name"];
+      // A name below by-id may belong to another one as soon as its twin is gone.
+      return (*whole)["id"] == disk["id"] ||
+             (!disk["serial"].is_null() && (*whole)["serial"] == disk["serial"]);
+    });
+  };
   for (const Json& disk : known)
-    // By name only where nothing else is known of it: names are given anew at a start.
-    if (const char* const key = disk["id"].is_string() ? "whole" : "name";
-        Find((*array)["members"], key, disk[disk["id"].is_string() ? "id" : "name"]) == nullptr &&
-        Find(concerned, "name", disk["name"]) == nullptr)
-      concerned.push_back(disk);
+    if (!isThere(disk)) concerned.push_back(disk);
   return concerned;
 }
 

@@ -51,9 +51,12 @@ Json DisksOf(const Json& conditions) {
   return disks;
 }
 
+/// Another disk may have the name of one that is gone.
+bool IsGone(const Json& disk) { return disk["state"] == "gone"; }
+
 std::string DiskText(const Json& disk) {
-  const std::string serial = TextIn(disk, "serial");
-  return TextIn(disk, "name") +
+  const std::string serial = TextIn(disk, "serial"), name = TextIn(disk, "name");
+  return (IsGone(disk) ? "what was " + name : name) +
          (serial.empty() ? ", whose serial number is not known" : ", serial number " + serial);
 }
 
@@ -85,6 +88,7 @@ SCalled CalledOf(const std::string& kind) {
 const char* EventOf(const SDue& due, const std::string& kind, const Json& disks) {
   if (due.m_Phase == EPhase::TEST) return "TestMessage";
   const bool isArray = kind.starts_with("array") || kind == "disk-failed";
+  if (due.m_IsGone) return "DeviceDisappeared";
   if (due.m_Phase == EPhase::CLEARED) return isArray ? "RebuildFinished" : "Cleared";
   const auto hasFailed = [](const Json& disk) { return disk["state"] == "failed"; };
   // A member that failed, and no one that is only not there.
@@ -131,8 +135,10 @@ std::string BodyOf(const SDue& due, const Json& conditions, const Json& disks, c
                      ": what is wrong with its disks and arrays will be told in this way.");
   std::string text;
   if (due.m_Phase == EPhase::CLEARED) {
-    text = Paragraph("What was wrong with " + Host::Printable(due.m_Subject) + " on " + host +
-                     " is over, after " + DurationText(now - std::min(now, due.m_Since)) + ". It was:");
+    const std::string object = Host::Printable(due.m_Subject) + " on " + host;
+    text = Paragraph(
+        (due.m_IsGone ? object + " is not there any more" : "What was wrong with " + object + " is over") +
+        ", after " + DurationText(now - std::min(now, due.m_Since)) + ". It was:");
   } else {
     const std::string since = Host::TimeText(due.m_Since);
     text =
@@ -196,14 +202,16 @@ Json MessageOf(const SDue& due, const std::string& host, std::optional<Milliseco
   const unsigned int code = CalledOf(kind).m_Code;
   // Others are about rvxd itself, or one of its channels.
   const bool device = CalledOf(kind).m_OfDevice;
-  const std::string level = due.m_Phase == EPhase::CLEARED || first.empty() ? "ok" : TextIn(first, "level");
+  const std::string level = due.m_IsGone                                      ? "warning"
+                            : due.m_Phase == EPhase::CLEARED || first.empty() ? "ok"
+                                                                              : TextIn(first, "level");
   std::vector<std::string> kinds;
   for (const Json& condition : conditions)
     if (const std::string words = Words(TextIn(condition, "kind"));
         std::ranges::find(kinds, words) == kinds.end())
       kinds.push_back(words);
   std::string subject = host + " " + object + " " + Upper(level) + ": " + Host::Joined(kinds);
-  if (due.m_Phase == EPhase::CLEARED) subject += ": over";
+  if (due.m_Phase == EPhase::CLEARED) subject += due.m_IsGone ? ": it is not there any more" : ": over";
   if (due.m_Phase == EPhase::TEST) subject += "a test, nothing is wrong";
   if (due.m_Phase == EPhase::REMINDER) subject += ", for " + DurationText(now - std::min(now, due.m_Since));
   if (due.m_Phase != EPhase::CLEARED && !disks.empty()) subject += "; " + DiskText(disks.front());
@@ -215,7 +223,7 @@ Json MessageOf(const SDue& due, const std::string& host, std::optional<Milliseco
           {"code", code == 0 ? Json(nullptr) : Json(code)},
           {"event", EventOf(due, kind, disks)},
           {"device", device ? Json("/dev/" + object) : Json(nullptr)},
-          {"component", disks.empty() ? Json(nullptr) : disks.front()["name"]},
+          {"component", disks.empty() || IsGone(disks.front()) ? Json(nullptr) : disks.front()["name"]},
           {"serial", disks.empty() ? Json(nullptr) : disks.front()["serial"]},
           {"since", Host::TimeText(due.m_Since)},
           {"time", Host::TimeText(now)},

@@ -23,6 +23,7 @@ constexpr std::chrono::milliseconds END_LIMIT{500};
 constexpr std::chrono::milliseconds END_LOOK{10};
 /// The administrator's changes are taken up within this time.
 constexpr std::chrono::seconds READ_INTERVAL{5};
+constexpr std::chrono::hours FORGET_LIMIT{24};
 
 std::string HostName() {
   std::array<char, 256> name{};
@@ -32,11 +33,11 @@ std::string HostName() {
 
 }  // namespace
 
-CNotifier::CNotifier(SNotifierPlaces places, std::function<std::optional<Json>()> conditions,
+CNotifier::CNotifier(SNotifierPlaces places, std::function<std::optional<SPicture>()> picture,
                      CCounters& counters)
     : m_Places(std::move(places)),
       m_Host(HostName()),
-      m_Conditions(std::move(conditions)),
+      m_Picture(std::move(picture)),
       m_Counters(counters),
       m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   const Json kept = ReadDocument(m_Places.m_State + "/notify.json");
@@ -49,7 +50,7 @@ CNotifier::CNotifier(SNotifierPlaces places, std::function<std::optional<Json>()
       if (const Json time = one.value("delivered", Json()); time.is_number_unsigned())
         state.m_Delivered = time;
     }
-  Take(ReadChannels(m_Places.m_Channels));
+  Take(Read());
 }
 
 CNotifier::~CNotifier() { Stop(); }
@@ -92,49 +93,81 @@ void CNotifier::Run(const std::stop_token& end) {
 
 void CNotifier::Turn() {
   // Asked and read without the lock, as what was told is kept: nobody who asks waits for a disk.
-  const std::optional<Json> conditions = m_Conditions();
+  const std::optional<SPicture> picture = m_Picture();
   std::optional<Channels> channels;
-  if (Clock::now() >= m_ReadAt) {
-    channels = ReadChannels(m_Places.m_Channels);
-    m_ReadAt = Clock::now() + READ_INTERVAL;
-  }
+  const bool isTime = Clock::now() >= m_ReadAt.load();
+  if (isTime) channels = Read();
   {
     const std::lock_guard lock(m_Mutex);
-    if (channels) Take(std::move(*channels));
-    TellAll(conditions);
+    if (isTime) Take(std::move(channels));
+    TellAll(picture);
+    TurnTests();
   }
   Keep();
   CDelivery::Reap();
 }
 
-void CNotifier::TellAll(const std::optional<Json>& conditions) {
-  for (auto& [name, state] : m_States) Collect(name, state);
-  for (const auto& [name, channel] : m_Channels)
-    if (conditions && channel.m_Refusal.empty()) Tell(name, channel, m_States[name], *conditions);
+void CNotifier::TellAll(const std::optional<SPicture>& picture) {
+  for (auto& [name, state] : m_States) {
+    try {
+      Collect(name, state);
+      const auto channel = m_Channels.find(name);
+      if (picture && channel != m_Channels.end() && channel->second.m_Refusal.empty())
+        Tell(name, channel->second, state, *picture);
+    } catch (const std::exception& error) {  // the others are told all the same
+      if (std::exchange(state.m_Failure, error.what()) != error.what())
+        Log(3, "the channel " + name + " is not told: " + error.what());
+    }
+  }
+}
+
+void CNotifier::TurnTests() {
   for (STest& test : m_Tests) {
     if (test.m_Result) continue;
-    const SChannel& channel = m_Channels.at(test.m_Channel);
-    if (!channel.m_Refusal.empty())
-      test.m_Result = SDelivered{false, channel.m_Refusal};
+    const auto channel = m_Channels.find(test.m_Channel);
+    if (channel == m_Channels.end())
+      test.m_Result = SDelivered{false, "its file has gone"};
+    else if (!channel->second.m_Refusal.empty())
+      test.m_Result = SDelivered{false, channel->second.m_Refusal};
     else if (test.m_Delivery == nullptr) {
-      test.m_Delivery = Deliver(channel, {EPhase::TEST, "rvxd", Json::array(), Host::NowMilliseconds()});
+      test.m_Delivery =
+          Deliver(channel->second, {EPhase::TEST, "rvxd", Json::array(), Host::NowMilliseconds()});
       if (test.m_Delivery == nullptr) test.m_Result = SDelivered{true, "written to the log"};
-    } else
-      test.m_Result = test.m_Delivery->Result();
+    } else if ((test.m_Result = test.m_Delivery->Result())) {
+      Count(test.m_Channel, test.m_Result->m_IsDelivered);
+      if (test.m_Result->m_IsDelivered) m_States[test.m_Channel].m_Failure.clear();
+    }
     if (!test.m_Result) continue;
     test.m_Delivery.reset();
-    if (channel.m_Refusal.empty()) Count(test.m_Channel, test.m_Result->m_IsDelivered);
-    if (test.m_Result->m_IsDelivered) m_States[test.m_Channel].m_Failure.clear();
     m_News.notify_all();
   }
 }
 
-void CNotifier::Take(Channels channels) {
-  m_Channels = std::move(channels);
-  std::erase_if(m_States, [&](const auto& one) { return !m_Channels.contains(one.first); });
-  for (const auto& [name, channel] : m_Channels) m_States.try_emplace(name);
-  for (STest& test : m_Tests)
-    if (!m_Channels.contains(test.m_Channel)) m_Channels[test.m_Channel].m_Refusal = "its file has gone";
+std::optional<Channels> CNotifier::Read() {
+  m_ReadAt = Clock::now() + READ_INTERVAL;
+  try {
+    return ReadChannels(m_Places.m_Channels);
+  } catch (const std::exception& error) {
+    Log(4, std::string("the channels cannot be read, and stay as they were: ") + error.what());
+    return std::nullopt;
+  }
+}
+
+void CNotifier::Take(std::optional<Channels> channels) {
+  if (channels) {
+    for (const auto& [name, channel] : *channels)
+      if (const auto old = m_Channels.find(name);
+          !channel.m_Refusal.empty() &&
+          (old == m_Channels.end() || old->second.m_Refusal != channel.m_Refusal))
+        Log(4, "the channel " + name + " is refused: " + channel.m_Refusal);
+    m_Channels = std::move(*channels);
+  }
+  const auto now = Clock::now();
+  for (auto& [name, state] : m_States)
+    if (state.m_Seen == Clock::time_point()) state.m_Seen = now;  // from an earlier run
+  for (const auto& [name, channel] : m_Channels) m_States[name].m_Seen = now;
+  // A file may be away for a moment, while it is written.
+  std::erase_if(m_States, [&](const auto& one) { return now > one.second.m_Seen + FORGET_LIMIT; });
 }
 
 std::unique_ptr<CDelivery> CNotifier::Deliver(const SChannel& channel, const SDue& due) const {
@@ -153,19 +186,19 @@ std::unique_ptr<CDelivery> CNotifier::Deliver(const SChannel& channel, const SDu
 }
 
 void CNotifier::Tell(const std::string& name, const SChannel& channel, SState& state,
-                     const Json& conditions) {
+                     const SPicture& picture) {
   if (state.m_Delivery != nullptr) return;
   if (channel.m_Type == "heartbeat") {
     const auto isBlind = [](const Json& one) { return one["kind"] == "watch-blind"; };
-    if (Clock::now() < state.m_NextBeat || std::ranges::any_of(conditions, isBlind)) return;
+    if (Clock::now() < state.m_NextBeat || std::ranges::any_of(picture.m_Conditions, isBlind)) return;
     state.m_NextBeat = Clock::now() + std::chrono::milliseconds(channel.m_Interval);
     state.m_Due.reset();
     state.m_Delivery = Deliver(channel, {EPhase::TEST, "rvxd", Json::array(), Host::NowMilliseconds()});
     return;
   }
-  Json others = Json::array();  // that it does not work is for the other channels
-  for (const Json& condition : conditions)
-    if (condition["id"] != "notify-failing:" + name) others.push_back(condition);
+  SPicture others{Json::array(), picture.m_Arrays};  // that it does not work is for the other channels
+  for (const Json& condition : picture.m_Conditions)
+    if (condition["id"] != "notify-failing:" + name) others.m_Conditions.push_back(condition);
   const Milliseconds now = Host::NowMilliseconds();
   for (SDue& due : state.m_Told.Due(others, channel.m_Policy, now)) {
     state.m_Delivery = Deliver(channel, due);
@@ -184,7 +217,7 @@ void CNotifier::Collect(const std::string& name, SState& state) {
   if (!result) return;
   state.m_Delivery.reset();
   const Milliseconds now = Host::NowMilliseconds();
-  Count(name, result->m_IsDelivered);
+  if (state.m_Due) Count(name, result->m_IsDelivered);  // a beat tells nobody anything
   if (result->m_IsDelivered) {
     if (state.m_Due) state.m_Told.Delivered(*state.m_Due, now);
     state.m_Delivered = now;
@@ -229,11 +262,12 @@ void CNotifier::Keep() {
   }
   std::string text = all.dump(-1, ' ', false, Json::error_handler_t::replace);
   if (text == m_Kept) return;
-  m_Kept = std::move(text);
   try {
-    WriteWhole(m_Places.m_State + "/notify.json", m_Kept);
-  } catch (const Host::CError& error) {
-    Log(4, error.what());
+    WriteWhole(m_Places.m_State + "/notify.json", text);
+    m_Kept = std::move(text);
+    m_KeepError.clear();
+  } catch (const Host::CError& error) {  // tried again with the next turn
+    if (std::exchange(m_KeepError, error.what()) != error.what()) Log(4, m_KeepError);
   }
 }
 
@@ -262,7 +296,7 @@ Json CNotifier::List() const {
 }
 
 Json CNotifier::Test(const std::string& channel) {
-  Channels channels = ReadChannels(m_Places.m_Channels);
+  std::optional<Channels> channels = Read();
   std::unique_lock lock(m_Mutex);
   Take(std::move(channels));
   if (!channel.empty() && !m_Channels.contains(channel))
@@ -278,9 +312,11 @@ Json CNotifier::Test(const std::string& channel) {
   Json results = Json::array();
   for (const STest* const test : mine)
     if (test->m_Result)
-      results.push_back({{"channel", test->m_Channel},
-                         {"delivered", test->m_Result->m_IsDelivered},
-                         {"text", test->m_Result->m_Text}});
+      results.push_back(
+          {{"channel", test->m_Channel},
+           {"delivered", test->m_Result->m_IsDelivered},
+           {"text",
+            test->m_Result->m_Text + (test->m_Result->m_Said.empty() ? "" : ": " + test->m_Result->m_Said)}});
   std::erase_if(m_Tests, [&](const STest& test) { return std::ranges::find(mine, &test) != mine.end(); });
   if (m_Stopped) throw CProblem(503, "stopping", "rvxd is being stopped");
   return results;

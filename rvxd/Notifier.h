@@ -2,6 +2,8 @@
 /// @file
 /// Tells people what is wrong, by the channels that the administrator wrote down.
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <list>
@@ -30,8 +32,8 @@ struct SNotifierPlaces {
 /// told is kept over restarts. Functions may be called by any thread.
 class CNotifier {
  public:
-  /// @param conditions asked with each turn: all that is wrong now; none before the first look
-  CNotifier(SNotifierPlaces places, std::function<std::optional<Json>()> conditions, CCounters& counters);
+  /// @param picture asked with each turn; none before the first look
+  CNotifier(SNotifierPlaces places, std::function<std::optional<SPicture>()> picture, CCounters& counters);
   ~CNotifier();
   CNotifier(const CNotifier&) = delete;
   CNotifier& operator=(const CNotifier&) = delete;
@@ -57,6 +59,7 @@ class CNotifier {
     std::optional<SDue> m_Due{};  ///< what is on its way; none with m_Delivery: a heartbeat
     std::unique_ptr<CDelivery> m_Delivery{};
     std::chrono::steady_clock::time_point m_NextBeat{};
+    std::chrono::steady_clock::time_point m_Seen{};  ///< its file was there
   };
   struct STest {
     std::string m_Channel;
@@ -66,9 +69,12 @@ class CNotifier {
 
   void Run(const std::stop_token& end);
   void Turn();
-  void TellAll(const std::optional<Json>& conditions);
-  void Take(Channels channels);
-  void Tell(const std::string& name, const SChannel& channel, SState& state, const Json& conditions);
+  void TellAll(const std::optional<SPicture>& picture);
+  void TurnTests();
+  /// The channels as they are written now; none where their folder cannot be read.
+  std::optional<Channels> Read();
+  void Take(std::optional<Channels> channels);
+  void Tell(const std::string& name, const SChannel& channel, SState& state, const SPicture& picture);
   void Collect(const std::string& name, SState& state);
   /// Waits for an answer, a test or a second.
   void Wait();
@@ -78,7 +84,7 @@ class CNotifier {
 
   const SNotifierPlaces m_Places;
   const std::string m_Host;
-  const std::function<std::optional<Json>()> m_Conditions;
+  const std::function<std::optional<SPicture>()> m_Picture;
   CCounters& m_Counters;
   KVT::Internal::CFileDescriptor m_Wake;
   mutable std::mutex m_Mutex;
@@ -87,7 +93,8 @@ class CNotifier {
   std::map<std::string, SState> m_States;  ///< by channel
   std::list<STest> m_Tests;
   std::string m_Kept;
-  std::chrono::steady_clock::time_point m_ReadAt{};  ///< of the thread alone
+  std::string m_KeepError;
+  std::atomic<std::chrono::steady_clock::time_point> m_ReadAt{};
   bool m_Stopped{false};
   std::jthread m_Thread;
 };

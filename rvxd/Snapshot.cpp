@@ -19,7 +19,7 @@ using Host::NumberOf;
 using Host::TextOf;
 
 constexpr std::uint64_t MILLISECONDS = 1000;
-constexpr std::uint64_t BLIND_INTERVALS = 5;
+constexpr int BLIND_INTERVALS = 5;
 
 Json TextOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 template <class T>
@@ -381,9 +381,9 @@ const Json* CSnapshot::FindDisk(const std::string& address) const {
   return nullptr;
 }
 
-bool IsBlind(const SPass& pass, std::uint64_t now) {
-  const auto interval = static_cast<std::uint64_t>(pass.m_Interval) * MILLISECONDS;
-  return pass.m_Time != 0 && now > pass.m_Time + BLIND_INTERVALS * interval;
+bool IsBlind(const SPass& pass) {
+  return pass.m_Time != 0 && std::chrono::steady_clock::now() >
+                                 pass.m_At + BLIND_INTERVALS * std::chrono::seconds(pass.m_Interval);
 }
 
 Host::SProblem BlindProblem(const SPass& pass) {
@@ -397,7 +397,7 @@ Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now) 
   health["lastPass"] = {{"time", Host::TimeText(pass.m_Time)},
                         {"seconds", static_cast<double>(now - std::min(now, pass.m_Time)) / MILLISECONDS},
                         {"interval", pass.m_Interval}};
-  if (!IsBlind(pass, now)) return health;
+  if (!IsBlind(pass)) return health;
   health["level"] = Host::WordOf(Host::EHealth::UNKNOWN);
   health["headline"] = "nobody has looked since " + Host::TimeText(pass.m_Time) +
                        "; before that: " + health["headline"].get<std::string>();

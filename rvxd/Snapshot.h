@@ -2,6 +2,7 @@
 /// @file
 /// One look at the machine, whole and unchanging: all that is answered to who reads.
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -19,8 +20,10 @@ using Text = std::shared_ptr<const std::string>;
 /// When the plug-in has looked at the machine.
 struct SPass {
   std::uint64_t m_Time{0};  ///< of the last one's end as it was seen, in milliseconds since 1970
-  long m_Interval{0};       ///< seconds between two of them
-  double m_Look{0};         ///< seconds that it took to take over what the last one found
+  /// The same by a clock that nobody sets, and that stands still while the machine sleeps.
+  std::chrono::steady_clock::time_point m_At{};
+  long m_Interval{0};  ///< seconds between two of them
+  double m_Look{0};    ///< seconds that it took to take over what the last one found
 };
 
 /// Safe to be read by any thread: nothing of it asks the plug-in or the machine.
@@ -98,7 +101,7 @@ class CSnapshot {
 /// The document of /v1/health: its last pass may be too long ago by now.
 Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now);
 /// Nobody has looked for so long that what is told may be wrong.
-bool IsBlind(const SPass& pass, std::uint64_t now);
+bool IsBlind(const SPass& pass);
 Host::SProblem BlindProblem(const SPass& pass);
 
 }  // namespace Rvxd

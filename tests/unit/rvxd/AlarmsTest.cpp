@@ -23,6 +23,7 @@ Json Condition(const std::string& id, const char* level, Milliseconds since,
           {"kind", id.substr(0, colon)},
           {"object", id.substr(colon + 1)},
           {"subject", subject},
+          {"uuid", nullptr},
           {"level", level},
           {"text", "a text"},
           {"next", nullptr},
@@ -35,7 +36,7 @@ Json Condition(const std::string& id, const char* level, Milliseconds since,
 /// A channel that delivers everything, and what it was told: "began md_d0".
 struct SChannelOnTest {
   void At(Milliseconds now, const Json& conditions) {
-    for (const SDue& due : m_Told.Due(conditions, m_Policy, now)) {
+    for (const SDue& due : m_Told.Due({conditions, m_Arrays}, m_Policy, now)) {
       m_Messages.push_back(WordOf(due.m_Phase) + (" " + due.m_Subject));
       m_Told.Delivered(due, now);
     }
@@ -47,6 +48,7 @@ struct SChannelOnTest {
   }
 
   SPolicy m_Policy{};
+  std::set<std::string> m_Arrays{"md_d0", "md_d1"};
   CTold m_Told{};
   std::vector<std::string> m_Messages{};
 };
@@ -93,6 +95,46 @@ TEST(Alarms, WhatGrowsWorseIsToldAtOnceAndWhatFlapsOnceAnHour) {
   EXPECT_EQ(std::ranges::count(channel.m_Messages, "worse md_d0"), 0);
 }
 
+TEST(Alarms, WhatCameAnewIsNewAlsoInAMatterThatLasts) {
+  SChannelOnTest channel;
+  const auto wrong = [](Milliseconds since, unsigned int canLose) {
+    Json degraded = Condition("array-degraded:md_d0", "warning", since);
+    degraded["canLose"] = canLose;
+    return Json::array({degraded, Condition("disk-wearing-out:sdb", "warning", BEGIN)});
+  };
+  channel.At(BEGIN + MINUTE, wrong(BEGIN, 2));
+  channel.At(BEGIN + 2 * MINUTE, wrong(BEGIN, 1));  // another member, which nobody calls failed
+  channel.At(BEGIN + 3 * MINUTE, Json::array({wrong(BEGIN, 1)[1]}));
+  channel.At(BEGIN + 9 * MINUTE, wrong(BEGIN + 8 * MINUTE, 1));  // within the hour
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "worse md_d0"));
+  channel.At(BEGIN + 2 * HOUR, wrong(BEGIN + 8 * MINUTE, 1));
+  EXPECT_EQ(channel.m_Messages.size(), 3U);
+}
+
+TEST(Alarms, AnArrayThatIsNotThereIsNotInOrder) {
+  SChannelOnTest channel;
+  Json wrong = Json::array({Condition("array-degraded:md_d0", "critical", BEGIN)});
+  wrong[0]["uuid"] = "u";
+  channel.m_Arrays = {"md_d0", "u"};
+  channel.At(BEGIN + MINUTE, wrong);
+  channel.m_Arrays = {};
+  channel.During(BEGIN + 2 * MINUTE, 4 * MINUTE, Json::array());
+  // It comes back under another name, as at a start.
+  wrong[0].update({{"id", "array-degraded:md127"}, {"object", "md127"}, {"subject", "md127"}});
+  channel.m_Arrays = {"md127", "u"};
+  channel.During(BEGIN + 6 * MINUTE, 2 * HOUR, wrong);
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0"));
+  channel.m_Arrays = {};
+  for (const SDue& due : channel.m_Told.Due({Json::array(), {}}, {}, BEGIN + 3 * HOUR))
+    ADD_FAILURE() << due.m_Subject;
+  const auto due = channel.m_Told.Due({Json::array(), {}}, {}, BEGIN + 3 * HOUR + 5 * MINUTE);
+  ASSERT_EQ(due.size(), 1U);
+  const Json gone = MessageOf(due[0], "n", {}, BEGIN + 3 * HOUR + 5 * MINUTE);
+  EXPECT_EQ(std::tie(gone["subject"], gone["event"], gone["level"]),
+            std::tuple("n md_d0 WARNING: array degraded: it is not there any more", "DeviceDisappeared",
+                       "warning"));
+}
+
 TEST(Alarms, AChannelIsToldWhatItWants) {
   SChannelOnTest critical, spares, noted;
   critical.m_Policy.m_Severity = Host::EHealth::CRITICAL;
@@ -107,7 +149,7 @@ TEST(Alarms, AChannelIsToldWhatItWants) {
   for (SChannelOnTest* const channel : {&critical, &spares, &noted}) {
     channel->During(BEGIN, HOUR, wrong);
     channel->During(BEGIN + HOUR, 48 * HOUR, seen);
-    // What is left of the matter is nothing that the first channel would be told of: it is not over.
+    // The repair is not the end of it.
     channel->During(BEGIN + 49 * HOUR, HOUR,
                     Json::array({Condition("array-rebuilding:md_d0", "warning", BEGIN)}));
     channel->At(BEGIN + 50 * HOUR, Json::array());
@@ -124,17 +166,17 @@ TEST(Alarms, WhatIsNotDeliveredIsTriedThreeTimesSoonAndThenEachHour) {
   std::vector<Milliseconds> tries;
   std::vector<bool> last;
   for (Milliseconds now = BEGIN + 10 * SECOND; now < BEGIN + 2 * HOUR; now += SECOND)
-    for (const SDue& due : told.Due(wrong, {}, now)) {
+    for (const SDue& due : told.Due({wrong, {}}, {}, now)) {
       tries.push_back((now - BEGIN) / SECOND);
       last.push_back(told.Failed(due, now));
     }
   EXPECT_THAT(tries, ElementsAre(10, 20, 80, 380, 3980, 3990, 4050, 4350));
   EXPECT_THAT(last, ElementsAre(false, false, false, true, false, false, false, true));
   // A clock that is set back holds nothing up for longer than an hour.
-  EXPECT_EQ(told.Due(wrong, {}, BEGIN - 1000 * HOUR).size(), 1U);
+  EXPECT_EQ(told.Due({wrong, {}}, {}, BEGIN - 1000 * HOUR).size(), 1U);
   // What was never delivered is not cleared either.
-  EXPECT_TRUE(told.Due(Json::array(), {}, BEGIN + 3 * HOUR).empty());
-  EXPECT_TRUE(told.Due(Json::array(), {}, BEGIN + 4 * HOUR).empty());
+  EXPECT_TRUE(told.Due({Json::array(), {}}, {}, BEGIN + 3 * HOUR).empty());
+  EXPECT_TRUE(told.Due({Json::array(), {}}, {}, BEGIN + 4 * HOUR).empty());
 }
 
 TEST(Alarms, AMessageSaysWhichDiskWhereAndWhatToDo) {
@@ -165,9 +207,12 @@ TEST(Alarms, AMessageSaysWhichDiskWhereAndWhatToDo) {
   EXPECT_EQ(std::tie(message["event"], message["device"], message["component"], message["code"]),
             std::tuple("Fail", "/dev/md_d0", "sdb", 10078));
   degraded["disks"][0]["state"] = "gone";
-  EXPECT_EQ(MessageOf({EPhase::REMINDER, "md_d0", Json::array({degraded}), BEGIN}, "n", {},
-                      BEGIN + 50 * HOUR)["subject"],
-            "n md_d0 CRITICAL: array degraded, for 2 days; sdb, serial number S?1");
+  // Another disk may be called sdb by now.
+  const Json later =
+      MessageOf({EPhase::REMINDER, "md_d0", Json::array({degraded}), BEGIN}, "n", {}, BEGIN + 50 * HOUR);
+  EXPECT_EQ(later["subject"],
+            "n md_d0 CRITICAL: array degraded, for 2 days; what was sdb, serial number S?1");
+  EXPECT_EQ(later["component"], nullptr);
   EXPECT_EQ(MessageOf({EPhase::BEGAN, "md_d0", Json::array({degraded}), BEGIN}, "n", {}, BEGIN)["event"],
             "DegradedArray");
   const Json over =
