@@ -68,6 +68,9 @@ CFileDescriptor ListenLoopback(const std::string& where) {
   v6.sin6_addr = in6addr_loopback;
   v4.sin_port = v6.sin6_port = htons(port);
   CFileDescriptor socket(::socket(isV6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket.IsOpen() && errno == EAFNOSUPPORT)  // it will not be there at the next start either
+    throw Host::CError(Host::EXIT_USAGE,
+                       "--metrics: the service has no network; 'rvxd-metrics.socket' listens for it");
   const int on = 1;
   const auto* const address =
       isV6 ? reinterpret_cast<const sockaddr*>(&v6) : reinterpret_cast<const sockaddr*>(&v4);

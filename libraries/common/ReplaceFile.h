@@ -32,8 +32,8 @@ struct STemporaryFile {
   }
 };
 
-/// Whether a file is on the disk before anybody is told so. What is written anew every few seconds need not
-/// be.
+/// Whether a file is on the disk before anybody is told so, and keeps its owner. What is written anew every
+/// few seconds need not be, and is its writer's.
 enum class ESync { DISK, NONE };
 
 /// Puts a new file in the place of the old one, which stays whole whatever fails (errno tells why). Where
@@ -42,7 +42,7 @@ enum class ESync { DISK, NONE };
 inline bool ReplaceFile(const std::string& path, const std::string& text, mode_t mode,
                         ESync sync = ESync::DISK) {
   struct stat before {};
-  const bool existed = stat(path.c_str(), &before) == 0;
+  const bool existed = sync == ESync::DISK && stat(path.c_str(), &before) == 0;
   std::string name = path + ".XXXXXX";
   CFileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
   if (!file.IsOpen()) return false;
