@@ -86,14 +86,30 @@ std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Mil
   std::map<std::string, Json> matters;
   for (const auto& [key, matter] : m_Matters) matters[key] = Json::array();
   for (const Json& condition : picture.m_Conditions) {
-    Json& all = matters[SubjectOf(condition)];
+    const std::string key = SubjectOf(condition), name = condition["subject"];
+    // It was told before udev knew its UUID.
+    if (key != name && m_Matters.contains(name) && !m_Matters.contains(key)) {
+      SMatter matter = std::move(m_Matters[name]);
+      for (const auto& told : std::exchange(matter.m_Told, {})) {
+        Json known = told.second;
+        known["uuid"] = key;
+        matter.m_Told[IdentityOf(known)] = std::move(known);
+      }
+      m_Matters[key] = std::move(matter);
+      m_Matters.erase(name);
+      matters.erase(name);
+    }
+    Json& all = matters[key];
     if (all.is_null()) all = Json::array();
     all.push_back(condition);
   }
   std::vector<SDue> due;
   for (const auto& [key, all] : matters) {
     SMatter& matter = m_Matters[key];
-    if (auto one = DueOf(matter, all, picture.m_Arrays, policy, now)) due.push_back(std::move(*one));
+    if (auto one = DueOf(matter, all, picture.m_Arrays, policy, now)) {
+      one->m_Matter = key;
+      due.push_back(std::move(*one));
+    }
     std::erase_if(matter.m_Times, [&](const auto& one) {
       return !matter.m_Told.contains(one.first) && !IsWithin(one.second.m_At, now, HOUR);
     });
@@ -101,6 +117,12 @@ std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Mil
       m_Matters.erase(key);
   }
   return due;
+}
+
+const Json* CTold::Told(const SMatter& matter, const Json& condition) {
+  for (const auto& [id, told] : matter.m_Told)
+    if (IsSame(told, condition)) return &told;
+  return nullptr;
 }
 
 std::optional<SDue> CTold::DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,
@@ -144,11 +166,9 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
       continue;
     isWanted = true;
     isNoted = isNoted && (isRepair || !condition["acknowledged"].is_null());
-    const auto told = matter.m_Told.find(IdentityOf(condition));
+    const Json* const told = Told(matter, condition);
     // One that was over in between is another one.
-    if (told != matter.m_Told.end() && told->second["since"] == condition["since"] &&
-        !IsWorse(condition, told->second))
-      continue;
+    if (told != nullptr && (*told)["since"] == condition["since"] && !IsWorse(condition, *told)) continue;
     fresh.push_back(condition);
     isNew = isNew || !isRepair;
   }
@@ -160,13 +180,11 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
       return IsWithin(Host::MillisecondsOf(condition["since"]), now, policy.m_Delay);
     };
     const auto wasToldNow = [&](const Json& condition) {
-      const std::string id = IdentityOf(condition);
-      const auto told = matter.m_Told.find(id);
-      const auto time = matter.m_Times.find(id);
+      const Json* const told = Told(matter, condition);
+      const auto time = matter.m_Times.find(IdentityOf(condition));
       // One that was told and has grown worse since is told at once.
       return time != matter.m_Times.end() && IsWithin(time->second.m_At, now, HOUR) &&
-             LevelOf(condition) <= time->second.m_Level &&
-             (told == matter.m_Told.end() || !IsWorse(condition, told->second));
+             LevelOf(condition) <= time->second.m_Level && (told == nullptr || !IsWorse(condition, *told));
     };
     if (std::ranges::any_of(fresh, isYoung) || std::ranges::all_of(fresh, wasToldNow)) return std::nullopt;
     return SDue{matter.m_Told.empty() ? EPhase::BEGAN : EPhase::WORSE, all.front()["subject"], all,
@@ -179,11 +197,12 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
 }
 
 void CTold::Delivered(const SDue& due, Milliseconds now) {
-  SMatter& matter = m_Matters[SubjectOf(due.m_Conditions.front())];
+  SMatter& matter = m_Matters[due.m_Matter];
   if (due.m_Phase == EPhase::CLEARED)
     matter.m_Told.clear();
   else
     for (const Json& condition : due.m_Conditions) {
+      std::erase_if(matter.m_Told, [&](const auto& told) { return IsSame(told.second, condition); });
       matter.m_Told[IdentityOf(condition)] = condition;
       matter.m_Times[IdentityOf(condition)] = {now, LevelOf(condition)};
     }
@@ -193,7 +212,7 @@ void CTold::Delivered(const SDue& due, Milliseconds now) {
 }
 
 bool CTold::Failed(const SDue& due, Milliseconds now) {
-  SMatter& matter = m_Matters[SubjectOf(due.m_Conditions.front())];
+  SMatter& matter = m_Matters[due.m_Matter];
   const bool isLast = matter.m_Tries >= RETRIES.size();
   matter.m_Next = now + (isLast ? HOUR : RETRIES.at(matter.m_Tries));
   matter.m_Tries = isLast ? 0 : matter.m_Tries + 1;

@@ -37,7 +37,8 @@ struct SDue {
   std::string m_Subject;  ///< the array or disk, or rvxd itself
   Json m_Conditions;      ///< those that are so now; of CLEARED those that were
   Milliseconds m_Since;
-  bool m_IsGone{false};  ///< of CLEARED: the array itself is not there any more
+  bool m_IsGone{false};    ///< of CLEARED: the array itself is not there any more
+  std::string m_Matter{};  ///< for CTold
 };
 
 /// What is wrong now, as /v1/conditions lists it, and the UUIDs and names of the arrays that there are.
@@ -73,6 +74,8 @@ class CTold {
     Milliseconds m_Next{0};                  ///< no try before
     unsigned int m_Tries{0};                 ///< that failed
   };
+  /// As it was told; null when it was not.
+  static const Json* Told(const SMatter& matter, const Json& condition);
   static std::optional<SDue> DueOf(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
                                    const SPolicy& policy, Milliseconds now);
   static std::optional<SDue> DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,

@@ -58,6 +58,12 @@ std::string IdentityOf(const Json& condition) {
   return kind + condition["object"].get<std::string>();
 }
 
+bool IsSame(const Json& one, const Json& other) {
+  const auto isByName = [](const Json& condition) { return condition["id"] == IdentityOf(condition); };
+  return IdentityOf(one) == IdentityOf(other) ||
+         (one["id"] == other["id"] && (isByName(one) || isByName(other)));
+}
+
 CConditions::CConditions(const std::string& folder, CFeed& feed)
     : m_File(folder + "/conditions.json"), m_Feed(feed), m_Members(folder) {
   const Json kept = ReadDocument(m_File);
@@ -85,11 +91,11 @@ void CConditions::Place(Json& condition, const Json& arrays, const Json& disks) 
 }
 
 const Json* CConditions::Before(const Json& condition) const {
-  const std::string identity = IdentityOf(condition);
   for (const auto& [id, one] : m_Conditions)
-    if (IdentityOf(one) == identity) return &one;
-  const auto gone = m_Gone.find(identity);
-  return gone == m_Gone.end() ? nullptr : &gone->second.m_Condition;
+    if (IsSame(one, condition)) return &one;
+  for (const auto& [id, one] : m_Gone)
+    if (IsSame(one.m_Condition, condition)) return &one.m_Condition;
+  return nullptr;
 }
 
 void CConditions::Update(const Host::SHealth& health, const Json& arrays, const Json& disks) {
@@ -128,7 +134,7 @@ void CConditions::Update(const Host::SHealth& health, const Json& arrays, const 
   std::erase_if(m_Gone, [&](const auto& one) { return moment - one.second.m_At > GONE_LIMIT; });
   for (auto [id, condition] : m_Conditions) {
     if (now.contains(id)) continue;
-    m_Gone[IdentityOf(condition)] = {condition, moment};
+    m_Gone[id] = {condition, moment};
     condition["level"] = Host::WordOf(Host::EHealth::OK);
     news.push_back(std::move(condition));
   }

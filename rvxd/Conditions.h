@@ -25,6 +25,8 @@ bool IsCondition(const Json& json);
 std::string IdentityOf(const Json& condition);
 /// The same of what it is a part of.
 std::string SubjectOf(const Json& condition);
+/// Whether two are of the same thing: also where one was told before udev knew more than the kernel's name.
+bool IsSame(const Json& one, const Json& other);
 
 /// Kept over restarts, so that nobody is told twice. All functions may be called by any thread.
 class CConditions {
@@ -58,7 +60,7 @@ class CConditions {
   const Json* Before(const Json& condition) const;
 
   std::map<std::string, Json> m_Conditions;  ///< by identifier: "array-degraded:md_d0"
-  std::map<std::string, SGone> m_Gone;       ///< by identity: those that may come back, with their array
+  std::map<std::string, SGone> m_Gone;       ///< by identifier: those that may come back, with their array
 };
 
 }  // namespace Rvxd

@@ -60,7 +60,7 @@ while True:
 PYTHON
 listener=$!
 mkdir /tmp/prometheus
-sed -E 's/\bfor: [0-9]+[smh]/for: 1s/' "$RVX_SOURCE/contrib/prometheus/rvx.rules.yml" >/tmp/prometheus/rules.yml
+sed -E 's/\b(keep_firing_)?for: [0-9]+[smh]/\1for: 1s/' "$RVX_SOURCE/contrib/prometheus/rvx.rules.yml" >/tmp/prometheus/rules.yml
 cat >/tmp/prometheus/prometheus.yml <<'YAML'
 global: {scrape_interval: 2s, evaluation_interval: 2s}
 rule_files: [rules.yml]

@@ -114,9 +114,10 @@ TEST(Alarms, WhatCameAnewIsNewAlsoInAMatterThatLasts) {
 TEST(Alarms, AnArrayThatIsNotThereIsNotInOrder) {
   SChannelOnTest channel;
   Json wrong = Json::array({Condition("array-degraded:md_d0", "critical", BEGIN)});
-  wrong[0]["uuid"] = "u";
   channel.m_Arrays = {"md_d0", "u"};
   channel.At(BEGIN + MINUTE, wrong);
+  wrong[0]["uuid"] = "u";  // which udev tells later
+  channel.At(BEGIN + 2 * MINUTE, wrong);
   channel.m_Arrays = {};
   channel.During(BEGIN + 2 * MINUTE, 4 * MINUTE, Json::array());
   // It comes back under another name, as at a start.
