@@ -107,7 +107,8 @@ class Module(AnsibleCase):
                 ({**pair, "disks": ["sdd", "sdz"]}, "no disk sdz"), ({**pair, "disks": ["sdd", "sdd"]}, "twice"),
                 ({**pair, "spares": ["sda"]}, "sda cannot be a spare"), ({**pair, "spares": ["sdd", "sdd"]}, "nor two spares"),
                 ({**pair, "spares": ["sdd", "sdc"]}, "/dev/sdc, serial number RVX00003, is not empty: partition sdc1"),
-                ({**pair, "spares": ["sdg"]}, "sdg cannot be a spare: it is smaller"), ({**pair, "spares": ["sde"]}, "sde cannot be a member and its spare"),
+                ({**pair, "spares": ["sdg"]}, "sdg cannot be a spare: it is smaller"), ({**pair, "disks": [], "spares": ["sdd"]}, "1 is named"),
+                ({**pair, "spares": ["sde"]}, "sde cannot be a member and its spare"),
                 ({**pair, "level": "raid0", "spares": ["sda"]}, "no use for spares"), ({"level": "raid1"}, "disks"), ({**pair, "level": "raid7"}, "raid7"),
                 ({**pair, "uuid": before[0]["uuid"]}, "state absent"), ({"state": "absent"}, "no name"), ({"state": "absent", "uuid": "md_d0"}, "no name")):
             for options in ([], ["--check"]) if "spares" in parameters else ([],):

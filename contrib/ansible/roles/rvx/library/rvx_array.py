@@ -259,12 +259,13 @@ class Task:
         disks, spares = ([disk_of(state, name) for name in self.module.params[key]] for key in ("disks", "spares"))
         array = array_of(state, level, disks, spares)
         if array is None:
+            least = min((disk["size"] or 0 for disk in disks), default=0)  # a size that nobody knows forbids nothing
             for i, disk in enumerate(spares):  # before the array is made: it could not get them afterwards
                 if disk in disks + spares[:i]:
                     raise Failure("%s cannot be a member and its spare, nor two spares" % disk["name"])
                 if disk["state"] != "ready":
                     raise Failure("%s cannot be a spare: %s" % (disk["name"], disk["stateText"]))
-                if disk["size"] // MD_UNIT < min(one["size"] for one in disks) // MD_UNIT:
+                if (disk["size"] or least) // MD_UNIT < least // MD_UNIT:
                     raise Failure("%s cannot be a spare: it is smaller than each member" % disk["name"])
                 # The array as it is once the spare has taken a member's place tells what is on it; it is never carried out.
                 self.plan("array.create", level=level, disks=[one["id"] for one in disks[:-1] + [disk]])
