@@ -45,7 +45,7 @@ class Machines(http.server.BaseHTTPRequestHandler):
 
     def do_GET(self):
         number, now = self.path[1:], time.time()
-        text = self.text.replace("PHWL", f"M{number}X").replace('uuid=""', f'uuid="{int(number):032x}"')
+        text = self.text.replace("PHWL", f"M{number}X").replace("@UUID@", f"{int(number):032x}")
         text = text.replace("@PASS@", f"{now - (now + int(number)) % 10:.3f}")
         body = text.replace("@GROWN@", str(int(now - self.start))).encode()
         self.send_response(200)
@@ -64,6 +64,7 @@ class Server(http.server.ThreadingHTTPServer):
 
 
 def template(text):
+    text = re.sub(r'uuid="[^"]*"', 'uuid="@UUID@"', text)
     text = re.sub(r"^(rvx_pass_last_success_timestamp_seconds) .*", r"\1 @PASS@", text, flags=re.M)
     return re.sub(r"^((?:rvx_passes_total|rvx_http_requests_total|rvx_disk_\w+_total).*) \S+$", r"\1 @GROWN@", text, flags=re.M)
 
