@@ -40,12 +40,13 @@ def machine():
 class Machines(http.server.BaseHTTPRequestHandler):
     """GET /17: what the 17th machine tells at the moment."""
     protocol_version = "HTTP/1.1"
-    text = ""  # with a place for the machine, for the time and for what grows
+    text = ""  # with a place for the machine, for its last pass (they come every 10 s) and for what grows
     start = time.time()
 
     def do_GET(self):
         number, now = self.path[1:], time.time()
-        text = self.text.replace("PHWL", f"M{number}X").replace('uuid=""', f'uuid="{int(number):032x}"').replace("@NOW@", f"{now:.3f}")
+        text = self.text.replace("PHWL", f"M{number}X").replace("@UUID@", f"{int(number):032x}")
+        text = text.replace("@PASS@", f"{now - (now + int(number)) % 10:.3f}")
         body = text.replace("@GROWN@", str(int(now - self.start))).encode()
         self.send_response(200)
         self.send_header("Content-Type", "text/plain; version=0.0.4; charset=utf-8")
@@ -63,7 +64,8 @@ class Server(http.server.ThreadingHTTPServer):
 
 
 def template(text):
-    text = re.sub(r"^(rvx_pass_last_success_timestamp_seconds) .*", r"\1 @NOW@", text, flags=re.M)
+    text = re.sub(r'uuid="[^"]*"', 'uuid="@UUID@"', text)
+    text = re.sub(r"^(rvx_pass_last_success_timestamp_seconds) .*", r"\1 @PASS@", text, flags=re.M)
     return re.sub(r"^((?:rvx_passes_total|rvx_http_requests_total|rvx_disk_\w+_total).*) \S+$", r"\1 @GROWN@", text, flags=re.M)
 
 

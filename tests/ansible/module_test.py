@@ -95,8 +95,8 @@ class Module(AnsibleCase):
 
     def test_what_is_refused(self):
         """A disk that is taken away from somebody, an array that is deleted by a name, a failure that does not tell why."""
-        described = machine("abcdef", ["ab"])
-        described["disks"][2]["partitions"] = [{"size": 1024}]
+        described = machine("abcdefg", ["ab"])
+        described["disks"][2]["partitions"], described["disks"][6]["size"] = [{"size": 1024}], 65535
         daemon = self.daemon(described)
         before = daemon.get("/v1/arrays")["arrays"]
         pair = {"level": "raid1", "disks": ["sde", "sdf"]}
@@ -105,17 +105,23 @@ class Module(AnsibleCase):
                 ({**pair, "disks": ["sda", "sdb", "sdd"]}, "exactly 2 disks"), ({**pair, "disks": ["sda"]}, "raid1"),
                 ({**pair, "disks": ["sdc", "sdd"]}, "/dev/sdc, serial number RVX00003, is not empty: partition sdc1"),
                 ({**pair, "disks": ["sdd", "sdz"]}, "no disk sdz"), ({**pair, "disks": ["sdd", "sdd"]}, "twice"),
-                ({**pair, "spares": ["sda"]}, "sda cannot be a spare"), ({**pair, "spares": ["sde"]}, "sde cannot be a member and its spare"),
+                ({**pair, "spares": ["sda"]}, "sda cannot be a spare"), ({**pair, "spares": ["sdd", "sdd"]}, "nor two spares"),
+                ({**pair, "spares": ["sdd", "sdc"]}, "/dev/sdc, serial number RVX00003, is not empty: partition sdc1"),
+                ({**pair, "spares": ["sdg"]}, "sdg cannot be a spare: it is smaller"), ({**pair, "disks": [], "spares": ["sdd"]}, "1 is named"),
+                ({**pair, "spares": ["sde"]}, "sde cannot be a member and its spare"),
                 ({**pair, "level": "raid0", "spares": ["sda"]}, "no use for spares"), ({"level": "raid1"}, "disks"), ({**pair, "level": "raid7"}, "raid7"),
                 ({**pair, "uuid": before[0]["uuid"]}, "state absent"), ({"state": "absent"}, "no name"), ({"state": "absent", "uuid": "md_d0"}, "no name")):
-            with self.subTest(told):
-                result = self.module(daemon.path, **parameters)
-                self.assertIn(told, result["msg"])
-                self.assertEqual(result["changed"] if "changed" in result else False, False)
+            for options in ([], ["--check"]) if "spares" in parameters else ([],):
+                with self.subTest(told, options=options):
+                    result = self.module(daemon.path, *options, **parameters)
+                    self.assertIn(told, result["msg"])
+                    self.assertEqual(result["changed"] if "changed" in result else False, False)
         refused = self.module(daemon.path, "--check", **{**pair, "disks": ["sda", "sdd"]})
         self.assertEqual([(one["rule"], one["object"]) for one in refused["reasons"]], [("disk-in-array", "sda")])
         self.assertEqual(daemon.get("/v1/operations")["operations"], [])
         self.assertTrue(self.module(daemon.path, **{**pair, "disks": ["sdc", "sdd"]}, overwrite=True)["changed"])
+        without_link = self.daemon(machine("ab", [{"level": "raid1", "members": ["sda", "sdb"], "metadata": "0.90"}]))
+        self.assertIn("md_d0 has no UUID yet", self.module(without_link.path, state="absent", uuid=before[0]["uuid"])["msg"])
 
     def test_nobody_there(self):
         """A traceback, or a task that waits for what does not come."""

@@ -59,12 +59,13 @@ class Role(AnsibleCase):
         """A secret that others read, or that is shown; a check that writes; a file of somebody else's that goes."""
         channels = {"rvx_channels": {"chat": {"type": "webhook", "url": "https://chat.invalid/key", "header": ["A: 1", "B: 2"], "cleared": False},
                                      "mail": {"type": "mail", "reminder": 24}},
-                    "rvx_templates": {"chat": '{"text": "${text}",  "a": [1]}\n'}, "rvx_options": "--plan-seconds 60", "rvx_textfile": "/srv/rvx.prom"}
+                    "rvx_templates": {"chat": '{"text": "${text}",  "a": [1]}\n'}, "rvx_options": "--plan-seconds 60",
+                    "rvx_textfile": f"{self.folder}/node/rvx.prom"}
         files = ("--tags", "rvx_config", "--diff")
         changed, shown = self.play(*files, "--check", **channels)
-        self.assertEqual((changed > 0, "key" in shown, self.channels.exists()), (True, False, False))
+        self.assertEqual((changed > 0, "key" in shown, self.channels.exists(), (self.folder / "node").exists()), (True, False, False, False))
         changed, shown = self.play(*files, **channels)
-        self.assertEqual((changed > 0, "chat.invalid" in shown), (True, False))
+        self.assertEqual((changed > 0, "chat.invalid" in shown, "${text}" in shown, (self.folder / "node").is_dir()), (True, False, False, True))
         self.assertEqual(self.names(), ["chat.conf", "chat.template", "mail.conf"])
         for name in self.names():
             self.assertEqual(stat.S_IMODE((self.channels / name).stat().st_mode), 0o600)
@@ -72,7 +73,7 @@ class Role(AnsibleCase):
         self.assertEqual(lines, ["type = webhook", "url = https://chat.invalid/key", "header = A: 1", "header = B: 2", "cleared = no"])
         self.assertEqual((self.channels / "mail.conf").read_text().splitlines()[1:], ["type = mail", "reminder = 24"])
         self.assertEqual((self.channels / "chat.template").read_text(), channels["rvx_templates"]["chat"])
-        self.assertIn('\nRVXD_OPTIONS="--plan-seconds 60 --textfile /srv/rvx.prom"\n', self.default.read_text())
+        self.assertIn(f'\nRVXD_OPTIONS="--plan-seconds 60 --textfile {self.folder}/node/rvx.prom"\n', self.default.read_text())
         self.assertEqual((self.units / "log").read_text(), "start rvxd.service\n")
         self.assertEqual(self.play(*files, **channels)[0], 0)
 
@@ -87,13 +88,14 @@ class Role(AnsibleCase):
         self.assertIn('\nRVXD_OPTIONS=""\n', self.default.read_text())
 
     def test_what_cannot_be_meant(self):
-        """A file outside of the folder, a second line in one, a second option in a path, a value of another kind."""
+        """A file outside of the folder, a second line in one, a second option in a path, a value of another kind, a port without a network."""
         for name, value in (("rvx_channels", {"../x": {"type": "mail"}}), ("rvx_channels", {"x": {"to": ["a", "b\ntype = program"]}}),
                             ("rvx_channels", {"x": {"to\n": "a"}}), ("rvx_templates", {"x\n": ""}), ("rvx_textfile", "/srv/a b"), ("rvx_options", 'a"b'),
-                            ("rvx_channels", "mail"), ("rvx_metrics_socket", "perhaps")):
+                            ("rvx_options", "--metrics=127.0.0.1:9634"), ("rvx_channels", "mail"), ("rvx_metrics_socket", "perhaps")):
             with self.subTest(name):
                 _, out = self.play("--tags", "rvx_config", "--check", fails=True, **{name: value})
                 self.assertIn(name, out)
+                self.assertEqual("say rvx_metrics_socket: true" in out, "--metrics" in value)
                 self.assertFalse(self.channels.exists())
 
     def test_services(self):

@@ -97,7 +97,7 @@ array:
   type: dict
   sample: {uuid: "4f1c2c3e:9a0b77d1:5e6f0a2b:c3d4e5f6", name: md_d0, device: /dev/md_d0, level: raid1, state: rebuilding}
 plans:
-  description: What was planned, each with C(kind), C(title), C(consequences) and C(disks) of what C(POST /v1/plans) answers.
+  description: What was planned to be done, each with C(kind), C(title), C(consequences) and C(disks) of what C(POST /v1/plans) answers.
   returned: always, once the machine was looked at
   type: list
   elements: dict
@@ -124,6 +124,7 @@ import uuid
 from ansible.module_utils.basic import AnsibleModule
 
 WITHOUT_REDUNDANCY = ("linear", "raid0")
+MD_UNIT = 64 * 1024  # bytes; what a disk has beyond a multiple of it is not used
 
 
 class Failure(Exception):
@@ -199,14 +200,13 @@ class Task:
         self.plans, self.operations, self.notes = [], [], []
 
     def plan(self, kind, **request):
-        """A plan that is allowed."""
+        """A plan that is allowed and takes nothing that overwrite would have to allow."""
         status, plan = self.daemon.ask("POST", "/v1/plans", dict(request, kind=kind))
         if status != 200:
             raise problem(plan)
         if not plan["allowed"]:
             told = "; ".join("%s (%s)" % (one["text"], one["rule"]) for one in plan["reasons"])
             raise Failure(told or plan["error"]["message"], reasons=plan["reasons"])
-        self.plans.append(plan)
         for disk in plan["disks"] if kind != "array.delete" and not self.module.params["overwrite"] else ():
             if disk["contents"]:
                 raise Failure("%s, serial number %s, is not empty: %s. With overwrite: true it is taken all the same" %
@@ -215,6 +215,7 @@ class Task:
 
     def carry_out(self, kind, **request):
         plan = self.plan(kind, **request)
+        self.plans.append(plan)
         if not self.module.check_mode:
             self.operations.append(self.begin(plan))
             self.end()
@@ -242,11 +243,14 @@ class Task:
                           reasons=operation["error"]["reasons"])
 
     def absent(self):
-        wanted = self.module.params["uuid"].lower()
-        for array in self.daemon.get("/v1/arrays")["arrays"]:
+        wanted, arrays = self.module.params["uuid"].lower(), self.daemon.get("/v1/arrays")["arrays"]
+        for array in arrays:
             if array["uuid"] == wanted:
                 self.carry_out("array.delete", array=wanted)
                 return array if self.module.check_mode else None
+        unknown = [array["name"] for array in arrays if array["uuid"] is None]
+        if unknown:  # it may be the one
+            raise Failure("%s has no UUID yet: udev has not made its link below /dev/disk/by-id" % unknown[0])
         return None
 
     def present(self):
@@ -255,12 +259,16 @@ class Task:
         disks, spares = ([disk_of(state, name) for name in self.module.params[key]] for key in ("disks", "spares"))
         array = array_of(state, level, disks, spares)
         if array is None:
-            both = [disk["name"] for disk in disks if disk in spares]
-            if both:
-                raise Failure("%s cannot be a member and its spare" % both[0])
-            for disk in spares:  # before the array is made: it could not get them afterwards
+            least = min((disk["size"] or 0 for disk in disks), default=0)  # a size that nobody knows forbids nothing
+            for i, disk in enumerate(spares):  # before the array is made: it could not get them afterwards
+                if disk in disks + spares[:i]:
+                    raise Failure("%s cannot be a member and its spare, nor two spares" % disk["name"])
                 if disk["state"] != "ready":
                     raise Failure("%s cannot be a spare: %s" % (disk["name"], disk["stateText"]))
+                if (disk["size"] or least) // MD_UNIT < least // MD_UNIT:
+                    raise Failure("%s cannot be a spare: it is smaller than each member" % disk["name"])
+                # The array as it is once the spare has taken a member's place tells what is on it; it is never carried out.
+                self.plan("array.create", level=level, disks=[one["id"] for one in disks[:-1] + [disk]])
             request = {"level": level, "disks": [disk["id"] for disk in disks]}
             self.carry_out("array.create", **dict(request, **({} if stripe is None else {"stripe": stripe})))
             if self.module.check_mode:
