@@ -93,7 +93,7 @@ std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Mil
       for (const auto& told : std::exchange(matter.m_Told, {})) {
         Json known = told.second;
         known["uuid"] = key;
-        matter.m_Told[IdentityOf(known)] = std::move(known);
+        matter.m_Told[IdentityOf(known)] = known;
       }
       m_Matters[key] = std::move(matter);
       m_Matters.erase(name);
