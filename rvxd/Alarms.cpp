@@ -33,6 +33,13 @@ Host::EHealth LevelOf(const Json& condition) {
                                                                      : Host::EHealth::WARNING;
 }
 
+std::string DisksOf(const Json& condition) {
+  std::vector<std::string> names;
+  for (const Json& disk : condition["disks"]) names.push_back(disk[disk["id"].is_string() ? "id" : "name"]);
+  std::ranges::sort(names);
+  return Host::Joined(names);
+}
+
 /// Whether more of it is lost than when it was told.
 bool IsWorse(const Json& now, const Json& told) {
   const bool hasLess =
@@ -59,7 +66,7 @@ CTold::CTold(const Json& kept) {
       SMatter& matter = m_Matters[subject];
       one.at("told").get_to(matter.m_Told);
       for (const auto& [id, time] : one.at("times").items())
-        matter.m_Times[id] = {time.at(0), static_cast<Host::EHealth>(time.at(1).get<int>())};
+        matter.m_Times[id] = {time.at(0), static_cast<Host::EHealth>(time.at(1).get<int>()), time.at(2)};
       one.at("last").get_to(matter.m_Last);
       one.at("over").get_to(matter.m_Over);
       one.at("next").get_to(matter.m_Next);
@@ -75,7 +82,8 @@ Json CTold::ToJson() const {
   Json all = Json::object();
   for (const auto& [key, matter] : m_Matters) {
     Json times = Json::object();
-    for (const auto& [id, time] : matter.m_Times) times[id] = {time.m_At, static_cast<int>(time.m_Level)};
+    for (const auto& [id, time] : matter.m_Times)
+      times[id] = {time.m_At, static_cast<int>(time.m_Level), time.m_Disks};
     all[key] = {{"told", matter.m_Told}, {"times", times},        {"last", matter.m_Last},
                 {"over", matter.m_Over}, {"next", matter.m_Next}, {"tries", matter.m_Tries}};
   }
@@ -204,7 +212,7 @@ void CTold::Delivered(const SDue& due, Milliseconds now) {
     for (const Json& condition : due.m_Conditions) {
       std::erase_if(matter.m_Told, [&](const auto& told) { return IsSame(told.second, condition); });
       matter.m_Told[IdentityOf(condition)] = condition;
-      matter.m_Times[IdentityOf(condition)] = {now, LevelOf(condition)};
+      matter.m_Times[IdentityOf(condition)] = {now, LevelOf(condition), DisksOf(condition)};
     }
   matter.m_Last = now;
   matter.m_Next = 0;

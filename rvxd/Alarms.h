@@ -65,6 +65,7 @@ class CTold {
   struct STime {
     Milliseconds m_At;
     Host::EHealth m_Level;
+    std::string m_Disks;  ///< that it was about: with others it is another failure
   };
   struct SMatter {
     std::map<std::string, Json> m_Told{};    ///< conditions by identity, as they were told

@@ -109,6 +109,12 @@ TEST(Alarms, WhatCameAnewIsNewAlsoInAMatterThatLasts) {
   EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "worse md_d0"));
   channel.At(BEGIN + 2 * HOUR, wrong(BEGIN + 8 * MINUTE, 1));
   EXPECT_EQ(channel.m_Messages.size(), 3U);
+  channel.At(BEGIN + 2 * HOUR + MINUTE, Json::array({wrong(BEGIN, 1)[1]}));
+  Json other = wrong(BEGIN + 2 * HOUR + MINUTE, 1);  // the new disk has failed, too
+  other[0]["disks"] = Json::array(
+      {{{"name", "sdc"}, {"id", "c"}, {"serial", "c"}, {"model", "c"}, {"path", "c"}, {"state", "failed"}}});
+  channel.At(BEGIN + 2 * HOUR + 2 * MINUTE, other);
+  EXPECT_EQ(channel.m_Messages.size(), 4U);
 }
 
 TEST(Alarms, AnArrayThatIsNotThereIsNotInOrder) {
