@@ -192,7 +192,8 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
       const auto time = matter.m_Times.find(IdentityOf(condition));
       // One that was told and has grown worse since is told at once.
       return time != matter.m_Times.end() && IsWithin(time->second.m_At, now, HOUR) &&
-             LevelOf(condition) <= time->second.m_Level && (told == nullptr || !IsWorse(condition, *told));
+             LevelOf(condition) <= time->second.m_Level && DisksOf(condition) == time->second.m_Disks &&
+             (told == nullptr || !IsWorse(condition, *told));
     };
     if (std::ranges::any_of(fresh, isYoung) || std::ranges::all_of(fresh, wasToldNow)) return std::nullopt;
     return SDue{matter.m_Told.empty() ? EPhase::BEGAN : EPhase::WORSE, all.front()["subject"], all,

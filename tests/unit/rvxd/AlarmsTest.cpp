@@ -115,6 +115,11 @@ TEST(Alarms, WhatCameAnewIsNewAlsoInAMatterThatLasts) {
       {{{"name", "sdc"}, {"id", "c"}, {"serial", "c"}, {"model", "c"}, {"path", "c"}, {"state", "failed"}}});
   channel.At(BEGIN + 2 * HOUR + 2 * MINUTE, other);
   EXPECT_EQ(channel.m_Messages.size(), 4U);
+  channel.During(BEGIN + 2 * HOUR + 3 * MINUTE, 3 * MINUTE, Json::array());
+  other[0]["disks"][0]["id"] = "d";
+  other[0]["since"] = Host::TimeText(BEGIN + 2 * HOUR + 7 * MINUTE);
+  channel.At(BEGIN + 2 * HOUR + 8 * MINUTE, Json::array({other[0]}));
+  EXPECT_EQ(channel.m_Messages.size(), 6U);
 }
 
 TEST(Alarms, AnArrayThatIsNotThereIsNotInOrder) {
