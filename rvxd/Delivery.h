@@ -38,7 +38,7 @@ class CDelivery {
   /// None as long as it is under way. Does not wait.
   std::optional<SDelivered> Result();
   /// Takes note of those that have ended since they were given up: one in the kernel's hands may take its
-  /// time. For the one thread that delivers.
+  /// time. Whoever makes, ends or reaps one holds CNotifier's lock.
   static void Reap();
 
  private:

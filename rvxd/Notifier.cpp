@@ -102,9 +102,9 @@ void CNotifier::Turn() {
     if (isTime) Take(std::move(channels));
     TellAll(picture);
     TurnTests();
+    CDelivery::Reap();  // a test may end a delivery, too
   }
   Keep();
-  CDelivery::Reap();
 }
 
 void CNotifier::TellAll(const std::optional<SPicture>& picture) {
