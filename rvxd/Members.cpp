@@ -49,11 +49,17 @@ CMembers::CMembers(const std::string& folder)
 void CMembers::Learn(const Json& arrays, const Json& disks) {
   Json known = m_Known;
   for (const Json& array : arrays) {
-    if (array["redundancy"]["missing"] != 0) continue;
-    Json members = Json::array();
-    for (const Json& member : array["members"])
-      if (member["state"] == "active")
-        members.push_back(IdentityOf(member["name"], Find(disks, "id", member["whole"]), "gone"));
+    const bool isWhole = array["redundancy"]["missing"] == 0;
+    Json members = isWhole ? Json::array() : known.value(KeyOf(array), Json::array());
+    for (const Json& member : array["members"]) {
+      if (member["state"] != (isWhole ? "active" : "failed")) continue;
+      const Json* const disk = Find(disks, "id", member["whole"]);
+      // One that failed since the array was whole is known already, one that failed before is not.
+      const bool isNew = disk != nullptr && std::ranges::none_of(members, [&](const Json& one) {
+                           return one["id"] == (*disk)["id"] && one["serial"] == (*disk)["serial"];
+                         });
+      if (isWhole || isNew) members.push_back(IdentityOf(member["name"], disk, "gone"));
+    }
     known[KeyOf(array)] = std::move(members);
   }
   // Arrays come and go; one that is not there may be on its way.

@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// Which disks arrays were made of when they were last whole: md forgets the one that has gone, and whoever
-/// is to replace it needs its serial number.
+/// Which disks arrays were made of when they were last whole, and which have failed since: md forgets the one
+/// that has gone, and whoever is to replace it needs its serial number.
 
 #include <string>
 
@@ -19,7 +19,8 @@ class CMembers {
   /// Whether a document from a file is one of the disks below.
   static bool IsDisk(const Json& json);
 
-  /// Takes in the arrays that are whole. `arrays` and `disks` are those of /v1/state, here and below.
+  /// Takes in members that work in arrays that are whole, and failed ones of the others. `arrays` and `disks`
+  /// are those of /v1/state, here and below.
   void Learn(const Json& arrays, const Json& disks);
   /// The disks that a problem with this array or disk is about: [{name, id, serial, model, path, state}]. Of
   /// an array those that do not work in it: the failed ones first, and at last, "gone", those that it had and

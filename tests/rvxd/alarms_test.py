@@ -91,6 +91,8 @@ class Alarms(Case):
         time.sleep(4)
         all_told(1)
         daemon.carry_out("spare.release", disk="sdb")
+        gone = [(one["id"], disk["serial"], disk["state"]) for one in daemon.get("/v1/conditions")["conditions"] for disk in one["disks"]]
+        self.assertEqual(gone, [("array-degraded:md_d0", "S-1", "gone")], "whoever is to pull it learns which it is")
         daemon.carry_out("spare.add", disk="sdc", array="md_d0")
         all_told(2)
         self.assertIn(" is over, after ", self.mails(folder)[1])
