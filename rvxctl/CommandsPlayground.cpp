@@ -87,7 +87,7 @@ constexpr struct SPlayground {
                     }},
                    {"degraded", "a mirror whose second member is gone, and two free disks",
                     [] {
-                      return MachineOf(3, {Array(0, "raid1", {"sda", nullptr})});
+                      return MachineOf(3, Json::array({Array(0, "raid1", {"sda", nullptr})}));
                     }},
                    {"failed", "a mirror whose second member has failed and is still held, and two free disks",
                     [] {

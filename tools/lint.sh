@@ -31,16 +31,16 @@ none() {
 door_to_linux() {
     local headers='unistd\.h|fcntl\.h|sys/(ioctl|stat|select|types|wait|mount|sysmacros)\.h|poll\.h|spawn\.h|dirent\.h'
     headers+='|time\.h|ctime|fstream|filesystem|boost/filesystem/(fstream|operations)\.hpp'
-    # The language's own, memory and text; printf for the one line that tells of the start.
-    local plain='_Unwind_Resume|_GLOBAL_OFFSET_TABLE_|__(assert_fail|cxa_[a-z_]+|dso_handle|dynamic_cast|errno_location)'
+    # The language's own, memory and text, and what a release makes of them; printf for the one line that tells of the start.
+    local plain='_Unwind_Resume|_GLOBAL_OFFSET_TABLE_|__(assert_fail|cxa_[a-z_]+|dso_handle|dynamic_cast|errno_location)|__(stack_chk_fail|(sn)?printf_chk|(mem|str)n?[a-z]+_chk)'
     plain+='|__gxx_personality_v0|pthread_mutex_(lock|unlock)|mem(chr|cmp|cpy|move|set)|str(cmp|len|ncpy|error_r)|isspace'
     plain+='|__isoc99_sscanf|snprintf|printf|fflush|stdout'
     local past='^(std::(filesystem|chrono|thread|this_thread|random_device)|std::basic_[io]*fstream'
     past+='|boost::filesystem::(detail|directory)|KVTX::CSystem(PartitionTable)?::|KVT::Misc::CKvtApplication::)'
-    local status=0 symbols
+    local build=${1:-build/dev} status=0 symbols
     none "Src includes a header of the operating system's:" "^ *#include *<($headers)>" Src || status=1
-    symbols=$(nm -u build/dev/Src/lib*.a | awk '$1 == "U" { print $2 }' | sort -u)
-    [ -n "$symbols" ] || { echo "build/dev holds no objects of Src that could be looked at." && return 1; }
+    symbols=$(nm -u "$build"/Src/lib*.a | awk '$1 == "U" { print $2 }' | sort -u)
+    [ -n "$symbols" ] || { echo "$build holds no objects of Src that could be looked at." && return 1; }
     ! grep -v '^_Z' <<<"$symbols" | grep -vxE "$plain" | sed 's/^/Src calls past the door: /' | grep . || status=1
     ! grep '^_Z' <<<"$symbols" | c++filt | grep -E "$past" | sed 's/^/Src calls past the door: /' | grep . || status=1
     return "$status"

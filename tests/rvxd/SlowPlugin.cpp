@@ -9,6 +9,10 @@
 
 #include "PI/PluginApi.h"
 
+namespace OS {
+class COperatingSystem;
+}
+
 namespace {
 
 void* Simulated(const char* name) {
@@ -49,4 +53,6 @@ extern "C" void* releaseIf(IPLUGINAPI** inout) {
 extern "C" const char* rvxLoadMachine(const char* file) {
   return reinterpret_cast<const char* (*)(const char*)>(Simulated("rvxLoadMachine"))(file);
 }
-extern "C" void* rvxMachine() { return reinterpret_cast<void* (*)()>(Simulated("rvxMachine"))(); }
+extern "C" OS::COperatingSystem* rvxMachine() {
+  return reinterpret_cast<OS::COperatingSystem* (*)()>(Simulated("rvxMachine"))();
+}
