@@ -1,0 +1,94 @@
+// How the machine is: what needs a hand first, then everything.
+
+import { element } from "../element.js";
+import { count, percent, size } from "../format.js";
+import { address, arrayLink, button, diskLink, link, mark, progress, stateMark, table } from "../parts.js";
+import { arrayOf, diskOf, matters, obstacle } from "../store.js";
+
+const LEVEL_TEXTS = { ok: "In order", warning: "Warning", critical: "Critical", unknown: "Not known" };
+
+export function overview(state, actions) {
+    const { health, arrays, disks } = state.machine;
+    const concerned = matters(state);
+    const names = new Set(concerned.flatMap((matter) => [matter.subject, ...matter.conditions.flatMap((one) =>
+        [one.object, ...one.disks.map((disk) => disk.name)])]));
+    const shown = (list, isInOrder) => state.onlyProblems ? list.filter((one) => !isInOrder(one) || names.has(one.name)) : list;
+    return [
+        element("h1", null, mark(health.level, LEVEL_TEXTS[health.level]), " ",
+            health.headline[0].toUpperCase() + health.headline.slice(1)),
+        health.notes.map((note) => element("p", null, note)),
+        concerned.length > 0 && element("section", { "aria-labelledby": "needs", key: "needs" },
+            element("h2", { id: "needs" }, "What needs you"), concerned.map((matter) => card(state, actions, matter))),
+        element("div", { class: "tools", key: "tools" },
+            element("label", null, element("input", {
+                type: "checkbox", checked: state.onlyProblems, onchange: (event) => actions.showOnlyProblems(event.target.checked),
+            }), "Only what needs me"),
+            element("span", null, button("create", "Create an array...", () => actions.open({
+                title: "Create an array", form: { level: null, disks: [], stripe: null },
+            }), { why: obstacle(state), isQuiet: true }))),
+        arrayTable(state, shown(arrays, (one) => one.state === "in-order")),
+        diskTable(state, shown(disks, (one) => one.state !== "failed" && one.state !== "missing")),
+    ];
+}
+
+/** All that is wrong with one subject, and the step that is next. */
+function card(state, actions, { subject, level, conditions }) {
+    const known = new Map(conditions.flatMap((one) => one.disks).map((disk) => [`${disk.id} ${disk.name}`, disk]));
+    const [first] = conditions;
+    const isNew = conditions.some((one) => !one.acknowledged);
+    return element("article", { class: `card ${level}`, key: subject, "aria-label": subject },
+        element("h3", null, mark(level, LEVEL_TEXTS[level]), " ", subject),
+        conditions.map((one) => element("p", { key: one.id }, one.object === subject ? one.text : `${one.object}: ${one.text}`)),
+        known.size > 0 && element("ul", { class: "identities" }, [...known.values()].map((disk) => element("li", null,
+            element("strong", null, disk.name), " ", stateMark(disk.state), ` serial ${disk.serial ?? "not known"}`,
+            disk.path && `, at ${disk.path}`, disk.model && `, ${disk.model}`))),
+        element("div", { class: "tools" }, step(state, subject, conditions),
+            isNew ? button(`acknowledge-${subject}`, "Acknowledge", () => actions.acknowledge(first.id), { why: obstacle(state), isQuiet: true })
+                : element("small", null, "Acknowledged")),
+        state.notes[`condition:${first.id}`] && element("p", { class: "note", role: "status" }, state.notes[`condition:${first.id}`]));
+}
+
+/** The one step that is next: a page where it is done, else in rvxd's words. */
+function step(state, subject, conditions) {
+    const kinds = new Set(conditions.map((one) => one.kind));
+    const array = arrayOf(state, conditions[0].uuid ?? subject);
+    const go = (target, text) => element("a", { class: "button primary", href: target }, text);
+    if (array && (kinds.has("array-degraded") || kinds.has("disk-failed")))
+        return go(address("replace", array.uuid ?? array.name), "Replace the disk...");
+    if (kinds.has("notify-failing")) return go("#/settings", "Look at the channels");
+    const next = conditions.find((one) => one.next)?.next;
+    const disk = diskOf(state, subject);
+    return [
+        next && element("span", null, next),
+        array && link(address("array", array.name), `Look at ${array.name}`),
+        disk && link(address("disk", disk.id), `Look at ${disk.name}`),
+    ];
+}
+
+function arrayTable(state, arrays) {
+    return table("Arrays", [
+        ["Name", arrayLink],
+        ["State", (one) => [stateMark(one.state, one.stateText), one.activity.kind !== "none" && element("span", { class: "activity" },
+            ` ${one.activity.text} ${one.activity.progress === null ? "" : percent(one.activity.progress)}`,
+            one.activity.progress !== null && progress(`${one.activity.text} of ${one.name}`, one.activity.progress))]],
+        ["Level", (one) => one.level],
+        ["Size", (one) => size(one.size)],
+        ["Disks", (one) => `${one.redundancy.active} of ${one.redundancy.required}${one.spares.length ? `, ${count(one.spares.length, "spare")}` : ""}`],
+        ["Used at", (one) => one.mounts.join(", ")],
+    ], arrays, { empty: state.onlyProblems ? "No array needs you." : "There is no array yet.", key: (one) => one.uuid ?? one.name });
+}
+
+function diskTable(state, disks) {
+    return table("Disks", [
+        ["Name", diskLink],
+        ["State", (one) => stateMark(one.state, one.stateText)],
+        ["Serial number", (one) => one.serial],
+        ["Model", (one) => [one.vendor, one.model].filter(Boolean).join(" ")],
+        ["Size", (one) => size(one.size)],
+        ["Path", (one) => one.path],
+        ["Used by", (one) => one.usedBy.map((user, index) => [index > 0 && ", ", user === one.array ? link(address("array", user), user) : user])],
+    ], disks, {
+        empty: state.onlyProblems ? "No disk needs you." : "There is no disk on a controller that is supported.",
+        key: (one) => one.identifier,
+    });
+}
