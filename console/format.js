@@ -54,5 +54,7 @@ export const count = (number, one, more = `${one}s`) => `${number} ${number === 
 
 export const listed = (texts) => texts.length ? texts.join(", ") : "none";
 
+export const capital = (text) => text.slice(0, 1).toUpperCase() + text.slice(1);
+
 /** What rvxd says of a reason, without the plug-in's number in front, which is for programs. */
-export const reason = (text) => text.replace(/^\d+ [A-Z][A-Z_]*: /, "");
+export const reason = (text) => capital(text.replace(/^\d+ [A-Z][A-Z_]*: /, ""));

@@ -48,7 +48,7 @@ function draw() {
     if (state.dialog && !hadDialog) opener = document.activeElement?.id;
     show(root, page(state));
     if (state.dialog && !hadDialog) document.getElementById("dialog").focus();
-    if (!state.dialog && hadDialog) (document.getElementById(opener) ?? document.querySelector("main")).focus();
+    if (!state.dialog && hadDialog) (document.getElementById(opener) ?? document.querySelector("main")).focus({ preventScroll: true });
     // What was pressed may be gone with its step: the keyboard goes on in the dialog.
     if (state.dialog && !document.getElementById("dialog").contains(document.activeElement)) document.getElementById("dialog").focus();
     if (drawn !== null && drawn !== state.route) {
@@ -67,6 +67,9 @@ store.listen(() => {
         setTimeout(draw, 0);
     }
 });
+
+// Whoever types and presses at once means the page as it is now, with what was typed.
+for (const type of ["keydown", "click", "change", "submit"]) window.addEventListener(type, () => isDrawn || draw(), true);
 
 const BADGES = { warning: "warning", critical: "error" };
 let told;

@@ -15,7 +15,7 @@ const STATE_LEVELS = {
 };
 
 /** The state of an array, disk, member or operation; `text` where it is called something else. */
-export const stateMark = (state, text = state) => mark(STATE_LEVELS[state] ?? "unknown", text);
+export const stateMark = (state, text = state.replace("-", " ")) => mark(STATE_LEVELS[state] ?? "unknown", text);
 
 /** The parts of a name that leads somewhere in an address. */
 export const address = (...words) => `#/${words.map(encodeURIComponent).join("/")}`;
@@ -42,12 +42,14 @@ export function button(id, text, onclick, { why = null, kind = "", isQuiet = fal
 
 /**
  * A table that lays its rows out as cards where there is little room: `columns` are [heading, cell of a row], the first
- * names the row. The roles are said because a table that is laid out otherwise loses them.
+ * names the row. Where a heading above says what it is, the title is not shown. The roles are said because a table that is
+ * laid out otherwise loses them.
  */
-export function table(caption, columns, rows, { empty, key }) {
-    if (!rows.length) return element("section", { class: "table" }, element("h2", null, caption), element("p", { class: "empty" }, empty));
+export function table(caption, columns, rows, { empty, key, isTitled = true }) {
+    const kind = isTitled ? null : "hidden";
+    if (!rows.length) return element("section", { class: "table" }, element("h2", { class: kind }, caption), element("p", { class: "empty" }, empty));
     return element("table", { role: "table", class: "table" },
-        element("caption", null, caption),
+        element("caption", { class: kind }, caption),
         element("thead", { role: "rowgroup" }, element("tr", { role: "row" },
             columns.map(([heading]) => element("th", { role: "columnheader", scope: "col" }, heading)))),
         element("tbody", { role: "rowgroup" }, rows.map((row) => element("tr", { role: "row", key: key(row) },
@@ -98,7 +100,7 @@ export function navigation(state, actions) {
             href: `#/${word}`, "aria-current": (state.route[0] ?? "") === word ? "page" : null,
         }, text))),
         element("button", {
-            id: "operations", type: "button", "aria-expanded": String(state.drawer), "aria-controls": "drawer",
+            id: "operations", type: "button", "aria-expanded": String(state.drawer), "aria-controls": state.drawer ? "drawer" : null,
             onclick: () => actions.showOperations(!state.drawer),
         }, pending ? `Operations (${pending})` : "Operations"));
 }

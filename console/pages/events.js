@@ -6,7 +6,7 @@ import { mark, table } from "../parts.js";
 import { EVENTS_LIMIT } from "../store.js";
 
 const SEVERITIES = { information: "All", warning: "Warnings and errors", error: "Errors" };
-const LEVELS = { information: "ok", warning: "warning", error: "critical" };
+const LEVELS = { information: "unknown", warning: "warning", error: "critical" };
 
 export function events(state, actions) {
     const { severity, object } = state.filter;
@@ -27,7 +27,7 @@ export function events(state, actions) {
             ["Object", (event) => event.objectName],
             ["What happened", (event) => event.count > 1 ? `${event.text} (${event.count} times, last ${moment(event.last)})` : event.text],
         ], [...chosen].reverse(), {
-            empty: state.events.length ? "No event is like this." : "Nothing has happened yet.", key: (event) => event.id,
+            empty: state.events.length ? "No event is like this." : "Nothing has happened yet.", key: (event) => event.id, isTitled: false,
         }),
         state.events.length === EVENTS_LIMIT && element("p", { class: "empty" },
             `These are the last ${EVENTS_LIMIT}. "rvxctl events" shows all that are kept.`),

@@ -6,7 +6,8 @@ import { button, left, outcome, stateMark } from "../parts.js";
 import { obstacle } from "../store.js";
 
 export function operations(state, actions) {
-    return element("aside", { id: "drawer", "aria-label": "Operations", hidden: !state.drawer, key: "drawer" },
+    if (!state.drawer) return null;
+    return element("aside", { id: "drawer", "aria-label": "Operations", key: "drawer" },
         element("h2", null, "Operations"),
         button("close-operations", "Close", () => actions.showOperations(false), { kind: "close" }),
         state.operations.length === 0 && element("p", { class: "empty" }, "Nothing was changed since rvxd keeps account."),

@@ -1,7 +1,7 @@
 // How the machine is: what needs a hand first, then everything.
 
 import { element } from "../element.js";
-import { count, percent, size } from "../format.js";
+import { capital, count, percent, size } from "../format.js";
 import { address, arrayLink, button, diskLink, link, mark, progress, stateMark, table } from "../parts.js";
 import { arrayOf, diskOf, matters, obstacle } from "../store.js";
 
@@ -15,7 +15,7 @@ export function overview(state, actions) {
     const shown = (list, isInOrder) => state.onlyProblems ? list.filter((one) => !isInOrder(one) || names.has(one.name)) : list;
     return [
         element("h1", null, mark(health.level, LEVEL_TEXTS[health.level]), " ",
-            health.headline[0].toUpperCase() + health.headline.slice(1)),
+            capital(health.headline)),
         health.notes.map((note) => element("p", null, note)),
         concerned.length > 0 && element("section", { "aria-labelledby": "needs", key: "needs" },
             element("h2", { id: "needs" }, "What needs you"), concerned.map((matter) => card(state, actions, matter))),

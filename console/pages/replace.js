@@ -67,9 +67,9 @@ const CONTENTS = {
 };
 
 function candidates(state, actions, array, disks) {
-    return element("ul", { class: "identities" }, disks.map((disk) => element("li", { key: disk.identifier },
-        element("strong", null, disk.name), ` ${size(disk.size)}, serial ${disk.serial ?? "not known"}`, disk.path && `, at ${disk.path}`, disk.model && `, ${disk.model} `,
-        element("div", null, button(`add-${disk.identifier}`, `Add ${disk.name}...`, () => actions.open({
+    return element("ul", { class: "identities candidates" }, disks.map((disk) => element("li", { key: disk.identifier },
+        element("span", null, element("strong", null, disk.name), ` ${size(disk.size)}, serial ${disk.serial ?? "not known"}`, disk.path && `, at ${disk.path}`, disk.model && `, ${disk.model}`),
+        element("span", null, button(`add-${disk.identifier}`, `Add ${disk.name}...`, () => actions.open({
             title: `Add ${disk.name} to ${array.name}`, request: { kind: "spare.add", disk: disk.id, array: array.name },
         }), { why: obstacle(state), kind: "primary" })))));
 }

@@ -40,14 +40,14 @@ test("a button that cannot be used says why, everywhere", () => {
     const away = { link: { state: "away", readOnly: false, problem: "not-found", heard: 1000 }, now: 43000 };
     const reader = { link: { state: "up", readOnly: true } };
     for (const [more, why] of [[away, "rvxd does not answer."], [reader, "You may look, but not change: turn on administrative access."]]) {
-        const state = stateOf({ ...HURT, levels: [] }, { ...more, channels: [{ channel: "mail", state: "ok" }], operations: [{ id: "op-1", state: "queued", steps: [], title: "t" }] });
+        const state = stateOf({ ...HURT, levels: [] }, { ...more, drawer: true, channels: [{ channel: "mail", state: "ok" }], operations: [{ id: "op-1", state: "queued", steps: [], title: "t" }] });
         const buttons = [[overview(state, nobody), "Create an array..."], [overview(state, nobody), "Acknowledge"], [array(state, nobody, "md_d0"), "Delete the array..."],
             [replace(state, nobody, "md_d0"), "Release sdb..."], [diskPage(state, nobody, "sdb"), "spare.release..."], [settings(state, nobody), "Send a test"], [operations(state, nobody), "Withdraw"]];
         for (const [tree, name] of buttons) assert.equal(button(tree, name).why, why, name);
     }
     assert.match(text(banner(stateOf(HURT, away))), /What you see is 42 seconds old/);
     const state = stateOf(HURT);
-    assert.equal(button(diskPage(state, nobody, "sdc"), "spare.release...").why, "no spare.release", "the plug-in's number is not for people");
+    assert.equal(button(diskPage(state, nobody, "sdc"), "spare.release...").why, "No spare.release", "the plug-in's number is not for people");
 });
 
 test("a replacement's step is told by the machine alone", () => {
