@@ -7,6 +7,7 @@ const DIALOG = {
     title: "",
     form: null,        // of a creation: {level, disks, stripe}
     choice: null,      // what is chosen before the plan: {label, field, options: [{value, text}]}
+    base: null,        // the request that the choice completes
     request: null,     // what the plan is asked for
     mustType: null,    // the name that is typed in place of a tick
     mounts: [],

@@ -2,19 +2,15 @@
 
 export const UNKNOWN = "not known";
 
-const UNITS = ["B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"];
-
-/** Bytes, in the unit in which they have at most four digits, as rvxctl shows them. */
+/** Bytes, as rvxctl shows them: whole units below a gibibyte, tenths above. */
 export function size(bytes) {
     if (bytes == null) return UNKNOWN;
-    let unit = 0;
-    let value = bytes;
-    // What rounds to 1024 is 1 of the next unit.
-    while (value >= 1023.5 && unit < UNITS.length - 1) {
-        value /= 1024;
-        ++unit;
-    }
-    return `${unit > 0 && value < 99.95 ? value.toFixed(1) : Math.round(value)} ${UNITS[unit]}`;
+    if (bytes < 1024) return `${bytes} B`;
+    if (bytes < 2 ** 20) return `${Math.floor(bytes / 1024)} KiB`;
+    const mebibytes = Math.floor(bytes / 2 ** 20);
+    if (mebibytes < 1024) return `${mebibytes} MiB`;
+    const gibibytes = mebibytes / 1024;
+    return gibibytes < 1023.95 ? `${gibibytes.toFixed(1)} GiB` : `${(gibibytes / 1024).toFixed(1)} TiB`;
 }
 
 /** Bytes per second. */

@@ -100,8 +100,13 @@ const travel = () => store.set({ route: cockpit.location.path });
 cockpit.addEventListener("locationchanged", travel);
 travel();
 
-// Other rights are another socket.
-cockpit.permission({ admin: true }).addEventListener("changed", () => session.connect());
+// Other rights are another socket. The first word about them is no change.
+const permission = cockpit.permission({ admin: true });
+let { allowed } = permission;
+permission.addEventListener("changed", () => {
+    if (allowed !== null && allowed !== permission.allowed) session.connect();
+    ({ allowed } = permission);
+});
 
 // The age of what is shown grows while rvxd is away.
 setInterval(() => {

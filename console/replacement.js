@@ -11,7 +11,7 @@ export const STEPS = ["release", "pull", "insert", "add", "rebuild", "whole"];
  */
 export function replacement(state, array) {
     const failed = array.members.filter((member) => member.state === "failed");
-    const gone = (state.machine.health.conditions.find((one) => one.kind === "array-degraded" && one.uuid === array.uuid)?.disks ?? [])
+    const gone = (state.machine.health.conditions.find((one) => one.kind === "array-degraded" && one.object === array.name)?.disks ?? [])
         .filter((disk) => disk.state === "gone")
         .map((disk) => ({ ...disk, isThere: state.machine.disks.some((one) => one.id === disk.id && one.serial === disk.serial) }));
     const ready = state.machine.disks.filter((disk) => !gone.some((one) => one.id === disk.id) &&

@@ -8,12 +8,15 @@ import { diskOf } from "../store.js";
 export function disk(state, actions, id) {
     const one = diskOf(state, id);
     if (!one) return element("h1", null, `There is no disk ${id} any more`);
+    const home = state.machine.arrays.find((array) => array.name === one.array);
+    const slot = home?.members.find((member) => member.whole === one.id)?.slot;
     const redundant = state.machine.arrays.filter((array) => !["raid0", "linear"].includes(array.level));
     return [
         element("p", { class: "crumbs" }, link("#/", "Overview")),
         element("h1", null, one.name, " ", stateMark(one.state, one.stateText)),
         element("section", { class: "identity", "aria-label": "Which disk it is" },
             facts([["Serial number", one.serial ?? "not known"], ["Path (host:channel:target:lun)", one.path ?? "not known"],
+                ["Slot", slot != null && `${slot} of ${home.name}`],
                 ["By-id", one.byId.length ? one.byId.map((name) => element("div", null, name)) : "none"]])),
         facts([
             ["Model", [one.vendor, one.model].filter(Boolean).join(" ") || null],

@@ -25,6 +25,9 @@ export function overview(state, actions) {
             }), "Only what needs me"),
             element("span", null, button("create", "Create an array...", () => actions.open({
                 title: "Create an array", form: { level: null, disks: [], stripe: null },
+            }), { why: obstacle(state), isQuiet: true })),
+            element("span", null, button("rescan", "Look for disks...", () => actions.open({
+                title: "Look for disks", request: { kind: "rescan" },
             }), { why: obstacle(state), isQuiet: true }))),
         arrayTable(state, shown(arrays, (one) => one.state === "in-order")),
         diskTable(state, shown(disks, (one) => one.state !== "failed" && one.state !== "missing")),
@@ -53,8 +56,9 @@ function step(state, subject, conditions) {
     const kinds = new Set(conditions.map((one) => one.kind));
     const array = arrayOf(state, conditions[0].uuid ?? subject);
     const go = (target, text) => element("a", { class: "button primary", href: target }, text);
-    if (array && (kinds.has("array-degraded") || kinds.has("disk-failed")))
-        return go(address("replace", array.uuid ?? array.name), "Replace the disk...");
+    // One that has failed is not mended by another disk.
+    if (array && array.redundancy.canLose !== null && ["array-degraded", "array-rebuilding", "disk-failed"].some((kind) => kinds.has(kind)))
+        return go(address("replace", array.uuid ?? array.name), array.activity.kind === "rebuild" ? "Watch the rebuild" : "Replace the disk...");
     if (kinds.has("notify-failing")) return go("#/settings", "Look at the channels");
     const next = conditions.find((one) => one.next)?.next;
     const disk = diskOf(state, subject);

@@ -4,7 +4,7 @@ import { test } from "node:test";
 import { duration, percent, reason, size } from "../../console/format.js";
 
 test("numbers at the edges of their units", () => {
-    for (const [bytes, text] of [[0, "0 B"], [1023, "1023 B"], [1024, "1.0 KiB"], [1073545216, "1.0 GiB"], [102350, "100 KiB"], [2 ** 60, "1.0 EiB"], [null, "not known"]])
+    for (const [bytes, text] of [[0, "0 B"], [1023, "1023 B"], [1024, "1 KiB"], [1073545216, "1023 MiB"], [2 ** 30, "1.0 GiB"], [2 ** 40 - 1, "1.0 TiB"], [2 ** 50, "1024.0 TiB"], [null, "not known"]])
         assert.equal(size(bytes), text);
     for (const [seconds, text] of [[0, "0 s"], [59.6, "1 min"], [3661, "1 h 1 min"], [86400, "1 d"], [400 * 86400, "1 y 35 d"]]) assert.equal(duration(seconds), text);
     for (const [ratio, text] of [[0.9999, "99.9 %"], [1, "100 %"], [0, "0.0 %"]]) assert.equal(percent(ratio), text);

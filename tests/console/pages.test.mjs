@@ -57,10 +57,10 @@ test("a replacement's step is told by the machine alone", () => {
     const steps = [
         ["Release the failed disk", HURT, /serial number|S-sdb/i],
         ["Pull the disk", machine([used("sda"), disk("sdb"), disk("sdc")], [missing], told), /serial number S-sdb at 1:0:0:0.*Or rebuild at once.*sdc/],
-        ["Put in the new disk", machine([used("sda"), disk("sdd", { size: 1 << 20 })], [missing], told), /at least 63.0 MiB.*S-sdb.*Too small: sdd, 1.0 MiB/],
+        ["Put in the new disk", machine([used("sda"), disk("sdd", { size: 1 << 20 })], [missing], told), /at least 63 MiB.*S-sdb.*Too small: sdd, 1 MiB/],
         ["Add it", machine([used("sda"), disk("sdc")], [missing], told), /sdc/],
         ["Add it", machine([used("sda"), disk("sdb", { serial: "S-new" })], [missing], [condition()]), /S-new/],
-        ["Rebuild", machine([used("sda"), used("sdc")], [rebuilding], told), /50.0 %, 1.0 MiB\/s, 1 min left/],
+        ["Rebuild", machine([used("sda"), used("sdc")], [rebuilding], told), /50.0 %, 1 MiB\/s, 1 min left/],
     ];
     for (const [title, what, content] of steps) {
         const current = all(replace(stateOf(what), nobody, "1:2"), (node) => node.attributes["aria-current"] === "step");

@@ -1,8 +1,12 @@
-"""The example clients, as people run them."""
+"""The example clients, and what a page has people type, as they run them."""
 
 import os
+import pathlib
+import re
 import signal
 import subprocess
+import tempfile
+import textwrap
 
 from client import ROOT, Case, machine, mirror, until
 
@@ -16,6 +20,18 @@ class Examples(Case):
             result = subprocess.run([ROOT / "examples/client/health.py", socket], capture_output=True, text=True, timeout=60)
             self.assertEqual((result.returncode, result.stderr), (status, ""), result)
             self.assertIn(told, result.stdout)
+
+    def test_the_page_for_front_ends(self):
+        """A walk that does not lead where the page says."""
+        blocks = re.findall(r"^ *```sh\n(.*?)^ *```$", (ROOT / "docs/front-ends.md").read_text(), re.MULTILINE | re.DOTALL)
+        script = "trap 'kill $!; wait' EXIT\n" + "".join(map(textwrap.dedent, blocks))
+        path = ":".join([os.path.dirname(os.environ[name]) for name in ("RVXD", "RVXCTL")] + [os.environ["PATH"]])
+        with tempfile.TemporaryDirectory(prefix="rvxd") as folder:
+            pathlib.Path(folder, "piRVX.ini").touch()
+            result = subprocess.run(["bash", "-euo", "pipefail", "-c", script], cwd=folder, capture_output=True, text=True, timeout=120,
+                                    env={**os.environ, "PATH": path, "ZQ_CONFIG_DIR": folder})
+        for told in ('"headline": "1 array degraded, 1 disk failed"', '"title": "release sdb from its array and wipe its superblock"', '"Release this failed disk from its array?"', '"id": "op-1"'):
+            self.assertIn(told, result.stdout, result)
 
     def test_events(self):
         """An event that is told twice, or not at all, when rvxd was away meanwhile."""
