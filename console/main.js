@@ -96,7 +96,8 @@ window.addEventListener("cockpit-style", dress);
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", dress);
 dress();
 
-const travel = () => store.set({ route: cockpit.location.path });
+// A dialog belongs to the page that it was opened on.
+const travel = () => store.set({ route: cockpit.location.path, dialog: null });
 cockpit.addEventListener("locationchanged", travel);
 travel();
 
