@@ -52,5 +52,8 @@ export const listed = (texts) => texts.length ? texts.join(", ") : "none";
 
 export const capital = (text) => text.slice(0, 1).toUpperCase() + text.slice(1);
 
-/** What rvxd says of a reason, without the plug-in's number in front, which is for programs. */
-export const reason = (text) => capital(text.replace(/^\d+ [A-Z][A-Z_]*: /, ""));
+/** What rvxd says of a reason, without the plug-in's number in front, which is for programs. Names stay as they are. */
+export function reason({ text, object }) {
+    const words = text.replace(/^\d+ [A-Z][A-Z_]*: /, "");
+    return words.startsWith(object) ? words : capital(words);
+}

@@ -65,12 +65,12 @@ export const facts = (pairs) => element("dl", { class: "facts" }, pairs.filter((
 export const progress = (name, ratio) => element("progress", { "aria-label": name, max: "1", value: String(ratio ?? 0) });
 
 /** Why rvxd forbids something, a line each. */
-export const reasons = (list) => list.map((one) => element("li", null, reason(one.text)));
+export const reasons = (list) => list.map((one) => element("li", null, reason(one)));
 
 /** What an object offers, each change with the reason that forbids it now; `requests` are by their kinds. */
 export function offers(state, actions, object, requests) {
     return element("ul", { class: "offers" }, object.operations.filter((offer) => requests[offer.kind]).map((offer) => {
-        const why = obstacle(state) ?? (offer.allowed ? null : offer.reasons.map((one) => reason(one.text)).join(" "));
+        const why = obstacle(state) ?? (offer.allowed ? null : offer.reasons.map((one) => reason(one)).join(" "));
         const id = `offer-${offer.kind.replace(".", "-")}`;
         return element("li", { key: id }, button(id, `${offer.text}...`,
             () => actions.open({ title: offer.text, ...requests[offer.kind] }), { why: why || null }));

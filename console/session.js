@@ -2,7 +2,7 @@
 
 import { LinkError } from "./transport.js";
 import { StreamParser } from "./parser.js";
-import { place, withCondition, withEvents, withOperation } from "./store.js";
+import { place, withCondition, withEvents, withOperation, withOperations } from "./store.js";
 
 /** rvxd beats every 5 seconds; a stream that is silent for so long is dead. Milliseconds. */
 const SILENCE = 30000;
@@ -48,13 +48,12 @@ export class Session {
             if (turn !== this.#turn) return;
             this.#etag = undefined;
             const machine = await this.#read("/v1/state");
-            const [operations, settings, channels] = await Promise.all(["/v1/operations", "/v1/settings", "/v1/notify"].map((path) => this.#read(path)));
+            const [settings, channels] = await Promise.all(["/v1/settings", "/v1/notify"].map((path) => this.#read(path)));
             if (turn !== this.#turn) return;
             this.#etag = machine.etag;
             this.#world.mark("rvx:state");
             this.#store.set((state) => ({
                 machine: machine.data,
-                operations: operations.data.operations,
                 settings: { etag: settings.etag, data: settings.data },
                 channels: channels.data.channels,
                 cursor: state.cursor ?? machine.data.cursor,
@@ -125,7 +124,10 @@ export class Session {
     }
 
     #take(turn, { status, event, id, data }) {
-        if (status !== undefined && status !== 200) throw new LinkError(`status ${status}`);
+        if (status !== undefined) {
+            if (status !== 200) throw new LinkError(`status ${status}`);
+            this.#catchUp(turn).catch((error) => this.#lose(turn, error));
+        }
         if (id) this.#store.set({ cursor: id });
         switch (event) {
             case "event":
@@ -143,12 +145,18 @@ export class Session {
                 break;
             case "reset":
                 // Whatever was counted counts no more.
-                this.#store.set({ events: [], cursor: data.cursor });
+                this.#store.set({ events: [], operations: [], cursor: data.cursor });
                 this.#hasHistory = false;
-                this.#readState(turn);
-                this.#readHistory(turn).catch((error) => this.#lose(turn, error));
+                Promise.all([this.#catchUp(turn), this.#readHistory(turn)]).catch((error) => this.#lose(turn, error));
                 break;
         }
+    }
+
+    /** Only events are kept for who was not there: what else changed before the stream began is read once it has. */
+    async #catchUp(turn) {
+        this.#readState(turn);
+        const { data } = await this.#read("/v1/operations");
+        if (turn === this.#turn) this.#store.set((state) => withOperations(state, data.operations));
     }
 
     /** One reading at a time; news that come meanwhile lead to one more. */

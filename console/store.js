@@ -81,6 +81,19 @@ export function withOperation(state, operation) {
     };
 }
 
+const RANKS = { queued: 0, running: 1, done: 2, failed: 2, interrupted: 2 };
+
+/** Takes in a whole list of operations, which may be older than what was told meanwhile: none goes back. */
+export function withOperations(state, list) {
+    const known = new Map(state.operations.map((one) => [one.id, one]));
+    const isFurther = (one, other) => other && RANKS[other.state] > RANKS[one.state];
+    const newest = Number(list.at(-1)?.id.slice("op-".length) ?? 0);
+    return {
+        operations: [...list.map((one) => isFurther(one, known.get(one.id)) ? known.get(one.id) : one),
+            ...state.operations.filter((one) => Number(one.id.slice("op-".length)) > newest)],
+    };
+}
+
 /** Takes in a condition that began, was acknowledged or is over; the next state tells the headline that belongs to it. */
 export function withCondition(state, condition) {
     if (!state.machine) return {};

@@ -40,7 +40,7 @@ const CONTENTS = {
         failed.map((member) => {
             const disk = diskOfMember(state, member);
             const offer = disk?.operations.find((one) => one.kind === "spare.release");
-            const why = obstacle(state) ?? (!offer ? "It is no managed disk: mdadm can release it." : offer.allowed ? null : offer.reasons.map((one) => reason(one.text)).join(" "));
+            const why = obstacle(state) ?? (!offer ? "It is no managed disk: mdadm can release it." : offer.allowed ? null : offer.reasons.map((one) => reason(one)).join(" "));
             return element("div", { key: member.name }, disk && identity(disk),
                 button(`release-${member.name}`, `Release ${member.name}...`, () => actions.open({
                     title: `Release ${member.name}`, request: { kind: "spare.release", disk: disk.id },

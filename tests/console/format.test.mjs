@@ -8,5 +8,6 @@ test("numbers at the edges of their units", () => {
         assert.equal(size(bytes), text);
     for (const [seconds, text] of [[0, "0 s"], [59.6, "1 min"], [3661, "1 h 1 min"], [86400, "1 d"], [400 * 86400, "1 y 35 d"]]) assert.equal(duration(seconds), text);
     for (const [ratio, text] of [[0.9999, "99.9 %"], [1, "100 %"], [0, "0.0 %"]]) assert.equal(percent(ratio), text);
-    assert.equal(reason("20005 ERR_OPERATION_NOT_SUPPORTED: It does not offer this."), "It does not offer this.");
+    assert.equal(reason({ text: "20005 ERR_OPERATION_NOT_SUPPORTED: it does not offer this.", object: "sda" }), "It does not offer this.");
+    assert.equal(reason({ text: "sda is a member of md_d0", object: "sda" }), "sda is a member of md_d0");
 });

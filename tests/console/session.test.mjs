@@ -20,6 +20,7 @@ class World {
     state = machine([]);
     isAway = false;
     held = null;
+    operations = [];
 
     now = () => this.time;
     after = (milliseconds, what) => {
@@ -43,7 +44,7 @@ class World {
         if (this.isAway) throw new LinkError("not-found");
         if (path === "/v1/state" && this.held) await this.held;
         if (path === "/v1/state" && headers?.["If-None-Match"] === `"${this.state.revision}"`) return { status: 304 };
-        const data = { "/": { readOnly: false }, "/v1/state": this.state, "/v1/operations": { operations: [] }, "/v1/settings": settings.data, "/v1/notify": { channels: [] } }[path]
+        const data = { "/": { readOnly: false }, "/v1/state": this.state, "/v1/operations": { operations: this.operations }, "/v1/settings": settings.data, "/v1/notify": { channels: [] } }[path]
             ?? { events: this.history, more: false, cursor: "e-0" };
         return { status: 200, etag: `"${data.revision}"`, data: structuredClone(data) };
     };
@@ -81,6 +82,20 @@ test("it goes on behind the last event, and knows each once", async () => {
     assert.equal(world.store.state.events.length, 3, "a stream that was given up counts no more");
 });
 
+test("what changed between the first reading and the stream's first word is not missed, and nothing goes back", async () => {
+    const world = new World();
+    world.stream = ((stream) => (...words) => {
+        world.state = { ...world.state, revision: 2 };
+        world.operations = [{ id: "op-9", state: "queued" }, { id: "op-10", state: "queued" }];
+        return stream(...words);
+    })(world.stream);
+    await world.connected();
+    world.streams[0].tell(frame("operation", { id: "op-10", state: "running" }) + frame("operation", { id: "op-11", state: "queued" }));
+    await settled();
+    const { operations, machine: { revision } } = world.store.state;
+    assert.deepEqual([revision, ...operations.map((one) => `${one.id} ${one.state}`)], [2, "op-9 queued", "op-10 running", "op-11 queued"]);
+});
+
 test("silence is an end, and a beat is none", async () => {
     const world = new World();
     await world.connected();
@@ -98,10 +113,12 @@ test("a reset forgets events and reads everything anew", async () => {
     world.streams[0].tell(frame("event", event(7), "e-7"));
     world.history = [event(1, { id: "f-1" })];
     world.state = { ...world.state, revision: 2 };
+    world.operations = [{ id: "op-1", state: "done" }];
+    world.store.set({ operations: [{ id: "op-7", state: "running" }] });
     world.streams[0].tell(frame("reset", { cursor: "f-1" }, "f-1"));
     await settled();
-    const { events, cursor, machine: { revision } } = world.store.state;
-    assert.deepEqual([events.map((one) => one.id), cursor, revision], [["f-1"], "f-1", 2]);
+    const { events, operations, cursor, machine: { revision } } = world.store.state;
+    assert.deepEqual([events.map((one) => one.id), operations, cursor, revision], [["f-1"], world.operations, "f-1", 2]);
 });
 
 test("a burst of news is one reading, and one more when it was not the last", async () => {
