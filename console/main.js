@@ -71,7 +71,7 @@ store.listen(() => {
 // Whoever types and presses at once means the page as it is now, with what was typed.
 for (const type of ["keydown", "click", "change", "submit"]) window.addEventListener(type, () => isDrawn || draw(), true);
 
-const BADGES = { warning: "warning", critical: "error" };
+const BADGES = { warning: "warning", critical: "error", unknown: "error" };
 let told;
 
 /** The badge beside "RAID" in Cockpit's menu, also while another page is looked at. */

@@ -123,11 +123,12 @@ export class Session {
         this.#store.set((state) => ({ link: { ...state.link, heard: this.#world.now() } }));
     }
 
-    #take(turn, { status, event, id, data }) {
+    #take(turn, { status, beat, event, id, data }) {
         if (status !== undefined) {
             if (status !== 200) throw new LinkError(`status ${status}`);
             this.#catchUp(turn).catch((error) => this.#lose(turn, error));
         }
+        if (beat) this.#readHealth(turn).catch((error) => this.#lose(turn, error));
         if (id) this.#store.set({ cursor: id });
         switch (event) {
             case "event":
@@ -157,6 +158,12 @@ export class Session {
         this.#readState(turn);
         const { data } = await this.#read("/v1/operations");
         if (turn === this.#turn) this.#store.set((state) => withOperations(state, data.operations));
+    }
+
+    /** The state tells how the machine was at the last look; this, also that nobody has looked for long. */
+    async #readHealth(turn) {
+        const { data: health } = await this.#read("/v1/health");
+        if (turn === this.#turn) this.#store.set(({ machine }) => ({ machine: { ...machine, health } }));
     }
 
     /** One reading at a time; news that come meanwhile lead to one more. */

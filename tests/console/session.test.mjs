@@ -18,6 +18,7 @@ class World {
     calls = [];
     history = [];
     state = machine([]);
+    health = null;
     isAway = false;
     held = null;
     operations = [];
@@ -44,7 +45,7 @@ class World {
         if (this.isAway) throw new LinkError("not-found");
         if (path === "/v1/state" && this.held) await this.held;
         if (path === "/v1/state" && headers?.["If-None-Match"] === `"${this.state.revision}"`) return { status: 304 };
-        const data = { "/": { readOnly: false }, "/v1/state": this.state, "/v1/operations": { operations: this.operations }, "/v1/settings": settings.data, "/v1/notify": { channels: [] } }[path]
+        const data = { "/": { readOnly: false }, "/v1/state": this.state, "/v1/health": this.health ?? this.state.health, "/v1/operations": { operations: this.operations }, "/v1/settings": settings.data, "/v1/notify": { channels: [] } }[path]
             ?? { events: this.history, more: false, cursor: "e-0" };
         return { status: 200, etag: `"${data.revision}"`, data: structuredClone(data) };
     };
@@ -58,7 +59,8 @@ class World {
         this.store = new Store();
         new Session(this, this.store, this).connect();
         await settled();
-        this.streams.at(-1).tell("HTTP/1.0 200 OK\r\n\r\n: beat\n\n");
+        this.streams.at(-1).tell("HTTP/1.0 200 OK\r\n\r\n");
+        await settled();
     }
 }
 
@@ -119,6 +121,15 @@ test("a reset forgets events and reads everything anew", async () => {
     await settled();
     const { events, operations, cursor, machine: { revision } } = world.store.state;
     assert.deepEqual([events.map((one) => one.id), operations, cursor, revision], [["f-1"], world.operations, "f-1", 2]);
+});
+
+test("a beat tells that nobody has looked for long, though the state is as it was", async () => {
+    const world = new World();
+    await world.connected();
+    world.health = { ...world.state.health, level: "unknown", headline: "nobody has looked since then" };
+    world.streams[0].tell(": beat\n\n");
+    await settled();
+    assert.equal(world.store.state.machine.health.level, "unknown");
 });
 
 test("a burst of news is one reading, and one more when it was not the last", async () => {
