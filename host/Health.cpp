@@ -53,20 +53,19 @@ void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth&
   const std::string activity = array.ActivityText();
   const bool redundant = ToleranceOf(array) != 0;
   const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
-  const bool runs = !array.m_Md || (array.m_Md->m_Active && !array.m_Md->m_Broken);
   if (lost == 0 && array.m_Md && array.m_Md->m_Broken)
     problem(EHealth::CRITICAL, "array failed",
             "md takes it for broken: a member without which it cannot be has failed",
             "the kernel log names it; what cannot be brought back comes from a backup");
-  else if (!runs || lost > ToleranceOf(array) || (!array.m_Md && status == PI::STATUS_FAILED))
+  else if (HasFailed(array))
     problem(EHealth::CRITICAL, "array failed", text,
             "bring its missing disks back; what cannot be brought back comes from a backup");
   else if (NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING)
     problem(EHealth::WARNING, "array rebuilding", text + "; " + activity,
             "wait: 'rvxctl array watch " + array.m_Name + "'");
   else if (lost != 0 || (redundant && status == PI::STATUS_DEGRADED))
-    problem(lost != 0 && CanLose(array) != 0 ? EHealth::WARNING : EHealth::CRITICAL, "array degraded",
-            text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""),
+    problem(lost != 0 && CanLose(array).value_or(0) != 0 ? EHealth::WARNING : EHealth::CRITICAL,
+            "array degraded", text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""),
             ReplacementFor(inventory, array));
   else if (!redundant && status != PI::STATUS_OK)
     health.m_Notes.push_back(array.m_Name + ": works, but not all members are managed disks");
@@ -170,7 +169,15 @@ unsigned int ToleranceOf(const SArrayEntry& array) {
   return array.m_Level == "raid4" || array.m_Level == "raid5" ? 1 : 0;
 }
 
-unsigned int CanLose(const SArrayEntry& array) {
+bool HasFailed(const SArrayEntry& array) {
+  const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
+  const bool runs = !array.m_Md || (array.m_Md->m_Active && !array.m_Md->m_Broken);
+  return !runs || lost > ToleranceOf(array) ||
+         (!array.m_Md && NumberOf(array.m_Object, PI::PROP_STATUS) == PI::STATUS_FAILED);
+}
+
+std::optional<unsigned int> CanLose(const SArrayEntry& array) {
+  if (HasFailed(array)) return std::nullopt;
   const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
   unsigned int tolerance = ToleranceOf(array);
   if (array.m_Level == "raid10")

@@ -3,6 +3,7 @@
 /// How the machine is, told from its arrays, disks, activity and SMART figures: the plug-in's own word for
 /// the adapter is always "In order".
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,8 +48,11 @@ struct SHealth {
 
 /// How many members the array's level can do without.
 unsigned int ToleranceOf(const SArrayEntry& array);
-/// How many more members may fail, whichever they are, before data is lost.
-unsigned int CanLose(const SArrayEntry& array);
+/// Whether its data cannot be reached: it does not run, or more members are lost than its level can do
+/// without.
+bool HasFailed(const SArrayEntry& array);
+/// How many more members may fail, whichever they are, before data is lost. Nothing for one that has failed.
+std::optional<unsigned int> CanLose(const SArrayEntry& array);
 
 /// Of the arrays alone. What to do next depends on what md answers: this asks the machine.
 SHealth ArrayHealthOf(const CInventory& inventory);

@@ -104,8 +104,15 @@ Json CMembers::Concerned(const std::string& object, const Json& arrays, const Js
              (!disk["serial"].is_null() && (*whole)["serial"] == disk["serial"]);
     });
   };
-  for (const Json& disk : known)
-    if (!isThere(disk)) concerned.push_back(disk);
+  for (const Json& disk : known) {
+    if (isThere(disk)) continue;
+    // One that is plugged in still, or again, may have another name and another place by now. What two disks
+    // tell as their serial number says nothing.
+    const auto isIt = [&](const Json& one) { return one["serial"] == disk["serial"]; };
+    const Json* const now =
+        std::ranges::count_if(disks, isIt) == 1 ? Find(disks, "serial", disk["serial"]) : nullptr;
+    concerned.push_back(now == nullptr ? disk : IdentityOf((*now)["name"], now, "gone"));
+  }
   return concerned;
 }
 

@@ -234,10 +234,11 @@ Json CSnapshot::ArrayJson(const Host::SArrayEntry& entry) const {
       entry.m_Md ? Json(entry.m_Md->m_Metadata.empty() ? "0.90" : entry.m_Md->m_Metadata) : Json(nullptr);
   PutChoice(json, "state", array, PI::PROP_STATUS);
   json["stateText"] = TextOf(array, PI::PROP_STATUS);
+  const std::optional<unsigned int> canLose = Host::CanLose(entry);
   json["redundancy"] = {{"required", entry.m_Wanted},
                         {"active", entry.m_Present},
                         {"missing", entry.m_Wanted - std::min(entry.m_Wanted, entry.m_Present)},
-                        {"canLose", Host::CanLose(entry)}};
+                        {"canLose", canLose ? Json(*canLose) : Json(nullptr)}};
   json["activity"] = ActivityJson(entry);
   json["members"] = json["spares"] = Json::array();
   for (const Host::SMember& member : entry.m_Members) {

@@ -73,6 +73,7 @@ class Resources(Case):
                 ([arrays[f"md_d{i}"]["state"] for i in range(3)], ["in-order", "degraded", "in-order"]),
                 ([list(arrays[f"md_d{i}"]["redundancy"].values()) for i in range(3)],
                  [[2, 2, 0, 1], [2, 1, 1, 0], [2, 2, 0, 0]]),  # required, active, missing, canLose
+                (self.daemon("lost").get("/v1/arrays/md_d0")["redundancy"]["canLose"], None),
                 (state["health"]["level"], "critical"),
                 (self.daemon("recovering").get("/v1/arrays/md_d0")["activity"]["kind"], "rebuild")):
             with self.subTest(wanted):
