@@ -12,13 +12,16 @@ const DIALOG = {
     mustType: null,    // the name that is typed in place of a tick
     mounts: [],
     plan: null,
-    problem: null,     // why there is no plan, or why it was not carried out: {text, reasons, isUnknown}
+    problem: null,     // why there is no plan, or why it was not carried out: {text, reasons, isUnknown, isStale}
     agreed: false,
     typed: "",
     isBusy: false,
     operation: null,   // its id, once it was begun
     key: null,
 };
+
+/** A channel has 300 seconds at most, by its own setting. Milliseconds. */
+const TEST_DEADLINE = 330000;
 
 /** A problem as rvxd tells it, or as the way there does. */
 function problemOf(answer) {
@@ -71,29 +74,29 @@ export class Actions {
         this.#dialog({ typed });
     }
 
-    /** Another form: what was planned of the former one counts no more. */
+    /** Another form: what was planned of the former one, or is asked for it, counts no more. */
     fill(change) {
         const { form } = this.#store.state.dialog;
-        this.#dialog({ form: { ...form, ...change }, plan: null, problem: null, agreed: false });
+        this.back();
+        this.#dialog({ form: { ...form, ...change } });
     }
 
     choose(value) {
         const { choice, base } = this.#store.state.dialog;
-        if (!value) return this.#dialog({ request: null, plan: null, problem: null, agreed: false });
-        this.#dialog({ request: { ...base, [choice.field]: value } });
-        return this.plan();
+        this.back();
+        if (value) return this.plan({ ...base, [choice.field]: value });
     }
 
-    /** Back to the form, with all that is in it. */
+    /** Back to the form, with all that is in it; what is asked for still, is for nobody. */
     back() {
-        this.#dialog({ plan: null, problem: null, agreed: false });
+        this.#dialog({ request: null, plan: null, problem: null, agreed: false, typed: "", isBusy: false });
     }
 
     /** Asks what the change would do. Nothing is changed. */
     async plan(request = this.#store.state.dialog.request) {
         this.#dialog({ request, plan: null, problem: null, agreed: false, typed: "", isBusy: true, operation: null });
         await this.#answered("POST", "/v1/plans", request, {}, (answer) =>
-            answer.status === 200 ? { plan: answer.data, key: randomKey() } : { problem: problemOf(answer) });
+            answer.status === 200 ? { plan: answer.data, key: randomKey() } : { problem: problemOf(answer) }, {});
     }
 
     /** Carries out the plan that is shown. Asked again after a lost answer, it is done once all the same. */
@@ -102,12 +105,13 @@ export class Actions {
         if (obstacle(this.#store.state)) return;
         this.#dialog({ isBusy: true, problem: null });
         await this.#answered("POST", "/v1/operations", { plan: plan.plan, confirm: true }, { "Idempotency-Key": key }, (answer) => {
-            if (answer.status !== 202) return { problem: { ...problemOf(answer), isStale: true } };
+            // The plan is used up, too old, or not how the machine is; else the same plan may be tried again.
+            if (answer.status !== 202) return { problem: { ...problemOf(answer), isStale: [404, 409, 412].includes(answer.status) } };
             // The stream may have told a newer one already.
             if (!this.#store.state.operations.some((one) => one.id === answer.data.id))
                 this.#store.set((state) => withOperation(state, answer.data));
             return { operation: answer.data.id };
-        });
+        }, { isUnknown: true });
     }
 
     async acknowledge(id) {
@@ -120,7 +124,8 @@ export class Actions {
     }
 
     draft(change) {
-        this.#store.set(({ drafts }) => ({ drafts: { ...drafts, ...change } }));
+        const [field] = Object.keys(change);
+        this.#store.set(({ drafts, notes }) => ({ drafts: { ...drafts, ...change }, notes: { ...notes, [field]: null } }));
     }
 
     /** Changes settings; `field` is the draft that is saved with it. */
@@ -138,7 +143,7 @@ export class Actions {
     async testChannel(channel) {
         const field = `channel:${channel}`;
         this.#note(field, "Sending...");
-        const answer = await this.#noted(field, "POST", "/v1/notify/test", { channel });
+        const answer = await this.#noted(field, "POST", "/v1/notify/test", { channel }, {}, null, TEST_DEADLINE);
         if (!answer) return;
         const [result] = answer.data.results;
         this.#note(field, `${result.delivered ? "Delivered" : "Not delivered"}${result.text ? `: ${result.text}` : "."}`);
@@ -154,23 +159,23 @@ export class Actions {
     }
 
     /** Asks for the dialog that is open; where that is another one when the answer comes, the answer is dropped. */
-    async #answered(method, path, body, headers, changes) {
+    async #answered(method, path, body, headers, changes, lost) {
         const { plan, request } = this.#store.state.dialog;
         const isSame = () => this.#store.state.dialog?.plan === plan && this.#store.state.dialog.request === request;
         let change;
         try {
             change = changes(await this.#transport.call(method, path, body, headers));
         } catch (error) {
-            change = { problem: { text: error.message, reasons: [], isUnknown: true } };
+            change = { problem: { text: error.message, reasons: [], ...lost } };
         }
         if (isSame()) this.#dialog({ ...change, isBusy: false });
     }
 
     /** Asks, and notes beside the field why it did not work; the answer where it did. */
-    async #noted(field, method, path, body, headers, done = null) {
+    async #noted(field, method, path, body, headers, done = null, deadline = undefined) {
         let answer;
         try {
-            answer = await this.#transport.call(method, path, body, headers);
+            answer = await this.#transport.call(method, path, body, headers, deadline);
         } catch (error) {
             this.#note(field, error.message);
             return null;

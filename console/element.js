@@ -1,22 +1,25 @@
 // Trees of plain objects: what a page returns, what tests look at without a browser, and what is put on the screen.
 // A text becomes a text node and nothing else, wherever it comes from.
 
+/** Characters that nobody sees; some turn the text around them: a serial number must not be read backwards. */
+const HIDDEN = /[\u0000-\u001f\u007f-\u009f\u200b-\u200f\u202a-\u202e\u2060-\u2069\ufeff]/g;
+
 /**
  * A node of a tree. Attributes that are null, undefined or false are left out; those that begin with "on" are functions;
- * `key` tells siblings apart, so that one that moves keeps its focus. Children that are null, undefined or false are
- * left out, lists are taken apart.
+ * `key` tells siblings apart, so that what stays keeps its focus when others come and go. Children that are null, undefined
+ * or false are left out, lists are taken apart.
  */
 export function element(tag, attributes, ...children) {
     return {
         tag,
         attributes: attributes ?? {},
         children: children.flat(Infinity).filter((child) => child != null && child !== false)
-            .map((child) => typeof child === "object" ? child : String(child)),
+            .map((child) => typeof child === "object" ? child : String(child).replace(HIDDEN, "\ufffd")),
     };
 }
 
 // What a person types into a field is the property's, not the attribute's.
-const PROPERTIES = new Set(["value", "checked", "selected"]);
+const PROPERTIES = new Set(["value", "checked"]);
 const TREE = Symbol("the tree that a node shows");
 
 function isSame(node, tree) {
@@ -66,8 +69,14 @@ function update(node, tree) {
 
 function showChildren(parent, trees) {
     const keyed = new Map();
-    for (const node of parent.childNodes)
-        if (node[TREE]?.attributes.key !== undefined) keyed.set(node[TREE].attributes.key, node);
+    const wanted = new Set(trees.map((tree) => tree.attributes?.key));
+    for (const node of [...parent.childNodes]) {
+        const key = node[TREE]?.attributes.key;
+        if (key === undefined) continue;
+        // What goes, goes first: what comes behind it then need not be moved, which would take its focus.
+        if (wanted.has(key)) keyed.set(key, node);
+        else node.remove();
+    }
     let next = parent.firstChild;
     for (const tree of trees) {
         let node = keyed.get(tree.attributes?.key) ?? next;
@@ -76,7 +85,6 @@ function showChildren(parent, trees) {
         } else {
             node = make(tree);
         }
-        // One whose place is right is not touched: moving it would take its focus.
         if (node === next) next = next.nextSibling;
         else parent.insertBefore(node, next);
     }

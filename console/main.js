@@ -11,7 +11,7 @@ import { operations } from "./pages/operations.js";
 import { overview } from "./pages/overview.js";
 import { replace } from "./pages/replace.js";
 import { settings } from "./pages/settings.js";
-import { Session } from "./session.js";
+import { Session, mark } from "./session.js";
 import { Store } from "./store.js";
 import { Transport } from "./transport.js";
 
@@ -27,11 +27,12 @@ const root = document.getElementById("page");
 /** Everything, as a tree of what is known. */
 function page(state) {
     const [first, id] = state.route;
+    const content = Object.hasOwn(PAGES, first ?? "") ? PAGES[first] : overview;
     return element("div", { class: "frame", key: "frame" },
         element("div", { inert: state.dialog !== null, key: "behind" },
             navigation(state, actions), banner(state),
             element("div", { class: "columns" },
-                element("main", { tabindex: "-1", key: state.route.join("/") }, state.machine ? (PAGES[first] ?? overview)(state, actions, id)
+                element("main", { tabindex: "-1", key: state.route.join("/") }, state.machine ? content(state, actions, id)
                     : element("p", { class: "waiting" }, "Asking rvxd...")),
                 operations(state, actions))),
         dialog(state, actions));
@@ -46,17 +47,24 @@ function draw() {
     const { state } = store;
     const hadDialog = document.getElementById("dialog") !== null;
     if (state.dialog && !hadDialog) opener = document.activeElement?.id;
-    show(root, page(state));
+    try {
+        show(root, page(state));
+    } catch (error) {
+        // A page that stands still looks as if all went on.
+        show(root, element("p", { class: "banner critical", role: "alert" }, `This page cannot be shown: ${error.message}. `, element("a", { href: "#/" }, "Overview")));
+        console.error(error);
+    }
     if (state.dialog && !hadDialog) document.getElementById("dialog").focus();
-    if (!state.dialog && hadDialog) (document.getElementById(opener) ?? document.querySelector("main")).focus({ preventScroll: true });
+    if (!state.dialog && hadDialog) (document.getElementById(opener) ?? document.querySelector("main"))?.focus({ preventScroll: true });
     // What was pressed may be gone with its step: the keyboard goes on in the dialog.
     if (state.dialog && !document.getElementById("dialog").contains(document.activeElement)) document.getElementById("dialog").focus();
     if (drawn !== null && drawn !== state.route) {
-        document.querySelector("main").focus({ preventScroll: true });
+        document.querySelector("main")?.focus({ preventScroll: true });
         scrollTo(0, 0);
     }
     drawn = state.route;
-    if (state.machine) performance.mark("rvx:painted");
+    document.title = `${document.querySelector("h1")?.textContent ?? ""} - RAID`;
+    if (state.machine) mark("rvx:painted");
     tell(state);
 }
 
@@ -76,7 +84,8 @@ let told;
 
 /** The badge beside "RAID" in Cockpit's menu, also while another page is looked at. */
 function tell({ machine, link }) {
-    const type = link.state === "away" ? "warning" : BADGES[machine?.health.level] ?? null;
+    // What was critical is no better for being out of sight.
+    const type = BADGES[machine?.health.level] ?? (link.state === "away" ? "warning" : null);
     const title = link.state === "away" ? "rvxd does not answer" : machine?.health.headline;
     const status = JSON.stringify([type, title]);
     if (status === told) return;
@@ -97,7 +106,18 @@ matchMedia("(prefers-color-scheme: dark)").addEventListener("change", dress);
 dress();
 
 // A dialog belongs to the page that it was opened on.
-const travel = () => store.set({ route: cockpit.location.path, dialog: null });
+function travel() {
+    let route = [];
+    try {
+        route = cockpit.location.path;
+    } catch {
+        // Somebody wrote an address that is none.
+    }
+    store.set({ route, dialog: null });
+    // No stream tells of these.
+    if (route[0] === "settings" && store.state.link.state === "up")
+        Promise.all([session.readSettings(), session.readChannels()]).catch(() => null);
+}
 cockpit.addEventListener("locationchanged", travel);
 travel();
 

@@ -1,8 +1,8 @@
 // Pieces that several pages are made of.
 
 import { element } from "./element.js";
-import { reason } from "./format.js";
-import { isPending, obstacle } from "./store.js";
+import { UNKNOWN, duration, percent, reason, size, speed } from "./format.js";
+import { arrayOf, isPending, obstacle } from "./store.js";
 
 /** A word in its colour; the word alone says it too. */
 export const mark = (level, text) => element("span", { class: `mark ${level}` }, text);
@@ -14,25 +14,51 @@ const STATE_LEVELS = {
     failed: "critical",
 };
 
-/** The state of an array, disk, member or operation; `text` where it is called something else. */
+/** The state of a disk, member or operation; `text` where it is called something else. */
 export const stateMark = (state, text = state.replace("-", " ")) => mark(STATE_LEVELS[state] ?? "unknown", text);
+
+/** What is wrong with an array; the plug-in's word only where nothing is: it may call one in order that has lost much. */
+export function arrayMark(state, array) {
+    const worst = state.machine.health.conditions.find((one) => one.object === array.name && one.kind.startsWith("array-"));
+    return worst ? mark(worst.kind === "array-rebuilding" ? "busy" : worst.level, worst.kind.slice("array-".length).replaceAll("-", " "))
+        : stateMark(array.state, array.stateText);
+}
+
+/** Whether a spare is of use to it. */
+export const hasRedundancy = (array) => !["raid0", "linear"].includes(array.level);
+
+/** An array as it is asked for: a name may be another one's after a reboot. */
+export const arrayId = (array) => array.uuid ?? array.name;
+
+/** A disk in a line, as whoever has to find it needs it. */
+export const named = (disk) => [
+    element("strong", null, disk.name ?? disk.device.replace("/dev/", "")), disk.size != null && ` ${size(disk.size)}`,
+    `, serial ${disk.serial ?? UNKNOWN}`, disk.path && `, at ${disk.path}`, disk.model && `, ${disk.model}`,
+];
 
 /** The parts of a name that leads somewhere in an address. */
 export const address = (...words) => `#/${words.map(encodeURIComponent).join("/")}`;
 
 export const link = (target, text) => element("a", { href: target }, text);
-export const arrayLink = (array) => link(address("array", array.name), array.name);
-export const diskLink = (disk) => link(address("disk", disk.id), disk.name);
+export const arrayLink = (array, text = array.name) => link(address("array", arrayId(array)), text);
+/** What uses a disk: its array as a link. */
+export function userLink(state, disk, user) {
+    const array = user === disk.array && arrayOf(state, user);
+    return array ? arrayLink(array) : user;
+}
+export const diskLink = (disk, text = disk.name) => link(address("disk", disk.id), text);
 
 /**
  * A button. One that cannot be used says why, beside it and to who only hears it; it keeps its place among those that the
- * tab key reaches. `id` is unique on the page.
+ * tab key reaches. `name` is unique on the page; `label` is said where several buttons have the same text.
  */
-export function button(id, text, onclick, { why = null, kind = "", isQuiet = false } = {}) {
+export function button(name, text, onclick, { why = null, kind = "", isQuiet = false, label = null } = {}) {
+    // Names of channels and arrays are anybody's; a list of identifiers is split at spaces.
+    const id = name.replace(/[^\w-]/g, (one) => `_${one.codePointAt(0).toString(16)}`);
     const reasonId = `${id}-why`;
     return [
         element("button", {
-            id, key: id, type: "button", class: kind, onclick: why ? null : onclick,
+            id, key: id, type: "button", "aria-label": label, class: kind, onclick: why ? null : onclick,
             "aria-disabled": why ? "true" : null, "aria-describedby": why ? reasonId : null,
         }, text),
         // Where many buttons have the same reason, it is read, and shown once elsewhere.
@@ -67,28 +93,35 @@ export const progress = (name, ratio) => element("progress", { "aria-label": nam
 /** Why rvxd forbids something, a line each. */
 export const reasons = (list) => list.map((one) => element("li", null, reason(one)));
 
+/** Why rvxd does not allow it now; null where it does. */
+export const whyNot = (offer) => offer.allowed ? null : offer.reasons.map(reason).join(" ");
+
+/** What runs on an array: how far it is, how fast, how long still. */
+export const running = ({ name, activity: { text, waiting, progress: ratio, speed: rate, remaining } }) => [
+    progress(`${text} of ${name}`, ratio),
+    element("p", null, waiting ? `${text} waits: ${waiting}` : `${text}: ${percent(ratio)}, ${speed(rate)}, ${duration(remaining)} left`),
+];
+
 /** What an object offers, each change with the reason that forbids it now; `requests` are by their kinds. */
 export function offers(state, actions, object, requests) {
     return element("ul", { class: "offers" }, object.operations.filter((offer) => requests[offer.kind]).map((offer) => {
-        const why = obstacle(state) ?? (offer.allowed ? null : offer.reasons.map((one) => reason(one)).join(" "));
+        const why = obstacle(state) ?? whyNot(offer);
         const id = `offer-${offer.kind.replace(".", "-")}`;
-        return element("li", { key: id }, button(id, `${offer.text}...`,
-            () => actions.open({ title: offer.text, ...requests[offer.kind] }), { why: why || null }));
+        const { label = offer.text, ...dialog } = requests[offer.kind];
+        return element("li", { key: id }, button(id, `${label}...`, () => actions.open({ title: label, ...dialog }), { why }));
     }));
 }
 
 /** Where it says that rvxd is away, or that this person may only look. */
 export function banner(state) {
     const { link: { state: up, problem, heard, readOnly } } = state;
+    // Said once: the age, which grows, is for who looks.
+    const away = (told, ...more) => element("div", { class: "banner critical" }, element("p", { role: "alert" }, told), more, element("small", null, problem));
     if (up === "up")
         return readOnly && element("p", { class: "banner", role: "note" }, "You may look, but not change. Turn on administrative access for that.");
     if (up === "connecting" || heard === null)
-        return problem && element("div", { class: "banner critical", role: "alert" },
-            "rvxd does not answer, and nothing is known of this machine. Is it running? \"systemctl status rvxd\" tells.",
-            element("small", null, problem));
-    return element("div", { class: "banner critical", role: "alert" },
-        `rvxd does not answer. What you see is ${Math.max(0, Math.round((state.now - heard) / 1000))} seconds old.`,
-        element("small", null, problem));
+        return problem && away("Nothing is known of this machine yet: rvxd does not answer, or has not looked. \"systemctl status rvxd\" tells.");
+    return away("rvxd does not answer.", element("p", { role: "note" }, `What you see is ${duration(Math.max(0, state.now - heard) / 1000)} old.`));
 }
 
 const PLACES = [["", "Overview"], ["events", "Events"], ["settings", "Settings"]];
@@ -112,6 +145,8 @@ export function outcome(operation) {
     return operation.result?.text ?? operation.steps.at(-1)?.text ?? "It waits for its turn.";
 }
 
-/** What of a change was not done. */
-export const left = (operation) => operation.left?.length > 0 &&
-    element("ul", null, operation.left.map((one) => element("li", null, `${one.array}: ${one.why}`)));
+/** What of a change was not done, and what was otherwise than its plan said. */
+export const left = (operation) => {
+    const lines = [...(operation.left ?? []).map((one) => `${one.array}: ${one.why}`), ...(operation.error?.reasons ?? []).map(reason)];
+    return lines.length > 0 && element("ul", null, lines.map((line) => element("li", null, line)));
+};

@@ -1,32 +1,43 @@
 // Where the replacement of a disk stands: told by the machine alone, so that anybody goes on where somebody stopped.
 
-import { diskOf } from "./store.js";
+import { diskOf, distrust, isSame, readyDisks } from "./store.js";
 
 export const STEPS = ["release", "pull", "insert", "add", "rebuild", "whole"];
 
+/** What else is on a disk than this array's member: it must not be pulled for that. */
+const others = (disk, array) => disk.usedBy.filter((user) => user !== array.name);
+
 /**
- * {step, failed, gone, fitting, small}: the step that is next; members that md still holds though they failed; disks that the
- * array had and that md has let go of, `isThere` as long as they are plugged in; disks that can take their place, and those
- * that are ready but too small.
+ * Of this array:
+ * - step: the one that is next; null of an array that has failed, which no new disk brings back
+ * - failed: members that have failed and can be released: {member, disk, offer, others}
+ * - held: members that md holds though they do not work, and that cannot be released here
+ * - lost: disks that the array had and that md has let go of; `now` is the disk where it is plugged in, `others` what is on it
+ * - pull: those of them that can be pulled; fitting, small: disks that are ready, and large enough or not
  */
 export function replacement(state, array) {
-    const failed = array.members.filter((member) => member.state === "failed");
-    const gone = (state.machine.health.conditions.find((one) => one.kind === "array-degraded" && one.object === array.name)?.disks ?? [])
-        .filter((disk) => disk.state === "gone")
-        .map((disk) => ({ ...disk, isThere: state.machine.disks.some((one) => one.id === disk.id && one.serial === disk.serial) }));
-    const ready = state.machine.disks.filter((disk) => !gone.some((one) => one.id === disk.id) &&
-        disk.operations.some((offer) => offer.kind === "spare.add" && offer.allowed));
+    const broken = array.members.filter((member) => ["failed", "missing", "offline"].includes(member.state)).map((member) => {
+        const disk = diskOf(state, member.whole ?? member.disk);
+        return { member, disk, offer: disk?.operations.find((one) => one.kind === "spare.release"), others: disk ? others(disk, array) : [] };
+    });
+    const failed = broken.filter(({ member, offer }) => member.state === "failed" && offer);
+    const told = state.machine.health.conditions.filter((one) => one.object === array.name).find((one) => one.disks.length)?.disks ?? [];
+    const lost = told.filter((one) => one.state === "gone").map((one) => {
+        const now = state.machine.disks.find((disk) => isSame(one, disk));
+        return { ...one, now, others: now ? others(now, array) : [] };
+    });
+    const pull = lost.filter((one) => one.now && one.others.length === 0);
     // Of a mirror each member is larger than the array; of other levels the plan tells whether a disk is too small.
     const isSmall = (disk) => array.level === "raid1" && disk.size <= array.size;
-    const isRebuilding = array.activity.kind === "rebuild" || array.members.some((member) => member.state === "rebuilding");
+    const ready = readyDisks(state).filter((disk) => distrust(state, disk) === null);
     const fitting = ready.filter((disk) => !isSmall(disk));
-    const step = failed.length ? "release"
-        : array.redundancy.missing === 0 ? "whole"
-            : isRebuilding ? "rebuild"
-                : gone.some((disk) => disk.isThere) ? "pull"
-                    : fitting.length ? "add" : "insert";
-    return { step, failed, gone, fitting, small: ready.filter(isSmall) };
+    // A spare that md has and has not taken yet is as good as added.
+    const isRebuilding = array.activity.kind === "rebuild" || array.spares.length > 0 || array.members.some((member) => member.state === "rebuilding");
+    const step = array.redundancy.canLose === null ? null
+        : failed.length ? "release"
+            : array.redundancy.missing === 0 ? "whole"
+                : isRebuilding ? "rebuild"
+                    : pull.length ? "pull"
+                        : fitting.length ? "add" : "insert";
+    return { step, failed, held: broken.filter((one) => !failed.includes(one)), lost, pull, fitting, small: ready.filter(isSmall) };
 }
-
-/** The disk that a failed member is, or is a partition of. */
-export const diskOfMember = (state, member) => diskOf(state, member.whole ?? member.disk);

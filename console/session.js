@@ -2,22 +2,26 @@
 
 import { LinkError } from "./transport.js";
 import { StreamParser } from "./parser.js";
-import { place, withCondition, withEvents, withOperation, withOperations } from "./store.js";
+import { EVENTS_LIMIT, place, withCondition, withEvents, withOperation, withOperations } from "./store.js";
 
 /** rvxd beats every 5 seconds; a stream that is silent for so long is dead. Milliseconds. */
 const SILENCE = 30000;
 const SILENT = "nothing was heard for 30 seconds";
 /** Between one try and the next. */
 const PAUSE = 1000;
-/** Events that are read from before the console was opened. */
-const HISTORY = 500;
+
+/** The browser keeps each mark for ever: only the last one is of use. */
+export function mark(name) {
+    performance.clearMarks(name);
+    performance.mark(name);
+}
 
 /** What comes from outside, so that a test can be there instead. */
 const WORLD = {
     now: () => Date.now(),
     after: (milliseconds, what) => setTimeout(what, milliseconds),
     cancel: (timer) => clearTimeout(timer),
-    mark: (name) => performance.mark(name),
+    mark,
 };
 
 export class Session {
@@ -79,18 +83,20 @@ export class Session {
 
     async #read(path, headers) {
         const answer = await this.#transport.call("GET", path, undefined, headers);
-        if (answer.status >= 400) throw new LinkError(answer.data?.detail ?? `status ${answer.status}`);
+        if (answer.status >= 400) throw new LinkError("status", answer.data?.detail ?? `rvxd answered with status ${answer.status}`);
         return answer;
     }
 
     /** The last events from before the stream, page by page; the stream may tell some of them too. */
     async #readHistory(turn) {
         const { epoch, number } = place(this.#store.state.cursor);
-        let since = `${epoch}-${Math.max(0, number - HISTORY)}`;
+        const first = Math.max(0, number - EVENTS_LIMIT);
+        let since = `${epoch}-${first}`;
+        this.#store.set({ hasOlder: first > 0 });
         for (let more = true; more;) {
             const { data } = await this.#read(`/v1/events?limit=1000&since=${encodeURIComponent(since)}`);
             if (turn !== this.#turn) return;
-            this.#store.set((state) => withEvents(state, data.events));
+            this.#store.set((state) => ({ ...withEvents(state, data.events), hasOlder: state.hasOlder && !data.reset }));
             more = data.more && data.cursor !== since;
             since = data.cursor;
         }
@@ -139,6 +145,7 @@ export class Session {
                 break;
             case "condition":
                 this.#store.set((state) => withCondition(state, data));
+                if (data.kind === "notify-failing") this.readChannels().catch(() => null);
                 this.#readState(turn);
                 break;
             case "state":
@@ -162,8 +169,10 @@ export class Session {
 
     /** The state tells how the machine was at the last look; this, also that nobody has looked for long. */
     async #readHealth(turn) {
+        const { machine } = this.#store.state;
         const { data: health } = await this.#read("/v1/health");
-        if (turn === this.#turn) this.#store.set(({ machine }) => ({ machine: { ...machine, health } }));
+        // What came meanwhile is newer.
+        if (turn === this.#turn && this.#store.state.machine === machine) this.#store.set({ machine: { ...machine, health } });
     }
 
     /** One reading at a time; news that come meanwhile lead to one more. */

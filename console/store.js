@@ -8,7 +8,7 @@ export const EVENTS_LIMIT = 1000;
  * What everything begins with.
  * - link: how rvxd is reached: {state: "connecting" | "up" | "away", readOnly, problem, heard: when it was heard last}
  * - machine: /v1/state; null before the first one
- * - events: oldest first, `cursor` behind the last one that the stream told
+ * - events: oldest first, `cursor` behind the last one that the stream told; hasOlder: rvxd may have more
  * - operations: as /v1/operations lists them; settings: {etag, data}; channels: as /v1/notify lists them
  * - route: the words of the address; now: milliseconds, as `heard`
  * - onlyProblems, filter: what is chosen of lists; dialog: see dialog.js; drawer: whether operations are shown
@@ -19,6 +19,7 @@ export const INITIAL = {
     machine: null,
     events: [],
     cursor: null,
+    hasOlder: false,
     operations: [],
     settings: null,
     channels: null,
@@ -69,7 +70,7 @@ export function withEvents(state, events) {
     const { epoch } = place(events.at(-1).id);
     const kept = [...byId.values()].filter((event) => place(event.id).epoch === epoch)
         .sort((one, other) => place(one.id).number - place(other.id).number);
-    return { events: kept.slice(-EVENTS_LIMIT) };
+    return { events: kept.slice(-EVENTS_LIMIT), hasOlder: state.hasOlder || kept.length > EVENTS_LIMIT };
 }
 
 /** Takes in an operation that is another one, or new. */
@@ -85,13 +86,13 @@ const RANKS = { queued: 0, running: 1, done: 2, failed: 2, interrupted: 2 };
 
 /** Takes in a whole list of operations, which may be older than what was told meanwhile: none goes back. */
 export function withOperations(state, list) {
-    const known = new Map(state.operations.map((one) => [one.id, one]));
-    const isFurther = (one, other) => other && RANKS[other.state] > RANKS[one.state];
-    const newest = Number(list.at(-1)?.id.slice("op-".length) ?? 0);
-    return {
-        operations: [...list.map((one) => isFurther(one, known.get(one.id)) ? known.get(one.id) : one),
-            ...state.operations.filter((one) => Number(one.id.slice("op-".length)) > newest)],
+    // Where rvxd forgot its operations, their numbers begin anew.
+    const known = new Map(state.operations.map((one) => [`${one.id} ${one.created}`, one]));
+    const further = (one) => {
+        const other = known.get(`${one.id} ${one.created}`);
+        return other && RANKS[other.state] > RANKS[one.state] ? other : one;
     };
+    return { operations: [...list.map(further), ...state.operations.filter((one) => list.every((listed) => listed.created < one.created))] };
 }
 
 /** Takes in a condition that began, was acknowledged or is over; the next state tells the headline that belongs to it. */
@@ -112,6 +113,21 @@ export const arrayOf = (state, id) =>
 /** The disk that has this id or name. */
 export const diskOf = (state, id) =>
     state.machine?.disks.find((disk) => disk.id === id) ?? state.machine?.disks.find((disk) => disk.name === id);
+
+/** Whether two descriptions are of one disk. A kernel name in place of an id is the next disk's as well. */
+export function isSame(one, other) {
+    if (one.serial && other.serial) return one.serial === other.serial;
+    return one.id !== null && one.id === other.id && one.id !== one.name;
+}
+
+/** The name of the array that has let go of this disk, because it failed there; null where none has. */
+export function distrust(state, disk) {
+    return state.machine?.health.conditions.find((one) => one.disks.some((lost) => lost.state === "gone" && isSame(lost, disk)))?.subject ?? null;
+}
+
+/** Disks that can be made a member or a spare now. */
+export const readyDisks = (state) =>
+    state.machine.disks.filter((disk) => disk.operations.some((offer) => offer.kind === "spare.add" && offer.allowed));
 
 const LEVELS = ["ok", "warning", "critical"];
 

@@ -1,9 +1,9 @@
 // The way to rvxd: the one module that knows Cockpit's channels.
 
-/** There is no answer. `problem` is Cockpit's word for it: not-found, access-denied, disconnected ... */
+/** There is no answer. `problem` is Cockpit's word for it (not-found, access-denied, disconnected ...), `told` what people read. */
 export class LinkError extends Error {
-    constructor(problem) {
-        super(`rvxd cannot be reached: ${problem}`);
+    constructor(problem, told = `rvxd cannot be reached: ${problem}`) {
+        super(told);
         this.problem = problem;
     }
 }
@@ -11,8 +11,8 @@ export class LinkError extends Error {
 const decoder = new TextDecoder();
 const encoder = new TextEncoder();
 
-/** After which a request has failed; Cockpit never tells of an answer that breaks off. Milliseconds. */
-const DEADLINE = 60000;
+/** After which a request has failed, as Cockpit never tells of an answer that breaks off. Longer than rvxd itself waits. Milliseconds. */
+const DEADLINE = 90000;
 
 const OPTIONS = { superuser: "try", binary: true };
 
@@ -44,13 +44,13 @@ export class Transport {
     }
 
     /** {status, etag, data} of any answer; throws LinkError where there is none. */
-    call(method, path, body, headers) {
+    call(method, path, body, headers, deadline = DEADLINE) {
         const http = this.#cockpit.http({ unix: this.#socket, ...OPTIONS });
         const json = body === undefined ? {} : { "Content-Type": "application/json" };
         let head = {};
         let timer;
         return new Promise((resolve, reject) => {
-            timer = setTimeout(() => reject(new LinkError("timeout")), DEADLINE);
+            timer = setTimeout(() => reject(new LinkError("timeout")), deadline);
             http.request({
                 method, path, headers: { ...json, ...headers }, body: body === undefined ? "" : encoder.encode(JSON.stringify(body)),
             }).response((status, fields) => {

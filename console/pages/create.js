@@ -2,8 +2,8 @@
 
 import { element } from "../element.js";
 import { count, size } from "../format.js";
-import { button } from "../parts.js";
-import { obstacle } from "../store.js";
+import { button, named } from "../parts.js";
+import { distrust, obstacle } from "../store.js";
 import { problem } from "./dialog.js";
 
 /** What people ask of a level: what it survives, and what room it leaves of `least` on each of `number` disks. */
@@ -36,7 +36,7 @@ export function creation(state, actions) {
                 element("small", null, one.minimumDisks === one.maximumDisks ? `Exactly ${count(one.minimumDisks, "disk")}.` : `From ${count(one.minimumDisks, "disk")}.`))))),
         element("fieldset", { class: "disks", key: "disks" }, element("legend", null, "Disks"),
             disks.length === 0 && element("p", { class: "empty" }, "There is no disk on a controller that is supported."),
-            disks.map((disk) => diskBox(actions, form, disk))),
+            disks.map((disk) => diskBox(state, actions, disk))),
         level && level.stripes.length > 1 && element("label", { class: "choice", key: "stripe" }, "Stripe size", element("select", {
             value: String(form.stripe), onchange: (event) => actions.fill({ stripe: Number(event.target.value) }),
         }, level.stripes.map((bytes) => element("option", { value: String(bytes) }, size(bytes))))),
@@ -64,8 +64,10 @@ function room(level, chosen) {
         (bytes === undefined || sizes.length < level.minimumDisks ? "" : `Room: about ${size(bytes)}.`);
 }
 
-function diskBox(actions, form, disk) {
+function diskBox(state, actions, disk) {
+    const { form } = state.dialog;
     const why = unusable(disk);
+    const former = distrust(state, disk);
     const isChosen = form.disks.includes(disk.id);
     const reasonId = `why-${disk.identifier}`;
     return element("div", { class: why ? "disk off" : "disk", key: disk.identifier }, element("label", null, element("input", {
@@ -73,6 +75,5 @@ function diskBox(actions, form, disk) {
         // One that cannot be taken stays where the keyboard finds it, and its reason with it.
         onclick: why ? (event) => event.preventDefault() : null,
         onchange: why ? null : (event) => actions.fill({ disks: event.target.checked ? [...form.disks, disk.id] : form.disks.filter((id) => id !== disk.id) }),
-    }), element("span", null, element("strong", null, disk.name), ` ${size(disk.size)}, serial ${disk.serial ?? "not known"}`,
-        disk.path && `, at ${disk.path}`)), why && element("span", { id: reasonId, class: "why" }, why));
+    }), element("span", null, named(disk), former && `; ${former} has let go of it`)), why && element("span", { id: reasonId, class: "why" }, why));
 }

@@ -2,9 +2,10 @@
 
 import { element } from "../element.js";
 import { listed, size } from "../format.js";
-import { button, left, outcome, progress, reasons, stateMark } from "../parts.js";
-import { arrayOf, isPending, obstacle } from "../store.js";
+import { button, left, named, outcome, progress, reasons, stateMark } from "../parts.js";
+import { arrayOf, diskOf, isPending, obstacle } from "../store.js";
 import { creation } from "./create.js";
+import { pullText } from "./replace.js";
 
 export function dialog(state, actions) {
     const { dialog: open } = state;
@@ -20,17 +21,18 @@ export function dialog(state, actions) {
         element("h2", { id: "dialog-title" }, open.title),
         operation ? ended(state, actions, operation) : [
             open.form && !open.plan && creation(state, actions),
-            open.choice && choice(actions, open),
+            open.choice && choice(actions, open, open.isBusy && open.plan),
             open.isBusy && !open.plan && element("p", { role: "status" }, "Asking what it would do..."),
-            open.plan ? planned(state, actions, open) : [problem(open), !open.form && element("div", { class: "tools", key: "end" }, cancel(actions))],
+            open.plan ? planned(state, actions, open) : [problem(open), !open.form && element("div", { class: "tools", key: "end" },
+                open.problem && button("again", "Ask again", () => actions.plan(), { kind: "primary" }), cancel(actions))],
         ]));
 }
 
 const cancel = (actions) => button("cancel", "Cancel", () => actions.close());
 
-function choice(actions, { choice: { label, options, field }, request }) {
+function choice(actions, { choice: { label, options, field }, request }, isFixed) {
     return element("label", { class: "choice", key: "choice" }, label, element("select", {
-        value: request?.[field] ?? "", onchange: (event) => actions.choose(event.target.value),
+        value: request?.[field] ?? "", disabled: Boolean(isFixed), onchange: (event) => actions.choose(event.target.value),
     }, element("option", { value: "" }, "Choose..."), options.map(({ value, text }) => element("option", { value }, text))));
 }
 
@@ -42,7 +44,8 @@ export const problem = ({ problem: what }) => what && element("div", { class: "p
 /** The plan as rvxd tells it, and what the person has to do before it is carried out. */
 function planned(state, actions, open) {
     const { plan, mustType, mounts } = open;
-    const back = open.form && button("back", "Back", () => actions.back());
+    const asking = open.isBusy ? "It is being asked for." : null;
+    const back = open.form && button("back", "Back", () => actions.back(), { why: asking, isQuiet: true });
     if (!plan.allowed)
         return [
             mounts.length > 0 && element("p", { key: "mounts" }, `It is used at ${listed(mounts)}. Unmount it first.`),
@@ -57,8 +60,7 @@ function planned(state, actions, open) {
         element("p", { class: "lead", key: "title" }, `This will ${plan.title}.`),
         element("ul", { class: "consequences", key: "consequences" }, plan.consequences.map((one) => element("li", null, one))),
         plan.disks.length > 0 && element("ul", { class: "identities", key: "disks" }, plan.disks.map((one) => element("li", { key: one.id },
-            element("strong", null, one.device.replace("/dev/", "")), ` ${size(one.size)}`, one.serial && `, serial ${one.serial}`,
-            one.state && [" ", stateMark(one.state)],
+            planDisk(state, one), one.state && [" ", stateMark(one.state)],
             element("div", null, one.contents.length ? `holds: ${one.contents.join(", ")}` : "nothing known on it")))),
         plan.questions.map((one) => element("p", { class: "question" }, one)),
         mustType ? element("label", { class: "choice", key: "confirm" }, `Type ${mustType} to confirm`, element("input", {
@@ -70,10 +72,14 @@ function planned(state, actions, open) {
         element("div", { class: "tools", key: "end" }, back,
             isStale ? button("again", "Make a new plan", () => actions.plan(), { kind: "primary" })
                 : button("carry-out", open.isBusy ? "Asking..." : isUnknown ? "Ask again" : WORDS[plan.kind], () => actions.carryOut(),
-                    { why: open.isBusy ? "It is being asked for." : why, kind: plan.questions.length ? "danger" : "primary" }),
+                    { why: asking ?? why, kind: plan.questions.length ? "danger" : "primary" }),
             cancel(actions)),
     ];
 }
+
+/** A disk of a plan, with the place that it has now; an array has neither number nor place. */
+const planDisk = (state, one) => one.state === null ? [element("strong", null, one.device.replace("/dev/", "")), one.size !== null && ` ${size(one.size)}`]
+    : named({ ...one, path: diskOf(state, one.id)?.path });
 
 const WORDS = {
     "array.create": "Create", "array.delete": "Delete", "spare.add": "Add", "spare.release": "Release",
@@ -82,7 +88,10 @@ const WORDS = {
 
 function ended(state, actions, operation) {
     const array = arrayOf(state, state.dialog.request.array);
+    const [disk] = operation.kind === "spare.release" && operation.state === "done" ? state.dialog.plan?.disks ?? [] : [];
+    const now = disk?.state === "failed" && diskOf(state, disk.id);
     return [
+        now && now.usedBy.length === 0 && element("p", { class: "lead", key: "pull" }, pullText(now)),
         element("p", { role: "status", key: "outcome" }, stateMark(operation.state), " ", outcome(operation)),
         left(operation),
         operation.kind === "spare.add" && array?.activity.progress != null &&

@@ -3,7 +3,6 @@
 import { element } from "../element.js";
 import { moment } from "../format.js";
 import { mark, table } from "../parts.js";
-import { EVENTS_LIMIT } from "../store.js";
 
 const SEVERITIES = { information: "All", warning: "Warnings and errors", error: "Errors" };
 const LEVELS = { information: "unknown", warning: "warning", error: "critical" };
@@ -29,7 +28,7 @@ export function events(state, actions) {
         ], [...chosen].reverse(), {
             empty: state.events.length ? "No event is like this." : "Nothing has happened yet.", key: (event) => event.id, isTitled: false,
         }),
-        state.events.length === EVENTS_LIMIT && element("p", { class: "empty" },
-            `These are the last ${EVENTS_LIMIT}. "rvxctl events" shows all that are kept.`),
+        state.hasOlder && state.events.length > 0 && element("p", { class: "empty" },
+            `The list begins at ${moment(state.events[0].time)}. "rvxctl events" shows all that are kept.`),
     ];
 }

@@ -1,8 +1,8 @@
 // How the machine is: what needs a hand first, then everything.
 
 import { element } from "../element.js";
-import { capital, count, percent, size } from "../format.js";
-import { address, arrayLink, button, diskLink, link, mark, progress, stateMark, table } from "../parts.js";
+import { capital, count, moment, percent, size } from "../format.js";
+import { address, arrayId, arrayLink, arrayMark, button, diskLink, mark, named, progress, stateMark, table, userLink } from "../parts.js";
 import { arrayOf, diskOf, matters, obstacle } from "../store.js";
 
 const LEVEL_TEXTS = { ok: "In order", warning: "Warning", critical: "Critical", unknown: "Not known" };
@@ -38,18 +38,21 @@ export function overview(state, actions) {
 function card(state, actions, { subject, level, conditions }) {
     const known = new Map(conditions.flatMap((one) => one.disks).map((disk) => [`${disk.id} ${disk.name}`, disk]));
     const [first] = conditions;
-    const isNew = conditions.some((one) => !one.acknowledged);
+    // One that is new among them is not acknowledged with the others.
+    const seen = conditions.every((one) => one.acknowledged) && first.acknowledged;
     return element("article", { class: `card ${level}`, key: subject, "aria-label": subject },
         element("h3", null, mark(level, LEVEL_TEXTS[level]), " ", subject),
         conditions.map((one) => element("p", { key: one.id }, one.object === subject ? one.text : `${one.object}: ${one.text}`)),
         known.size > 0 && element("ul", { class: "identities" }, [...known.values()].map((disk) => element("li", null,
-            element("strong", null, disk.name), " ", stateMark(disk.state), ` serial ${disk.serial ?? "not known"}`,
-            disk.path && `, at ${disk.path}`, disk.model && `, ${disk.model}`))),
+            stateMark(disk.state), " ", named(disk)))),
+        element("small", null, `Since ${moment(since(conditions))}. `, seen && `Acknowledged ${moment(seen.time)} by user ${seen.uid}.`),
         element("div", { class: "tools" }, step(state, subject, conditions),
-            isNew ? button(`acknowledge-${subject}`, "Acknowledge", () => actions.acknowledge(first.id), { why: obstacle(state), isQuiet: true })
-                : element("small", null, "Acknowledged")),
+            !seen && button(`acknowledge-${subject}`, "Acknowledge", () => actions.acknowledge(first.id),
+                { why: obstacle(state), isQuiet: true, label: `Acknowledge ${subject}` })),
         state.notes[`condition:${first.id}`] && element("p", { class: "note", role: "status" }, state.notes[`condition:${first.id}`]));
 }
+
+const since = (conditions) => conditions.map((one) => one.since).sort()[0];
 
 /** The one step that is next: a page where it is done, else in rvxd's words. */
 function step(state, subject, conditions) {
@@ -58,39 +61,39 @@ function step(state, subject, conditions) {
     const go = (target, text) => element("a", { class: "button primary", href: target }, text);
     // One that has failed is not mended by another disk.
     if (array && array.redundancy.canLose !== null && ["array-degraded", "array-rebuilding", "disk-failed"].some((kind) => kinds.has(kind)))
-        return go(address("replace", array.uuid ?? array.name), array.activity.kind === "rebuild" ? "Watch the rebuild" : "Replace the disk...");
+        return go(address("replace", arrayId(array)), array.activity.kind === "rebuild" ? "Watch the rebuild" : "Replace the disk...");
     if (kinds.has("notify-failing")) return go("#/settings", "Look at the channels");
     const next = conditions.find((one) => one.next)?.next;
     const disk = diskOf(state, subject);
     return [
         next && element("span", null, next),
-        array && link(address("array", array.name), `Look at ${array.name}`),
-        disk && link(address("disk", disk.id), `Look at ${disk.name}`),
+        array && arrayLink(array, `Look at ${array.name}`),
+        disk && diskLink(disk, `Look at ${disk.name}`),
     ];
 }
 
 function arrayTable(state, arrays) {
     return table("Arrays", [
-        ["Name", arrayLink],
-        ["State", (one) => [stateMark(one.state, one.stateText), one.activity.kind !== "none" && element("span", { class: "activity" },
+        ["Name", (one) => arrayLink(one)],
+        ["State", (one) => [arrayMark(state, one), one.activity.kind !== "none" && element("span", { class: "activity" },
             ` ${one.activity.text} ${one.activity.progress === null ? "" : percent(one.activity.progress)}`,
             one.activity.progress !== null && progress(`${one.activity.text} of ${one.name}`, one.activity.progress))]],
         ["Level", (one) => one.level],
         ["Size", (one) => size(one.size)],
         ["Disks", (one) => `${one.redundancy.active} of ${one.redundancy.required}${one.spares.length ? `, ${count(one.spares.length, "spare")}` : ""}`],
         ["Used at", (one) => one.mounts.join(", ")],
-    ], arrays, { empty: state.onlyProblems ? "No array needs you." : "There is no array yet.", key: (one) => one.uuid ?? one.name });
+    ], arrays, { empty: state.onlyProblems ? "No array needs you." : "There is no array yet.", key: arrayId });
 }
 
 function diskTable(state, disks) {
     return table("Disks", [
-        ["Name", diskLink],
+        ["Name", (one) => diskLink(one)],
         ["State", (one) => stateMark(one.state, one.stateText)],
         ["Serial number", (one) => one.serial],
         ["Model", (one) => [one.vendor, one.model].filter(Boolean).join(" ")],
         ["Size", (one) => size(one.size)],
         ["Path", (one) => one.path],
-        ["Used by", (one) => one.usedBy.map((user, index) => [index > 0 && ", ", user === one.array ? link(address("array", user), user) : user])],
+        ["Used by", (one) => one.usedBy.map((user, index) => [index > 0 && ", ", userLink(state, one, user)])],
     ], disks, {
         empty: state.onlyProblems ? "No disk needs you." : "There is no disk on a controller that is supported.",
         key: (one) => one.identifier,

@@ -2,12 +2,12 @@
 
 import { element } from "../element.js";
 import { moment } from "../format.js";
-import { button, mark, table } from "../parts.js";
+import { arrayId, button, hasRedundancy, mark, table } from "../parts.js";
 import { obstacle } from "../store.js";
 
 export function settings(state, actions) {
     const { pollInterval, spares, limits } = state.settings.data;
-    const redundant = state.machine.arrays.filter((array) => !["raid0", "linear"].includes(array.level));
+    const redundant = state.machine.arrays.filter(hasRedundancy);
     return [
         element("h1", null, "Settings"),
         field(state, actions, "interval", "Seconds between two looks", pollInterval, limits.pollInterval, (value) => ({ pollInterval: value })),
@@ -15,7 +15,7 @@ export function settings(state, actions) {
             element("p", null, "An array that has fewer is a warning. Empty: it may have any number."),
             redundant.length === 0 && element("p", { class: "empty" }, "No array has redundancy."),
             redundant.map((array) => {
-                const id = array.uuid ?? array.name;
+                const id = arrayId(array);
                 return field(state, actions, `spares-${array.name}`, `Spares of ${array.name}`, spares[id] ?? "", limits.spares,
                     (value) => ({ spares: { [id]: value } }), true);
             })),
@@ -37,7 +37,7 @@ function field(state, actions, id, label, value, { least, most }, change, mayBeE
         type: "text", inputmode: "numeric", size: "4", value: text, "aria-invalid": isWrong ? "true" : null,
         oninput: (event) => actions.draft({ [id]: event.target.value }),
     })),
-    button(`save-${id}`, "Save", () => actions.save(id, change(number)), { why, isQuiet: !isWrong || obstacle(state) !== null }),
+    button(`save-${id}`, "Save", () => actions.save(id, change(number)), { why, isQuiet: !isWrong || obstacle(state) !== null, label: `Save ${label}` }),
     state.notes[id] && element("span", { class: "note", role: "status" }, state.notes[id]));
 }
 
@@ -52,7 +52,7 @@ function channels(state, actions) {
         ["State", (one) => [mark(CHANNEL_LEVELS[one.state], one.state), one.text && ` ${one.text}`]],
         ["Delivered last", (one) => one.delivered ? moment(one.delivered) : "never"],
         ["Test", (one) => [
-            button(`test-${one.channel}`, "Send a test", () => actions.testChannel(one.channel), { why: obstacle(state), isQuiet: true }),
+            button(`test-${one.channel}`, "Send a test", () => actions.testChannel(one.channel), { why: obstacle(state), isQuiet: true, label: `Send a test to ${one.channel}` }),
             state.notes[`channel:${one.channel}`] && element("span", { class: "note", role: "status" }, state.notes[`channel:${one.channel}`]),
         ]],
     ], state.channels, { empty: "No channel is set up: see /etc/rvx/notify.d.", key: (one) => one.channel });

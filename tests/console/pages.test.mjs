@@ -10,6 +10,7 @@ import { overview } from "../../console/pages/overview.js";
 import { replace } from "../../console/pages/replace.js";
 import { settings } from "../../console/pages/settings.js";
 import { banner } from "../../console/parts.js";
+import { replacement } from "../../console/replacement.js";
 import { condition, disk, event, failed, gone, machine, member, mirror, stateOf, used } from "./samples.mjs";
 import * as samples from "./samples.mjs";
 import { all, button, text } from "./tree.mjs";
@@ -42,40 +43,89 @@ test("a button that cannot be used says why, everywhere", () => {
     for (const [more, why] of [[away, "rvxd does not answer."], [reader, "You may look, but not change: turn on administrative access."]]) {
         const state = stateOf({ ...HURT, levels: [] }, { ...more, drawer: true, channels: [{ channel: "mail", state: "ok" }], operations: [{ id: "op-1", state: "queued", steps: [], title: "t" }] });
         const buttons = [[overview(state, nobody), "Create an array..."], [overview(state, nobody), "Acknowledge"], [array(state, nobody, "md_d0"), "Delete the array..."],
-            [replace(state, nobody, "md_d0"), "Release sdb..."], [diskPage(state, nobody, "sdb"), "spare.release..."], [settings(state, nobody), "Send a test"], [operations(state, nobody), "Withdraw"]];
+            [replace(state, nobody, "md_d0"), "Release sdb..."], [diskPage(state, nobody, "sdb"), "Release it from md_d0..."], [array(state, nobody, "md_d0"), "Add a spare..."], [dialog({ ...state, dialog: { ...open({ plan: PLAN, agreed: true }).dialog } }, nobody), "Delete"], [settings(state, nobody), "Send a test"], [operations(state, nobody), "Withdraw"]];
         for (const [tree, name] of buttons) assert.equal(button(tree, name).why, why, name);
     }
-    assert.match(text(banner(stateOf(HURT, away))), /What you see is 42 seconds old/);
+    const [said, shown] = all(banner(stateOf(HURT, away)), "p");
+    assert.deepEqual([said.attributes.role, text(said), text(shown)], ["alert", "rvxd does not answer.", "What you see is 42 s old."], "what is said does not change each second");
     const state = stateOf(HURT);
     assert.equal(button(diskPage(state, nobody, "sdc"), "spare.release...").why, "No spare.release", "the plug-in's number is not for people");
 });
 
+const RUNS = { activity: { kind: "rebuild", text: "Rebuild", waiting: null, progress: 0.5, speed: 1 << 20, remaining: 60 } };
+const LONE = mirror([member("sda")]);
+const LOST = [condition({ disks: [gone("sdb")] })];
+
 test("a replacement's step is told by the machine alone", () => {
-    const missing = mirror([member("sda")]);
-    const told = [condition({ disks: [gone("sdb")] })];
-    const rebuilding = mirror([member("sda"), member("sdc", "rebuilding", 1)], { activity: { kind: "rebuild", text: "Rebuild", waiting: null, progress: 0.5, speed: 1 << 20, remaining: 60 } });
-    const steps = [
-        ["Release the failed disk", HURT, /serial number|S-sdb/i],
-        ["Pull the disk", machine([used("sda"), disk("sdb"), disk("sdc")], [missing], told), /serial number S-sdb at 1:0:0:0.*Or rebuild at once.*sdc/],
-        ["Put in the new disk", machine([used("sda"), disk("sdd", { size: 1 << 20 })], [missing], told), /at least 63 MiB.*S-sdb.*Too small: sdd, 1 MiB/],
-        ["Add it", machine([used("sda"), disk("sdc")], [missing], told), /sdc/],
-        ["Add it", machine([used("sda"), disk("sdb", { serial: "S-new" })], [missing], [condition()]), /S-new/],
-        ["Rebuild", machine([used("sda"), used("sdc")], [rebuilding], told), /50.0 %, 1 MiB\/s, 1 min left/],
+    const small = disk("sdd", { size: 1 << 20 });
+    const other = { ...condition({ id: "array-degraded:md_d1", object: "md_d1", subject: "md_d1", uuid: "3:4" }), disks: [gone("sdc")] };
+    const bare = (name, more) => disk(name, { id: name, serial: null, ...more });
+    const bareLost = [condition({ disks: [{ ...gone("sdb"), id: "sdb", serial: null }] })];
+    const table = [
+        // what, disks, array, conditions; the step, what is to be released, what can be pulled, what can be added
+        ["held", [used("sda"), failed("sdb"), disk("sdc")], mirror([member("sda"), member("sdb", "failed", null)]), [], ["release", "sdb", "", "sdc"]],
+        ["held, while a spare is rebuilt onto", [used("sda"), failed("sdb"), used("sdc")], mirror([member("sda"), member("sdb", "failed"), member("sdc", "rebuilding")], RUNS), [], ["release", "sdb", "", ""]],
+        ["held, and whole with a spare", [used("sda"), failed("sdb"), used("sdc")], mirror([member("sda"), member("sdc"), member("sdb", "failed")]), [], ["release", "sdb", "", ""]],
+        ["held, and pulled", [used("sda"), disk("sdc")], mirror([member("sda"), member("sdb", "failed")]), [], ["add", "", "", "sdc"]],
+        ["a partition of it", [used("sda"), failed("sdb")], mirror([member("sda"), { ...member("sdb1", "failed"), disk: null, whole: "ata-sdb" }]), [], ["release", "sdb1", "", ""]],
+        ["released", [used("sda"), disk("sdb"), disk("sdc")], LONE, LOST, ["pull", "", "sdb", "sdc"]],
+        ["released, with another name and place", [used("sda"), disk("sdx", { id: "wwn-1", serial: "S-sdb" })], LONE, LOST, ["pull", "", "sdb", ""]],
+        ["released, and used elsewhere", [used("sda"), used("sdb", "md_d2"), disk("sdc")], LONE, LOST, ["add", "", "", "sdc"]],
+        ["pulled", [used("sda"), small], LONE, LOST, ["insert", "", "", ""]],
+        ["another disk in its place, by the same name", [used("sda"), disk("sdb", { serial: "S-new" })], LONE, LOST, ["add", "", "", "sdb"]],
+        ["no serial numbers: nobody can tell", [used("sda"), bare("sdb")], LONE, bareLost, ["add", "", "", "sdb"]],
+        ["the failed disk of another array", [used("sda"), disk("sdc"), disk("sde")], LONE, [...LOST, other], ["add", "", "", "sde"]],
+        ["rebuilding", [used("sda"), used("sdc")], mirror([member("sda"), member("sdc", "rebuilding", 1)]), LOST, ["rebuild", "", "", ""]],
+        ["rebuilding, and still plugged in", [used("sda"), used("sdc"), disk("sdb")], mirror([member("sda"), member("sdc", "active", 1)], { ...RUNS, redundancy: LONE.redundancy }), LOST, ["rebuild", "", "sdb", ""]],
+        ["a spare that md has not taken yet", [used("sda"), disk("sdc")], mirror([member("sda")], { spares: ["sde"] }), [], ["rebuild", "", "", "sdc"]],
+        ["whole", [used("sda"), used("sdc"), disk("sdd")], mirror([member("sda"), member("sdc", "active", 1)]), [], ["whole", "", "", "sdd"]],
+        ["failed", [failed("sda"), disk("sdc")], mirror([member("sda", "failed")]), [], [null, "sda", "", "sdc"]],
     ];
-    for (const [title, what, content] of steps) {
-        const current = all(replace(stateOf(what), nobody, "1:2"), (node) => node.attributes["aria-current"] === "step");
-        assert.equal(current.length, 1, title);
-        assert.ok(text(current).startsWith(title), `${title}: ${text(current)}`);
-        assert.match(text(current).replaceAll(/\s+/g, " "), content);
+    for (const [what, disks, one, conditions, expected] of table) {
+        const { step, failed: held, pull, fitting } = replacement(stateOf(machine(disks, [one], conditions)), one);
+        assert.deepEqual([step, ...[held.map(({ member: { name } }) => name), pull.map(({ name }) => name), fitting.map(({ name }) => name)].map(String)], expected, what);
     }
-    const whole = replace(stateOf(machine([used("sda"), used("sdc")], [mirror([member("sda"), member("sdc", "active", 1)])])), nobody, "1:2");
-    assert.match(text(whole), /md_d0 is whole/);
-    assert.equal(all(whole, "button").length, 0);
 });
 
-test("a disk that nobody may add to a mirror twice: the old one is not offered", () => {
-    const what = machine([used("sda"), disk("sdb"), disk("sdc")], [mirror([member("sda")])], [condition({ disks: [gone("sdb")] })]);
-    assert.deepEqual(all(replace(stateOf(what), nobody, "1:2"), "button").map(text), ["Add sdc..."]);
+test("the guide names the disk, its place and what is on it, and offers nothing where it would harm", () => {
+    const [actions, asked] = recorder();
+    const shown = (disks, one, conditions, more) => replace(stateOf(machine(disks, [one], conditions), more), actions, "1:2");
+    const words = (...what) => text(shown(...what)).replaceAll(/\s+/g, " ");
+    assert.match(words([used("sda"), disk("sdb"), disk("sdc")], LONE, LOST), /Pull the disk with serial number S-sdb at 1:0:0:0\. Compare.*Or rebuild at once.*sdc.*serial S-sdc , at 1:0:0:0/);
+    assert.match(words([used("sda"), disk("sdd", { size: 1 << 20 })], LONE, LOST), /more than 63 MiB.*S-sdb, which was at 1:0:0:0.*Too small: sdd, 1 MiB/);
+    assert.match(words([used("sda"), used("sdb", "md_d2")], LONE, LOST), /Serial number S-sdb, which md_d0 had, is in use for md_d2 now\. Do not pull it/);
+    assert.match(words([used("sda"), { ...failed("sdb"), usedBy: ["md_d0", "md_d1"] }], mirror([member("sda"), member("sdb", "failed")])), /It is in use for md_d1, too: do not pull it/);
+    assert.match(words([used("sda")], mirror([member("sda"), member("sdb", "failed")]), [condition({ disks: [{ ...gone("sdb"), state: "failed" }] })]), /md still holds sdb , serial S-sdb , at 1:0:0:0.*In a terminal: do it/);
+    assert.match(words([used("sda"), used("sdc")], mirror([member("sda"), member("sdc", "rebuilding")], RUNS), LOST), /50.0 %, 1 MiB\/s, 1 min left/);
+    const broken = shown([failed("sda"), disk("sdc")], mirror([member("sda", "failed")]), LOST);
+    assert.deepEqual([all(broken, "button"), all(broken, "ol")], [[], []]);
+    assert.match(text(broken), /Leave all disks as they are/);
+    assert.match(words([used("sda"), used("sdc")], mirror([member("sda"), member("sdc", "active", 1)])), /md_d0 is whole/);
+    const tree = shown([used("sda"), disk("sdc"), disk("sde")], LONE);
+    button(tree, "Add sde...").press();
+    button(shown([used("sda"), failed("sdb")], mirror([member("sda"), member("sdb", "failed")])), "Release sdb...").press();
+    assert.deepEqual(asked.map(([, { request }]) => request), [{ kind: "spare.add", disk: "ata-sde", array: "1:2" }, { kind: "spare.release", disk: "ata-sdb" }]);
+});
+
+test("what a page asks for is about its own object", () => {
+    const [actions, asked] = recorder();
+    const offers = ["array.delete", "rebuild.start", "rebuild.cancel"].map((kind) => ({ kind, text: kind, allowed: true, reasons: [] }));
+    const state = stateOf(machine([used("sda"), disk("sdc")], [{ ...LONE, operations: offers }]));
+    for (const name of ["array.delete...", "rebuild.start...", "rebuild.cancel...", "Add a spare..."]) button(array(state, actions, "md_d0"), name).press();
+    button(overview(stateOf(HURT), actions), "Acknowledge").press();
+    const told = asked.map(([name, what]) => typeof what === "string" ? [name, what] : [what.request ?? what.base, what.mustType]);
+    assert.deepEqual(told, [[{ kind: "array.delete", array: "1:2" }, "md_d0"], [{ kind: "rebuild.start", array: "1:2" }, undefined], [{ kind: "rebuild.cancel", array: "1:2" }, undefined],
+        [{ kind: "spare.add", array: "1:2" }, undefined], ["acknowledge", "array-degraded:md_d0"]]);
+    const page = text(diskPage(stateOf(machine([disk("sdc", { wwn: "0x5", byId: ["/dev/disk/by-id/x"] })])), nobody, "sdc")).replaceAll(/\s+/g, " ");
+    for (const fact of ["Serial number S-sdc", "Path (host:channel:target:lun) 1:0:0:0", "By-id /dev/disk/by-id/x", "WWN 0x5"]) assert.ok(page.includes(fact), fact);
+});
+
+test("an array that has failed, or that the plug-in calls in order all the same, is called what it is", () => {
+    const state = stateOf(machine([], [mirror([], { state: "in-order", stateText: "In order" })], [condition({ id: "array-failed:md_d0", kind: "array-failed" })]));
+    for (const page of [overview, (...what) => array(...what, "md_d0"), (...what) => replace(...what, "md_d0")]) {
+        assert.ok(all(page(state, nobody), (node) => node.attributes.class === "mark critical").some((node) => text(node) === "failed"));
+        assert.deepEqual(all(page(state, nobody), (node) => node.attributes.href?.includes("replace")), []);
+    }
 });
 
 const PLAN = { plan: "p-1", kind: "array.delete", allowed: true, title: "delete md_d0", consequences: ["What is stored on it is lost."], disks: [{ id: "ata-sda", device: "/dev/sda", serial: "S-sda", size: 1024, contents: ["ext4"], state: "in-use" }], reasons: [], questions: ["Delete this array?"] };
@@ -93,6 +143,15 @@ test("a plan is shown whole, and carried out only as it was agreed to", () => {
     const forbidden = dialog(open({ plan: { ...PLAN, allowed: false, reasons: [{ text: "/mnt is mounted" }] }, mounts: ["/mnt"] }), actions);
     assert.match(text(forbidden), /It is used at \/mnt.*not possible now:.*\/mnt is mounted/s);
     assert.deepEqual(all(forbidden, "button").map(text), ["Cancel"]);
+});
+
+test("while it is asked for nothing else can be, and afterwards it says which disk to pull", () => {
+    const busy = dialog(open({ plan: PLAN, form: {}, agreed: true, isBusy: true }), nobody);
+    assert.deepEqual(["Asking...", "Back"].map((name) => button(busy, name).why), ["It is being asked for.", "It is being asked for."]);
+    const operation = { id: "op-1", kind: "spare.release", state: "done", steps: [], result: { text: "sdb is released." }, error: null, left: null };
+    const after = (usedBy) => ({ ...open({ plan: { ...PLAN, disks: [{ id: "ata-sdb", state: "failed" }] }, operation: "op-1" }), machine: machine([disk("sdb", { usedBy })]), operations: [operation] });
+    assert.match(text(dialog(after([]), nobody)), /Pull the disk with serial number S-sdb at 1:0:0:0/);
+    assert.doesNotMatch(text(dialog(after(["md_d1"]), nobody)), /Pull/);
 });
 
 test("an answer that got lost is asked for again, a stale plan is made anew", () => {

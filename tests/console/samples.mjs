@@ -22,7 +22,7 @@ export const mirror = (members, more) => {
     const active = members.filter((one) => one.state === "active").length;
     return {
         uuid: "1:2", name: "md_d0", device: "/dev/md_d0", level: "raid1", size: 63 << 20, metadata: "1.0", state: active === 2 ? "in-order" : "degraded",
-        stateText: active === 2 ? "In order" : "Degraded", redundancy: { required: 2, active, missing: 2 - active, canLose: active - 1 },
+        stateText: active === 2 ? "In order" : "Degraded", redundancy: { required: 2, active, missing: 2 - active, canLose: active ? active - 1 : null },
         activity: { kind: "none", text: "None", firstSync: false, waiting: null, progress: null, speed: null, remaining: null },
         members, spares: [], sparesWanted: null, mounts: [], operations: [{ kind: "array.delete", text: "Delete the array", allowed: true, reasons: [] }], ...more,
     };

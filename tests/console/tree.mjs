@@ -18,9 +18,8 @@ export const all = (tree, what) => [...nodes(tree)].filter(typeof what === "stri
 export function button(tree, name) {
     const [found, another] = all(tree, (node) => node.tag === "button" && text(node).trim() === name);
     if (!found || another) throw new Error(`${found ? "more than one" : "no"} button "${name}" in: ${text(tree)}`);
-    const reason = found.attributes["aria-describedby"];
-    return {
-        press: () => found.attributes.onclick(),
-        why: found.attributes["aria-disabled"] && text(all(tree, (node) => node.attributes.id === reason)).trim(),
-    };
+    const { onclick, "aria-disabled": isOff, "aria-describedby": reason } = found.attributes;
+    const why = isOff && text(all(tree, (node) => node.attributes.id === reason)).trim();
+    if (isOff && (onclick || !why)) throw new Error(`"${name}" is grey, and can be pressed or does not say why`);
+    return { why, press: () => onclick() };
 }
