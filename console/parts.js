@@ -1,7 +1,7 @@
 // Pieces that several pages are made of.
 
 import { element } from "./element.js";
-import { UNKNOWN, duration, percent, reason, size, speed } from "./format.js";
+import { UNKNOWN, capital, duration, percent, reason, size, speed } from "./format.js";
 import { arrayOf, isPending, obstacle } from "./store.js";
 
 /** A word in its colour; the word alone says it too. */
@@ -96,11 +96,17 @@ export const reasons = (list) => list.map((one) => element("li", null, reason(on
 /** Why rvxd does not allow it now; null where it does. */
 export const whyNot = (offer) => offer.allowed ? null : offer.reasons.map(reason).join(" ");
 
+/** What runs on an array, without the percentage that rvxd's own words end with. */
+export const activityName = ({ kind, firstSync }) => firstSync ? "First sync" : capital(kind);
+
+export const activityBar = ({ name, activity }) => progress(`${activityName(activity)} of ${name}`, activity.progress);
+
 /** What runs on an array: how far it is, how fast, how long still. */
-export const running = ({ name, activity: { text, waiting, progress: ratio, speed: rate, remaining } }) => [
-    progress(`${text} of ${name}`, ratio),
-    element("p", null, waiting ? `${text} waits: ${waiting}` : `${text}: ${percent(ratio)}, ${speed(rate)}, ${duration(remaining)} left`),
-];
+export function running(array) {
+    const { waiting, progress: ratio, speed: rate, remaining } = array.activity;
+    const name = activityName(array.activity);
+    return [activityBar(array), element("p", null, waiting ? `${name} waits: ${waiting}` : `${name}: ${percent(ratio)}, ${speed(rate)}, ${duration(remaining)} left`)];
+}
 
 /** What an object offers, each change with the reason that forbids it now; `requests` are by their kinds. */
 export function offers(state, actions, object, requests) {

@@ -1,8 +1,8 @@
 // One array: what it is, what it is made of, what runs on it, and what can be done.
 
 import { element } from "../element.js";
-import { capital, listed, size } from "../format.js";
-import { address, arrayId, arrayMark, button, diskLink, facts, hasRedundancy, link, named, offers, running, stateMark, table } from "../parts.js";
+import { listed, size } from "../format.js";
+import { activityName, address, arrayId, arrayMark, button, diskLink, facts, hasRedundancy, link, named, offers, running, stateMark, table } from "../parts.js";
 import { arrayOf, diskOf, distrust, obstacle, readyDisks } from "../store.js";
 
 export function array(state, actions, id) {
@@ -39,7 +39,7 @@ export function array(state, actions, id) {
 
 function activity(one) {
     return one.activity.kind !== "none" && element("section", { "aria-label": "What runs", key: "activity" },
-        element("h2", null, one.activity.firstSync ? "First synchronisation" : capital(one.activity.kind)), running(one));
+        element("h2", null, activityName(one.activity)), running(one));
 }
 
 function members(state, one) {

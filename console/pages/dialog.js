@@ -2,7 +2,7 @@
 
 import { element } from "../element.js";
 import { listed, size } from "../format.js";
-import { button, left, named, outcome, progress, reasons, stateMark } from "../parts.js";
+import { activityBar, button, left, named, outcome, reasons, stateMark } from "../parts.js";
 import { arrayOf, diskOf, isPending, obstacle } from "../store.js";
 import { creation } from "./create.js";
 import { pullText } from "./replace.js";
@@ -95,7 +95,7 @@ function ended(state, actions, operation) {
         element("p", { role: "status", key: "outcome" }, stateMark(operation.state), " ", outcome(operation)),
         left(operation),
         operation.kind === "spare.add" && array?.activity.progress != null &&
-            progress(`${array.activity.text} of ${array.name}`, array.activity.progress),
+            activityBar(array),
         isPending(operation) && element("p", { key: "goes-on" }, "It goes on also when this is closed: see Operations."),
         element("div", { class: "tools", key: "end" }, button("done", "Close", () => actions.close(), { kind: "primary" })),
     ];

@@ -2,7 +2,7 @@
 
 import { element } from "../element.js";
 import { capital, count, moment, percent, size } from "../format.js";
-import { address, arrayId, arrayLink, arrayMark, button, diskLink, mark, named, progress, stateMark, table, userLink } from "../parts.js";
+import { activityBar, activityName, address, arrayId, arrayLink, arrayMark, button, diskLink, mark, named, stateMark, table, userLink } from "../parts.js";
 import { arrayOf, diskOf, matters, obstacle } from "../store.js";
 
 const LEVEL_TEXTS = { ok: "In order", warning: "Warning", critical: "Critical", unknown: "Not known" };
@@ -76,8 +76,7 @@ function arrayTable(state, arrays) {
     return table("Arrays", [
         ["Name", (one) => arrayLink(one)],
         ["State", (one) => [arrayMark(state, one), one.activity.kind !== "none" && element("span", { class: "activity" },
-            ` ${one.activity.text} ${one.activity.progress === null ? "" : percent(one.activity.progress)}`,
-            one.activity.progress !== null && progress(`${one.activity.text} of ${one.name}`, one.activity.progress))]],
+            activityName(one.activity), one.activity.progress !== null && [` ${percent(one.activity.progress)}`, activityBar(one)])]],
         ["Level", (one) => one.level],
         ["Size", (one) => size(one.size)],
         ["Disks", (one) => `${one.redundancy.active} of ${one.redundancy.required}${one.spares.length ? `, ${count(one.spares.length, "spare")}` : ""}`],
