@@ -7,6 +7,7 @@ declare -A packages=(
         libudev-dev libsmartcols-dev libmicrohttpd-dev libsystemd-dev prometheus-cpp-dev libcurl4-openssl-dev"
     [test]="ccache libgtest-dev libgmock-dev libbenchmark-dev udev mdadm sdparm hdparm util-linux jq python3 python3-jsonschema
         python3-yaml bash-completion zsh fish sudo curl systemd"
+    [console]="cockpit-ws cockpit-bridge chromium chromium-driver python3-selenium fonts-dejavu-core nodejs"
     [fleet]="ansible-core ansible-lint"
     [lint]="clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc"
     [vm]="qemu-system-x86 seabios ipxe-qemu busybox-static cpio kmod xz-utils udev mdadm sdparm hdparm util-linux"

@@ -19,6 +19,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.select import Select
 
 from client import ROOT, Daemon, free_port, until
 
@@ -127,6 +128,16 @@ class Console(contextlib.ExitStack):
         """What the browser has to say against the page; Cockpit's own pages miss a systemd here."""
         return [line["message"] for line in self.driver.get_log("browser") if line["level"] == "SEVERE" and (not self.shell or "/rvx/" in line["message"])]
 
+    @contextlib.contextmanager
+    def machine(self):
+        """The machine while rvxd is away, which may be another one when it is back. Needs --save."""
+        self.daemon.stop()
+        file = self.daemon.path.parent / "machine.json"
+        described = json.loads(file.read_text())
+        yield described
+        file.write_text(json.dumps(described))
+        self.daemon.start()
+
     # Where it looks.
 
     def open(self, route=""):
@@ -135,6 +146,8 @@ class Console(contextlib.ExitStack):
         self.driver.get(f"http://127.0.0.1:{self.port}/{place}#/{route}")
         if self.shell:
             self.into_frame()
+        # Within the page only the address changes, and the page draws a moment later.
+        self.driver.execute_async_script("const [done] = arguments; requestAnimationFrame(() => setTimeout(done));")
 
     def into_frame(self):
         """From the shell into the page."""
@@ -184,12 +197,13 @@ class Console(contextlib.ExitStack):
 
     def read(self, words, *where, seconds=30):
         """Waits until these words, or what has this form, are read there; the match."""
-        form = re.compile(re.escape(words) if isinstance(words, str) else words.pattern)
+        form = re.compile(re.escape(words)) if isinstance(words, str) else words
         return self.settled(lambda: form.search(self.text(*where)), f"'{form.pattern}' is read in {where or 'the page'}", seconds)
 
     def rows(self, caption):
-        """The texts of the cells, row by row, without the headings."""
-        return self.run("return [...arguments[0].tBodies[0].rows].map((row) => [...row.cells].map((cell) => cell.innerText))", self.find("table", caption))
+        """The texts of the cells, row by row, without the headings. Without rows there is no table."""
+        return [row for table in self.all("table", caption) for row in self.run(
+            "return [...arguments[0].tBodies[0].rows].map((row) => [...row.cells].map((cell) => cell.innerText))", table)]
 
     def reason(self, element):
         """Why this button, field or box cannot be used: what is read beside it; None when it can be."""
@@ -216,6 +230,9 @@ class Console(contextlib.ExitStack):
         field.send_keys(Keys.CONTROL, "a")
         field.send_keys(text)
 
+    def choose(self, text, role, name, within=None):
+        Select(self.find(role, name, within)).select_by_visible_text(text)
+
     def press(self, *keys):
         """Whatever has the focus gets them, one after the other."""
         ActionChains(self.driver).send_keys(*keys).perform()
@@ -226,3 +243,28 @@ class Console(contextlib.ExitStack):
             one = self.driver.switch_to.active_element
             return one.aria_role, one.accessible_name
         return self.settled(both, "something has the focus")
+
+    def tab_to(self, role, name, most=80):
+        """By the tab key, until it has the focus: who has no mouse."""
+        passed = []
+        for _ in range(most):
+            self.press(Keys.TAB)
+            passed.append(self.focus())
+            if passed[-1][0] == role and (name is None or (name == passed[-1][1] if isinstance(name, str) else name.search(passed[-1][1]))):
+                return
+        raise AssertionError(f"the tab key does not reach {role} {name}: {passed}")
+
+    def tab_around(self, steps=20):
+        """What the tab key reaches from here."""
+        return [(self.press(Keys.TAB), self.focus())[1] for _ in range(steps)]
+
+    # In the shell.
+
+    def elsewhere(self):
+        """Opens another page of Cockpit's; ours is loaded behind it."""
+        self.driver.get(f"http://127.0.0.1:{self.port}/users")
+
+    def badge(self):
+        """What Cockpit's menu says beside the page's name, such as "error"; None: nothing."""
+        self.driver.switch_to.default_content()
+        return self.run("""return document.querySelector('a[href="/rvx"] .nav-item-status')?.id.replace("raid-", "") ?? null""")
