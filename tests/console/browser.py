@@ -130,7 +130,7 @@ class Console(contextlib.ExitStack):
 
     @contextlib.contextmanager
     def machine(self):
-        """The machine while rvxd is away, which may be another one when it is back. Needs --save."""
+        """The machine while rvxd is away, which may be another one when it is back; with --save, as it was when rvxd ended."""
         self.daemon.stop()
         file = self.daemon.path.parent / "machine.json"
         described = json.loads(file.read_text())
