@@ -62,7 +62,7 @@ class Console(contextlib.ExitStack):
 
     def __init__(self, described, *options, route="", shell=False, as_nobody=False, width=1280, height=900):
         super().__init__()
-        self.driver, self.shell, self.as_nobody, self._route = chromium(), shell, as_nobody, route
+        self.driver, self.shell, self.as_nobody, self._route, self._log = chromium(), shell, as_nobody, route, pathlib.Path()
         self.size(width, height)
         self.dark(False)
         self.daemon = Daemon(described, *options)
@@ -91,22 +91,22 @@ class Console(contextlib.ExitStack):
     def _serve(self):
         """Cockpit, with nothing of this machine's settings. Without a connection it ends the session after 15 seconds."""
         folder = pathlib.Path(self.enter_context(tempfile.TemporaryDirectory(prefix="console")))
-        for part in (folder, self.daemon.path.parent):
-            part.chmod(0o755)
+        self.daemon.path.parent.chmod(0o755)
         package = shutil.copytree(SOURCE, folder / "cockpit/rvx", copy_function=shutil.copyfile)
         manifest = json.loads((package / "manifest.json").read_text())
         manifest["config"]["socket"] = str(self.daemon.path)
         (package / "manifest.json").write_text(json.dumps(manifest))
+        subprocess.run(["chmod", "-R", "a+rX", folder], check=True)
         if self.as_nobody and os.geteuid():
             self.daemon.path.chmod(0)
         lesser = ["setpriv", "--reuid", "nobody", "--regid", "nogroup", "--clear-groups"] if self.as_nobody and not os.geteuid() else []
         data = [folder, *([subprocess.check_output(ROOT / "tools/console.sh", text=True).strip()] if self.shell else []), "/usr/share"]
-        self.port = free_port()
+        self.port, self._log = free_port(), folder / "cockpit.log"
         cockpit = subprocess.Popen(
             [*lesser, "/usr/lib/cockpit/cockpit-ws", "--no-tls", "-a", "127.0.0.1", "-p", str(self.port), "--local-session=/usr/bin/cockpit-bridge"],
             env={"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "HOME": str(folder), "XDG_DATA_DIRS": ":".join(map(str, data)),
                  "XDG_CONFIG_DIRS": str(folder), "XDG_CONFIG_HOME": str(folder)},
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+            stdout=subprocess.DEVNULL, stderr=self.enter_context(open(self._log, "wb")), start_new_session=True)
         self.callback(cockpit.wait)
         self.callback(os.killpg, cockpit.pid, signal.SIGKILL)
         until(lambda: cockpit.poll() is not None or self._listens(), "Cockpit listens")
@@ -119,7 +119,9 @@ class Console(contextlib.ExitStack):
         """What tells why it failed, in a folder that stays."""
         folder = pathlib.Path(tempfile.mkdtemp(prefix="console-failure"))
         (folder / "errors").write_text("\n".join(errors))
-        shutil.copyfile(self.daemon.log, folder / "rvxd.log") if self.daemon.log.exists() else None
+        for name, log in ("rvxd.log", self.daemon.log), ("cockpit.log", self._log):
+            if log.is_file():
+                shutil.copyfile(log, folder / name)
         self.driver.save_screenshot(str(folder / "page.png"))
         (folder / "page.html").write_text(self.driver.page_source)
         return folder

@@ -111,7 +111,7 @@ class Live(Case):
             page.find("button", "Delete the array...")
             allowed = [one.text for one in page.all("button") if one.accessible_name.endswith("...") and page.reason(one) is None]
             self.assertEqual(allowed, [])
-            self.assertEqual(page.daemon.get("/v1/operations")["operations"], [])
+            self.assertEqual(page.daemon.reader.get("/v1/operations")["operations"], [])
 
     def test_the_badge_in_the_menu(self):
         """A failure that is seen only by who opens the page; a badge that stays after the repair."""

@@ -44,7 +44,7 @@ class Replace(Case):
                 for field in ("serial", "wwn", "instance", "device", "target", "host"):
                     new.pop(field, None)
                 now["script"] = [{"at": 5000, "add_disk": {**new, "serial": "NEW1", "target": 7}}]
-                now["sync_speed"] = 16384
+                now["sync_speed"] = 1024
 
             self.step(page, "Put in the new disk")
             page.read(failed["serial"])
@@ -55,9 +55,11 @@ class Replace(Case):
             self.carry_out(page, "Add", "Add sdc to md_d0")
 
             self.step(page, "Rebuild")
-            bar = lambda: float(page.find("progressbar").get_attribute("value"))
-            first = page.settled(lambda: page.all("progressbar") and bar(), "the rebuild has begun")
-            page.settled(lambda: bar() > first, "it goes on")
+            done = lambda: float(page.find("progressbar").get_attribute("value"))
+            first = page.settled(done, "the rebuild has begun")
+            page.settled(lambda: done() > first, "it goes on")
+            with page.machine() as now:
+                now["sync_speed"] = 65536
             page.read("md_d0 is whole", "status")
             self.step(page, None)
             array = page.daemon.get("/v1/arrays/md_d0")
