@@ -111,9 +111,9 @@ export function running(array) {
 /** What an object offers, each change with the reason that forbids it now; `requests` are by their kinds. */
 export function offers(state, actions, object, requests) {
     return element("ul", { class: "offers" }, object.operations.filter((offer) => requests[offer.kind]).map((offer) => {
-        const why = obstacle(state) ?? whyNot(offer);
+        const { label = offer.text, forbidden = null, ...dialog } = requests[offer.kind];
+        const why = obstacle(state) ?? forbidden ?? whyNot(offer);
         const id = `offer-${offer.kind.replace(".", "-")}`;
-        const { label = offer.text, ...dialog } = requests[offer.kind];
         return element("li", { key: id }, button(id, `${label}...`, () => actions.open({ title: label, ...dialog }), { why }));
     }));
 }

@@ -120,6 +120,16 @@ export function isSame(one, other) {
     return one.id !== null && one.id === other.id && one.id !== one.name;
 }
 
+/** What else than this array is on a disk: its partitions can be members of others, too. */
+export function otherUsers(state, disk, array) {
+    const arrays = state.machine.arrays.filter((one) => one.members.some((member) => member.whole === disk.id)).map((one) => one.name);
+    return [...new Set([...disk.usedBy, ...arrays])].filter((user) => user !== array.name);
+}
+
+/** Why the disks of an array are left alone; null where they need not be. */
+export const untouchable = (array) => array?.redundancy.canLose === null
+    ? `${array.name} has failed: what is on its disks may be needed to bring it back.` : null;
+
 /** The name of the array that has let go of this disk, because it failed there; null where none has. */
 export function distrust(state, disk) {
     return state.machine?.health.conditions.find((one) => one.disks.some((lost) => lost.state === "gone" && isSame(lost, disk)))?.subject ?? null;

@@ -106,21 +106,34 @@ void LookAtDisk(const CInventory& inventory, const PI::CObject& disk, const SSma
     health.m_Problems.push_back({how, kind, name, std::move(text), std::move(next)});
   };
   if (IsOneOf(disk, PI::PROP_STATUS, {PI::STATUS_FAILED, PI::STATUS_MISSING})) {
+    // Arrays of partitions can share it: the one in which it failed holds it, the others have use for it.
     const SArrayEntry* holder = nullptr;
+    std::string others;
     for (const SArrayEntry& array : inventory.Arrays())
       for (const SMember& member : array.m_Members)
-        if (member.m_Disk == &disk) holder = &array;
+        if (member.m_Whole == &disk && (member.m_Disk == &disk || member.m_Role == ERole::FAILED))
+          holder = &array;
+        else if (member.m_Whole == &disk)
+          others += (others.empty() ? "" : ", ") + member.m_Name + " of " + array.m_Name;
     // What to do about a member that failed is said of its array, but while that rebuilds.
     const bool degraded =
         holder != nullptr && std::ranges::any_of(health.m_Problems, [&](const SProblem& one) {
           return one.m_Object == holder->m_Name && one.m_Next.find(name) != std::string::npos;
         });
     const std::string next =
-        degraded            ? ""
+        holder != nullptr && HasFailed(*holder)
+            ? "leave it as it is: what is on it may bring " + holder->m_Name + " back"
+        : !others.empty()   ? "do not pull it before other disks stand in for " + others
+        : degraded          ? ""
         : holder == nullptr ? "replace it"
                             : "'rvxctl spare release " + name + "' when no rebuild runs, then replace it";
+    const std::string held = holder == nullptr ? "" : "still held by " + holder->m_Name;
+    const std::string works = others.empty() ? "" : others + " works";
     problem(EHealth::CRITICAL, status == PI::STATUS_FAILED ? "disk failed" : "disk missing",
-            holder == nullptr ? "in no array" : "still held by " + holder->m_Name, next);
+            held.empty() && works.empty()   ? "in no array"
+            : held.empty() || works.empty() ? held + works
+                                            : held + "; " + works,
+            next);
   }
   const auto wear = SmartOf(disk, PI::PROP_SMART_WEAR);
   std::vector<std::string> worn;

@@ -136,8 +136,14 @@ CSnapshot::CSnapshot(Host::CSession& session, const Host::CMachine& machine, con
     arrays += entry.m_Name + TextOf(entry.m_Object, PI::PROP_STATUS) +
               TextOf(entry.m_Object, PI::PROP_ACTIVITY) + entry.MembersText() + Host::Joined(mounts) + "\n";
   }
+  // Of a disk that is a member as a whole nothing is mounted but the array.
+  const auto isMember = [&](const PI::CObject& disk) {
+    return std::ranges::any_of(m_Inventory.Arrays(), [&](const Host::SArrayEntry& entry) {
+      return std::ranges::any_of(entry.m_Members, [&](const auto& one) { return one.m_Disk == &disk; });
+    });
+  };
   for (const PI::CObject& object : m_Topology.Objects()) {
-    if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE && m_Topology.ArrayOf(object) == nullptr &&
+    if (object.m_Kind == PI::OBJ_PHYSICAL_DRIVE && !isMember(object) &&
         NumberOf(object, PI::PROP_STATUS) != PI::STATUS_READY)
       m_Mounts[object.m_ID] = MountsOf(machine, TextOf(object, PI::PROP_DEVICE_PATH));
     const std::string state = arrays + TextOf(object, PI::PROP_STATUS);
@@ -292,6 +298,12 @@ Json CSnapshot::DiskJson(const PI::CObject& disk) const {
   if (written != nullptr && Host::IsUnknown(*written)) json["smart"]["written"] = nullptr;
   json["usedBy"] = Json::array();
   if (array != nullptr) json["usedBy"].push_back(NameOf(*array));
+  // Its partitions may be members of others, too.
+  for (const Host::SArrayEntry& entry : m_Inventory.Arrays())
+    if (std::ranges::any_of(entry.m_Members,
+                            [&](const Host::SMember& one) { return one.m_Whole == &disk; }) &&
+        (array == nullptr || entry.m_Name != NameOf(*array)))
+      json["usedBy"].push_back(entry.m_Name);
   if (const auto mounts = m_Mounts.find(disk.m_ID); mounts != m_Mounts.end())
     for (const std::string& mount : mounts->second) json["usedBy"].push_back(mount);
   json["operations"] = OffersJson(disk);

@@ -3,7 +3,7 @@
 import { element } from "../element.js";
 import { listed, size } from "../format.js";
 import { activityName, address, arrayId, arrayMark, button, diskLink, facts, hasRedundancy, link, named, offers, running, stateMark, table } from "../parts.js";
-import { arrayOf, diskOf, distrust, obstacle, readyDisks } from "../store.js";
+import { arrayOf, diskOf, distrust, obstacle, readyDisks, untouchable } from "../store.js";
 
 export function array(state, actions, id) {
     const one = arrayOf(state, id);
@@ -59,7 +59,7 @@ const suspicion = (state, disk) => distrust(state, disk) && `; ${distrust(state,
 
 function addSpare(state, actions, one) {
     const ready = readyDisks(state);
-    const why = obstacle(state) ?? (!hasRedundancy(one) ? `A ${one.level} has no redundancy, so a spare is of no use.`
+    const why = obstacle(state) ?? untouchable(one) ?? (!hasRedundancy(one) ? `A ${one.level} has no redundancy, so a spare is of no use.`
         : ready.length === 0 ? "No disk is ready." : null);
     return button("add-spare", "Add a spare...", () => actions.open({
         title: `Add a spare to ${one.name}`,

@@ -3,7 +3,7 @@
 import { element } from "../element.js";
 import { UNKNOWN, duration, percent, size } from "../format.js";
 import { arrayId, facts, hasRedundancy, link, offers, stateMark, userLink } from "../parts.js";
-import { diskOf, distrust } from "../store.js";
+import { diskOf, distrust, untouchable } from "../store.js";
 
 export function disk(state, actions, id) {
     const one = diskOf(state, id);
@@ -37,7 +37,7 @@ export function disk(state, actions, id) {
                 choice: { label: "Array", field: "array", options: redundant.map((array) => ({ value: arrayId(array), text: `${array.name}, ${array.level}, ${array.stateText}` })) },
             },
             "spare.release": {
-                title: `Release ${one.name}`, label: one.state === "failed" ? `Release it from ${one.array}` : undefined,
+                title: `Release ${one.name}`, label: one.state === "failed" ? `Release it from ${one.array}` : undefined, forbidden: untouchable(home),
                 request: { kind: "spare.release", disk: one.id },
             },
         }),

@@ -4,7 +4,7 @@ import { element } from "../element.js";
 import { UNKNOWN, listed, size } from "../format.js";
 import { arrayId, arrayLink, arrayMark, button, facts, link, named, running, whyNot } from "../parts.js";
 import { STEPS, replacement } from "../replacement.js";
-import { arrayOf, obstacle } from "../store.js";
+import { arrayOf, obstacle, untouchable } from "../store.js";
 
 const TITLES = {
     release: "Release the failed disk", pull: "Pull the disk", insert: "Put in the new disk", add: "Add it", rebuild: "Rebuild",
@@ -25,20 +25,20 @@ export function replace(state, actions, id) {
         element("p", { role: "status", key: "where" }, now.step in TITLES && `Step ${STEPS.indexOf(now.step) + 1} of ${STEPS.length - 1}: ${TITLES[now.step]}.`),
         now.step in TITLES && element("p", { key: "leave" }, "You can leave this page and come back: where it stands is read from the machine."),
         notes(state, array, now),
-        now.step !== null && steps(state, actions, array, now),
+        now.step in TITLES && steps(state, actions, array, now),
     ];
 }
 
 /** What is beside the way: members that only md can release, and disks of old that have another use by now. */
-function notes(state, array, { held, lost }) {
+function notes(state, array, { held, lost, isOfPartitions }) {
     const { next, disks = [] } = state.machine.health.conditions.find((one) => one.object === array.name && one.next) ?? {};
-    const isOfPartitions = array.members.some((member) => member.whole !== null && member.disk !== member.whole);
-    const terminal = next && `In a terminal: ${next}`;
+    const advice = next && `What rvxd advises: ${next}`;
+    if (untouchable(array)) return null;
     return [
         held.map(({ member }) => element("p", { class: "problem", key: `held ${member.name}` },
-            "md still holds ", named(disks.find((disk) => disk.name === member.name) ?? member), ` (${member.state}), which cannot be released here. `, terminal)),
+            "md still holds ", named(disks.find((disk) => disk.name === member.name) ?? member), ` (${member.state}), which cannot be released here. `, advice)),
         isOfPartitions && held.length === 0 && element("p", { class: "problem", key: "partitions" },
-            "Its members are partitions: none is made or added here. ", terminal),
+            "Its members are partitions: none is made or added here. ", advice),
         lost.filter((one) => one.others.length).map((one) => element("p", { class: "problem", key: `others ${one.name}` },
             `Serial number ${one.serial ?? UNKNOWN}, which ${array.name} had, is in use for ${listed(one.others)} now. Do not pull it.`)),
     ];
@@ -73,7 +73,7 @@ const CONTENTS = {
         failed.map(({ member, disk, offer, others }) => {
             const why = obstacle(state) ?? whyNot(offer);
             return element("div", { key: member.name }, identity(disk),
-                others.length > 0 && element("p", { class: "problem" }, `It is in use for ${listed(others)}, too: do not pull it before that is moved elsewhere.`),
+                others.length > 0 && element("p", { class: "problem" }, `It is in use for ${listed(others)}, too: do not pull it before that does without it.`),
                 button(`release-${member.name}`, `Release ${member.name}...`, () => actions.open({
                     title: `Release ${member.name}`, request: { kind: "spare.release", disk: disk.id },
                 }), { why, kind: "primary" }));
@@ -84,8 +84,8 @@ const CONTENTS = {
         element("p", null, "This goes on by itself as soon as it is out."),
         fitting.length > 0 && [element("p", null, "Or rebuild at once onto a disk that is there already:"), candidates(state, actions, array, fitting)],
     ],
-    insert: (state, actions, array, { lost, small }) => [
-        element("p", null, `Waiting for a disk ${array.level === "raid1" ? `of more than ${size(array.size)}` : "as large as the other members"}. This goes on by itself as soon as it is there.`),
+    insert: (state, actions, array, { lost, small, isOfPartitions }) => [
+        !isOfPartitions && element("p", null, `Waiting for a disk ${array.level === "raid1" ? `of more than ${size(array.size)}` : "as large as the other members"}. This goes on by itself as soon as it is there.`),
         lost.filter((disk) => !disk.now).map((disk) => element("p", { key: disk.id ?? disk.name },
             `It takes the place of serial number ${disk.serial ?? UNKNOWN}${disk.path ? `, which was at ${disk.path}` : ""}.`)),
         small.length > 0 && element("p", null, `Too small: ${small.map((disk) => `${disk.name}, ${size(disk.size)} (${disk.size} bytes)`).join("; ")}; it takes more than ${array.size} bytes.`),
@@ -103,7 +103,7 @@ const CONTENTS = {
 
 function candidates(state, actions, array, disks) {
     return element("ul", { class: "identities candidates" }, disks.map((disk) => element("li", { key: disk.identifier },
-        element("span", null, named(disk)),
+        element("span", null, named(disk), !disk.serial && "; without a serial number nobody can tell whether it is the one that failed"),
         element("span", null, button(`add-${disk.identifier}`, `Add ${disk.name}...`, () => actions.open({
             title: `Add ${disk.name} to ${array.name}`, request: { kind: "spare.add", disk: disk.id, array: arrayId(array) },
         }), { why: obstacle(state), kind: "primary" })))));

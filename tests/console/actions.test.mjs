@@ -39,6 +39,28 @@ test("a change whose answer got lost is asked for again under the same key, a ne
     assert.deepEqual([keys[1] === keys[0], keys[2] === keys[0]], [true, false]);
 });
 
+test("a yes is to the plan that was seen; a form that changes, or a refusal, leaves no plan", async () => {
+    const { store, asked, actions } = given({ status: 200, data: PLAN }, { status: 200, data: PLAN }, { status: 422, data: { detail: "wrong" } });
+    const left = () => [store.state.dialog.plan?.plan, store.state.dialog.agreed, store.state.dialog.typed];
+    await actions.open({ base: { kind: "spare.add", array: "md_d0" }, choice: { field: "disk" }, form: {} });
+    await actions.choose("sdb");
+    assert.deepEqual(asked[0].body, { kind: "spare.add", array: "md_d0", disk: "sdb" });
+    actions.agree(true);
+    actions.type("md_d0");
+    await actions.choose("sdc");
+    assert.deepEqual(left(), ["p-1", false, ""]);
+    actions.agree(true);
+    await actions.plan();
+    assert.deepEqual([...left(), store.state.dialog.problem.text], [undefined, false, "", "wrong"]);
+    let answer;
+    const late = given(new Promise((resolve) => answer = resolve));
+    const first = late.actions.open({ form: { level: "raid1", disks: ["sda"] }, request: { kind: "array.create" } });
+    late.actions.fill({ disks: ["sdb"] });
+    answer({ status: 200, data: PLAN });
+    await first;
+    assert.deepEqual([late.store.state.dialog.plan, late.store.state.dialog.isBusy, late.store.state.dialog.form], [null, false, { level: "raid1", disks: ["sdb"] }]);
+});
+
 test("an answer to a dialog that was left changes nothing in another", async () => {
     let answer;
     const { store, actions } = given(new Promise((resolve) => answer = resolve));

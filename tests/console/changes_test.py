@@ -174,5 +174,5 @@ class Changes(Case):
             page.press(Keys.ENTER)
             until(lambda: list(stored()["spares"].values()) == [1], "it is saved")
             self.assertEqual(stored()["pollInterval"], 9)
-            page.click("button", "Send a test")
+            page.click("button", "Send a test to journal")
             page.read("Delivered", "table", "Where alarms go")

@@ -1,6 +1,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { element } from "../../console/element.js";
 import { duration, percent, reason, size } from "../../console/format.js";
 
 test("numbers at the edges of their units", () => {
@@ -10,4 +11,8 @@ test("numbers at the edges of their units", () => {
     for (const [ratio, text] of [[0.9999, "99.9 %"], [1, "100 %"], [0, "0.0 %"]]) assert.equal(percent(ratio), text);
     assert.equal(reason({ text: "20005 ERR_OPERATION_NOT_SUPPORTED: it does not offer this.", object: "sda" }), "It does not offer this.");
     assert.equal(reason({ text: "sda is a member of md_d0", object: "sda" }), "sda is a member of md_d0");
+});
+
+test("a text that turns what is around it is shown as what it is, a line feed stays", () => {
+    assert.deepEqual(element("p", null, "AB\u202e12345\n\u200bC", 7).children, ["AB\ufffd12345\n\ufffdC", "7"]);
 });

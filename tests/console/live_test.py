@@ -38,7 +38,7 @@ class Live(Case):
             for words in ("sdb", disk["serial"], disk["path"]):
                 page.read(words, *card)
             page.read("1 array degraded", "heading", re.compile("^Critical"))
-            page.click("button", "Acknowledge", card)
+            page.click("button", "Acknowledge md_d0", card)
             page.read("Acknowledged", *card)
             self.assertTrue(all(one["acknowledged"] for one in page.daemon.get("/v1/conditions")["conditions"]))
             page.click("checkbox", "Only what needs me")
@@ -52,7 +52,7 @@ class Live(Case):
             page.daemon.carry_out("array.create", **mirror("sdc", "sdd"))
             self.same_events(page)
             with page.machine() as now:
-                age = lambda: int(page.read(re.compile(r"rvxd does not answer\. What you see is (\d+) seconds old\."), "alert")[1])
+                age = lambda: int(page.read(re.compile(r"What you see is (\d+) s old\."), "note")[1])
                 first = age()
                 until(lambda: age() > first, "what is shown grows old")
                 page.click("link", "Overview")
@@ -75,7 +75,7 @@ class Live(Case):
         with Console(machine("ab", ["ab"])) as page:
             page.daemon.stop()
             page.reload()
-            page.read("nothing is known of this machine", "alert")
+            page.read("Nothing is known of this machine", "alert")
             self.assertEqual(page.all("table"), [])
             page.daemon.start()
             page.find("link", "md_d0", ("table", "Arrays"))
@@ -102,7 +102,7 @@ class Live(Case):
             page.read("You may look, but not change", "note")
             create = page.find("button", "Create an array...")
             page.find("region", "What needs you")
-            offers = ["Acknowledge", "Create an array..."]
+            offers = ["Acknowledge md_d0", "Create an array..."]
             for name in offers:
                 self.assertRegex(page.reason(page.find("button", name)), "^You may look, but not change")
             create.click()

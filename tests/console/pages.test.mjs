@@ -67,22 +67,25 @@ test("a replacement's step is told by the machine alone", () => {
         ["held, while a spare is rebuilt onto", [used("sda"), failed("sdb"), used("sdc")], mirror([member("sda"), member("sdb", "failed"), member("sdc", "rebuilding")], RUNS), [], ["release", "sdb", "", ""]],
         ["held, and whole with a spare", [used("sda"), failed("sdb"), used("sdc")], mirror([member("sda"), member("sdc"), member("sdb", "failed")]), [], ["release", "sdb", "", ""]],
         ["held, and pulled", [used("sda"), disk("sdc")], mirror([member("sda"), member("sdb", "failed")]), [], ["add", "", "", "sdc"]],
-        ["a partition of it", [used("sda"), failed("sdb")], mirror([member("sda"), { ...member("sdb1", "failed"), disk: null, whole: "ata-sdb" }]), [], ["release", "sdb1", "", ""]],
+        ["a partition of it", [used("sda"), failed("sdb"), disk("sdc")], mirror([member("sda"), { ...member("sdb1", "failed"), disk: null, whole: "ata-sdb" }]), [], ["release", "sdb1", "", ""]],
         ["released", [used("sda"), disk("sdb"), disk("sdc")], LONE, LOST, ["pull", "", "sdb", "sdc"]],
         ["released, with another name and place", [used("sda"), disk("sdx", { id: "wwn-1", serial: "S-sdb" })], LONE, LOST, ["pull", "", "sdb", ""]],
         ["released, and used elsewhere", [used("sda"), used("sdb", "md_d2"), disk("sdc")], LONE, LOST, ["add", "", "", "sdc"]],
         ["pulled", [used("sda"), small], LONE, LOST, ["insert", "", "", ""]],
         ["another disk in its place, by the same name", [used("sda"), disk("sdb", { serial: "S-new" })], LONE, LOST, ["add", "", "", "sdb"]],
-        ["no serial numbers: nobody can tell", [used("sda"), bare("sdb")], LONE, bareLost, ["add", "", "", "sdb"]],
+        ["no serial numbers: nobody can tell", [used("sda"), bare("sdb")], LONE, bareLost, ["pull", "", "sdb", "sdb"]],
+        ["two disks of one serial number", [used("sda"), disk("sdc", { serial: "S-sdb", path: "9:0:0:0" }), disk("sdb")], LONE, LOST, ["pull", "", "sdb", ""]],
+        ["a partition of it works elsewhere", [used("sda"), disk("sdb")], LONE, LOST, ["insert", "", "", ""], mirror([{ ...member("sdb2"), disk: null, whole: "ata-sdb" }], { name: "md_d1", uuid: "3:4" })],
         ["the failed disk of another array", [used("sda"), disk("sdc"), disk("sde")], LONE, [...LOST, other], ["add", "", "", "sde"]],
         ["rebuilding", [used("sda"), used("sdc")], mirror([member("sda"), member("sdc", "rebuilding", 1)]), LOST, ["rebuild", "", "", ""]],
         ["rebuilding, and still plugged in", [used("sda"), used("sdc"), disk("sdb")], mirror([member("sda"), member("sdc", "active", 1)], { ...RUNS, redundancy: LONE.redundancy }), LOST, ["rebuild", "", "sdb", ""]],
+        ["a spare that md does not take, since it holds another", [used("sda"), disk("sdc")], mirror([member("sda"), member("sdb", "missing")], { spares: ["sde"] }), [], ["add", "", "", "sdc"]],
         ["a spare that md has not taken yet", [used("sda"), disk("sdc")], mirror([member("sda")], { spares: ["sde"] }), [], ["rebuild", "", "", "sdc"]],
         ["whole", [used("sda"), used("sdc"), disk("sdd")], mirror([member("sda"), member("sdc", "active", 1)]), [], ["whole", "", "", "sdd"]],
         ["failed", [failed("sda"), disk("sdc")], mirror([member("sda", "failed")]), [], [null, "sda", "", "sdc"]],
     ];
-    for (const [what, disks, one, conditions, expected] of table) {
-        const { step, failed: held, pull, fitting } = replacement(stateOf(machine(disks, [one], conditions)), one);
+    for (const [what, disks, one, conditions, expected, ...more] of table) {
+        const { step, failed: held, pull, fitting } = replacement(stateOf(machine(disks, [one, ...more], conditions)), one);
         assert.deepEqual([step, ...[held.map(({ member: { name } }) => name), pull.map(({ name }) => name), fitting.map(({ name }) => name)].map(String)], expected, what);
     }
 });
@@ -95,7 +98,7 @@ test("the guide names the disk, its place and what is on it, and offers nothing 
     assert.match(words([used("sda"), disk("sdd", { size: 1 << 20 })], LONE, LOST), /more than 63 MiB.*S-sdb, which was at 1:0:0:0.*Too small: sdd, 1 MiB/);
     assert.match(words([used("sda"), used("sdb", "md_d2")], LONE, LOST), /Serial number S-sdb, which md_d0 had, is in use for md_d2 now\. Do not pull it/);
     assert.match(words([used("sda"), { ...failed("sdb"), usedBy: ["md_d0", "md_d1"] }], mirror([member("sda"), member("sdb", "failed")])), /It is in use for md_d1, too: do not pull it/);
-    assert.match(words([used("sda")], mirror([member("sda"), member("sdb", "failed")]), [condition({ disks: [{ ...gone("sdb"), state: "failed" }] })]), /md still holds sdb , serial S-sdb , at 1:0:0:0.*In a terminal: do it/);
+    assert.match(words([used("sda")], mirror([member("sda"), member("sdb", "failed")]), [condition({ disks: [{ ...gone("sdb"), state: "failed" }] })]), /md still holds sdb , serial S-sdb , at 1:0:0:0.*What rvxd advises: do it/);
     assert.match(words([used("sda"), used("sdc")], mirror([member("sda"), member("sdc", "rebuilding")], RUNS), LOST), /50.0 %, 1 MiB\/s, 1 min left/);
     const broken = shown([failed("sda"), disk("sdc")], mirror([member("sda", "failed")]), LOST);
     assert.deepEqual([all(broken, "button"), all(broken, "ol")], [[], []]);
@@ -126,6 +129,9 @@ test("an array that has failed, or that the plug-in calls in order all the same,
         assert.ok(all(page(state, nobody), (node) => node.attributes.class === "mark critical").some((node) => text(node) === "failed"));
         assert.deepEqual(all(page(state, nobody), (node) => node.attributes.href?.includes("replace")), []);
     }
+    const broken = stateOf(machine([failed("sdb")], [mirror([member("sdb", "failed")])]));
+    for (const [tree, name] of [[diskPage(broken, nobody, "sdb"), "Release it from md_d0..."], [array(broken, nobody, "md_d0"), "Add a spare..."]])
+        assert.equal(button(tree, name).why, "md_d0 has failed: what is on its disks may be needed to bring it back.");
 });
 
 const PLAN = { plan: "p-1", kind: "array.delete", allowed: true, title: "delete md_d0", consequences: ["What is stored on it is lost."], disks: [{ id: "ata-sda", device: "/dev/sda", serial: "S-sda", size: 1024, contents: ["ext4"], state: "in-use" }], reasons: [], questions: ["Delete this array?"] };

@@ -80,6 +80,19 @@ class Resources(Case):
                 self.assertEqual(got, wanted)
         self.assertAlmostEqual(ssd["smart"]["remainingLife"], 8760 * 3600 * 93 / 7, delta=2 * 86400)
 
+    def test_a_disk_that_arrays_share(self):
+        """Somebody who pulls a failed disk with a working member of another array, or what is mounted, on it."""
+        fails = {"at": 2500, "fail_member": {"array": "md_d1", "disk": "sdb2"}}
+        shared = machine("ab", [{"level": "raid1", "members": [f"sd{disk}{part}" for disk in "ab"]} for part in "12"], script=[fails], rehearsed=False)
+        for disk in shared["disks"]:
+            disk.update(size=262144, partitions=[{"size": 65536}, {"size": 65536}, {"size": 65536}])
+        shared["disks"][1]["partitions"][2]["mount"] = "/home"
+        daemon = self.daemon(shared)
+        self.assertEqual(daemon.get("/v1/disks/sdb")["usedBy"], ["md_d0", "md_d1", "/home"])
+        told = lambda: {one["id"]: (one["text"], one["next"]) for one in daemon.get("/v1/conditions")["conditions"]}
+        until(lambda: "disk-failed:sdb" in told(), "the failure is told")
+        self.assertEqual(told()["disk-failed:sdb"], ("still held by md_d1; sdb1 of md_d0 works", "do not pull it before other disks stand in for sdb1 of md_d0"))
+
     def test_what_is_known_is_not_sent_again(self):
         """An ETag that stays when the machine changes, or changes when it does not."""
         daemon = self.daemon(machine())
