@@ -25,8 +25,9 @@ class Live(Case):
             self.assertEqual(page.all("region", "What needs you"), [])
             page.run("""
                 new MutationObserver(() => {
-                    if (document.body.innerText.includes("Replace the disk...")) window.shown ??= Date.now();
-                }).observe(document.body, { childList: true, subtree: true });
+                    if (["Replace the disk...", "1 array degraded"].every((words) => document.body.innerText.includes(words)))
+                        window.shown ??= Date.now();
+                }).observe(document.body, { childList: true, characterData: true, subtree: true });
             """)
             stream.until(lambda frame: frame.event == "condition" and frame.data["id"] == "array-degraded:md_d0")
             told = time.time()

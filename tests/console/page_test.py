@@ -10,9 +10,9 @@ import tempfile
 from browser import Console, Keys
 from client import Case, machine, until
 
-# Where everything is: an array in order that is used, one that lacks a disk and a failed one, a spare and free disks.
-ROOM = machine("abcdefg", [{"level": "raid1", "members": ["sda", "sdb"], "mount": "/srv/photos", "spares": ["sdg"]},
-                           {"level": "raid1", "members": ["sdc", None], "faulty": ["sdd"]}])
+# Where everything is: an array that is used, synchronises and has a spare, one with a failed disk, and free disks.
+ROOM = machine("abcdefg", [{"level": "raid1", "members": ["sda", "sdb"], "mount": "/srv/photos", "spares": ["sdg"], "resync": {"done": 1024}},
+                           {"level": "raid1", "members": ["sdc", None], "faulty": ["sdd"]}], sync_speed=64)
 ROUTES = ["", "array/md_d0", "array/md_d1", "disk/sda", "disk/sdf", "events", "settings", "replace/md_d1", "array/none", "disk/none"]
 # What is wrong with how a page is put together; each a line.
 FAULTS = """
