@@ -44,7 +44,7 @@ class Replace(Case):
                 for field in ("serial", "wwn", "instance", "device", "target", "host"):
                     new.pop(field, None)
                 now["script"] = [{"at": 5000, "add_disk": {**new, "serial": "NEW1", "target": 7}}]
-                now["sync_speed"] = 1024
+                now["arrays"][0]["speed"] = 1024
 
             self.step(page, "Put in the new disk")
             page.read(failed["serial"])
@@ -59,7 +59,7 @@ class Replace(Case):
             first = page.settled(done, "the rebuild has begun")
             page.settled(lambda: done() > first, "it goes on")
             with page.machine() as now:
-                now["sync_speed"] = 65536
+                now["arrays"][0]["speed"] = 65536
             page.read("md_d0 is whole", "status")
             self.step(page, None)
             array = page.daemon.get("/v1/arrays/md_d0")
