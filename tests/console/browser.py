@@ -214,6 +214,11 @@ class Console(contextlib.ExitStack):
             return one.getAttribute("aria-disabled") === "true" ? document.getElementById(one.getAttribute("aria-describedby")).textContent : null;
         """, element)
 
+    def refuses(self, words, *where):
+        """Waits until a button, field or box cannot be used and says this, or what has this form, of it; the button."""
+        form = re.compile(f"^{re.escape(words)}$") if isinstance(words, str) else words
+        return self.settled(lambda: [one for one in self.all(*where) if form.search(self.reason(one) or "")], f"{where} says '{form.pattern}'")[0]
+
     def run(self, script, *arguments):
         return self.driver.execute_script(script, *arguments)
 

@@ -13,9 +13,7 @@ class Replace(Case):
     def carry_out(self, page, word, title):
         """Not without a yes, then with it."""
         dialog, begun = ("dialog", title), page.daemon.get("/v1/operations")
-        button = page.find("button", word, dialog)
-        self.assertEqual(page.reason(button), "Say first that you want it.")
-        button.click()
+        page.refuses("Say first that you want it.", "button", word, dialog).click()
         self.assertEqual(page.daemon.get("/v1/operations"), begun)
         page.click("checkbox", "I have read this, and want it")
         page.click("button", word, dialog)
