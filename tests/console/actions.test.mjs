@@ -1,10 +1,14 @@
 import assert from "node:assert/strict";
+import { webcrypto } from "node:crypto";
 import { test } from "node:test";
 
 import { Actions } from "../../console/actions.js";
 import { Store } from "../../console/store.js";
 import { LinkError } from "../../console/transport.js";
 import { machine, stateOf } from "./samples.mjs";
+
+// Node 18 has what browsers have under this name alone.
+globalThis.crypto ??= webcrypto;
 
 const PLAN = { plan: "p-1", kind: "rescan", allowed: true, questions: [] };
 
