@@ -140,14 +140,22 @@ int FollowRun(CContext& context, const std::string& address, EProgress progress)
   int percent = -1;  // as long as no run was seen
   int looks = 0;
   Json rebuilt = Json::array();  // what the run writes to
+  std::optional<bool> completed;
   while (true) {
-    const auto completed = CompletedBy(source.Events(), array);
+    if (!completed) completed = CompletedBy(source.Events(), array);
     const Json now = look();
-    if (completed) {
+    // rvxd tells an event before it looks at what came of it: a look may still show the run that has ended.
+    const bool isOld = completed.value_or(false) && !HoldsAll(now["active"], rebuilt) &&
+                       !now["rebuilding"].empty() && ++looks <= LOOKS_FOR_END;
+    if (completed && !isOld) {
       // The plug-in reports a rebuild that ended; that its disk failed is seen at the disk.
       const bool isDone = *completed && HoldsAll(now["active"], rebuilt);
       printer.End(isDone ? "completed" : "aborted", isDone ? 100 : std::max(percent, 0));
       return isDone ? EXIT_DONE : EXIT_PLUGIN_ERROR;
+    }
+    if (isOld) {
+      Pause(LOOK_INTERVAL);
+      continue;
     }
     if (!now["rebuilding"].empty()) rebuilt = now["rebuilding"];
     const std::string activity = now["activityText"];
