@@ -7,8 +7,10 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <random>
 
 #include "host/Signals.h"
@@ -40,7 +42,8 @@ class CConversation {
       : m_Socket(m_Context) {
     m_Socket.connect(Local::endpoint(socket));
     http::write(m_Socket, request);
-    m_Parser.body_limit(boost::none);
+    // No limit would be boost::none, which Boost 1.74 takes for less than any length where a body comes late.
+    m_Parser.body_limit(std::numeric_limits<std::uint64_t>::max());
   }
 
   http::response<http::string_body> Answer() {

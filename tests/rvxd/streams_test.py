@@ -3,7 +3,9 @@
 import concurrent.futures
 import os
 import select
+import socket
 import subprocess
+import tempfile
 import time
 
 from client import PATIENCE, Case, ids, machine, mirror, until
@@ -90,3 +92,23 @@ class Streams(Case):
         result = subprocess.run([os.environ["RVXCTL"], f"--socket={daemon.path}", *create], capture_output=True, text=True, timeout=60)
         self.assertEqual((result.returncode, daemon.names()), (0, ["md_d0"]), result)
         self.assertIn("Created md_d0: 63 MiB.", result.stdout)
+
+    def test_an_answer_in_two_parts(self):
+        """A busy rvxd that is told not to answer, since the body came behind its header."""
+        with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(f"{folder}/sock")
+            listener.listen()
+
+            def serve():
+                client, _ = listener.accept()
+                with client:
+                    client.recv(65536)
+                    client.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 7\r\n\r\n")
+                    time.sleep(0.3)
+                    client.sendall(b'{"a":1}')
+
+            with concurrent.futures.ThreadPoolExecutor() as pool:
+                served = pool.submit(serve)
+                result = subprocess.run([os.environ["RVXCTL"], "--socket", f"{folder}/sock", "api", "GET", "/v1/health"], capture_output=True, text=True, timeout=60)
+                served.result(60)
+        self.assertEqual((result.returncode, result.stdout.strip(), result.stderr), (0, '{"a":1}', ""))
