@@ -162,7 +162,8 @@ class Client:
 
     def ended(self, name):
         """The operation as it has ended, whatever came of it."""
-        return until(lambda: (now := self.get(f"/v1/operations/{name}?wait=10"))["ended"] and now)
+        # Each of those before it waits for the disk that its end is written to, which others may use as well.
+        return until(lambda: (now := self.get(f"/v1/operations/{name}?wait=10"))["ended"] and now, f"{name} has ended", 120)
 
     def carry_out(self, kind, **more):
         """A change from its plan to its end, which must be a success."""
