@@ -54,10 +54,11 @@ function draw() {
         show(root, element("p", { class: "banner critical", role: "alert" }, `This page cannot be shown: ${error.message}. `, element("a", { href: "#/" }, "Overview")));
         console.error(error);
     }
-    if (state.dialog && !hadDialog) document.getElementById("dialog").focus();
+    // There is none, though it is open, where the page could not be shown.
+    const shown = document.getElementById("dialog");
     if (!state.dialog && hadDialog) (document.getElementById(opener) ?? document.querySelector("main"))?.focus({ preventScroll: true });
     // What was pressed may be gone with its step: the keyboard goes on in the dialog.
-    if (state.dialog && !document.getElementById("dialog").contains(document.activeElement)) document.getElementById("dialog").focus();
+    if (shown && !shown.contains(document.activeElement)) shown.focus();
     if (drawn !== null && drawn !== state.route) {
         document.querySelector("main")?.focus({ preventScroll: true });
         scrollTo(0, 0);

@@ -11,7 +11,7 @@ export const EVENTS_LIMIT = 1000;
  * - events: oldest first, `cursor` behind the last one that the stream told; hasOlder: rvxd may have more
  * - operations: as /v1/operations lists them; settings: {etag, data}; channels: as /v1/notify lists them
  * - route: the words of the address; now: milliseconds, as `heard`
- * - onlyProblems, filter: what is chosen of lists; dialog: see dialog.js; drawer: whether operations are shown
+ * - onlyProblems, filter: what is chosen of lists; dialog: see DIALOG in actions.js; drawer: whether operations are shown
  * - drafts: what is typed into settings and not saved; notes: what came of the last try, by field
  */
 export const INITIAL = {
