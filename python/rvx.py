@@ -150,10 +150,8 @@ class Client:
         ask = {"plan": plan["plan"], "confirm": True}, {"Idempotency-Key": str(uuid.uuid4())}
         try:
             return self._ask("POST", "/v1/operations", *ask)[1]
-        except (http.client.HTTPException, TimeoutError, ConnectionError) as error:
-            if isinstance(error, ConnectionRefusedError):  # it was not asked
-                raise
-        time.sleep(PAUSE)
+        except (http.client.HTTPException, TimeoutError, ConnectionError):
+            time.sleep(PAUSE)
         return self._ask("POST", "/v1/operations", *ask)[1]
 
     def ended(self, operation: Document) -> Document:
@@ -163,7 +161,8 @@ class Client:
         while not operation["ended"]:
             operation = self.get(f"/v1/operations/{operation['id']}?wait=30")
         if operation["state"] != "done":
-            raise Problem({"left": operation["left"], **(operation["error"] or {"detail": f"{operation['title']}: {operation['state']}"})})
+            error = operation["error"] or {"detail": f"{operation['title']}: {operation['state']}"}
+            raise Problem({"left": operation["left"], **error})
         return operation
 
     def change(self, kind: str, agree: Callable[[Document], bool] | None = None, **wanted: Any) -> Document:

@@ -47,9 +47,9 @@ class Sdk(unittest.TestCase):
         """A header that leans on what others include, or on one that is not installed."""
         headers = sorted(self.prefix.glob("include/piRVX/*/*.h"))
         self.assertGreater(len(headers), 15)
-        compile_one = lambda header: self.call("g++", *self.package("--cflags"), "-fsyntax-only", "-include", header, "-x", "c++", "/dev/null")
+        words = ["g++", *self.package("--cflags"), "-fsyntax-only", "-x", "c++", "/dev/null", "-include"]
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
-            list(pool.map(compile_one, headers))
+            list(pool.map(lambda header: self.call(*words, header), headers))
 
     def test_host_and_plugin(self):
         """A package that cannot be built against, or whose host or plug-in does not run; a library of any major version."""
