@@ -68,6 +68,7 @@ class Sdk(unittest.TestCase):
         self.assertRegex(shown, r"(?m)^Status +Ready$")
         self.assertRegex(shown, r"(?m)^Temperature +31 degrees Celsius$")
 
-    def test_numbers(self):
-        """A page that tells of other numbers than the headers."""
-        self.call(ROOT / "tools/numbers", "--check")
+    def test_pages(self):
+        """Pages that tell of other numbers than the headers, or other requests than the API's description."""
+        for tool in ("numbers", "api_page"):
+            self.call(ROOT / "tools" / tool, "--check")
