@@ -200,13 +200,6 @@ Json ObjectJson(const CInventory& inventory, const PI::CObject& object) {
   return json;
 }
 
-Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind) {
-  Json list = Json::array();
-  for (const PI::CObject* const object : inventory.Topology().OfKind(kind))
-    list.push_back(ObjectJson(inventory, *object));
-  return list;
-}
-
 Json StatusJson(const CInventory& inventory, const std::function<bool(const PI::CObject&)>& isWanted) {
   const auto entries = [&](PI::_OBJECT_KIND kind) {
     Json list = Json::array();

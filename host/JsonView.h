@@ -25,8 +25,6 @@ Json PropertyJson(const PI::CProperty& property, unsigned int kind);
 Json EntryJson(const CInventory& inventory, const PI::CObject& object);
 /// The same with all properties and operations, of any object.
 Json ObjectJson(const CInventory& inventory, const PI::CObject& object);
-/// All objects of a kind.
-Json ListJson(const CInventory& inventory, PI::_OBJECT_KIND kind);
 /// Adapter, arrays and disks at a glance.
 Json StatusJson(const CInventory& inventory, const std::function<bool(const PI::CObject&)>& isWanted);
 Json EventJson(const CInventory& inventory, const PI::CEvent& event);
