@@ -28,6 +28,7 @@ using Local = boost::asio::local::stream_protocol;
 constexpr char CHANGING_SOCKET[] = "/run/rvx/rvxd.sock";
 constexpr char READING_SOCKET[] = "/run/rvx/rvxd-ro.sock";
 constexpr std::chrono::seconds ANSWER_LIMIT{90};  ///< above the longest wait that is asked for
+constexpr std::chrono::seconds TEST_LIMIT{720};   ///< above what rvxd gives channels that are tried
 constexpr std::chrono::seconds BEAT_LIMIT{30};    ///< without a beat of a stream the connection is dead
 constexpr std::chrono::seconds AGAIN_INTERVAL{1};
 constexpr std::chrono::seconds START_LIMIT{60};
@@ -39,7 +40,7 @@ constexpr char WAIT_FOR_END[] = "?wait=30";
 class CConversation {
  public:
   CConversation(const std::string& socket, const http::request<http::string_body>& request)
-      : m_Socket(m_Context) {
+      : m_Limit(request.target() == "/v1/notify/test" ? TEST_LIMIT : ANSWER_LIMIT), m_Socket(m_Context) {
     m_Socket.connect(Local::endpoint(socket));
     http::write(m_Socket, request);
     // No limit would be boost::none, which Boost 1.74 takes for less than any length where a body comes late.
@@ -47,13 +48,13 @@ class CConversation {
   }
 
   http::response<http::string_body> Answer() {
-    Await(ANSWER_LIMIT);
+    Await(m_Limit);
     http::read(m_Socket, m_Buffer, m_Parser);
     return m_Parser.release();
   }
 
   http::response<http::string_body>& Header() {
-    Await(ANSWER_LIMIT);
+    Await(m_Limit);
     http::read_header(m_Socket, m_Buffer, m_Parser);
     return m_Parser.get();
   }
@@ -83,6 +84,7 @@ class CConversation {
         throw boost::system::system_error(boost::asio::error::timed_out);
   }
 
+  const std::chrono::seconds m_Limit;
   boost::asio::io_context m_Context;
   Local::socket m_Socket;
   beast::flat_buffer m_Buffer;

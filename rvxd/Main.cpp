@@ -139,12 +139,21 @@ int Serve(SDaemonOptions options) {
   return Host::EXIT_DONE;
 }
 
+/// The value that stands for no file is nothing to tell.
+struct SFormatter : CLI::Formatter {
+  std::string make_option_name(const CLI::Option* option, bool positional) const override {
+    const std::string name = Formatter::make_option_name(option, positional);
+    return name == "--simulate{-}" ? "--simulate[=FILE]" : name;
+  }
+};
+
 int Main(int count, char** words) {
   SDaemonOptions options;
   CLI::App app(
       "md software RAID through the framework's plug-in: keeps the machine in view and serves its state",
       "rvxd");
   app.set_version_flag("--version", "rvxd " RVX_VERSION);
+  app.formatter(std::make_shared<SFormatter>());
   app.add_flag("--simulate{-}", options.m_Host.m_Machine, "a simulated machine: the demonstration or FILE")
       ->each([&](const std::string&) { options.m_Host.m_Simulate = true; });
   app.add_flag("--save", options.m_Host.m_Save, "keep the simulated machine in its file at the end");
