@@ -26,7 +26,7 @@ std::map<std::string, std::set<unsigned int>> DeclaredNumbers() {
     std::smatch found;
     if (std::regex_search(line, found, std::regex("^enum (\\w+)")))
       enumeration = found[1];
-    else if (std::regex_search(line, found, std::regex("\\b(\\d+)(,|$|  ///)")))  // also on a line of its own
+    else if (std::regex_search(line, found, std::regex("\\b(\\d+)(,|$| +///)")))  // also on a line of its own
       all[enumeration].insert(static_cast<unsigned int>(std::stoul(found[1])));
   }
   return all;
