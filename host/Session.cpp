@@ -87,7 +87,11 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
   if (!m_HasSettings) CSettingsFolder::HaveNone();
   const std::string path = PluginPath(options);
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (m_Library == nullptr) throw CannotLoad(::dlerror());
+  if (m_Library == nullptr)
+    throw CannotLoad(std::string(::dlerror()) +
+                     (options.m_Simulate && options.m_Plugin.empty() && !IsFile(path)
+                          ? "; machines in memory are a package of their own, pirvx-sim: install it"
+                          : ""));
   m_Create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
   m_Release = reinterpret_cast<ReleaseIfFunction*>(::dlsym(m_Library, "releaseIf"));
   if (m_Create == nullptr || m_Release == nullptr)
