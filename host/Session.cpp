@@ -77,11 +77,6 @@ void Require(unsigned int status, const char* what) {
 }  // namespace
 
 CSession::CSession(const SOptions& options) : m_Options(options) {
-  if (!options.m_Simulate && ::geteuid() != 0)
-    throw CError(
-        EXIT_NO_RIGHTS,
-        "the plug-in opens disks and md devices, which needs the rights of root: run it with sudo, or try "
-        "--simulate");
   FindCatalog();
   m_HasSettings = !options.m_Simulate || FindVariable(CONFIG_VARIABLE) != nullptr;
   if (!m_HasSettings) CSettingsFolder::HaveNone();
@@ -92,6 +87,12 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
                      (options.m_Simulate && options.m_Plugin.empty() && !IsFile(path)
                           ? "; machines in memory are a package of their own, pirvx-sim: install it"
                           : ""));
+  // What another plug-in needs is its own business.
+  if (!options.m_Simulate && ::geteuid() != 0 && Texts::Module() != nullptr)
+    throw CError(
+        EXIT_NO_RIGHTS,
+        "the plug-in opens disks and md devices, which needs the rights of root: run it with sudo, or try "
+        "--simulate");
   m_Create = reinterpret_cast<CreateIfFunction*>(::dlsym(m_Library, "createIf"));
   m_Release = reinterpret_cast<ReleaseIfFunction*>(::dlsym(m_Library, "releaseIf"));
   if (m_Create == nullptr || m_Release == nullptr)
@@ -112,6 +113,7 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
 void CSession::Open() {
   if (const unsigned int status = m_Create(&m_Plugin); status != PI::OK || m_Plugin == nullptr)
     throw CannotLoad("createIf answered " + Texts::OfStatus(status), status);
+  Texts::ModuleIs(m_Plugin->m_ModuleNumber);
   m_Plugin->m_pNotificationTarget = this;
   m_Plugin->m_pNotification = static_cast<IPLUGINAPI::Notification>(&CSession::Notify);
   if (const unsigned int status = Execute(PI::CMD_INITIALIZE, 0, &m_AdapterIDs); status != PI::OK) {

@@ -1,5 +1,6 @@
 #include "host/Texts.h"
 
+#include <atomic>
 #include <boost/algorithm/string/replace.hpp>
 #include <iostream>
 
@@ -12,12 +13,15 @@ using KVT::Language_Support::CLanguageSupport;
 /// The toolkit keeps modules by number and lists none: who traces or translates one has to know it.
 constexpr unsigned int MODULE_NUMBER = 295;
 
-/// The module's catalogue, read once. A plug-in that cannot be loaded has none, and its errors need words
+std::atomic<unsigned int> g_Module{MODULE_NUMBER};
+
+/// The framework's catalogue, read once. A plug-in that cannot be loaded has none, and its errors need words
 /// too.
 const CLanguageSupport::CLngFile& Catalog() {
   static const auto catalog = [] {
-    auto file = Module() != nullptr ? Module()->GetLanguageFile()
-                                    : CLanguageSupport::CLngFile("piRVX.nls", 'e' | 'n' << 8, "utf-8", {});
+    const auto* const module = KVT::Misc::CModuleInfo::Find(MODULE_NUMBER);
+    auto file = module != nullptr ? module->GetLanguageFile()
+                                  : CLanguageSupport::CLngFile("piRVX.nls", 'e' | 'n' << 8, "utf-8", {});
     if (!file.Load())
       std::cerr << "rvxctl: there is no catalogue piRVX.nls where ZQ_CATALOG_DIR or the installation has it: "
                    "numbers stand for its texts\n";
@@ -28,9 +32,22 @@ const CLanguageSupport::CLngFile& Catalog() {
 
 }  // namespace
 
-KVT::Misc::CModuleInfo* Module() { return KVT::Misc::CModuleInfo::Find(MODULE_NUMBER); }
+KVT::Misc::CModuleInfo* Module() { return KVT::Misc::CModuleInfo::Find(g_Module); }
 
-std::optional<std::string> Find(unsigned int number) { return Catalog().GetText(number); }
+void ModuleIs(unsigned int number) {
+  if (KVT::Misc::CModuleInfo::Find(number) != nullptr) g_Module = number;
+}
+
+std::optional<std::string> Find(unsigned int number) {
+  if (g_Module == MODULE_NUMBER) return Catalog().GetText(number);
+  static const auto own = [] {
+    auto file = Module()->GetLanguageFile();
+    file.Load();  // it may have no more than its built-in texts
+    return file;
+  }();
+  const auto text = own.GetText(number);
+  return text ? text : Catalog().GetText(number);
+}
 
 std::string Of(unsigned int number) { return Find(number).value_or(std::to_string(number)); }
 

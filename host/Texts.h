@@ -12,8 +12,11 @@ namespace Host::Texts {
 
 /// What the loaded plug-in tells about itself; null before it is loaded.
 KVT::Misc::CModuleInfo* Module();
+/// The plug-in that was loaded is this module, where it tells about itself; said before the first text is
+/// asked.
+void ModuleIs(unsigned int number);
 
-/// The catalogue's text; the number itself when it has none.
+/// The catalogue's text, which may be one of the framework's; the number itself when there is none.
 std::string Of(unsigned int number);
 std::optional<std::string> Find(unsigned int number);
 /// "ERR_BUSY"; "status N" for one that the module does not name.

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-sources=(Src system simulator host rvxctl rvxd notify libraries framework tests bench)
+sources=(Src system simulator host rvxctl rvxd notify libraries framework examples tests bench)
 
 all_sources() {
     find "${sources[@]}" -name '*.h' -o -name '*.cpp'

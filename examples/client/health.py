@@ -3,26 +3,15 @@
 
 Exit status: 0 all in order, 1 a warning, 2 something critical, or not known."""
 
-import http.client
-import json
-import socket
 import sys
 
-
-class Connection(http.client.HTTPConnection):
-    def connect(self):
-        self.sock = socket.socket(socket.AF_UNIX)
-        self.sock.settimeout(10)
-        self.sock.connect(self.host)
-
+import rvx
 
 try:
-    connection = Connection(sys.argv[1] if len(sys.argv) > 1 else "/run/rvx/rvxd-ro.sock")
-    connection.request("GET", "/v1/health", headers={"Host": "localhost"})
-    health = json.load(connection.getresponse())
-except (OSError, ValueError) as error:
-    sys.exit(print("rvxd does not answer:", error) or 2)
-print(health.get("headline") or health["detail"])  # a problem before the first pass
-for condition in health.get("conditions", []):
+    health = rvx.Client(sys.argv[1] if len(sys.argv) > 1 else "/run/rvx/rvxd-ro.sock", timeout=10).get("/v1/health")
+except (OSError, rvx.Problem) as error:  # a problem before the first pass
+    sys.exit(print("rvxd does not answer:" if isinstance(error, OSError) else "not known:", error) or 2)
+print(health["headline"])
+for condition in health["conditions"]:
     print(f"{condition['level']}: {condition['object']}: {condition['text']}; {condition['next'] or 'nothing to do'}")
-sys.exit({"ok": 0, "warning": 1}.get(health.get("level"), 2))
+sys.exit({"ok": 0, "warning": 1}.get(health["level"], 2))

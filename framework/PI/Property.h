@@ -33,14 +33,14 @@ struct SNumberLists {
 
 /// Kind of a property's value.
 enum _DATA_TYPE : std::uint32_t {
-  DATA_NONE = 0,
-  DATA_TEXT = 1,
-  DATA_RANGE = 2,
-  DATA_CHOICE = 3,
-  DATA_FLOAT = 4,
-  DATA_UNSIGNED = 5,  ///< unsigned 64-bit number
-  DATA_NUMBER_LISTS = 6,
-  DATA_XML = 7
+  DATA_NONE = 0,          ///< no value
+  DATA_TEXT = 1,          ///< UTF-8
+  DATA_RANGE = 2,         ///< a number and its limits
+  DATA_CHOICE = 3,        ///< one of several numbers, each of which has a text
+  DATA_FLOAT = 4,         ///< 32 bits
+  DATA_UNSIGNED = 5,      ///< unsigned 64-bit number
+  DATA_NUMBER_LISTS = 6,  ///< two lists of numbers
+  DATA_XML = 7            ///< a document
 };
 
 /// A property of an object. A plain value.

@@ -17,7 +17,8 @@ class Examples(Case):
         for name, status, told in (("plain", 0, "all in order"), ("recovering", 1, "warning: md_d0: 1 of 2 members works"),
                                    ("arrays", 2, "critical: md_d1: 1 of 2 members works"), (None, 2, "does not answer")):
             socket = self.daemon(name).reader.path if name else "/nowhere"
-            result = subprocess.run([ROOT / "examples/client/health.py", socket], capture_output=True, text=True, timeout=60)
+            result = subprocess.run([ROOT / "examples/client/health.py", socket], capture_output=True, text=True, timeout=60,
+                                    env={**os.environ, "PYTHONPATH": str(ROOT / "python")})
             self.assertEqual((result.returncode, result.stderr), (status, ""), result)
             self.assertIn(told, result.stdout)
 

@@ -1,7 +1,7 @@
 #!/bin/bash
 # The packages on a machine with systemd. First boot: installed they start nothing; an enabled socket starts rvxd at the
 # first request, which serves whom its group has and sends alarms. Second boot, the same script: all of it is back; an
-# upgrade keeps it, removal leaves what was configured, a purge nothing; and the one package of 6.4.3 becomes the six.
+# upgrade keeps it, removal leaves what was configured, a purge nothing.
 source "$RVX_SOURCE/tests/vm/lib.sh"
 
 packages=("$RVX_BUILD"/packages/*.deb)
@@ -27,7 +27,7 @@ repack() {
     for package in "${packages[@]}"; do
         rm -rf /var/tmp/package
         dpkg-deb -R "$package" /var/tmp/package
-        sed -i "s/$version/$1/" /var/tmp/package/DEBIAN/control
+        sed -i "s/^Version: .*/Version: $1/; s/(= $version)/(= $1)/" /var/tmp/package/DEBIAN/control
         dpkg-deb -Znone -b /var/tmp/package "$2" >/dev/null
     done
 }
@@ -86,7 +86,7 @@ check "it serves" as alice rvxctl rescan
 check "it has its channel" sh -c 'rvxctl notify list | grep script'
 
 check "the packages are removed" dpkg -r "${names[@]}"
-expect_eq "nothing runs any more" "" "$(systemctl list-units --no-legend --state=active 'rvx*')"
+expect_eq "nothing runs any more" "" "$(systemctl list-units --no-legend --state=active 'rvxd*' 'rvx-notify*')"
 for file in /etc/rvx/notify.d/script.conf /etc/zq/piRVX.ini /var/lib/rvx/events.jsonl; do
     check "$file stays" test -e $file
 done
@@ -97,18 +97,3 @@ expect_eq "so is what was written meanwhile" "" "$(written | comm -13 /var/tmp/b
     grep -vE '^/(var/(log|cache|tmp|lib/dpkg|lib/systemd/[a-z-]*$)|etc/(group|gshadow|ld\.so\.cache))' | xargs)"
 expect_match "the array has seen nothing of it" 'raid1 sd.*\[UU\]' "$(tr '\n' ' ' </proc/mdstat)"
 
-# The package that held all of it.
-mkdir -p /var/tmp/old/DEBIAN
-for package in "${packages[@]}"; do
-    case $package in *-dev_*) ;; *) dpkg-deb -x "$package" /var/tmp/old ;; esac
-done
-printf '%s\n' "Package: pirvx" "Version: 6.4.3" "Architecture: $(dpkg --print-architecture)" "Maintainer: nobody" \
-    "Description: all in one" >/var/tmp/old/DEBIAN/control
-dpkg-deb -Znone -b /var/tmp/old /var/tmp/old.deb >/dev/null
-check "6.4.3 is installed" dpkg -i /var/tmp/old.deb
-systemctl daemon-reload
-systemctl enable --now rvxd
-process=$(systemctl show -P MainPID rvxd)
-check "the six take its place" dpkg -i "${packages[@]}"
-check "rvxd runs, as another process" sh -c "systemctl is-active rvxd && [ $process != \$(systemctl show -P MainPID rvxd) ]"
-expect_eq "and is enabled" "enabled enabled" "$(systemctl is-enabled rvxd rvxd.socket | xargs)"
