@@ -82,7 +82,11 @@ CSession::CSession(const SOptions& options) : m_Options(options) {
   if (!m_HasSettings) CSettingsFolder::HaveNone();
   const std::string path = PluginPath(options);
   m_Library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (m_Library == nullptr) throw CannotLoad(::dlerror());
+  if (m_Library == nullptr)
+    throw CannotLoad(std::string(::dlerror()) +
+                     (options.m_Simulate && options.m_Plugin.empty() && !IsFile(path)
+                          ? "; machines in memory are a package of their own, pirvx-sim: install it"
+                          : ""));
   // What another plug-in needs is its own business.
   if (!options.m_Simulate && ::geteuid() != 0 && Texts::Module() != nullptr)
     throw CError(

@@ -85,7 +85,7 @@ library_paths() {
 # hardened FILE FACT...: it has all of them, as extended regular expressions, and nothing tells where it was built. That
 # control-flow protection is on shows in the code alone: a library of the system that lacks it clears the file's mark.
 hardened() {
-    local file=build/release/$1 facts fact status=0
+    local file=$1 facts fact status=0
     facts=$(readelf -hdlW "$file" && nm -D "$file" && echo "endbr64 $(objdump -d "$file" | grep -c endbr64)") || return 1
     shift
     for fact in 'Type: +DYN' 'GNU_RELRO' 'BIND_NOW|Flags:.* NOW' 'GNU_STACK .* RW ' '__stack_chk_fail@' "$@"; do
@@ -96,16 +96,17 @@ hardened() {
 }
 
 release() {
-    local status=0 branches='endbr64 [0-9]{2,}' fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
-    hardened bin/rvxctl 'Flags:.* PIE' 'endbr64 [3-9]' || status=1
-    hardened sbin/rvxd 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
-    hardened libexec/rvx-notify 'Flags:.* PIE' "$fortified" "$branches" || status=1
-    hardened libexec/rvxctl-whole 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
-    hardened lib/piRVX/libpiRVX.so "$kept" "$fortified" "$asserting" "$branches" || status=1
-    hardened lib/piRVX/libpiRVXsim.so "$kept" "$fortified" "$asserting" "$branches" || status=1
-    hardened lib/piRVX/libzqKVT.so "$kept" "$fortified" "$branches" || status=1
-    hardened lib/piRVX/libzqKVTX.so "$asserting" "$branches" || status=1
-    hardened lib/piRVX/libzqPI.so "$asserting" "$branches" || status=1
+    local build=${1:-build/debian} plugins status=0 branches='endbr64 [0-9]{2,}' fortified='__[a-z]+_chk@' asserting='__glibcxx_assert_fail' kept='Flags:.* NODELETE'
+    plugins=$(dirname "$build"/lib/*/piRVX/libpiRVX.so)
+    hardened "$build/bin/rvxctl" 'Flags:.* PIE' 'endbr64 [3-9]' || status=1
+    hardened "$build/sbin/rvxd" 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
+    hardened "$build/libexec/rvx-notify" 'Flags:.* PIE' "$fortified" "$branches" || status=1
+    hardened "$build/libexec/rvxctl-whole" 'Flags:.* PIE' "$fortified" "$asserting" "$branches" || status=1
+    hardened "$plugins/libpiRVX.so" "$kept" "$fortified" "$asserting" "$branches" || status=1
+    hardened "$plugins/libpiRVXsim.so" "$kept" "$fortified" "$asserting" "$branches" || status=1
+    hardened "$plugins/libzqKVT.so" "$kept" "$fortified" "$branches" || status=1
+    hardened "$plugins/libzqKVTX.so" "$asserting" "$branches" || status=1
+    hardened "$plugins/libzqPI.so" "$asserting" "$branches" || status=1
     return "$status"
 }
 

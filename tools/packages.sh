@@ -9,8 +9,10 @@ declare -A packages=(
         python3-yaml bash-completion zsh fish sudo curl systemd"
     [console]="cockpit-ws cockpit-bridge chromium chromium-driver python3-selenium fonts-dejavu-core nodejs"
     [fleet]="ansible-core ansible-lint"
+    [packages]="debhelper dh-python dpkg-dev fakeroot lintian"
     [lint]="clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc"
-    [vm]="qemu-system-x86 seabios ipxe-qemu busybox-static cpio kmod xz-utils udev mdadm sdparm hdparm util-linux"
+    [vm]="qemu-system-x86 seabios ipxe-qemu busybox-static cpio kmod xz-utils udev mdadm sdparm hdparm util-linux
+        systemd e2fsprogs"
 )
 
 # missing_packages GROUP...: prints those that are not installed.

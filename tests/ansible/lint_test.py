@@ -22,7 +22,7 @@ class Lint(AnsibleCase):
         (variables,) = (one["vars"] for one in yaml.load(example, _Loader)[0]["roles"])
         known = yaml.safe_load((ROLE / "defaults/main.yml").read_text())
         self.assertLessEqual(set(variables), set(known))
-        for_trying_out = {"rvx_config_folder", "rvx_default_file", "rvx_package_copy", "rvx_owner"}
+        for_trying_out = {"rvx_config_folder", "rvx_default_file", "rvx_package_folder", "rvx_owner"}
         self.assertEqual({name for name in known if f"`{name}`" not in README.read_text()}, for_trying_out)
 
     def test_the_module_takes_what_it_documents(self):

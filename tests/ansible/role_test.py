@@ -43,7 +43,7 @@ class Role(AnsibleCase):
         self.environment["PATH"] = f"{systemctl.parent}:{self.environment['PATH']}"
         (self.folder / "site.yml").write_text("- {name: Test, hosts: localhost, gather_facts: false, roles: [rvx]}\n")
         self.own = {"rvx_config_folder": str(self.folder / "etc"), "rvx_default_file": str(self.default), "rvx_owner": pwd.getpwuid(os.getuid()).pw_name,
-                    "rvx_package_copy": str(self.folder / "copy.deb")}
+                    "rvx_package_folder": str(self.folder / "copies")}
 
     def play(self, *options, fails=False, **variables):
         """How many tasks changed something, and all that was printed."""
@@ -124,11 +124,12 @@ class Role(AnsibleCase):
     def test_check_mode_before_the_package_is_there(self):
         """A check that needs what the package would have brought; a member who is made an account by a misspelled name."""
         (self.folder / "new.deb").write_text("a package")
+        (self.folder / "copies").mkdir()
         self.environment["PATH"] = os.environ["PATH"]  # there is no such unit
-        self.play("--check", "--diff", rvx_package=str(self.folder / "new.deb"), rvx_members=["root"])
-        _, out = self.play("--check", fails=True, rvx_package=str(self.folder / "new.deb"), rvx_members=["rooot"])
+        self.play("--check", "--diff", rvx_packages=[str(self.folder / "new.deb")], rvx_members=["root"])
+        _, out = self.play("--check", fails=True, rvx_packages=[str(self.folder / "new.deb")], rvx_members=["rooot"])
         self.assertIn("rooot", out)
-        self.assertFalse((self.folder / "copy.deb").exists())
+        self.assertEqual(list((self.folder / "copies").iterdir()), [])
 
     def test_defaults_are_as_they_are_documented(self):
         options = yaml.safe_load((ROLE / "meta/argument_specs.yml").read_text())["argument_specs"]["main"]["options"]

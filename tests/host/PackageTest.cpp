@@ -86,6 +86,9 @@ TEST(Package, InstalledPiecesFindEachOther) {
     EXPECT_TRUE(std::filesystem::exists(folder.Path("usr/") + file)) << file;
   const SResult result = ResultOf({folder.Path("usr/bin/rvxctl"), "--simulate", "levels"});
   EXPECT_THAT(result.m_Out, HasSubstr("RAID 1 (mirror)")) << result.m_Err;
+  EXPECT_EQ(ResultOf({"find", folder.Path("usr"), "-name", "libpiRVXsim.so", "-delete"}).m_Status, 0);
+  EXPECT_THAT(ResultOf({folder.Path("usr/bin/rvxctl"), "--simulate", "levels"}).m_Err,
+              HasSubstr("pirvx-sim: install it"));
 }
 
 }  // namespace

@@ -10,7 +10,8 @@
 #   --build DIR    the build under test; the guest sees it as $RVX_BUILD
 #   --tap FILE     collect the assertions' lines there; a script that does not count its assertions then fails
 #
-# The guest's root file system is the host's, read-only under a layer in memory. The scripts' output appears here as it
+# The guest's root file system is the host's, read-only under a layer in memory, or under one on a disk, for the time of
+# this command, where the machine has systemd. The scripts' output appears here as it
 # is written; the exit status is that of the first script that fails, 124 when it ran out of time, 125 when the machine
 # did not get as far as running it. RVX_VM_ACCEL=kvm uses KVM instead of plain emulation.
 set -euo pipefail
@@ -20,7 +21,7 @@ source_folder=$(realpath "$here/../..")
 readonly boot_seconds=180 # what a boot and its end may take on a machine that is busy; 6 is usual
 
 timeout=60 build='' tap=''
-machine_type=q35 modules=''
+machine_type=q35 modules='' systemd=''
 drives=() controllers=()
 
 fail() {
@@ -78,6 +79,11 @@ read_machine() {
         case ${words[0]} in
             machine) machine_type=${words[1]} ;;
             modules) modules=1 ;;
+            systemd)
+                systemd=1
+                add_disk virtio.upper size=1G
+                mkfs.ext4 -q "$scratch/virtio.upper.img"
+                ;;
             *) add_disk "${words[@]}" ;;
         esac
     done < <(grep -v -e '^[[:space:]]*#' -e '^[[:space:]]*$' "$machine")
@@ -89,6 +95,9 @@ run_qemu() {
     local kernel_line="console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init mitigations=off audit=0 apparmor=0"
     kernel_line+=" 8250.nr_uarts=1 cryptomgr.notests tsc=reliable no_timer_check rcupdate.rcu_expedited=1"
     kernel_line+=" rvx.source=$source_folder${modules:+ rvx.modules=1}"
+    # It takes no machine for a new one, and looks for no disks of the host's.
+    [ -z "$systemd" ] || kernel_line+=" rvx.systemd=1 systemd.machine_id=72767800000000000000000000000001 fstab=no \
+        systemd.gpt_auto=0 systemd.condition_needs_update=no"
     timeout --foreground -k 5 $((timeout + boot_seconds)) qemu-system-x86_64 \
         -M "$machine_type" "${acceleration[@]}" -smp 2 -m 1024 -nodefaults -no-user-config -no-reboot \
         -display none -serial "file:$work/console" \
