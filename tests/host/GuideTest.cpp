@@ -20,17 +20,22 @@ rvxctl() {
 }
 )";
 
-/// The script that a page's blocks make: a comment before them says on which machine they run. What a block
-/// of text shows behind a command must be what the command says.
+/// The script that a page's blocks make: a comment before them says on which machine they run; those of an
+/// installed one are run by tests/vm/install.sh. What a block of text shows behind a command must be what the
+/// command says.
 std::string ScriptOf(const std::string& page, std::size_t& blocks) {
   std::istringstream text(page);
   std::string script = PREAMBLE;
   std::string block;  // the language of the one that is open
+  bool isElsewhere = false;
   for (std::string line; std::getline(text, line);) {
     if (const std::string mark = "<!-- playground: "; line.starts_with(mark))
       script += "rvxctl --simulate=machine.json playground " +
                 line.substr(mark.size(), line.find(' ', mark.size()) - mark.size()) + "\n";
-    if (line.starts_with("```")) {
+    isElsewhere |= line == "<!-- machine: installed -->";
+    if (isElsewhere) {
+      isElsewhere = line != "```";
+    } else if (line.starts_with("```")) {
       if (block == "text") script += "END\n";
       block = block.empty() ? line.substr(3) : "";
       EXPECT_TRUE(block.empty() || block == "sh" || block == "text") << "nobody runs " << line;
