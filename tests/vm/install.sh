@@ -20,19 +20,7 @@ written() {
     mountpoint -q /run/upper || mount "/dev/$(cut -d/ -f4 <<<"$device")" /run/upper
     find /run/upper/data -not -type d -not -type c -printf '/%P\n' | sort
 }
-# repack VERSION FOLDER: the packages as they will be in that version.
-repack() {
-    local package
-    mkdir -p "$2"
-    for package in "${packages[@]}"; do
-        rm -rf /var/tmp/package
-        dpkg-deb -R "$package" /var/tmp/package
-        sed -i "s/^Version: .*/Version: $1/; s/(= $version)/(= $1)/" /var/tmp/package/DEBIAN/control
-        dpkg-deb -Znone -b /var/tmp/package "$2" >/dev/null
-    done
-}
 
-version=$(dpkg-deb -f "${packages[0]}" Version)
 if [ ! -e /var/tmp/before ]; then
     # A container's, that no service is started in it; and what has all manuals read anew, which takes minutes here.
     rm -f /usr/sbin/policy-rc.d /var/lib/man-db/auto-update
@@ -75,7 +63,7 @@ for unit in rvxd.service rvxd.socket rvxd-ro.socket; do
     expect_eq "$unit is back after a boot" "enabled active" "$(state $unit)"
 done
 expect_match "so is the array" 'raid1 sd.*\[UU\]' "$(tr '\n' ' ' </proc/mdstat)"
-expect_eq "events of the boot before are there, and others go on" "$(cat /var/tmp/events)" "$(events | head -n "$(wc -l </var/tmp/events)")"
+expect_eq "events of the boot before are there, by their identifiers" "$(cat /var/tmp/events)" "$(events | head -n "$(wc -l </var/tmp/events)")"
 
 # What the guide has people type there, where a member of the array has failed.
 mdadm --fail /dev/md_d0 "/dev/${disk[AHCI-1]}"
@@ -88,10 +76,9 @@ check "metrics are served where it says" sh -c 'curl -s http://127.0.0.1:9634/me
 check "the failed member is released" rvxctl spare release "${disk[AHCI-1]}" --yes
 check "another disk takes its place" rvxctl spare add "${disk[AHCI-2]}" md_d0 --wait --yes
 
-repack 9.0 /var/tmp/newer
 process=$(systemctl show -P MainPID rvxd)
-check "a newer version is installed" dpkg -i /var/tmp/newer/*.deb
-expect_eq "all of it" "9.0" "$(dpkg-query -W -f '${Version}\n' "${names[@]}" | sort -u)"
+# Of the same version, which the packages' scripts are not told.
+check "an upgrade is installed" dpkg -i "${packages[@]}"
 check "rvxd is another process" sh -c "systemctl is-active rvxd && [ $process != \$(systemctl show -P MainPID rvxd) ]"
 check "it serves" as alice rvxctl rescan
 check "it has its channel" sh -c 'rvxctl notify list | grep script'
