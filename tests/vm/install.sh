@@ -55,6 +55,17 @@ if [ ! -e /var/tmp/before ]; then
     check "and makes an array" as alice rvxctl array create --level raid1 "${disk[AHCI-0]}" "${disk[AHCI-1]}" --yes
     wait_for_sync
     check "its events are kept" wait_for 60 'events | grep " 10086$"'
+
+    # What the guide has people type there, where a member of the array has failed.
+    mdadm --fail /dev/md_d0 "/dev/${disk[AHCI-1]}"
+    check "the array is degraded" wait_for 60 'rvxctl condition list | grep array-degraded:md_d0'
+    awk '/^<!-- machine: installed -->$/ { mine = 1; next } /^```/ { runs = mine && !runs; mine = mine && runs; next } runs' \
+        "$RVX_SOURCE/docs/operator.md" >/var/tmp/guide
+    expect_eq "the guide has commands for it" 15 "$(grep -c . /var/tmp/guide)"
+    check "the guide's commands run" bash -euxo pipefail /var/tmp/guide
+    check "metrics are served where it says" sh -c 'curl -s http://127.0.0.1:9634/metrics | grep "^rvx_array_state"'
+    check "the failed member is released" rvxctl spare release "${disk[AHCI-1]}" --yes
+    check "another disk takes its place" rvxctl spare add "${disk[AHCI-2]}" md_d0 --wait --yes
     events >/var/tmp/events
     exit
 fi
@@ -64,17 +75,6 @@ for unit in rvxd.service rvxd.socket rvxd-ro.socket; do
 done
 expect_match "so is the array" 'raid1 sd.*\[UU\]' "$(tr '\n' ' ' </proc/mdstat)"
 expect_eq "events of the boot before are there, by their identifiers" "$(cat /var/tmp/events)" "$(events | head -n "$(wc -l </var/tmp/events)")"
-
-# What the guide has people type there, where a member of the array has failed.
-mdadm --fail /dev/md_d0 "/dev/${disk[AHCI-1]}"
-check "the array is degraded" wait_for 60 'rvxctl condition list | grep array-degraded:md_d0'
-awk '/^<!-- machine: installed -->$/ { mine = 1; next } /^```/ { runs = mine && !runs; mine = mine && runs; next } runs' \
-    "$RVX_SOURCE/docs/operator.md" >/var/tmp/guide
-expect_eq "the guide has commands for it" 15 "$(grep -c . /var/tmp/guide)"
-check "the guide's commands run" bash -euxo pipefail /var/tmp/guide
-check "metrics are served where it says" sh -c 'curl -s http://127.0.0.1:9634/metrics | grep "^rvx_array_state"'
-check "the failed member is released" rvxctl spare release "${disk[AHCI-1]}" --yes
-check "another disk takes its place" rvxctl spare add "${disk[AHCI-2]}" md_d0 --wait --yes
 
 process=$(systemctl show -P MainPID rvxd)
 # Of the same version, which the packages' scripts are not told.
