@@ -2,7 +2,7 @@
 // A text becomes a text node and nothing else, wherever it comes from.
 
 /** Characters that nobody sees; some turn the text around them: a serial number must not be read backwards. */
-const HIDDEN = /[\u0000-\u0008\u000b\u000c\u000e-\u001f\u007f-\u009f\u200b-\u200f\u202a-\u202e\u2060-\u2069\ufeff]/g;
+const HIDDEN = /(?![\t\n\r])[\p{Cc}\p{Cf}\p{Zl}\p{Zp}\p{Default_Ignorable_Code_Point}]/gu;
 
 /**
  * A node of a tree. Attributes that are null, undefined or false are left out; those that begin with "on" are functions;

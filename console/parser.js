@@ -16,14 +16,17 @@ export class StreamParser {
     feed(bytes) {
         this.#text += this.#decoder.decode(bytes, { stream: true });
         const found = [];
-        for (let end; (end = this.#text.indexOf(this.#isHead ? "\r\n\r\n" : "\n\n")) >= 0;) {
+        for (;;) {
+            const mark = this.#isHead ? "\r\n\r\n" : "\n\n";
+            const end = this.#text.indexOf(mark);
+            // What has no end yet has it here at the soonest: so it is the same however the bytes are cut.
+            if ((end < 0 ? this.#text.length - mark.length + 1 : end) > LIMIT) throw new Error("A frame of the event stream is too long");
+            if (end < 0) return found;
             const part = this.#text.slice(0, end);
-            this.#text = this.#text.slice(end + (this.#isHead ? 4 : 2));
+            this.#text = this.#text.slice(end + mark.length);
             found.push(this.#isHead ? head(part) : frame(part));
             this.#isHead = false;
         }
-        if (this.#text.length > LIMIT) throw new Error("A frame of the event stream is too long");
-        return found;
     }
 }
 

@@ -34,23 +34,6 @@ void OnAlarm(int) {
   ::kill(0, SIGKILL);
 }
 
-SResult Deliver() {
-  constexpr std::pair<std::string_view, SResult (*)(const SOrder&)> WAYS[] = {{"journal", &ByJournal},
-                                                                              {"mail", &ByMail},
-                                                                              {"program", &ByProgram},
-                                                                              {"webhook", &ByWebhook},
-                                                                              {"heartbeat", &ByHeartbeat}};
-  const Json given = Json::parse(std::string(std::istreambuf_iterator<char>(std::cin), {}), nullptr, false);
-  if (!given.is_object()) return {false, "no order came"};
-  const SOrder order{given.at("settings"), given.at("message"), given.at("process"),
-                     std::chrono::milliseconds(given.at("limit").get<unsigned int>())};
-  const auto seconds = static_cast<unsigned int>(order.m_Limit.count() / 1000);
-  ::alarm(seconds + 1);  // behind what a way keeps by itself, whose words say more
-  for (const auto& [type, way] : WAYS)
-    if (type == TextIn(given, "type")) return way(order);
-  return {false, "there is no such way: " + TextIn(given, "type")};
-}
-
 }  // namespace
 
 }  // namespace Notify
@@ -61,7 +44,7 @@ int main() {
   ::setpgid(0, 0);
   std::signal(SIGALRM, &Notify::OnAlarm);
   try {
-    Notify::Answer(Notify::Deliver());
+    Notify::Answer(Notify::Deliver({std::istreambuf_iterator<char>(std::cin), {}}));
   } catch (const std::exception& error) {
     Notify::Answer({false, error.what()});
   }

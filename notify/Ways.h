@@ -25,6 +25,9 @@ struct SResult {
   std::string m_Said{};  ///< the way's own words, which may hold what is secret
 };
 
+/// Takes an order's text, and has at most its time. Throws std::exception where it is none of rvxd's.
+SResult Deliver(const std::string& text);
+
 SResult ByJournal(const SOrder& order);
 SResult ByMail(const SOrder& order);
 SResult ByProgram(const SOrder& order);

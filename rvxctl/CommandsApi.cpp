@@ -21,7 +21,7 @@ int AskApi(CContext& context, const SAsked& asked) {
   std::string data = asked.m_Data;
   if (data == "-") data.assign(std::istreambuf_iterator<char>(std::cin), {});
   const SAnswer answer = remote.Ask(asked.m_Method, asked.m_Path, data);
-  context.Terminal().Print(answer.m_Body);
+  context.Terminal().PrintDocument(answer.m_Body);
   return answer.m_Code < 300 ? EXIT_DONE : ErrorOf(answer).m_ExitStatus;
 }
 

@@ -26,9 +26,11 @@ CSource& CContext::Source() {
 
 void CContext::Show(const std::string& name, const Json& data, const std::string& text, const Json& errors) {
   if (IsStream())
-    m_Terminal.Print(StreamLine((*m_Stream)++, name, errors.empty() ? data : errors[0]));
+    m_Terminal.PrintDocument(StreamLine((*m_Stream)++, name, errors.empty() ? data : errors[0]));
+  else if (m_Options.m_Json)
+    m_Terminal.PrintDocument(Envelope(name, data, errors));
   else
-    m_Terminal.Print(m_Options.m_Json ? Envelope(name, data, errors) : text);
+    m_Terminal.Print(text);
 }
 
 int CContext::Show(const SView& view, const Json& errors) {

@@ -51,6 +51,8 @@ void CTerminal::Print(const std::string& text) {
                std::string("cannot write to standard output: ") + std::strerror(error));
 }
 
+void CTerminal::PrintDocument(const std::string& text) { Print(IsTerminal() ? Printable(text, true) : text); }
+
 SScreenSize CTerminal::Size() const {
   winsize size{};  // libsmartcols would ask descriptor 1, which is the plug-in's
   if (m_File == nullptr || ::ioctl(::fileno(m_File), TIOCGWINSZ, &size) != 0) return {0, 0};

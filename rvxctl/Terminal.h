@@ -30,6 +30,8 @@ class CTerminal {
   void RequireOpen() const;
   /// Throws CError when the text cannot be written; with EXIT_SIGNAL + SIGPIPE when its reader has gone.
   void Print(const std::string& text);
+  /// A document for programs. On a terminal a person reads it: what that would obey or hide is "?" there.
+  void PrintDocument(const std::string& text);
   bool HasPrinted() const { return m_HasPrinted; }
   bool IsTerminal() const { return m_IsTerminal; }
   /// The terminal as it is now; zeros when it is none or does not tell.

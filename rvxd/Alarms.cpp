@@ -33,6 +33,9 @@ Host::EHealth LevelOf(const Json& condition) {
                                                                      : Host::EHealth::WARNING;
 }
 
+/// Throws Json::exception where it is another thing, one with a fraction or a sign too.
+Milliseconds NumberIn(const Json& json) { return json.get_ref<const Json::number_unsigned_t&>(); }
+
 std::string DisksOf(const Json& condition) {
   std::vector<std::string> names;
   for (const Json& disk : condition["disks"]) names.push_back(disk[disk["id"].is_string() ? "id" : "name"]);
@@ -66,11 +69,12 @@ CTold::CTold(const Json& kept) {
       SMatter& matter = m_Matters[subject];
       one.at("told").get_to(matter.m_Told);
       for (const auto& [id, time] : one.at("times").items())
-        matter.m_Times[id] = {time.at(0), static_cast<Host::EHealth>(time.at(1).get<int>()), time.at(2)};
-      one.at("last").get_to(matter.m_Last);
-      one.at("over").get_to(matter.m_Over);
-      one.at("next").get_to(matter.m_Next);
-      one.at("tries").get_to(matter.m_Tries);
+        matter.m_Times[id] = {NumberIn(time.at(0)), static_cast<Host::EHealth>(NumberIn(time.at(1))),
+                              time.at(2)};
+      matter.m_Last = NumberIn(one.at("last"));
+      matter.m_Over = NumberIn(one.at("over"));
+      matter.m_Next = NumberIn(one.at("next"));
+      matter.m_Tries = static_cast<unsigned int>(NumberIn(one.at("tries")));
       std::erase_if(matter.m_Told, [](const auto& told) { return !IsCondition(told.second); });
     }
   } catch (const Json::exception&) {  // somebody has written into it: told again is better than not at all

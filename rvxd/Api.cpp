@@ -18,7 +18,6 @@ constexpr unsigned long WAIT_LIMIT = 60;  ///< seconds
 constexpr std::chrono::seconds BEGIN_LIMIT{2};
 constexpr unsigned int SILENCE = 15;  ///< seconds more than what is waited for
 constexpr std::size_t DEPTH_LIMIT = 16;
-constexpr unsigned int SPARES_LIMIT = 32;
 /// A message takes five minutes at most, and the one that is sent by its side as long.
 constexpr unsigned int TEST_SILENCE = 700;
 constexpr char METRICS[] = "/metrics";
@@ -45,6 +44,14 @@ SHttpAnswer Tagged(const SHttpRequest& request, const std::string& tag, const st
   }
   answer.m_Body = body();
   return answer;
+}
+
+/// Whether a request was sent to an address, or to this machine's own name for itself. A web page can have
+/// its own name lead here, and a browser would then hand it what is answered.
+bool IsSentHere(const std::string& host) {
+  const std::string name = host.substr(0, host.find(':'));
+  return host.starts_with('[') || name == "localhost" ||
+         name.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 /// Of a document that is made anew for each request.
@@ -171,6 +178,8 @@ SHttpAnswer CApi::Route(const SHttpRequest& request) const {
   // To who may read these alone, there is nothing else.
   if (request.m_Access == EAccess::METRICS && (request.m_Path != METRICS || request.m_Method != "GET"))
     throw CProblem(404, "not-found", "there is no resource " + request.m_Path);
+  if (request.m_Access == EAccess::METRICS && !IsSentHere(request.Header("host")))
+    throw CProblem(403, "wrong-host", "metrics are asked for by a loopback address, or as localhost");
   if (request.m_Refusal) throw CProblem(*request.m_Refusal);
   std::string allowed;
   for (const SRoute& route : ROUTES) {

@@ -23,6 +23,7 @@ namespace fs = boost::filesystem;
 
 constexpr std::size_t FILE_LIMIT = 64U << 10;
 constexpr Milliseconds SECOND = 1000;
+constexpr unsigned int LINK_LIMIT = 40;  ///< as the kernel's
 constexpr Milliseconds LEAST_REMINDER = 3600 * SECOND;
 
 /// A person's mistake in a channel's file.
@@ -101,8 +102,10 @@ std::string Url(const std::string& url) {
 
 /// Where an address leads, without what may be secret in it.
 std::string HostOf(const std::string& url) {
-  const std::size_t host = url.find("//") + 2;
-  std::string text = url.substr(host, url.find_first_of("/?#", host) - host);
+  const std::size_t host = url.find("//") + 2, end = url.find_first_of("/?#", host);
+  // Such a character in a password ends the host too early.
+  if (end != std::string::npos && url.find('@', end) != std::string::npos) return url.substr(0, host) + "...";
+  std::string text = url.substr(host, end - host);
   return url.substr(0, host) + text.substr(text.rfind('@') == std::string::npos ? 0 : text.rfind('@') + 1);
 }
 
@@ -121,6 +124,9 @@ class CReader {
         ++number;
         line = Trimmed(line);
         if (line.empty() || line.starts_with("#")) continue;
+        // In a mail or a request it would begin a line of its own.
+        if (std::ranges::any_of(line, [](unsigned char c) { return (c < ' ' && c != '\t') || c == 127; }))
+          throw CMistake("there is a control character in it");
         const std::size_t equals = line.find('=');
         if (equals == std::string::npos) throw CMistake("it is not of the form \"key = value\"");
         Take(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
@@ -253,26 +259,38 @@ class CReader {
     }
   }
 
-  /// What runs with our rights is nobody else's to change.
   static void RequireSafe(const std::string& program) {
-    for (fs::path folder = fs::path(program).parent_path(); !folder.empty(); folder = folder.parent_path())
-      RequireOurs(folder.string(), program);
+    RequireOurs(program, program);
     struct stat facts {};
     if (::stat(program.c_str(), &facts) != 0) throw CMistake(program + ": " + std::strerror(errno));
     if (!S_ISREG(facts.st_mode) || ::access(program.c_str(), X_OK) != 0)
       throw CMistake(program + " cannot be run");
-    RequireOurs(program, program);
   }
-  static void RequireOurs(const std::string& path, const std::string& program) {
-    struct stat facts {};
-    if (::stat(path.c_str(), &facts) != 0) throw CMistake(path + ": " + std::strerror(errno));
-    const bool isTheirs = facts.st_uid != 0 && facts.st_uid != ::geteuid();
-    // In a folder such as /tmp nobody can put another file in the place of one that is ours.
-    const bool isSticky = S_ISDIR(facts.st_mode) && (facts.st_mode & S_ISVTX) != 0;
-    if (isTheirs || (!isSticky && (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0))
-      throw CMistake("others may change " + path + ", and " + program +
-                     " would run with the rights of rvxd: 'chown root " + path + "' and 'chmod go-w " + path +
-                     "'");
+  /// What runs with our rights is nobody else's to change: a file, the folders above it, and all that links
+  /// on the way lead through.
+  static void RequireOurs(const fs::path& path, const std::string& program, unsigned int links = 0) {
+    if (links > LINK_LIMIT) throw CMistake(program + ": " + std::strerror(ELOOP));
+    fs::path way;
+    for (auto part = path.begin(); part != path.end(); ++part) {
+      way /= *part;
+      struct stat facts {};
+      if (::lstat(way.c_str(), &facts) != 0) throw CMistake(way.string() + ": " + std::strerror(errno));
+      const bool isTheirs = facts.st_uid != 0 && facts.st_uid != ::geteuid();
+      // In a folder such as /tmp nobody can put another file in the place of one that is ours.
+      const bool isSticky = S_ISDIR(facts.st_mode) && (facts.st_mode & S_ISVTX) != 0;
+      const bool isLink = S_ISLNK(facts.st_mode);
+      if (isTheirs || (!isSticky && !isLink && (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0))
+        throw CMistake("others may change " + way.string() + ", and " + program +
+                       " would run with the rights of rvxd: 'chown root " + way.string() +
+                       "' and 'chmod go-w " + way.string() + "'");
+      if (!isLink) continue;
+      boost::system::error_code error;
+      const fs::path target = fs::read_symlink(way, error);
+      if (error) throw CMistake(way.string() + ": " + error.message());
+      fs::path whole = target.is_absolute() ? target : way.parent_path() / target;
+      while (++part != path.end()) whole /= *part;
+      return RequireOurs(whole, program, links + 1);
+    }
   }
 
   void AddHeader(const std::string& header) {

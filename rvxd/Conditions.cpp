@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/Values.h"
+#include "rvxd/Document.h"
 #include "rvxd/Log.h"
 
 namespace Rvxd {

@@ -15,8 +15,8 @@
 #include <random>
 
 #include "PI/Numbers.h"
-#include "host/Error.h"
 #include "host/Values.h"
+#include "rvxd/Document.h"
 
 namespace Rvxd {
 
@@ -34,6 +34,9 @@ constexpr std::uint64_t REPEAT_LIMIT = 600'000;
 /// After an end that was none, events may have been told that the disk does not have: their numbers are not
 /// given again.
 constexpr std::uint64_t SKIP = 1000;
+constexpr std::size_t EPOCH_SIZE = 8;
+/// What every client can count to.
+constexpr std::uint64_t NUMBER_LIMIT = std::uint64_t{1} << 53;
 
 bool Repeats(unsigned int code) {
   return code == PI::EVT_FAILED_DRIVE_IN_USE || code == PI::EVT_USED_DRIVE_OFFLINE ||
@@ -88,25 +91,48 @@ std::string RepeatKey(const Json& event) {
 }
 
 std::string NewEpoch() {
-  std::array<char, 9> text{};
+  std::array<char, EPOCH_SIZE + 1> text{};
   std::snprintf(text.data(), text.size(), "%08x", static_cast<unsigned int>(std::random_device()()));
   return text.data();
 }
 
-/// The whole lines of a file, and how many bytes they are.
+/// A number that the journal tells; 0: it tells none.
+std::uint64_t NumberIn(const Json& line, const char* key) {
+  const Json number = line.value(key, Json());
+  return number.is_number_unsigned() && number <= NUMBER_LIMIT ? number.get<std::uint64_t>() : 0;
+}
+
+/// The identifier of a line that is an event, with all that is read of it again.
+std::optional<std::pair<std::string, std::uint64_t>> EventIn(const Json& line) {
+  using Type = Json::value_t;
+  for (const auto& [key, type] : {std::pair{"id", Type::string},
+                                  {"code", Type::number_unsigned},
+                                  {"severity", Type::number_unsigned},
+                                  {"object", Type::string},
+                                  {"count", Type::number_unsigned}})
+    if (line.value(key, Json()).type() != type) return std::nullopt;
+  auto id = ParseEventID(line["id"]);
+  return id && id->second != 0 && id->second <= NUMBER_LIMIT ? id : std::nullopt;
+}
+
+/// The documents of a file's whole lines, and how many bytes these are. Others are nothing: somebody has
+/// written into it, or the disk has.
 struct SLines {
   explicit SLines(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     for (std::string line; std::getline(file, line) && !file.eof();) {
       m_Bytes += line.size() + 1;
-      m_Lines.push_back(Json::parse(line, nullptr, false));
+      if (Json json = Parsed(line); json.is_object()) m_Lines.push_back(std::move(json));
     }
   }
-  /// The epoch of the first line; empty: it is no journal.
+  /// The epoch, as the first line tells it, or the first event; empty: it is no journal.
   std::string Epoch() const {
-    if (m_Lines.empty() || !m_Lines.front().is_object()) return {};
-    const Json epoch = m_Lines.front().value("epoch", Json(nullptr));
-    return epoch.is_string() ? epoch.get<std::string>() : std::string();
+    for (const Json& line : m_Lines) {
+      const Json epoch = line.value("epoch", Json());
+      if (epoch.is_string() && ParseEventID(epoch.get<std::string>() + "-0")) return epoch;
+      if (const auto id = EventIn(line)) return id->first;
+    }
+    return {};
   }
 
   std::vector<Json> m_Lines;
@@ -117,7 +143,7 @@ struct SLines {
 
 std::optional<std::pair<std::string, std::uint64_t>> ParseEventID(const std::string& id) {
   const std::size_t dash = id.find('-');
-  if (dash == 0 || dash == std::string::npos) return std::nullopt;
+  if (dash != EPOCH_SIZE || id.find_first_not_of("0123456789abcdef") != dash) return std::nullopt;
   std::uint64_t number = 0;
   const char* const end = id.data() + id.size();
   const auto [rest, error] = std::from_chars(id.data() + dash + 1, end, number);
@@ -126,15 +152,7 @@ std::optional<std::pair<std::string, std::uint64_t>> ParseEventID(const std::str
 }
 
 CFeed::CFeed(const std::string& folder, CCounters& counters) : m_Folder(folder), m_Counters(counters) {
-  try {
-    Load();
-  } catch (const Json::exception&) {  // somebody has written into it
-    m_Events.clear();
-    m_Repeats.clear();
-    m_First = m_Last = 0;
-    m_Epoch = NewEpoch();
-    Begin(1);
-  }
+  Load();
 }
 
 void CFeed::Close() {
@@ -153,19 +171,22 @@ void CFeed::Load() {
   }
   m_Epoch = epoch;
   const SLines older(m_Folder + OLDER_NAME);
-  m_First = current.m_Lines.front().value("next", std::uint64_t{1}) - 1;
-  if (older.Epoch() == epoch) m_First = older.m_Lines.front().value("next", std::uint64_t{1}) - 1;
-  m_Last = m_First;
-  bool isClosed = false;
+  bool isBegun = false, isClosed = false;
   for (const SLines* const lines : {&older, &current}) {
     if (lines->Epoch() != epoch) continue;
     for (const Json& line : lines->m_Lines) {
-      isClosed = line.is_object() && line.contains("closed");
-      if (line.is_object() && line.contains("skipped")) m_Last = line.value("skipped", m_Last.load());
-      const auto id = line.is_object() ? ParseEventID(line.value("id", "")) : std::nullopt;
-      if (id && id->second > m_Last) Push(id->second, line);
+      const auto id = EventIn(line);
+      const std::uint64_t first = id ? id->second : NumberIn(line, "next");
+      if (first != 0 && (!isBegun || (m_Events.empty() && first <= m_First))) {
+        m_First = first - 1;
+        isBegun = true;
+      }
+      isClosed = line.contains("closed");
+      m_Last = std::max(m_Last.load(), NumberIn(line, "skipped"));
+      if (id && id->first == epoch && id->second > m_Last) Push(id->second, line);
     }
   }
+  m_Last = std::max(m_Last.load(), m_First);
   m_File = KVT::Internal::CFileDescriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
   m_Written = current.m_Bytes;
   if (!m_File.IsOpen() || ::ftruncate(m_File.Get(), static_cast<off_t>(m_Written)) != 0) {

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 
+#include "host/Error.h"
+#include "rvxd/Document.h"
 #include "rvxd/Log.h"
-#include "rvxd/Operations.h"
 
 namespace Rvxd {
 

@@ -8,6 +8,7 @@
 #include <array>
 
 #include "host/Values.h"
+#include "rvxd/Document.h"
 #include "rvxd/Log.h"
 #include "rvxd/Message.h"
 #include "rvxd/Operations.h"

@@ -1,17 +1,13 @@
 #include "rvxd/Operations.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <charconv>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <random>
 
 #include "host/Values.h"
-#include "libraries/common/ReplaceFile.h"
+#include "rvxd/Document.h"
 #include "rvxd/Log.h"
 
 namespace Rvxd {
@@ -21,6 +17,9 @@ namespace {
 constexpr std::size_t QUEUE_LIMIT = 16;
 constexpr std::size_t PLAN_LIMIT = 256;
 constexpr std::size_t KEPT = 100;
+constexpr std::size_t KEY_LIMIT = 255;
+constexpr char ID[] = "op-";
+constexpr std::uint64_t NUMBER_LIMIT = std::uint64_t{1} << 53;
 
 std::string NowText() { return Host::TimeText(Host::NowMilliseconds()); }
 
@@ -42,6 +41,29 @@ bool IsOver(const Json& operation) {
   return operation["state"] != "queued" && operation["state"] != "running";
 }
 
+/// Of one from the file; 0: somebody has written into it.
+std::uint64_t NumberOf(const Json& operation) {
+  using Type = Json::value_t;
+  constexpr std::pair<const char*, Type> FIELDS[] = {
+      {"id", Type::string},    {"kind", Type::string},    {"title", Type::string},
+      {"state", Type::string}, {"created", Type::string}, {"steps", Type::array},
+      {"by", Type::object},    {"key", Type::string},     {"plan", Type::string}};
+  constexpr const char* STATES[] = {"queued", "running", "done", "failed", "interrupted"};
+  const auto is = [&](const auto& field) {
+    return operation.contains(field.first) && operation[field.first].type() == field.second;
+  };
+  const auto has = [&](const char* field) { return operation.contains(field); };
+  if (!operation.is_object() || !std::ranges::all_of(FIELDS, is) ||
+      !std::ranges::all_of(std::array{"started", "ended", "result", "left", "error"}, has) ||
+      std::ranges::find(STATES, operation["state"].get<std::string>()) == std::end(STATES))
+    return 0;
+  const std::string id = operation["id"];
+  std::uint64_t number = 0;
+  const char* const end = id.data() + id.size();
+  if (!id.starts_with(ID) || std::from_chars(id.data() + sizeof ID - 1, end, number).ptr != end) return 0;
+  return number <= NUMBER_LIMIT ? number : 0;
+}
+
 constexpr char INTERRUPTED[] =
     "rvxd ended in the middle of it: what was done is not known. 'rvxctl status' and 'cat /proc/mdstat' show "
     "which arrays there are, 'rvxctl disk list' which disks are free; an array that does not run holds its "
@@ -49,17 +71,6 @@ constexpr char INTERRUPTED[] =
 constexpr char NOT_BEGUN[] = "rvxd ended before it began: nothing was done";
 
 }  // namespace
-
-void WriteWhole(const std::string& path, const std::string& text) {
-  if (!KVT::Internal::ReplaceFile(path, text, S_IRUSR | S_IWUSR))
-    throw Host::CError(Host::EXIT_PLUGIN_ERROR, "cannot write " + path + ": " + std::strerror(errno));
-}
-
-Json ReadDocument(const std::string& path) {
-  std::ifstream file(path);
-  const Json document = file ? Json::parse(file, nullptr, false) : Json(nullptr);
-  return document.is_discarded() ? Json(nullptr) : document;
-}
 
 Json SPeer::ToJson() const {
   return {{"uid", m_User}, {"pid", m_Process}, {"loginuid", m_Login ? Json(*m_Login) : Json(nullptr)}};
@@ -70,25 +81,23 @@ COperations::COperations(const std::string& folder, CFeed& feed, CCounters& coun
     : m_File(folder + "/operations.json"), m_Feed(feed), m_Counters(counters), m_PlanTime(planTime) {
   const Json kept = ReadDocument(m_File);
   if (!kept.is_object()) return;
-  try {
-    m_Last = kept.at("last");
-    for (Json operation : kept.at("operations")) {
-      for (const char* const field : {"id", "kind", "title", "state", "created", "started", "ended", "steps",
-                                      "by", "result", "left", "error"})
-        operation.at(field);
-      if (!IsOver(operation)) {
-        const bool isBegun = operation.at("state") == "running";
-        operation["state"] = "interrupted";
-        operation["ended"] = NowText();
-        Count(operation);
-        operation["error"] = CProblem(500, "interrupted", isBegun ? INTERRUPTED : NOT_BEGUN).ToJson();
-        Log(3, operation.at("id").get<std::string>() + " (" + operation.at("title").get<std::string>() +
-                   "): " + (isBegun ? INTERRUPTED : NOT_BEGUN));
-      }
-      m_Operations.push_back(std::move(operation));
+  if (const Json last = kept.value("last", Json()); last.is_number_unsigned() && last <= NUMBER_LIMIT)
+    m_Last = last;
+  for (Json operation : kept.value("operations", Json())) {
+    const std::uint64_t number = NumberOf(operation);
+    if (number == 0 ||
+        std::ranges::any_of(m_Operations, [&](const Json& one) { return one["id"] == operation["id"]; }))
+      continue;
+    m_Last = std::max(m_Last, number);
+    if (!IsOver(operation)) {
+      const char* const why = operation["state"] == "running" ? INTERRUPTED : NOT_BEGUN;
+      operation["state"] = "interrupted";
+      operation["ended"] = NowText();
+      Count(operation);
+      operation["error"] = CProblem(500, "interrupted", why).ToJson();
+      Log(3, operation["id"].get<std::string>() + " (" + operation["title"].get<std::string>() + "): " + why);
     }
-  } catch (const Json::exception&) {  // somebody has written into it
-    m_Operations.clear();
+    m_Operations.push_back(std::move(operation));
   }
   try {
     Keep();
@@ -112,6 +121,9 @@ std::pair<std::string, std::string> COperations::AddPlan(const Host::SRequest& r
 }
 
 std::string COperations::Begin(const std::string& planID, const std::string& key, const SPeer& peer) {
+  // What is written down as it came is known again after a restart.
+  if (key.size() > KEY_LIMIT || std::ranges::any_of(key, [](unsigned char c) { return c < ' ' || c > '~'; }))
+    throw CProblem(422, "usage", "an Idempotency-Key has 255 characters of ASCII at most");
   std::string id;
   {
     const std::lock_guard lock(m_Mutex);
@@ -132,7 +144,7 @@ std::string COperations::Begin(const std::string& planID, const std::string& key
     if (m_Queue.size() >= QUEUE_LIMIT)
       throw CProblem(429, "queue-full",
                      std::to_string(QUEUE_LIMIT) + " operations wait already; nothing was done");
-    id = "op-" + std::to_string(++m_Last);
+    id = ID + std::to_string(++m_Last);
     plan.m_Operation = id;
     m_Operations.push_back({{"id", id},
                             {"kind", Host::WordOf(plan.m_Request.m_Kind)},

@@ -101,9 +101,4 @@ class COperations {
   bool m_Stopped{false};
 };
 
-/// Writes a file as a whole, or not at all, and to the disk. Throws Host::CError.
-void WriteWhole(const std::string& path, const std::string& text);
-/// The file's document; null when there is none.
-Json ReadDocument(const std::string& path);
-
 }  // namespace Rvxd

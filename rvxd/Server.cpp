@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 
@@ -16,11 +18,14 @@ namespace {
 
 constexpr unsigned int CONNECTIONS = 64;
 constexpr unsigned int METRICS_CONNECTIONS = 8;
+/// Of one user but root, so that others find room.
+constexpr unsigned int USERS_CONNECTIONS = 32;
 constexpr unsigned int SILENCE = 10;  ///< seconds after which a connection is dropped where nothing goes on
 constexpr std::size_t HEADERS = 32U << 10;
 constexpr std::size_t BODY = 64U << 10;
 constexpr std::size_t STACK = 512U << 10;
 constexpr std::size_t PART = 16U << 10;  ///< of a stream
+constexpr std::chrono::seconds LOG_PAUSE{60};
 
 SPeer PeerOf(int socket) {
   ucred credentials{};
@@ -91,7 +96,13 @@ MHD_Result Send(MHD_Connection* connection, SHttpAnswer answer) {
   return result;
 }
 
+/// The library's own words; one in a while, since everybody can have it say that there are too many
+/// connections.
 [[gnu::format(printf, 2, 0)]] void LogFromBelow(void*, const char* format, va_list arguments) {
+  using Clock = std::chrono::steady_clock;
+  static std::atomic<Clock::time_point> next{};
+  if (Clock::now() < next.load()) return;
+  next = Clock::now() + LOG_PAUSE;
   std::array<char, 256> text{};
   std::vsnprintf(text.data(), text.size(), format, arguments);
   std::string line = text.data();
@@ -155,11 +166,32 @@ struct SConnection {
     request.m_Extend(SILENCE);  // whatever an earlier request on this connection needed
     if (m_IsTooLarge) request.m_Refusal.emplace(413, "too-large", "a body has 64 KiB at most");
     if (m_HasZero) request.m_Refusal.emplace(404, "not-found", "no resource has a zero in its name");
-    if (request.m_Method != "GET" && request.m_Access != EAccess::METRICS)  // TCP tells no peer
+    // By the other sockets nothing is changed, and everybody could fill the log.
+    if (request.m_Method != "GET" && request.m_Access == EAccess::ALL)
       Log(5, request.m_Method + " " + request.m_Path + " by uid " + std::to_string(request.m_Peer.m_User) +
                  (request.m_Peer.m_Login ? " (login " + std::to_string(*request.m_Peer.m_Login) + ")" : "") +
                  ", process " + std::to_string(request.m_Peer.m_Process));
     return server.m_Api.Answer(request);
+  }
+};
+
+/// Who may have a connection: nobody may have all.
+struct SAdmission {
+  static void Notice(void* self, MHD_Connection* connection, void** user,
+                     MHD_ConnectionNotificationCode what) {
+    CServer& server = *static_cast<CServer*>(self);
+    const std::lock_guard lock(server.m_Mutex);
+    if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
+      const auto held =
+          server.m_Users.find(static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(*user)));
+      if (--held->second == 0) server.m_Users.erase(held);
+      return;
+    }
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    const unsigned int uid = PeerOf(socket).m_User;
+    *user = reinterpret_cast<void*>(std::uintptr_t{uid});
+    // The library closes what has ended.
+    if (++server.m_Users[uid] > USERS_CONNECTIONS && uid != 0) ::shutdown(socket, SHUT_RDWR);
   }
 };
 
@@ -172,7 +204,7 @@ CServer::CServer(int listener, const CApi& api, EAccess access) : m_Api(api), m_
       access == EAccess::METRICS ? METRICS_CONNECTIONS : CONNECTIONS, MHD_OPTION_CONNECTION_TIMEOUT, SILENCE,
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEADERS, MHD_OPTION_THREAD_STACK_SIZE, STACK,
       MHD_OPTION_URI_LOG_CALLBACK, &SConnection::Begin, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
-      &SConnection::Done, nullptr, MHD_OPTION_END);
+      &SConnection::Done, nullptr, MHD_OPTION_NOTIFY_CONNECTION, &SAdmission::Notice, this, MHD_OPTION_END);
   if (m_Daemon == nullptr)
     throw Host::CError(Host::EXIT_PLUGIN_ERROR, "the server of HTTP cannot be started");
 }

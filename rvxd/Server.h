@@ -2,7 +2,8 @@
 /// @file
 /// HTTP on a socket that listens.
 
-#include <memory>
+#include <map>
+#include <mutex>
 
 #include "libraries/common/FileDescriptor.h"
 #include "rvxd/Api.h"
@@ -12,7 +13,8 @@ struct MHD_Daemon;
 namespace Rvxd {
 
 /// A thread a connection, 64 of them (8 where there are metrics alone): one that is slow keeps nobody else
-/// waiting. Each socket has a server of its own, so that a flood at one leaves the other alone.
+/// waiting, and one user but root has half of them at most. Each socket has a server of its own, so that a
+/// flood at one leaves the other alone.
 class CServer {
  public:
   /// Takes the listener over, but does not close it: an activation's goes on listening for the next start.
@@ -29,9 +31,12 @@ class CServer {
 
  private:
   friend struct SConnection;
+  friend struct SAdmission;
   const CApi& m_Api;
   const EAccess m_Access;
   MHD_Daemon* m_Daemon{nullptr};
+  std::mutex m_Mutex;
+  std::map<unsigned int, unsigned int> m_Users;  ///< connections by user
 };
 
 }  // namespace Rvxd

@@ -1,6 +1,6 @@
 #include "rvxd/Settings.h"
 
-#include "rvxd/Operations.h"
+#include "rvxd/Document.h"
 
 namespace Rvxd {
 
@@ -10,7 +10,7 @@ CSettings::CSettings(const std::string& folder) : m_File(folder + "/settings.jso
   const Json spares = kept.value("spares", Json());
   if (!spares.is_object()) return;
   for (const auto& [array, count] : spares.items())
-    if (count.is_number_unsigned()) m_Spares[array] = count;
+    if (count.is_number_unsigned() && count <= SPARES_LIMIT) m_Spares[array] = count;
 }
 
 Spares CSettings::Wanted() const {

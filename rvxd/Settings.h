@@ -11,6 +11,7 @@ namespace Rvxd {
 /// How many spares an array is to have, by its UUID, else its name; an array that is not named has no such
 /// number.
 using Spares = std::map<std::string, unsigned int>;
+constexpr unsigned int SPARES_LIMIT = 32;
 
 /// Kept over restarts. All functions may be called by any thread.
 class CSettings {

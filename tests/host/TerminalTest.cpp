@@ -53,6 +53,15 @@ std::string Seen(const std::string& columns, const std::string& words) {
       .m_Out;
 }
 
+TEST(Terminal, IsNotTakenOverByADocument) {
+  const CTemporaryFolder folder;
+  const std::string words = "--simulate=" + folder.Write("machine.json", R"({
+      "controllers": [{"name": "sas", "pci": "0000:03:00.0", "vendor": "0x1000", "driver": "mpt2sas"}],
+      "disks": [{"name": "sda", "controller": "sas", "size": 20480, "model": "A\u009BB"}]})");
+  EXPECT_THAT(Seen("80", words + " --json disk list"), testing::HasSubstr("\"A?B\""));
+  EXPECT_THAT(Rvxctl({words, "--json", "disk", "list"}).m_Out, testing::HasSubstr("\"A\u009BB\""));
+}
+
 TEST(Terminal, TheDemonstrationFitsEightyColumns) {
   EXPECT_EQ(Seen("80", "--simulate --no-color status"),
             "Linux Multiple Devices (0): all in order (8 disks, 2 arrays)\r\n\r\n"

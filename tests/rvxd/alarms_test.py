@@ -143,12 +143,19 @@ class Alarms(Case):
                     "reminder": ("type = mail\nreminder = 5min\n", 0o600, "line 2: a reminder comes once an hour at most"),
                     "time": ("type = mail\ndelay = 5\n", 0o600, "line 2: \"5\" is no time such as 30s"),
                     "theirs": (f"type = program\nprogram = {folder}/theirs\n", 0o600, "others may change .*/theirs, and .*/theirs would run"),
+                    "link": (f"type = program\nprogram = {folder}/link\n", 0o600, "others may change .*/wide, and .*/link would run"),
+                    "control": ("type = webhook\nurl = http://x/\ncontent-type = text/plain\rX-Admin: yes\n", 0o600, "line 3: there is a control character"),
                     "lost": ("type = webhook\nhttps://geheim/?a=b\n", 0o600, "line 2: it has no key of type webhook: severity, "),
                     "none": ("to = root\n", 0o600, "line 1: \"type\" comes first")}
         self.put(folder / "theirs", "#!/bin/sh\n", 0o777)
+        (folder / "wide").mkdir()
+        (folder / "wide").chmod(0o777)
+        self.put(folder / "wide/program", "#!/bin/sh\n", 0o755)
+        (folder / "link").symlink_to("wide/program")
         for name, (text, mode, _) in refusals.items():
             self.put(folder / f"{name}.conf", text, mode)
         self.put(folder / "fine.conf", f"type = webhook\n{url}", 0o644)
+        self.put(folder / "slash.conf", "type = webhook\nurl = https://user:geheim/1@example.org/\n")
         daemon = self.daemon(machine(), "--channels", folder)
         listed = {one["channel"]: one for one in daemon.get("/v1/notify")["channels"]}
         for name, (_, _, why) in refusals.items():

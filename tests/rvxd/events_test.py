@@ -99,6 +99,20 @@ class Events(Case):
             self.assertFalse(daemon.get(f"/v1/events?since={cursor}")["reset"])
         self.assertNotEqual(daemon.get("/")["epoch"], epoch)
 
+    def test_a_journal_that_somebody_wrote_into(self):
+        """A line that takes all others with it, or that keeps every later event from being told."""
+        daemon = self.daemon(machine())
+        churn(daemon)
+        journal, before = daemon.state / "events.jsonl", daemon.events()
+        daemon.stop()
+        lines = journal.read_text().splitlines()
+        place = next(place for place, line in enumerate(lines) if before[1]["id"] in line)
+        lines[place] = lines[place].replace('"count":1', '"count":"x"')
+        journal.write_text("\n".join(["[" * 100000, '{"skipped":-1}', *lines, ""]))
+        daemon.start()
+        churn(daemon)
+        self.assertEqual(daemon.events()[:len(before) - 1], before[:1] + before[2:])
+
     def test_what_repeats_is_told_once(self):
         """A message with each pass for a failed member that md still holds."""
         daemon = self.daemon(machine("abc", [{"level": "raid1", "members": ["sda", None], "faulty": ["sdb"]}]))

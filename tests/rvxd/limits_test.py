@@ -1,5 +1,7 @@
 """What is too much, too wrong or not this socket's: refused, and rvxd goes on."""
 
+import contextlib
+import os
 import re
 
 from client import API, ROOT, Case, check, connected, machine, until
@@ -66,12 +68,31 @@ class Limits(Case):
     def test_connections(self):
         """A flood on the socket for everybody that keeps the administrator out, or that lasts when it is over."""
         streams = [self.rvxd.reader.stream() for _ in range(64)]
-        with self.assertRaises(OSError):
-            self.rvxd.reader.raw("GET", "/")
+        for _ in range(20):
+            with self.assertRaises(OSError):
+                self.rvxd.reader.raw("GET", "/")
         self.rvxd.carry_out("rescan")
         for stream in streams:
             stream.close()
         until(self.rvxd.reader.answers, "there is room again")
+        self.rvxd.reader.raw("POST", "/v1/made-up")
+        log = self.rvxd.log.read_text()
+        self.assertEqual((log.count("connection limit"), log.count("made-up")), (1, 0), "everybody can fill the log")
+
+    def test_connections_of_one_user(self):
+        """A user who takes up all connections for reading, so that monitoring sees nothing."""
+        if os.geteuid() != 0:
+            self.skipTest("root alone can be somebody else")
+        self.rvxd.path.parent.chmod(0o711)
+        os.seteuid(65534)
+        try:
+            for _ in range(64):
+                one = self.enterContext(connected(self.rvxd.reader.path))
+                with contextlib.suppress(OSError):
+                    one.sendall(b"GET /v1/events HTTP/1.1\r\nHost: a\r\nAccept: text/event-stream\r\n\r\n")
+        finally:
+            os.seteuid(0)
+        until(self.rvxd.reader.answers, "others find room")
 
     def test_settings(self):
         """One administrator's setting that another overwrites unseen; one out of range; one that is gone tomorrow."""

@@ -60,9 +60,9 @@ def of_state(state):
     return all
 
 
-def tcp(port, method, target, body=None):
+def tcp(port, method, target, body=None, headers=()):
     with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port, timeout=30)) as connection:
-        connection.request(method, target, body)
+        connection.request(method, target, body, dict(headers))
         answer = connection.getresponse()
         return answer.status, answer.headers, answer.read().decode()
 
@@ -161,6 +161,8 @@ class Metrics(Case):
             for method in ("GET", "HEAD", "POST", "PUT", "DELETE"):
                 if (target, method) not in (("/metrics", "GET"), ("/metrics", "HEAD")):
                     self.assertEqual(tcp(port, method, target, "{}" if method == "POST" else None)[0], 404, (method, target))
+        for host, expect in (("rebound.example", 403), (f"1.rebound.example:{port}", 403), (f"localhost:{port}", 200), ("[::1]:1", 200)):
+            self.assertEqual(tcp(port, "GET", "/metrics", headers={"Host": host})[0], expect, f"a page that a browser here shows: {host}")
         flood = [self.enterContext(socket.create_connection(("127.0.0.1", port))) for _ in range(20)]
         self.assertEqual(daemon.reader.ask("GET", "/v1/health").status, 200)
         for one in flood:
