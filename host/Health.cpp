@@ -51,6 +51,8 @@ void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth&
   const auto status = NumberOf(array.m_Object, PI::PROP_STATUS);
   const std::string text = Members(array);
   const std::string activity = array.ActivityText();
+  const bool putOff = array.m_Md && array.m_Md->m_Run && array.m_Md->m_Run->m_Waiting == "PENDING";
+  const std::string begin = "the first write begins it, or 'mdadm --readwrite /dev/" + array.m_Name + "'";
   const bool redundant = ToleranceOf(array) != 0;
   const unsigned int lost = array.m_Wanted - std::min(array.m_Wanted, array.m_Present);
   if (lost == 0 && array.m_Md && array.m_Md->m_Broken)
@@ -60,19 +62,19 @@ void LookAtArray(const CInventory& inventory, const SArrayEntry& array, SHealth&
   else if (HasFailed(array))
     problem(EHealth::CRITICAL, "array failed", text,
             "bring its missing disks back; what cannot be brought back comes from a backup");
-  else if (NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING)
+  else if (NumberOf(array.m_Object, PI::PROP_ACTIVITY) == PI::ACTIVITY_REBUILDING && !putOff)
     problem(EHealth::WARNING, "array rebuilding", text + "; " + activity,
             "wait: 'rvxctl array watch " + array.m_Name + "'");
   else if (lost != 0 || (redundant && status == PI::STATUS_DEGRADED))
     problem(lost != 0 && CanLose(array).value_or(0) != 0 ? EHealth::WARNING : EHealth::CRITICAL,
             "array degraded", text + (array.m_Md && array.m_Md->m_Run ? "; " + activity : ""),
-            ReplacementFor(inventory, array));
+            putOff ? begin : ReplacementFor(inventory, array));
   else if (!redundant && status != PI::STATUS_OK)
     health.m_Notes.push_back(array.m_Name + ": works, but not all members are managed disks");
   else if (status != PI::STATUS_OK)
     problem(EHealth::WARNING, "array not in order", TextOf(array.m_Object, PI::PROP_STATUS), "");
   else if (activity != TextOf(array.m_Object, PI::PROP_ACTIVITY))
-    health.m_Notes.push_back(array.m_Name + ": " + activity);
+    health.m_Notes.push_back(array.m_Name + ": " + activity + (putOff ? "; " + begin : ""));
   for (const SMember& member : array.m_Members)
     if (member.m_IsLostSpare)
       problem(EHealth::WARNING, "spare missing", member.m_Name + " is " + WordOf(member.m_Role),

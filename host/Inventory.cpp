@@ -101,6 +101,13 @@ SArrayEntry EntryOfArray(const CTopology& topology, const CMachine& machine, con
   } else {
     entry.m_Wanted = static_cast<unsigned int>(entry.m_Members.size());
   }
+  // Where a start, or udev after a disk went, has left an array read-only until it is written to, md tells of
+  // a resync that waits for that, and of a rebuild nothing.
+  if (entry.m_Md && entry.m_Md->m_ReadOnly == "auto-read-only" && !entry.m_Md->m_Run &&
+      entry.m_Present < entry.m_Wanted && std::ranges::any_of(entry.m_Members, [](const SMember& member) {
+        return member.m_Role == ERole::SPARE || member.m_Role == ERole::REBUILDING;
+      }))
+    entry.m_Md->m_Run = SMdRun{"recovery", "PENDING"};
   return entry;
 }
 

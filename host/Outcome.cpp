@@ -49,8 +49,9 @@ std::vector<std::string> StillMembers(const CInventory& inventory, const std::ve
 CError NotWiped(const std::vector<std::string>& disks) {
   return {EXIT_PLUGIN_ERROR,
           Joined(disks) +
-              " still has its superblock, or cannot be read: at the next start md may take it "
-              "for a member again; mdadm --zero-superblock wipes it"};
+              " still has its superblock, or cannot be read: md may take it for a member again, at once or "
+              "at the "
+              "next start. 'mdadm --stop' ends what holds it then, mdadm --zero-superblock wipes it"};
 }
 
 std::string NamedDisk(const SLook& before, const SRequest& request) {
@@ -202,6 +203,30 @@ SOutcome Released(const SRequest& request, const SLook& before, const Await& awa
   return marked.empty() ? Done(done + ".", data) : DoneBut(done, data, NotWiped(marked));
 }
 
+/// A creation or an addition that failed may have come as far as the superblocks, and udev hands a disk with
+/// one to md.
+SOutcome NotMade(const SLook& before, const CError& failure, const Await& await) {
+  std::vector<std::string> disks;
+  for (const SDiskPlan& disk : before.m_Change.m_Disks) disks.push_back(disk.m_Name);
+  std::vector<std::string> marked;
+  const auto look = [&](const CInventory& now) {
+    marked = StillMembers(now, disks);
+    return true;
+  };
+  try {
+    await(look, ONE_LOOK);
+  } catch (const CError&) {
+    marked = disks;  // nobody knows
+  }
+  if (marked.empty()) return {{}, {}, failure};
+  return {{},
+          {},
+          CError(failure.m_ExitStatus,
+                 std::string(failure.what()) + "\nMay have a superblock now: " + Joined(marked) +
+                     ". 'mdadm --stop' ends what holds it then, mdadm --zero-superblock wipes it.",
+                 failure.m_Status)};
+}
+
 SOutcome Rescanned(const Await& await) {
   std::string text;
   const auto look = [&](const CInventory& now) {
@@ -245,6 +270,8 @@ std::string RoleText(const Json& array, const std::string& disk) {
 SOutcome OutcomeOf(const SRequest& request, const SLook& before, const std::optional<CError>& failure,
                    const Await& await) {
   if (request.m_Kind == EChange::DELETE_ARRAY) return Deleted(request, before, failure, await);
+  if (failure && (request.m_Kind == EChange::CREATE_ARRAY || request.m_Kind == EChange::ADD_SPARE))
+    return NotMade(before, *failure, await);
   if (failure) return {{}, {}, failure};
   switch (request.m_Kind) {
     case EChange::CREATE_ARRAY:

@@ -113,6 +113,22 @@ light() {
     umount -R "$folder" /tmp/behind
 }
 
+# udev takes a pulled member out as this does, and leaves the array read-only until it is written to: the spare waits.
+put_off() {
+    expect_eq "a mirror is made" md_d0 "$(make raid1 - "$a1" "$s1")"
+    wait_for_sync
+    check "it has a spare" rvx spare add "$a2" md_d0 --yes
+    echo read-auto >/sys/block/md_d0/md/array_state
+    check "a member is taken out" mdadm --incremental --fail "$s1"
+    expect_match "that is critical" '^RAID CRITICAL - 1 array degraded' "$(rvx check || true)"
+    expect_match "what begins the rebuild is said" 'mdadm --readwrite /dev/md_d0' "$(rvx status)"
+    expect_match "nobody waits for it" 'Waiting for the first write' "$(timeout 30 "$RVX_BUILD/bin/rvxctl" array watch md_d0)"
+    check "it is begun" mdadm --readwrite /dev/md_d0
+    check "it ends" wait_for 60 "[ \$(</sys/block/md_d0/md/degraded) = 0 ]"
+    check "the array is deleted" rvx array delete md_d0 --yes
+    mdadm --zero-superblock "/dev/$s1"
+}
+
 no_threads() {
     local status=0 program
     # A thread's stack is as large as the limit says, and does not fit into the memory that the process may have.
@@ -131,6 +147,7 @@ no_threads() {
 mkdir -p /dev/pts
 mount -t devpts devpts /dev/pts # rvxctl asks on a terminal only
 equal_numbers
+put_off
 no_threads
 light
 swapped_disk
