@@ -77,7 +77,7 @@ class Cuts:
         keeps = self.random.random() < 0.5
         told, began, before, logs = {}, None, None, None
         with open(self.folder / "errors", "ab") as errors, subprocess.Popen(
-                [HERE / "boot.sh", "--build", self.options.build, "--keep", self.folder, "--timeout", str(BOOT_SECONDS), "powercut",
+                [HERE.parents[1] / "tests/vm/boot.sh", "--build", self.options.build, "--keep", self.folder, "--timeout", str(BOOT_SECONDS), "powercut",
                  HERE / "powercut.sh"], stdout=subprocess.PIPE, stderr=errors, text=True, errors="replace",
                 env={**os.environ, **self.environment, "RVX_CUT_NEXT": change, "RVX_CUT_WAY": way}) as machine:
             try:
