@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+#include <boost/locale/encoding_utf.hpp>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -51,7 +52,17 @@ std::string ReadSafely(const std::string& path, ESafe safe) {
   if (size < 0) throw CMistake(path + ": " + std::strerror(errno));
   if (static_cast<std::size_t>(size) > FILE_LIMIT) throw CMistake(path + " has more than 64 KiB");
   text.resize(static_cast<std::size_t>(size));
+  try {  // other bytes would arrive as other bytes, and an address lead elsewhere
+    boost::locale::conv::utf_to_utf<char>(text, boost::locale::conv::stop);
+  } catch (const boost::locale::conv::conversion_error&) {
+    throw CMistake(path + " is not written in UTF-8");
+  }
   return text;
+}
+
+/// In a mail or a request it would begin a line of its own, or end an address.
+bool HasControl(const std::string& line) {
+  return std::ranges::any_of(line, [](unsigned char c) { return (c < ' ' && c != '\t') || c == 127; });
 }
 
 std::string Trimmed(const std::string& text) {
@@ -97,6 +108,7 @@ std::string Absolute(const std::string& path) {
 std::string Url(const std::string& url) {
   if (!url.starts_with("http://") && !url.starts_with("https://"))
     throw CMistake("the address does not begin with http:// or https://");
+  if (HasControl(url)) throw CMistake("the address is more than one line of text");
   return url;
 }
 
@@ -124,9 +136,7 @@ class CReader {
         ++number;
         line = Trimmed(line);
         if (line.empty() || line.starts_with("#")) continue;
-        // In a mail or a request it would begin a line of its own.
-        if (std::ranges::any_of(line, [](unsigned char c) { return (c < ' ' && c != '\t') || c == 127; }))
-          throw CMistake("there is a control character in it");
+        if (HasControl(line)) throw CMistake("there is a control character in it");
         const std::size_t equals = line.find('=');
         if (equals == std::string::npos) throw CMistake("it is not of the form \"key = value\"");
         Take(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
@@ -294,9 +304,8 @@ class CReader {
   }
 
   void AddHeader(const std::string& header) {
-    const bool isOne =
-        header.find(':') != std::string::npos && header.find_first_of("\r\n") == std::string::npos;
-    if (!isOne) throw CMistake("a header is one line of the form \"Name: value\"");
+    if (header.find(':') == std::string::npos || HasControl(header))
+      throw CMistake("a header is one line of the form \"Name: value\"");
     m_Channel.m_Settings["headers"].push_back(header);
   }
 

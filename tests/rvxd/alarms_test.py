@@ -26,7 +26,7 @@ class Alarms(Case):
 
     @staticmethod
     def put(path, text, mode=0o600):
-        path.write_text(text)
+        path.write_text(text, errors="surrogateescape")
         path.chmod(mode)
 
     @staticmethod
@@ -145,9 +145,12 @@ class Alarms(Case):
                     "theirs": (f"type = program\nprogram = {folder}/theirs\n", 0o600, "others may change .*/theirs, and .*/theirs would run"),
                     "link": (f"type = program\nprogram = {folder}/link\n", 0o600, "others may change .*/wide, and .*/link would run"),
                     "control": ("type = webhook\nurl = http://x/\ncontent-type = text/plain\rX-Admin: yes\n", 0o600, "line 3: there is a control character"),
+                    "bytes": ("type = webhook\nurl = http://x/\udcff\n", 0o600, "bytes.conf is not written in UTF-8"),
+                    "lines": (f"type = webhook\nurl-file = {folder}/lines\n", 0o600, "line 2: the address is more than one line of text"),
                     "lost": ("type = webhook\nhttps://geheim/?a=b\n", 0o600, "line 2: it has no key of type webhook: severity, "),
                     "none": ("to = root\n", 0o600, "line 1: \"type\" comes first")}
         self.put(folder / "theirs", "#!/bin/sh\n", 0o777)
+        self.put(folder / "lines", "http://x/\0/y\n")
         (folder / "wide").mkdir()
         (folder / "wide").chmod(0o777)
         self.put(folder / "wide/program", "#!/bin/sh\n", 0o755)
