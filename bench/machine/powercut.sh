@@ -82,7 +82,8 @@ mend() {
     # md puts off what is to be synchronised until somebody writes.
     if [ -n "$array" ] && grep -q "^$array : active (auto-read-only)" /proc/mdstat; then
         if grep -q PENDING /proc/mdstat || { grep -q 1 "/sys/block/$array/md/degraded" && grep -q spare "/sys/block/$array/md/"dev-*/state; }; then
-            check "rvxctl says what lets it begin" wait_for 20 "[[ \$(rvx status) == *'mdadm --readwrite /dev/$array'* ]]"
+            # A rebuild is wanted, and status says how; a resync is no problem, and check notes it.
+            check "rvxctl says what lets it begin" wait_for 20 "[[ \$(rvx status; rvx check) == *'mdadm --readwrite /dev/$array'* ]]"
         fi
         check "it takes writes" mdadm --readwrite "/dev/$array"
     fi
