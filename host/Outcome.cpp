@@ -50,8 +50,7 @@ CError NotWiped(const std::vector<std::string>& disks) {
   return {EXIT_PLUGIN_ERROR,
           Joined(disks) +
               " still has its superblock, or cannot be read: md may take it for a member again, at once or "
-              "at the "
-              "next start. 'mdadm --stop' ends what holds it then, mdadm --zero-superblock wipes it"};
+              "at the next start. 'mdadm --stop' ends what holds it then, mdadm --zero-superblock wipes it"};
 }
 
 std::string NamedDisk(const SLook& before, const SRequest& request) {

@@ -103,10 +103,8 @@ std::string HintForExecution(const std::optional<std::string>& mdstat, unsigned 
   if (operation == PI::OP_CREATE_DEDICATED_HOTSPARE)
     return status == PI::ERR_DEVICE_IO
                ? "md takes no disk that is too small, none into an array without redundancy, and none this "
-                 "way "
-                 "into a mirror without a chunk size, as mdadm makes it: use mdadm --add there. Nor does it "
-                 "take "
-                 "one where a member's superblock cannot be read: the kernel log tells."
+                 "way into a mirror without a chunk size, as mdadm makes it: use mdadm --add there. Nor "
+                 "does it take one where a member's superblock cannot be read: the kernel log tells."
                : "";
   if (!mdstat) return NO_MD;
   return operation == PI::OP_CREATE_LOGICAL_DRIVE ? HalfBuilt(*mdstat, level) : std::string();
