@@ -43,13 +43,14 @@ expect_known() {
 
 # free: the guide's steps for disks that an interrupted creation or deletion left in no whole array.
 free() {
-    local array
-    for array in $(printf '%s\n' "$(holder "$first")" "$(holder "$second")" | sort -u); do
+    local array member left=("$first" "$second")
+    [ "$RVX_CUT_DONE" = create ] || left+=("$spare")
+    for array in $(for member in "${left[@]}"; do holder "$member"; done | sort -u); do
         check "$array can be stopped" mdadm --stop "/dev/$array"
     done
-    check "the superblocks can be wiped" mdadm --zero-superblock "/dev/$first" "/dev/$second"
-    expect_eq "both are free" "" "$(holder "$first")$(holder "$second")"
-    expect_no_array "$first" "$second"
+    check "the superblocks can be wiped" mdadm --zero-superblock "${left[@]/#//dev/}"
+    expect_eq "they are free" "" "$(for member in "${left[@]}"; do holder "$member"; done)"
+    expect_no_array "${left[@]}"
 }
 
 mend_mirror() {
