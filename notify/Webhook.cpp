@@ -12,12 +12,12 @@ namespace Notify {
 
 namespace {
 
-constexpr std::size_t WORDS_LIMIT = 500;
+constexpr std::size_t ANSWER_LIMIT = 500;
 constexpr char JSON_TYPE[] = "application/json";
 
 std::size_t Take(const char* part, std::size_t size, std::size_t count, void* words) {
   auto& text = *static_cast<std::string*>(words);
-  if (text.size() < WORDS_LIMIT) text.append(part, std::min(size * count, WORDS_LIMIT - text.size()));
+  if (text.size() < ANSWER_LIMIT) text.append(part, std::min(size * count, ANSWER_LIMIT - text.size()));
   return size * count;
 }
 

@@ -10,7 +10,7 @@ namespace Host {
 
 namespace {
 
-constexpr std::chrono::milliseconds LOOK_INTERVAL{500};
+constexpr std::chrono::milliseconds WATCH_INTERVAL{500};
 constexpr int LINE_STEP = 5;  ///< percent
 /// How many looks the event of a run's end may stay out: a fetch that meets the worker's pass brings nothing.
 constexpr int LOOKS_FOR_END = 20;
@@ -154,7 +154,7 @@ int FollowRun(CContext& context, const std::string& address, EProgress progress)
       return isDone ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
     if (isOld) {
-      Pause(LOOK_INTERVAL);
+      Pause(WATCH_INTERVAL);
       continue;
     }
     if (!now["rebuilding"].empty()) rebuilt = now["rebuilding"];
@@ -176,7 +176,7 @@ int FollowRun(CContext& context, const std::string& address, EProgress progress)
                   std::max(percent, 0));
       return now["status"] == PI::STATUS_OK ? EXIT_DONE : EXIT_PLUGIN_ERROR;
     }
-    Pause(LOOK_INTERVAL);
+    Pause(WATCH_INTERVAL);
   }
 }
 

@@ -17,7 +17,7 @@ constexpr unsigned long WAIT_LIMIT = 60;  ///< seconds
 /// How long the answer to a new operation waits for its second look, so that it says at once when that fails.
 constexpr std::chrono::seconds BEGIN_LIMIT{2};
 constexpr unsigned int SILENCE = 15;  ///< seconds more than what is waited for
-constexpr std::size_t DEPTH_LIMIT = 16;
+constexpr std::size_t BODY_DEPTH = 16;
 /// A message takes five minutes at most, and the one that is sent by its side as long.
 constexpr unsigned int TEST_SILENCE = 700;
 constexpr char METRICS[] = "/metrics";
@@ -65,7 +65,7 @@ Json BodyOf(const SHttpRequest& request) {
   std::size_t depth = 0;
   const auto tooDeep = [&](int level, Json::parse_event_t, Json&) {
     depth = std::max(depth, static_cast<std::size_t>(level));
-    if (depth > DEPTH_LIMIT) throw CProblem(400, "usage", "the body is nested too deeply");
+    if (depth > BODY_DEPTH) throw CProblem(400, "usage", "the body is nested too deeply");
     return true;
   };
   Json body = Json::parse(request.m_Body, tooDeep, false);

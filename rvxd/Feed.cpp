@@ -24,7 +24,7 @@ namespace {
 
 constexpr char FILE_NAME[] = "/events.jsonl";
 constexpr char OLDER_NAME[] = "/events.1.jsonl";
-constexpr std::size_t FILE_LIMIT = 5U << 20;
+constexpr std::size_t JOURNAL_LIMIT = 5U << 20;
 constexpr std::size_t EVENT_LIMIT = 8192;
 constexpr std::size_t NOTICE_LIMIT = 512;
 constexpr std::size_t FRAMES_LIMIT = 64U << 10;
@@ -275,7 +275,7 @@ void CFeed::Add(Json event, std::uint64_t now, EFound found) {
     whole.update(event);
     whole["count"] = 1;
     whole["last"] = event["time"];
-    const bool isMoved = m_Written > FILE_LIMIT &&
+    const bool isMoved = m_Written > JOURNAL_LIMIT &&
                          ::rename((m_Folder + FILE_NAME).c_str(), (m_Folder + OLDER_NAME).c_str()) == 0;
     if (isMoved || !m_File.IsOpen()) Begin(number);  // also where the last beginning failed
     // On the disk before anybody is told: an identifier that a client has seen is known after a restart.

@@ -18,7 +18,7 @@ namespace {
 
 using Label = prometheus::ClientMetric::Label;
 using Labels = std::vector<Label>;
-using Words = std::initializer_list<const char*>;
+using Choices = std::initializer_list<const char*>;
 
 constexpr double MILLISECONDS = 1000;
 
@@ -70,11 +70,11 @@ const std::map<std::string, const char*> HELP = {
     {"rvx_poll_interval_seconds", "Seconds between two passes of the plug-in."},
 };
 
-constexpr Words ARRAY_STATES = {"in-order", "degraded", "failed", "rebuilding"};
-constexpr Words ACTIVITIES = {"none", "resync", "rebuild", "check", "reshape"};
-constexpr Words MEMBER_STATES = {"active",  "spare",   "failed",  "rebuilding",
-                                 "missing", "offline", "journal", "replacement"};
-constexpr Words DISK_STATES = {"failed", "in-use", "missing", "ready", "rebuilding", "spare"};
+constexpr Choices ARRAY_STATES = {"in-order", "degraded", "failed", "rebuilding"};
+constexpr Choices ACTIVITIES = {"none", "resync", "rebuild", "check", "reshape"};
+constexpr Choices MEMBER_STATES = {"active",  "spare",   "failed",  "rebuilding",
+                                   "missing", "offline", "journal", "replacement"};
+constexpr Choices DISK_STATES = {"failed", "in-use", "missing", "ready", "rebuilding", "spare"};
 
 /// A figure of an array or disk, and where its document has it; of a list, how many there are.
 struct SFigure {
@@ -110,7 +110,7 @@ Labels With(Labels labels, const Label& more) {
 }
 
 /// The fields of a document as labels of their names.
-Labels LabelsOf(Labels labels, const Json& document, Words fields) {
+Labels LabelsOf(Labels labels, const Json& document, Choices fields) {
   for (const char* const field : fields) labels.push_back({field, Value(document.at(field))});
   return labels;
 }
@@ -131,7 +131,7 @@ class CSeries {
         Add(name, labels, static_cast<double>(value.size()));
   }
   /// 1 for the word that it is, 0 for the others.
-  void AddChoice(const std::string& name, const char* label, Words words, const Labels& labels,
+  void AddChoice(const std::string& name, const char* label, Choices words, const Labels& labels,
                  const Json& choice) {
     if (choice.is_null()) return;
     for (const char* const word : words) Add(name, With(labels, {label, word}), choice == word ? 1 : 0);

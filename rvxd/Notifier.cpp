@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int TURN = 1000;  ///< milliseconds
+constexpr int POLL_LIMIT = 1000;  ///< milliseconds
 constexpr std::chrono::milliseconds END_LIMIT{500};
 constexpr std::chrono::milliseconds END_LOOK{10};
 /// The administrator's changes are taken up within this time.
@@ -237,7 +237,7 @@ void CNotifier::Count(const std::string& channel, bool isDelivered) const {
 
 void CNotifier::Wait() {
   std::vector<pollfd> sources{{m_Wake.Get(), POLLIN, 0}};
-  int time = TURN;
+  int time = POLL_LIMIT;
   {
     const std::lock_guard lock(m_Mutex);
     const auto add = [&](const std::unique_ptr<CDelivery>& delivery) {

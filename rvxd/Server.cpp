@@ -16,6 +16,8 @@ namespace Rvxd {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr unsigned int CONNECTIONS = 64;
 constexpr unsigned int METRICS_CONNECTIONS = 8;
 /// Of one user but root, so that others find room.
@@ -99,7 +101,6 @@ MHD_Result Send(MHD_Connection* connection, SHttpAnswer answer) {
 /// The library's own words; one in a while, since everybody can have it say that there are too many
 /// connections.
 [[gnu::format(printf, 2, 0)]] void LogFromBelow(void*, const char* format, va_list arguments) {
-  using Clock = std::chrono::steady_clock;
   static std::atomic<Clock::time_point> next{};
   if (Clock::now() < next.load()) return;
   next = Clock::now() + LOG_PAUSE;

@@ -36,7 +36,7 @@ struct EventPollTest : public testing::Test, public SRigOf<CHookedSystem> {
   std::unique_ptr<CPolledFile> m_Watched;
 };
 constexpr char FIRST[] = "open /proc/mdstat, wait 3000, ";
-constexpr char QUIET[] = "wait 3000, open /proc/mdstat, wait 0, close, ";
+constexpr char QUIET_TURN[] = "wait 3000, open /proc/mdstat, wait 0, close, ";
 constexpr char CHANGED[] = "wait 3000, open /proc/mdstat, close, ";
 
 TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosedAndTheNextIsOpen) {
@@ -53,7 +53,7 @@ TEST_F(EventPollTest, AChangeWakesTheWorkerAfterTheFileIsClosedAndTheNextIsOpen)
   EXPECT_TRUE(Take(m_Plugin.m_ForceWorker)) << "also where there is no next file";
   m_Plugin.m_StopRequest.Set();
   EXPECT_FALSE(Round());
-  EXPECT_EQ(m_Steps, std::string("open /proc/mdstat, ") + QUIET + CHANGED + QUIET + CHANGED)
+  EXPECT_EQ(m_Steps, std::string("open /proc/mdstat, ") + QUIET_TURN + CHANGED + QUIET_TURN + CHANGED)
       << "a stop request ends it before anything is opened";
 }
 
@@ -74,7 +74,7 @@ TEST_F(EventPollTest, OutlivesAWantOfMemoryAndOfMdWithAPause) {
   };
   const CTraceCapture log(0);
   m_Plugin.EventPoll();
-  EXPECT_EQ(m_Steps, Text("%ssleep 3000, %sclose, ", FIRST, QUIET));
+  EXPECT_EQ(m_Steps, Text("%ssleep 3000, %sclose, ", FIRST, QUIET_TURN));
   EXPECT_EQ(log.Count("EventPoll() round failed: std::bad_alloc"), 1U);
   m_Plugin.m_StopRequest.Reset();
   m_Steps.clear();
