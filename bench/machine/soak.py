@@ -63,9 +63,10 @@ def rvx(*arguments):
 
 
 def change(*arguments):
-    """A change that rvxd is asked for. What it refuses, it refuses with a rule."""
+    """A change that rvxd is asked for. What it refuses, it refuses with a rule, or since a disk has just been pulled."""
     done = rvx(*arguments, "--yes")
-    if done.returncode not in (0, 5, 6) or not (done.stdout + done.stderr).strip():
+    gone = any(word.startswith("sd") and not pathlib.Path(f"/sys/block/{word}").exists() for word in arguments)
+    if done.returncode not in (0, 5, 6, *([3] if gone else [])) or not (done.stdout + done.stderr).strip():
         verdict(f"rvxctl {' '.join(arguments)}", f"exit status {done.returncode}: {done.stderr.strip()}")
     counts["refusals" if done.returncode else "changes by rvxctl"] += 1
 
@@ -100,6 +101,8 @@ def md():
             # Where udev has taken out a disk that was pulled, the next rebuild waits for a write.
             if running == "read-auto" and text("degraded") != "0" and {"spare", "rebuilding"} & {*members.values()}:
                 action = "put off"
+            elif running == "read-auto" and text("resync_start") != "none":
+                action = "resync"  # which is put off too
             arrays[folder.parent.name] = ("" if running == "inactive" else text("level"), action, members)
         except OSError:  # it goes while it is looked at
             pass
