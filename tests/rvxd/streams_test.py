@@ -51,7 +51,7 @@ class Streams(Case):
         daemon = self.daemon(machine())
         streams = [self.enterContext(daemon.stream()) for _ in range(30)]
         self.assertEqual({stream.next().event for stream in streams}, {"beat"})
-        self.assertLess(daemon.stop(), PATIENCE)
+        self.assertLess(daemon.stop(), 5 * PATIENCE)
         for stream in streams:
             while stream.next():
                 pass
