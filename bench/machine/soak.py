@@ -32,7 +32,8 @@ COUNTERPARTS = {
     "RebuildStarted": ({10055, 10085}, ()),
     "RebuildFinished": ({10056, 10058, 10086, 10090}, ()),
     "Fail": ({10078}, {10459, 10033}),  # of a mirror that was short before, the disk's alone
-    "FailSpare": ((), {10459, 10033}),  # also one that was being built in
+    # Also one that was being built in. A failed disk is news at the second pass: released before, it is told as ready again.
+    "FailSpare": ((), {10459, 10033, 10455}),
     "SpareActive": ({10056, 10082}, ()),
 }
 # RebuildNN is none of ours: how far a run is stands in the state. So is the beginning and the end of a check, which changes
