@@ -14,7 +14,9 @@ SResult Deliver(const std::string& text) {
                                                                               {"webhook", &ByWebhook},
                                                                               {"heartbeat", &ByHeartbeat}};
   const Json given = Json::parse(text, nullptr, false);
-  if (!given.is_object()) return {false, "no order came"};
+  if (!given.is_object() || !given.at("process").is_number_unsigned() ||
+      !given.at("limit").is_number_unsigned())
+    return {false, "no order came"};
   const SOrder order{given.at("settings"), given.at("message"), given.at("process"),
                      std::chrono::milliseconds(given.at("limit").get<unsigned int>())};
   const auto seconds = static_cast<unsigned int>(order.m_Limit.count() / 1000);
