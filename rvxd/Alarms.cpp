@@ -36,6 +36,13 @@ Host::EHealth LevelOf(const Json& condition) {
 /// Throws Json::exception where it is another thing, one with a fraction or a sign too.
 Milliseconds NumberIn(const Json& json) { return json.get_ref<const Json::number_unsigned_t&>(); }
 
+/// The least in the place of one that there is not: then it is told again.
+Host::EHealth LevelIn(const Json& json) {
+  const Milliseconds number = NumberIn(json);
+  return number > static_cast<Milliseconds>(Host::EHealth::CRITICAL) ? Host::EHealth::OK
+                                                                     : static_cast<Host::EHealth>(number);
+}
+
 std::string DisksOf(const Json& condition) {
   std::vector<std::string> names;
   for (const Json& disk : condition["disks"]) names.push_back(disk[disk["id"].is_string() ? "id" : "name"]);
@@ -69,8 +76,7 @@ CTold::CTold(const Json& kept) {
       SMatter& matter = m_Matters[subject];
       one.at("told").get_to(matter.m_Told);
       for (const auto& [id, time] : one.at("times").items())
-        matter.m_Times[id] = {NumberIn(time.at(0)), static_cast<Host::EHealth>(NumberIn(time.at(1))),
-                              time.at(2)};
+        matter.m_Times[id] = {NumberIn(time.at(0)), LevelIn(time.at(1)), time.at(2)};
       matter.m_Last = NumberIn(one.at("last"));
       matter.m_Over = NumberIn(one.at("over"));
       matter.m_Next = NumberIn(one.at("next"));
