@@ -1,6 +1,7 @@
 /// @file
 /// rvxd: the host that stays.
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -148,6 +149,8 @@ struct SFormatter : CLI::Formatter {
 };
 
 int Main(int count, char** words) {
+  // Each connection has a thread: an arena for each would keep for months the most that one ever took.
+  ::mallopt(M_ARENA_MAX, 2);
   SDaemonOptions options;
   CLI::App app(
       "md software RAID through the framework's plug-in: keeps the machine in view and serves its state",
