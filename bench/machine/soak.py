@@ -270,22 +270,20 @@ def compare(monitor):
         found = next(((at, event) for at, (_, code, names) in near if (at, event) not in used and
                       (code in of_array and array in names or code in of_disk and disk in names)), None)
         compared[event] += 1
+        if found is None and event.startswith("Rebuild"):
+            # A spare that fails interrupts what is built, and md goes on at once: two runs for the monitor, one for rvxd.
+            found = next(((at, text, event) for at, text in kernel if (at, text, event) not in used and
+                          abs(at - moment) < WINDOW and re.search(rf"\b{array}: (resync|recovery) interrupted", text)), None)
+            compared["interrupted, and begun again at once"] += found is not None
         used.add(found)
-        # A spare that fails interrupts what is built, and md goes on at once: two runs for the monitor, one for rvxd.
-        again = next(((at, event) for at, (_, text) in enumerate(kernel) if found is None and event.startswith("Rebuild") and
-                      (("kernel", at), event) not in used and re.search(rf"\b{array}: (resync|recovery) interrupted", text)
-                      and abs(kernel[at][0] - moment) < WINDOW), None)
-        if again is not None:
-            used.add((("kernel", again[0]), event))
-            compared["interrupted, and begun again at once"] += 1
-        elif found is None:
+        if found is None:
             missing.append(f"{event} {array} {disk} at {moment}")
             explain(missing[-1], array, moment, monitor)
     return compared, missing
 
 
 def explain(what, array, moment, monitor):
-    """What the monitor, rvxd and the kernel said of the array around that moment."""
+    """What the monitor and the kernel said of the array around that moment, and what rvxd said of all."""
     print(f"# {what}", flush=True)
     said = [(float(at), f"monitor {event} {disk}") for at, event, path, disk, real in monitor if array in (path[5:], real[5:])]
     said += [(at, f"rvxd {code} {' '.join(filter(None, names))}") for at, code, names in ours]
