@@ -40,7 +40,8 @@ bool IsCondition(const Json& json) {
   };
   return json.is_object() &&
          is(Json::value_t::string, {"id", "kind", "object", "subject", "level", "text", "since"}) &&
-         json["object"] != "" && json["subject"] != "" && is(Json::value_t::array, {"disks"}) &&
+         !json["object"].get_ref<const std::string&>().empty() &&
+         !json["subject"].get_ref<const std::string&>().empty() && is(Json::value_t::array, {"disks"}) &&
          std::ranges::all_of(json["disks"], &CMembers::IsDisk) &&
          std::ranges::all_of(std::initializer_list<const char*>{"uuid", "next", "canLose", "acknowledged"},
                              [&](const char* field) { return json.contains(field); });
