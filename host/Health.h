@@ -3,6 +3,7 @@
 /// How the machine is, told from its arrays, disks, activity and SMART figures: the plug-in's own word for
 /// the adapter is always "In order".
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,8 @@ struct SProblem {
   std::string m_Object;  ///< "md_d0"
   std::string m_Text;    ///< "1 of 2 members works; sdb has failed"
   std::string m_Next;    ///< what to do; empty: nothing
+  /// In milliseconds since 1970, where that is known; else since it was found.
+  std::optional<std::uint64_t> m_Since{};
 
   /// The kind as programs have it: "array-degraded".
   std::string Word() const;

@@ -28,11 +28,6 @@ bool Matches(const std::vector<std::string>& patterns, const std::string& text) 
          });
 }
 
-Host::EHealth LevelOf(const Json& condition) {
-  return condition["level"] == Host::WordOf(Host::EHealth::CRITICAL) ? Host::EHealth::CRITICAL
-                                                                     : Host::EHealth::WARNING;
-}
-
 /// Throws Json::exception where it is another thing, one with a fraction or a sign too.
 Milliseconds NumberIn(const Json& json) { return json.get_ref<const Json::number_unsigned_t&>(); }
 
@@ -50,11 +45,9 @@ std::string DisksOf(const Json& condition) {
   return Host::Joined(names);
 }
 
-/// Whether more of it is lost than when it was told.
-bool IsWorse(const Json& now, const Json& told) {
-  const bool hasLess =
-      now["canLose"].is_number() && told["canLose"].is_number() && now["canLose"] < told["canLose"];
-  return LevelOf(now) > LevelOf(told) || hasLess || now["disks"].size() > told["disks"].size();
+bool Wants(const SPolicy& policy, const Json& condition) {
+  return LevelOf(condition) >= policy.m_Severity && Matches(policy.m_Conditions, condition["kind"]) &&
+         Matches(policy.m_Objects, condition["object"]);
 }
 
 Milliseconds SinceOf(const Json& conditions) {
@@ -103,20 +96,13 @@ Json CTold::ToJson() const {
 std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Milliseconds now) {
   std::map<std::string, Json> matters;
   for (const auto& [key, matter] : m_Matters) matters[key] = Json::array();
+  std::map<std::string, std::string> keys;  // by name: of one subject, some conditions may lack the UUID
+  for (const Json& condition : picture.m_Conditions)
+    if (const std::string name = condition["subject"]; condition["uuid"].is_string() || !keys.contains(name))
+      keys[name] = SubjectOf(condition);
   for (const Json& condition : picture.m_Conditions) {
-    const std::string key = SubjectOf(condition), name = condition["subject"];
-    // It was told before udev knew its UUID.
-    if (key != name && m_Matters.contains(name) && !m_Matters.contains(key)) {
-      SMatter matter = std::move(m_Matters[name]);
-      for (const auto& told : std::exchange(matter.m_Told, {})) {
-        Json known = told.second;
-        known["uuid"] = key;
-        matter.m_Told[IdentityOf(known)] = known;
-      }
-      m_Matters[key] = std::move(matter);
-      m_Matters.erase(name);
-      matters.erase(name);
-    }
+    const std::string name = condition["subject"], key = keys[name];
+    Gather(condition, key);
     Json& all = matters[key];
     if (all.is_null()) all = Json::array();
     all.push_back(condition);
@@ -137,34 +123,66 @@ std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Mil
   return due;
 }
 
+void CTold::Gather(const Json& condition, const std::string& key) {
+  SMatter& matter = m_Matters[key];
+  for (auto& [other, from] : m_Matters) {
+    if (other == key) continue;
+    for (auto told = from.m_Told.begin(); told != from.m_Told.end();) {
+      if (other != condition["subject"] && !IsSame(told->second, condition)) {
+        ++told;
+        continue;
+      }
+      Json& known = told->second;
+      for (const char* const field : {"subject", "uuid"}) known[field] = condition[field];
+      if (auto time = from.m_Times.extract(told->first)) {
+        time.key() = IdentityOf(known);
+        matter.m_Times.insert(std::move(time));
+      }
+      matter.m_Told.try_emplace(IdentityOf(known), known);
+      matter.m_Last = std::max(matter.m_Last, from.m_Last);
+      told = from.m_Told.erase(told);
+    }
+  }
+}
+
 const Json* CTold::Told(const SMatter& matter, const Json& condition) {
   for (const auto& [id, told] : matter.m_Told)
     if (IsSame(told, condition)) return &told;
   return nullptr;
 }
 
-std::optional<SDue> CTold::DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,
+std::optional<SDue> CTold::DueOfEnd(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
                                     const SPolicy& policy, Milliseconds now) {
   if (matter.m_Told.empty()) {
     matter.m_Tries = 0;
     matter.m_Next = 0;
     return std::nullopt;
   }
-  if (matter.m_Over == 0 || matter.m_Over > now) matter.m_Over = now;
-  if (!policy.m_Cleared) {
-    matter.m_Told.clear();
-    return std::nullopt;
-  }
   Json were = Json::array();
-  bool isGone = false;
+  bool isGone = false, goesOn = false;
   for (const auto& [id, condition] : matter.m_Told) {
+    const auto isIt = [&](const Json& one) { return IsSame(one, condition); };
+    if (std::ranges::any_of(all, isIt)) {
+      // What the channel was told for, if less bad than it wants to know, is no end.
+      goesOn = goesOn || Wants(policy, condition);
+      continue;
+    }
     were.push_back(condition);
     isGone = isGone || (condition["kind"].get_ref<const std::string&>().starts_with("array-") &&
                         !arrays.contains(SubjectOf(condition)));
   }
-  if (now < matter.m_Next ||
-      IsWithin(matter.m_Over, now, isGone ? std::max(*policy.m_Cleared, GONE_DELAY) : *policy.m_Cleared))
+  if (goesOn || were.empty()) {
+    matter.m_Over = 0;
     return std::nullopt;
+  }
+  if (matter.m_Over == 0 || matter.m_Over > now) matter.m_Over = now;
+  const Milliseconds delay = policy.m_Cleared.value_or(GONE_DELAY);
+  if (now < matter.m_Next || IsWithin(matter.m_Over, now, isGone ? std::max(delay, GONE_DELAY) : delay))
+    return std::nullopt;
+  if (!policy.m_Cleared) {
+    matter.m_Told.clear();
+    return std::nullopt;
+  }
   return SDue{EPhase::CLEARED, were.front()["subject"], were, SinceOf(were), isGone};
 }
 
@@ -179,9 +197,7 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
     // The repair of what was told is no news, needs nobody's hand, and is not the end either.
     const bool isRepair = condition["kind"] == "array-rebuilding";
     isRepaired = isRepaired || isRepair;
-    if (LevelOf(condition) < policy.m_Severity || !Matches(policy.m_Conditions, condition["kind"]) ||
-        !Matches(policy.m_Objects, condition["object"]))
-      continue;
+    if (!Wants(policy, condition)) continue;
     isWanted = true;
     isNoted = isNoted && (isRepair || !condition["acknowledged"].is_null());
     const Json* const told = Told(matter, condition);
@@ -190,7 +206,7 @@ std::optional<SDue> CTold::DueOf(SMatter& matter, const Json& all, const std::se
     fresh.push_back(condition);
     isNew = isNew || !isRepair;
   }
-  if (!isWanted && !isRepaired) return DueOfEnd(matter, arrays, policy, now);
+  if (!isWanted && !isRepaired) return DueOfEnd(matter, all, arrays, policy, now);
   matter.m_Over = 0;
   if (!isWanted || now < matter.m_Next) return std::nullopt;
   if (isNew && !fresh.empty()) {

@@ -75,11 +75,14 @@ class CTold {
     Milliseconds m_Next{0};                  ///< no try before
     unsigned int m_Tries{0};                 ///< that failed
   };
+  /// Takes over what was told as another matter: before udev knew the UUID, while the array was inactive, or
+  /// while the disk was, or was not, one of its array's.
+  void Gather(const Json& condition, const std::string& key);
   /// As it was told; null when it was not.
   static const Json* Told(const SMatter& matter, const Json& condition);
   static std::optional<SDue> DueOf(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
                                    const SPolicy& policy, Milliseconds now);
-  static std::optional<SDue> DueOfEnd(SMatter& matter, const std::set<std::string>& arrays,
+  static std::optional<SDue> DueOfEnd(SMatter& matter, const Json& all, const std::set<std::string>& arrays,
                                       const SPolicy& policy, Milliseconds now);
 
   std::map<std::string, SMatter> m_Matters;  ///< by UUID, else subject

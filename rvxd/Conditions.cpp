@@ -15,6 +15,12 @@ constexpr std::chrono::minutes GONE_LIMIT{5};
 
 std::string NowText() { return Host::TimeText(Host::NowMilliseconds()); }
 
+/// The identity of the one disk that it is about; null where that is another thing, or not known.
+Json DiskOf(const Json& condition) {
+  const Json& disks = condition["disks"];
+  return disks.size() == 1 && disks[0]["name"] == condition["object"] ? disks[0]["id"] : Json(nullptr);
+}
+
 }  // namespace
 
 Json ConditionOf(const Host::SProblem& problem, std::uint64_t since) {
@@ -48,17 +54,34 @@ bool IsCondition(const Json& json) {
 }
 
 std::string SubjectOf(const Json& condition) {
-  return condition[condition["uuid"].is_string() ? "uuid" : "subject"];
+  if (condition["uuid"].is_string()) return condition["uuid"];
+  const Json disk = condition["object"] == condition["subject"] ? DiskOf(condition) : Json(nullptr);
+  return disk.is_string() ? disk : condition["subject"];
 }
 
 std::string IdentityOf(const Json& condition) {
   const std::string kind = condition["kind"].get<std::string>() + ":";
   if (condition["object"] == condition["subject"] && condition["uuid"].is_string())
     return kind + condition["uuid"].get<std::string>();
-  const Json& disks = condition["disks"];
-  if (disks.size() == 1 && disks[0]["name"] == condition["object"] && disks[0]["id"].is_string())
-    return kind + disks[0]["id"].get<std::string>();
-  return kind + condition["object"].get<std::string>();
+  const Json disk = DiskOf(condition);
+  return kind + (disk.is_string() ? disk : condition["object"]).get<std::string>();
+}
+
+Host::EHealth LevelOf(const Json& condition) {
+  return condition["level"] == Host::WordOf(Host::EHealth::CRITICAL) ? Host::EHealth::CRITICAL
+                                                                     : Host::EHealth::WARNING;
+}
+
+bool IsWorse(const Json& now, const Json& before) {
+  const bool hasLess =
+      now["canLose"].is_number() && before["canLose"].is_number() && now["canLose"] < before["canLose"];
+  const auto isKnown = [&](const Json& disk) {
+    return std::ranges::any_of(before["disks"], [&](const Json& one) {
+      const char* const key = one["id"].is_string() && disk["id"].is_string() ? "id" : "name";
+      return one[key] == disk[key];
+    });
+  };
+  return LevelOf(now) > LevelOf(before) || hasLess || !std::ranges::all_of(now["disks"], isKnown);
 }
 
 bool IsSame(const Json& one, const Json& other) {
@@ -107,7 +130,7 @@ void CConditions::Update(const Host::SHealth& health, const Json& arrays, const 
   std::unique_lock lock(m_Mutex);
   std::map<std::string, Json> now;
   for (const Host::SProblem& problem : health.m_Problems) {
-    Json condition = ConditionOf(problem, Host::NowMilliseconds());
+    Json condition = ConditionOf(problem, problem.m_Since.value_or(Host::NowMilliseconds()));
     const std::string id = condition["id"];
     if (const auto same = now.find(id); same != now.end()) {  // two spares of one array, say
       same->second["text"] = same->second["text"].get<std::string>() + "; " + problem.m_Text;
@@ -117,11 +140,10 @@ void CConditions::Update(const Host::SHealth& health, const Json& arrays, const 
     if (const Json* const before = Before(condition)) {
       condition["since"] = (*before)["since"];
       // Who took note of a warning did not take note of what it has become.
-      if (condition["level"] == (*before)["level"] ||
-          condition["level"] == Host::WordOf(Host::EHealth::WARNING))
-        condition["acknowledged"] = (*before)["acknowledged"];
-      // A failed disk that its array has let go of is still what that array lost.
-      if (condition["uuid"].is_null()) {
+      if (!IsWorse(condition, *before)) condition["acknowledged"] = (*before)["acknowledged"];
+      // A failed disk that its array has let go of is still what that array lost; any other is its own.
+      if (condition["uuid"].is_null() && (DiskOf(condition).is_null() || condition["kind"] == "disk-failed" ||
+                                          condition["kind"] == "disk-missing")) {
         condition["subject"] = (*before)["subject"];
         condition["uuid"] = (*before)["uuid"];
       }

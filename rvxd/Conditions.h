@@ -25,6 +25,10 @@ bool IsCondition(const Json& json);
 std::string IdentityOf(const Json& condition);
 /// The same of what it is a part of.
 std::string SubjectOf(const Json& condition);
+/// "critical" or "warning".
+Host::EHealth LevelOf(const Json& condition);
+/// Whether more is lost than there was, or another disk: who knew of that does not know of this.
+bool IsWorse(const Json& now, const Json& before);
 /// Whether two are of the same thing: also where one was told before udev knew more than the kernel's name.
 bool IsSame(const Json& one, const Json& other);
 

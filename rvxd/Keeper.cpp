@@ -33,14 +33,15 @@ constexpr std::chrono::milliseconds TELL_INTERVAL{500};
 }  // namespace
 
 CKeeper::CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
-                 const CSettings& settings, CCounters& counters)
+                 CSettings& settings, CCounters& counters)
     : m_Options(options),
       m_Feed(feed),
       m_Operations(operations),
       m_Conditions(conditions),
       m_Settings(settings),
       m_Counters(counters),
-      m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+      m_Wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_Progress(conditions.All()) {
   m_Operations.OnQueued([this] { ::eventfd_write(m_Wake.Get(), 1); });
 }
 
@@ -197,9 +198,9 @@ std::vector<Host::SProblem> CKeeper::OwnProblems(const SPass& pass) {
                    "the journal of events cannot be written: " + error,
                    "make room on the disk that it lies on"});
   if (IsBlind(pass)) own.push_back(BlindProblem(pass));
-  if (const auto now = Now())
-    for (Host::SProblem& stuck : m_Progress.Stuck(now->Arrays(), Clock::now()))
-      own.push_back(std::move(stuck));
+  const auto now = Now();
+  for (Host::SProblem& stuck : now ? m_Progress.Stuck(now->Arrays(), Clock::now()) : m_Progress.Kept())
+    own.push_back(std::move(stuck));
   return own;
 }
 
@@ -215,8 +216,11 @@ void CKeeper::Look() {
   for (const PI::CObject& object : objects)
     seen += " " + std::to_string(object.m_ID) + " " + std::to_string(object.m_UpdateCounter);
   SPass pass = Pass();
-  pass.m_Interval = Host::NumberOf(objects.front(), PI::PROP_POLL_INTERVAL).value_or(0);
-  if (objects.size() == 2) pass.m_Interval *= 10;  // as the plug-in does where there is no disk
+  long interval = Host::NumberOf(objects.front(), PI::PROP_POLL_INTERVAL).value_or(0);
+  if (objects.size() == 2) interval *= 10;  // as the plug-in does where there is no disk
+  // A pass by the shorter interval is due from now on, not from the last one on.
+  if (interval < pass.m_Interval) pass.m_At = Clock::now();
+  pass.m_Interval = interval;
   const bool isNew = counter != m_Counter;
   if (isNew) {
     m_Counters.Count("rvx_passes_total", {{"result", IsBlind(pass) ? "late" : "seen"}});
@@ -224,7 +228,7 @@ void CKeeper::Look() {
     pass.m_At = Clock::now();
   }
   m_Counter = counter;
-  if (pass.m_Time == 0) return;  // no pass yet
+  if (before == nullptr && !isNew) return;  // no pass yet
   const std::vector<Host::SProblem> own = OwnProblems(pass);
   const Spares wanted = m_Settings.Wanted();
   for (const Host::SProblem& problem : own) seen += "\n" + problem.m_Object + problem.m_Kind + problem.m_Text;
@@ -234,6 +238,7 @@ void CKeeper::Look() {
   if (before == nullptr || seen != m_Seen) {
     now = std::make_shared<CSnapshot>(*m_Session, *m_Machine, before.get(), wanted, own);
     m_Conditions.Update(now->Health(), now->Arrays(), now->Disks());
+    m_Settings.Learn(now->Arrays());
     now->Publish(m_Instance, cursor, m_Conditions.All(), pass, before.get());
     m_Seen = std::move(seen);
   }

@@ -27,7 +27,7 @@ enum class ETurn { STARTING, WATCHING, CHANGING };
 class CKeeper {
  public:
   CKeeper(const Host::SOptions& options, CFeed& feed, COperations& operations, CConditions& conditions,
-          const CSettings& settings, CCounters& counters);
+          CSettings& settings, CCounters& counters);
   ~CKeeper();
   CKeeper(const CKeeper&) = delete;
   CKeeper& operator=(const CKeeper&) = delete;
@@ -82,7 +82,7 @@ class CKeeper {
   CFeed& m_Feed;
   COperations& m_Operations;
   CConditions& m_Conditions;
-  const CSettings& m_Settings;
+  CSettings& m_Settings;
   CCounters& m_Counters;
   std::function<void(ETurn)> m_OnTurn{[](ETurn) {}};
   std::function<std::vector<Host::SProblem>()> m_OnLook{[] { return std::vector<Host::SProblem>(); }};

@@ -62,8 +62,10 @@ std::string StateFolder(const SDaemonOptions& options) {
 
 std::optional<SPicture> PictureOf(const CKeeper& keeper) {
   const auto now = keeper.Now();
-  if (now == nullptr) return std::nullopt;
+  // A machine that nobody ever gets to see: what was so is taken to be so still.
+  if (now == nullptr && !IsBlind(keeper.Pass())) return std::nullopt;
   SPicture picture{keeper.Conditions()};
+  if (now == nullptr) return picture;
   for (const Json& array : now->Arrays())
     for (const char* const name : {"name", "uuid"})
       if (array[name].is_string()) picture.m_Arrays.insert(array[name]);

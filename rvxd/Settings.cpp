@@ -1,6 +1,8 @@
 #include "rvxd/Settings.h"
 
+#include "host/Error.h"
 #include "rvxd/Document.h"
+#include "rvxd/Log.h"
 
 namespace Rvxd {
 
@@ -20,8 +22,28 @@ Spares CSettings::Wanted() const {
 
 void CSettings::Want(const Spares& spares) {
   const std::lock_guard lock(m_Mutex);
+  Keep(spares);
+}
+
+void CSettings::Keep(const Spares& spares) {
   WriteWhole(m_File, Json{{"spares", spares}}.dump());
   m_Spares = spares;
+}
+
+void CSettings::Learn(const Json& arrays) {
+  const std::lock_guard lock(m_Mutex);
+  Spares spares = m_Spares;
+  for (const Json& array : arrays) {
+    if (!array["uuid"].is_string()) continue;
+    if (const auto byName = spares.extract(array["name"].get<std::string>()))
+      spares.try_emplace(array["uuid"].get<std::string>(), byName.mapped());
+  }
+  if (spares == m_Spares) return;
+  try {
+    Keep(spares);
+  } catch (const Host::CError& error) {
+    Log(4, error.what());
+  }
 }
 
 }  // namespace Rvxd

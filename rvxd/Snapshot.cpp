@@ -395,14 +395,17 @@ const Json* CSnapshot::FindDisk(const std::string& address) const {
 }
 
 bool IsBlind(const SPass& pass) {
-  return pass.m_Time != 0 && std::chrono::steady_clock::now() >
-                                 pass.m_At + BLIND_INTERVALS * std::chrono::seconds(pass.m_Interval);
+  return std::chrono::steady_clock::now() >
+         pass.m_At + BLIND_INTERVALS * std::chrono::seconds(pass.m_Interval);
 }
 
 Host::SProblem BlindProblem(const SPass& pass) {
-  return {Host::EHealth::CRITICAL, "watch blind", "rvxd",
+  return {Host::EHealth::CRITICAL,
+          "watch blind",
+          "rvxd",
           "the plug-in has not looked at the machine since " + Host::TimeText(pass.m_Time),
-          "'systemctl restart rvxd', and the kernel's log tells which disk hangs"};
+          "'systemctl restart rvxd', and the kernel's log tells which disk hangs",
+          pass.m_Time};
 }
 
 Json HealthNow(const CSnapshot& snapshot, const SPass& pass, std::uint64_t now) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/Values.h"
 #include "host/Views.h"
 #include "rvxd/Settings.h"
 
@@ -19,11 +20,13 @@ using Text = std::shared_ptr<const std::string>;
 
 /// When the plug-in has looked at the machine.
 struct SPass {
-  std::uint64_t m_Time{0};  ///< of the last one's end as it was seen, in milliseconds since 1970
+  /// Of the last one's end as it was seen, in milliseconds since 1970; until then of rvxd's start.
+  std::uint64_t m_Time{Host::NowMilliseconds()};
   /// The same by a clock that nobody sets, and that stands still while the machine sleeps.
-  std::chrono::steady_clock::time_point m_At{};
-  long m_Interval{0};  ///< seconds between two of them
-  double m_Look{0};    ///< seconds that it took to take over what the last one found
+  std::chrono::steady_clock::time_point m_At{std::chrono::steady_clock::now()};
+  /// Seconds between two of them; the first one is awaited for longer than most take.
+  long m_Interval{20};
+  double m_Look{0};  ///< seconds that it took to take over what the last one found
 };
 
 /// Safe to be read by any thread: nothing of it asks the plug-in or the machine.

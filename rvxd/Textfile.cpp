@@ -28,7 +28,8 @@ void CTextfile::Run(const std::stop_token& end) {
   std::uint64_t last = 0;
   std::unique_lock lock(m_Mutex);
   do {
-    if (const std::uint64_t pass = m_Keeper.Pass().m_Time; pass != last) {
+    // Until the first pass the file of an earlier run says more.
+    if (const std::uint64_t pass = m_Keeper.Pass().m_Time; m_Keeper.Now() != nullptr && pass != last) {
       last = pass;
       Write();
     }

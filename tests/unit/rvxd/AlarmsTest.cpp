@@ -2,10 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include "../../support/TemporaryFolder.h"
 #include "host/Values.h"
 #include "rvxd/Alarms.h"
+#include "rvxd/Conditions.h"
 #include "rvxd/Message.h"
 #include "rvxd/Progress.h"
+#include "rvxd/Settings.h"
 
 namespace Rvxd {
 
@@ -31,6 +34,10 @@ Json Condition(const std::string& id, const char* level, Milliseconds since,
           {"canLose", nullptr},
           {"since", Host::TimeText(since)},
           {"acknowledged", nullptr}};
+}
+
+Json Disk(const char* id, const char* name) {
+  return {{"id", id}, {"name", name}, {"serial", id}, {"model", "M"}, {"path", id}, {"state", "failed"}};
 }
 
 /// A channel that delivers everything, and what it was told: "began md_d0".
@@ -111,8 +118,7 @@ TEST(Alarms, WhatCameAnewIsNewAlsoInAMatterThatLasts) {
   EXPECT_EQ(channel.m_Messages.size(), 3U);
   channel.At(BEGIN + 2 * HOUR + MINUTE, Json::array({wrong(BEGIN, 1)[1]}));
   Json other = wrong(BEGIN + 2 * HOUR + MINUTE, 1);  // the new disk has failed, too
-  other[0]["disks"] = Json::array(
-      {{{"name", "sdc"}, {"id", "c"}, {"serial", "c"}, {"model", "c"}, {"path", "c"}, {"state", "failed"}}});
+  other[0]["disks"] = Json::array({Disk("c", "sdc")});
   channel.At(BEGIN + 2 * HOUR + 2 * MINUTE, other);
   EXPECT_EQ(channel.m_Messages.size(), 4U);
   channel.During(BEGIN + 2 * HOUR + 3 * MINUTE, 3 * MINUTE, Json::array());
@@ -170,6 +176,73 @@ TEST(Alarms, AChannelIsToldWhatItWants) {
   EXPECT_THAT(critical.m_Messages, ElementsAre("began md_d0", "cleared md_d0"));
   EXPECT_THAT(spares.m_Messages, ElementsAre("began md_d1"));
   EXPECT_THAT(noted.m_Messages, ElementsAre("began md_d0", "began md_d1", "cleared md_d1", "cleared md_d0"));
+}
+
+TEST(Alarms, WhatGoesOnIsNotOver) {
+  SChannelOnTest critical, arrays;
+  critical.m_Policy.m_Severity = Host::EHealth::CRITICAL;
+  arrays.m_Policy.m_Conditions = {"array-*"};
+  const Json failed = Condition("disk-failed:sdb", "warning", BEGIN);
+  for (SChannelOnTest* const channel : {&critical, &arrays}) {
+    channel->At(BEGIN + MINUTE, Json::array({Condition("array-degraded:md_d0", "critical", BEGIN), failed}));
+    // One of the two members that it lacks is replaced.
+    channel->During(BEGIN + 2 * MINUTE, HOUR,
+                    Json::array({Condition("array-degraded:md_d0", "warning", BEGIN), failed}));
+    EXPECT_THAT(channel->m_Messages, ElementsAre("began md_d0"));
+    channel->At(BEGIN + 2 * HOUR, Json::array({failed}));
+    const auto due =
+        channel->m_Told.Due({Json::array({failed}), {"md_d0"}}, channel->m_Policy, BEGIN + 3 * HOUR);
+    ASSERT_EQ(due.size(), 1U);
+    EXPECT_EQ(due[0].m_Phase, EPhase::CLEARED);
+    ASSERT_EQ(due[0].m_Conditions.size(), 1U) << "the disk is still held";
+    EXPECT_EQ(due[0].m_Conditions[0]["kind"], "array-degraded");
+  }
+}
+
+TEST(Alarms, AnotherDiskIsAnotherLoss) {
+  SChannelOnTest channel;
+  const auto lacking = [](const char* id, const char* name) {
+    Json degraded = Condition("array-degraded:md_d0", "critical", BEGIN);
+    degraded["disks"] = Json::array({Disk(id, name)});
+    return Json::array({degraded});
+  };
+  channel.At(BEGIN + MINUTE, lacking("b", "sdb"));
+  channel.At(BEGIN + 2 * MINUTE, lacking("b", "sdx"));
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0"));
+  channel.At(BEGIN + 3 * MINUTE, lacking("a", "sdb"));  // sdb came back by itself, and the other one went
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "worse md_d0"));
+}
+
+TEST(Alarms, WhatWasToldAsAnotherMatterIsNotToldAgain) {
+  SChannelOnTest channel;
+  Json degraded = Condition("array-degraded:md_d0", "critical", BEGIN),
+       worn = Condition("disk-wearing-out:sdb", "warning", BEGIN);
+  degraded["uuid"] = worn["uuid"] = "u";
+  worn["disks"] = Json::array({Disk("b", "sdb")});
+  channel.m_Arrays = {"md_d0", "u"};
+  channel.At(BEGIN + MINUTE, {degraded, worn});
+  // At a start the array is not whole at once, and a disk is nobody's until then.
+  const Json inactive = Condition("array-inactive:md_d0", "critical", BEGIN + HOUR);
+  Json alone = worn;
+  alone.update({{"uuid", nullptr}, {"subject", "sdb"}});
+  channel.At(BEGIN + HOUR + MINUTE, {inactive, alone});
+  channel.During(BEGIN + HOUR + 2 * MINUTE, 20 * MINUTE, {degraded, worn});
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "began md_d0"));
+  // The array is deleted, its worn disk is worn.
+  channel.m_Arrays = {};
+  channel.During(BEGIN + 2 * HOUR, HOUR, Json::array({alone}));
+  channel.During(BEGIN + 3 * HOUR, HOUR, Json::array());
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "began md_d0", "cleared md_d0", "cleared sdb"));
+}
+
+TEST(Alarms, WhereNoEndIsWantedAStartIsNoneEither) {
+  SChannelOnTest channel;
+  channel.m_Policy.m_Cleared = std::nullopt;
+  const Json wrong = Json::array({Condition("array-degraded:md_d0", "critical", BEGIN)});
+  channel.At(BEGIN + MINUTE, wrong);
+  channel.During(BEGIN + 12 * HOUR, 2 * MINUTE, Json::array());
+  channel.During(BEGIN + 12 * HOUR + 2 * MINUTE, HOUR, wrong);
+  EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0"));
 }
 
 TEST(Alarms, WhatIsNotDeliveredIsTriedThreeTimesSoonAndThenEachHour) {
@@ -254,6 +327,52 @@ TEST(Alarms, ARebuildIsStuckWhereItsProgressStandsStillForTwoHours) {
   EXPECT_EQ(stuck(121min, array("rebuild", 0.06)), 0U);
   for (const Json& fine : {array("rebuild", nullptr), array("check", 0.5)})
     EXPECT_EQ(stuck(200min, fine) + stuck(2000min, fine), 0U);
+  // A start in the middle of it is no progress.
+  Json kept = Condition("rebuild-stuck:md_d0", "warning", BEGIN);
+  kept["text"] = "Rebuilding 5% for 2 hours and more";
+  for (const bool isIt : {true, false}) {
+    progress = CProgress(isIt ? Json::array({kept}) : Json::array());
+    EXPECT_EQ(progress.Kept().size(), isIt ? 1U : 0U);
+    EXPECT_EQ(stuck(0min, array("rebuild", 0.05)), isIt ? 1U : 0U);
+    EXPECT_EQ(stuck(1min, array("rebuild", 0.06)), 0U);
+  }
+}
+
+TEST(Conditions, AnotherDisksLossIsNotNotedAndAWornDiskIsItsOwn) {
+  const CTemporaryFolder folder;
+  CCounters counters;
+  CFeed feed(folder.Path(), counters);
+  CConditions conditions(folder.Path(), feed);
+  const auto update = [&](const char* lost, bool isMember) {
+    Json members = {{{"name", lost}, {"whole", lost}, {"state", "failed"}}};
+    if (isMember) members.push_back({{"name", "sdw"}, {"whole", "sdw"}, {"state", "active"}});
+    conditions.Update({Host::EHealth::CRITICAL,
+                       "",
+                       {{Host::EHealth::CRITICAL, "array degraded", "md_d0", "", ""},
+                        {Host::EHealth::WARNING, "disk wearing out", "sdw", "", ""}},
+                       {}},
+                      Json::array({{{"name", "md_d0"},
+                                    {"uuid", "u"},
+                                    {"redundancy", {{"missing", 1}, {"canLose", 0}}},
+                                    {"members", members}}}),
+                      Json::array({Disk(lost, lost), Disk("sdw", "sdw")}));
+    return conditions.All();
+  };
+  EXPECT_EQ(update("sda", true)[1]["subject"], "md_d0");
+  conditions.Acknowledge("array-degraded:md_d0", {});
+  EXPECT_FALSE(update("sda", true)[0]["acknowledged"].is_null());
+  const Json other = update("sdb", false);
+  EXPECT_TRUE(other[0]["acknowledged"].is_null());
+  EXPECT_EQ(other[1]["subject"], "sdw");
+}
+
+TEST(Settings, WhatWasToldOfANameStaysWithTheArray) {
+  const CTemporaryFolder folder;
+  CSettings(folder.Path()).Want({{"md_d0", 1}, {"md_d1", 2}});
+  CSettings settings(folder.Path());
+  settings.Learn({{{"name", "md_d0"}, {"uuid", "u"}}, {{"name", "md_d1"}, {"uuid", nullptr}}});
+  EXPECT_EQ(settings.Wanted(), (Spares{{"u", 1}, {"md_d1", 2}}));
+  EXPECT_EQ(CSettings(folder.Path()).Wanted(), settings.Wanted());
 }
 
 }  // namespace
