@@ -76,6 +76,7 @@ unsigned int IPLUGINAPI_IMPL::Initialize(std::vector<PI::CAdapterID>& adapterIDs
   } else {
     m_PhysicalDrives.clear();
     m_LogicalDrives.clear();
+    m_Adapter.m_Children.clear();
     ++m_Plugin.m_UpdateCounter;
     status = PI::ERR_SCAN_FAILED;
   }

@@ -108,7 +108,7 @@ TEST(Initialize, AFailedScanLeavesNothingButTheLine) {
       return {};
     };
     EXPECT_EQ(Initialize(plugin, adapterIDs), "20001 piRVX:  Initialize:  adapter count is 1\n");
-    EXPECT_EQ(adapterIDs.size() + plugin.m_Plugin.m_Children.size(), 0U);
+    EXPECT_EQ(adapterIDs.size() + plugin.m_Plugin.m_Children.size() + plugin.m_Adapter.m_Children.size(), 0U);
     EXPECT_EQ(plugin.Topology().size(), 2U);
     EXPECT_EQ(Text("%d %d", plugin.m_Plugin.m_UpdateCounter, plugin.m_Adapter.m_UpdateCounter), "1 0");
   }
