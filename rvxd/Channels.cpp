@@ -60,6 +60,44 @@ std::string ReadSafely(const std::string& path, ESafe safe) {
   return text;
 }
 
+std::string Absolute(const std::string& path) {
+  if (!path.starts_with("/")) throw CMistake("the path does not begin with a slash");
+  return path;
+}
+
+/// What runs or is read with our rights is nobody else's to change: a file, the folders above it, and all
+/// that links on the way lead through.
+/// @param harm what comes of it otherwise
+void RequireOurs(const fs::path& path, const std::string& harm, unsigned int links = 0) {
+  if (links > LINK_LIMIT) throw CMistake(path.string() + ": " + std::strerror(ELOOP));
+  fs::path way;
+  for (auto part = path.begin(); part != path.end(); ++part) {
+    way /= *part;
+    struct stat facts {};
+    if (::lstat(way.c_str(), &facts) != 0) throw CMistake(way.string() + ": " + std::strerror(errno));
+    const bool isTheirs = facts.st_uid != 0 && facts.st_uid != ::geteuid();
+    // In a folder such as /tmp nobody can put another file in the place of one that is ours.
+    const bool isSticky = S_ISDIR(facts.st_mode) && (facts.st_mode & S_ISVTX) != 0;
+    const bool isLink = S_ISLNK(facts.st_mode);
+    if (isTheirs || (!isSticky && !isLink && (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0))
+      throw CMistake("others may change " + way.string() + ", and " + harm + ": 'chown root " + way.string() +
+                     "' and 'chmod go-w " + way.string() + "'");
+    if (!isLink) continue;
+    boost::system::error_code error;
+    const fs::path target = fs::read_symlink(way, error);
+    if (error) throw CMistake(way.string() + ": " + error.message());
+    fs::path whole = target.is_absolute() ? target : way.parent_path() / target;
+    while (++part != path.end()) whole /= *part;
+    return RequireOurs(whole, harm, links + 1);
+  }
+}
+
+/// The same of a file that a channel's file names, wherever that is: it may hold a secret.
+std::string ReadNamed(const std::string& path) {
+  RequireOurs(Absolute(path), "what " + path + " says would be theirs");
+  return ReadSafely(path, ESafe::FROM_READING);
+}
+
 /// In a mail or a request it would begin a line of its own, or end an address.
 bool HasControl(const std::string& line) {
   return std::ranges::any_of(line, [](unsigned char c) { return (c < ' ' && c != '\t') || c == 127; });
@@ -98,11 +136,6 @@ std::string Ascii(const std::string& text) {
   if (std::ranges::any_of(text, [](unsigned char c) { return c >= 127; }))
     throw CMistake("an address is written in ASCII, without a name that is not");
   return text;
-}
-
-std::string Absolute(const std::string& path) {
-  if (!path.starts_with("/")) throw CMistake("the path does not begin with a slash");
-  return path;
 }
 
 std::string Url(const std::string& url) {
@@ -209,7 +242,7 @@ class CReader {
          }},
         {"url-file", "webhook heartbeat",
          [](CReader& reader, const std::string& text) {
-           reader.m_Channel.m_Settings["url"] = Url(Trimmed(ReadSafely(Absolute(text), ESafe::FROM_READING)));
+           reader.m_Channel.m_Settings["url"] = Url(Trimmed(ReadNamed(text)));
          }},
         {"header", "webhook",
          [](CReader& reader, const std::string& text) {
@@ -217,12 +250,10 @@ class CReader {
            reader.AddHeader(text);
          }},
         {"header-file", "webhook",
-         [](CReader& reader, const std::string& text) {
-           reader.AddHeader(Trimmed(ReadSafely(Absolute(text), ESafe::FROM_READING)));
-         }},
+         [](CReader& reader, const std::string& text) { reader.AddHeader(Trimmed(ReadNamed(text))); }},
         {"template", "webhook",
          [](CReader& reader, const std::string& text) {
-           reader.m_Channel.m_Settings["template"] = ReadSafely(Absolute(text), ESafe::FROM_WRITING);
+           reader.m_Channel.m_Settings["template"] = ReadNamed(text);
          }},
         {"content-type", "webhook", put("content-type")},
     };
@@ -270,37 +301,11 @@ class CReader {
   }
 
   static void RequireSafe(const std::string& program) {
-    RequireOurs(program, program);
+    RequireOurs(program, program + " would run with the rights of rvxd");
     struct stat facts {};
     if (::stat(program.c_str(), &facts) != 0) throw CMistake(program + ": " + std::strerror(errno));
     if (!S_ISREG(facts.st_mode) || ::access(program.c_str(), X_OK) != 0)
       throw CMistake(program + " cannot be run");
-  }
-  /// What runs with our rights is nobody else's to change: a file, the folders above it, and all that links
-  /// on the way lead through.
-  static void RequireOurs(const fs::path& path, const std::string& program, unsigned int links = 0) {
-    if (links > LINK_LIMIT) throw CMistake(program + ": " + std::strerror(ELOOP));
-    fs::path way;
-    for (auto part = path.begin(); part != path.end(); ++part) {
-      way /= *part;
-      struct stat facts {};
-      if (::lstat(way.c_str(), &facts) != 0) throw CMistake(way.string() + ": " + std::strerror(errno));
-      const bool isTheirs = facts.st_uid != 0 && facts.st_uid != ::geteuid();
-      // In a folder such as /tmp nobody can put another file in the place of one that is ours.
-      const bool isSticky = S_ISDIR(facts.st_mode) && (facts.st_mode & S_ISVTX) != 0;
-      const bool isLink = S_ISLNK(facts.st_mode);
-      if (isTheirs || (!isSticky && !isLink && (facts.st_mode & (S_IWGRP | S_IWOTH)) != 0))
-        throw CMistake("others may change " + way.string() + ", and " + program +
-                       " would run with the rights of rvxd: 'chown root " + way.string() +
-                       "' and 'chmod go-w " + way.string() + "'");
-      if (!isLink) continue;
-      boost::system::error_code error;
-      const fs::path target = fs::read_symlink(way, error);
-      if (error) throw CMistake(way.string() + ": " + error.message());
-      fs::path whole = target.is_absolute() ? target : way.parent_path() / target;
-      while (++part != path.end()) whole /= *part;
-      return RequireOurs(whole, program, links + 1);
-    }
   }
 
   void AddHeader(const std::string& header) {

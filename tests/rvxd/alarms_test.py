@@ -67,7 +67,7 @@ class Alarms(Case):
         folder = self.channels(mail="type = mail\nto = root, a@b\nsendmail = %/sendmail\n", calls="type = program\nprogram = %/program\n",
                                hook=f"type = webhook\nurl = {url}/a\nheader = X-Key: geheim\ntemplate = %/template\n", beat=f"type = heartbeat\nurl = {url}/beat\ninterval = 1s\n")
         self.put(folder / "beat.conf", f"type = heartbeat\nurl = {url}/beat\ninterval = 1s\n")
-        self.put(folder / "template", '{"title": "<{{text}}>", "code": {{code}}, "disks": {{disks}}, "kept": "{{unknown}}"}', 0o644)
+        self.put(folder / "template", '{"title": "<{{text}}>", "code": {{code}}, "disks": {{disks}}, "kept": "{{unknown}}"}', 0o600)
         described = machine("abc", [{"level": "raid1", "members": ["sda", None], "faulty": ["sdb"]}])
         described["disks"][1]["serial"] = "S-1"
         daemon = self.daemon(described, "--channels", folder)
@@ -144,6 +144,8 @@ class Alarms(Case):
                     "time": ("type = mail\ndelay = 5\n", 0o600, "line 2: \"5\" is no time such as 30s"),
                     "theirs": (f"type = program\nprogram = {folder}/theirs\n", 0o600, "others may change .*/theirs, and .*/theirs would run"),
                     "link": (f"type = program\nprogram = {folder}/link\n", 0o600, "others may change .*/wide, and .*/link would run"),
+                    "elsewhere": (f"type = webhook\nurl-file = {folder}/wide/url\n", 0o600, "others may change .*/wide, and what .*/wide/url says would be"),
+                    "shown": (f"type = webhook\n{url}template = {folder}/shown\n", 0o600, "line 3: others may read the secret in .*/shown"),
                     "control": ("type = webhook\nurl = http://x/\ncontent-type = text/plain\rX-Admin: yes\n", 0o600, "line 3: there is a control character"),
                     "bytes": ("type = webhook\nurl = http://x/\udcff\n", 0o600, "bytes.conf is not written in UTF-8"),
                     "lines": (f"type = webhook\nurl-file = {folder}/lines\n", 0o600, "line 2: the address is more than one line of text"),
@@ -155,6 +157,8 @@ class Alarms(Case):
         (folder / "wide").chmod(0o777)
         self.put(folder / "wide/program", "#!/bin/sh\n", 0o755)
         (folder / "link").symlink_to("wide/program")
+        self.put(folder / "wide/url", "http://x/\n")
+        self.put(folder / "shown", "{}", 0o644)
         for name, (text, mode, _) in refusals.items():
             self.put(folder / f"{name}.conf", text, mode)
         self.put(folder / "fine.conf", f"type = webhook\n{url}", 0o644)
