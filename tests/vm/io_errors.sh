@@ -111,3 +111,26 @@ free "$spare"
 broken "$second" write 1 "$second still has its superblock, or cannot be read.* Deleted: md_d0" array delete md_d0 --yes
 free "$first" "$second"
 expect_eq "it is made once more" md_d0 "$(make raid1 - "$first" "$second")"
+
+# The spare that a rebuild fills fails in the middle of it: both are told, both are let go, and what works goes on.
+wait_for_sync
+check "a spare stands by" rvx spare add "$spare" md_d0 --yes
+others=$(fingerprint "$other")
+echo 100 >/proc/sys/dev/raid/speed_limit_min
+echo 200 >/proc/sys/dev/raid/speed_limit_max
+mdadm --fail /dev/md_d0 "/dev/$second"
+check "the rebuild runs" wait_for 20 'grep -q recovery /proc/mdstat'
+fail "$spare" write
+echo 200000 >/proc/sys/dev/raid/speed_limit_max
+check "md gives the spare up" wait_for 30 'grep -q "$spare\[[0-9]*\](F)" /proc/mdstat'
+expect_match "rvxctl tells both" "md_d0 +1 of 2 members works; failed: ($second|$spare), ($second|$spare)" "$(rvx status)"
+for name in "$spare" "$second"; do
+    rvx spare release "$name" --yes >/tmp/said 2>&1
+    expect_match "$name is let go" "$name is released" "$(tr '\n' ' ' </tmp/said)"
+done
+heal "$spare"
+expect_eq "the other disk" "$others" "$(fingerprint "$other")"
+check "the superblocks can be wiped" mdadm --zero-superblock "/dev/$spare" "/dev/$second"
+check "the same spare is added again" rvx spare add "$spare" md_d0 --yes
+wait_for_sync
+expect_match "and takes the member's place" '\[UU\]' "$(grep -A1 '^md_d0' /proc/mdstat)"
