@@ -116,8 +116,8 @@ int Serve(SDaemonOptions options) {
   std::optional<CTextfile> textfile;
   if (!options.m_Textfile.empty()) textfile.emplace(options.m_Textfile, keeper, metrics);
   keeper.OnTurn(&TellManager);
+  notifier.Start();  // first: where a disk hangs, the plug-in's first scan does not come back
   keeper.Start();
-  notifier.Start();
   std::list<CServer> servers;
   if (sockets.m_Changing.IsOpen()) servers.emplace_back(sockets.m_Changing.Get(), api, EAccess::ALL);
   if (sockets.m_Reading.IsOpen()) servers.emplace_back(sockets.m_Reading.Get(), api, EAccess::READING);
