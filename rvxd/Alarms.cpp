@@ -161,7 +161,7 @@ std::optional<SDue> CTold::DueOfEnd(SMatter& matter, const Json& all, const std:
   Json were = Json::array();
   bool isGone = false, goesOn = false;
   for (const auto& [id, condition] : matter.m_Told) {
-    const auto isIt = [&](const Json& one) { return IsSame(one, condition); };
+    const auto isIt = [&condition = condition](const Json& one) { return IsSame(one, condition); };
     if (std::ranges::any_of(all, isIt)) {
       // What the channel was told for, if less bad than it wants to know, is no end.
       goesOn = goesOn || Wants(policy, condition);
