@@ -18,7 +18,7 @@ import sys
 import threading
 import time
 
-SECONDS = int(os.environ.get("RVX_SOAK_SECONDS") or 75)
+SECONDS = int(os.environ.get("RVX_SOAK_SECONDS") or 120)
 SEED = int(os.environ.get("RVX_SEED") or random.randrange(2**32))
 BUILD = os.environ["RVX_BUILD"]
 SETTLE_SECONDS = 60  # for rvxd's state to be md's: seconds are usual, a busy machine is not
