@@ -95,13 +95,14 @@ Json CTold::ToJson() const {
 
 std::vector<SDue> CTold::Due(const SPicture& picture, const SPolicy& policy, Milliseconds now) {
   std::map<std::string, Json> matters;
-  for (const auto& [key, matter] : m_Matters) matters[key] = Json::array();
+  if (picture.m_IsSeen)
+    for (const auto& [key, matter] : m_Matters) matters[key] = Json::array();
   std::map<std::string, std::string> keys;  // by name: of one subject, some conditions may lack the UUID
   for (const Json& condition : picture.m_Conditions)
     if (const std::string name = condition["subject"]; condition["uuid"].is_string() || !keys.contains(name))
       keys[name] = SubjectOf(condition);
   for (const Json& condition : picture.m_Conditions) {
-    const std::string name = condition["subject"], key = keys[name];
+    const std::string key = condition["uuid"].is_string() ? SubjectOf(condition) : keys[condition["subject"]];
     Gather(condition, key);
     Json& all = matters[key];
     if (all.is_null()) all = Json::array();

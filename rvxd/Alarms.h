@@ -45,6 +45,7 @@ struct SDue {
 struct SPicture {
   Json m_Conditions;
   std::set<std::string> m_Arrays{};
+  bool m_IsSeen{true};  ///< else nobody has looked yet: what is not among the conditions is not over for that
 };
 
 /// What one channel was told. Times are milliseconds since 1970; a clock that is set back makes nothing come

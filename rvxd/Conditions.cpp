@@ -76,9 +76,12 @@ bool IsWorse(const Json& now, const Json& before) {
   const bool hasLess =
       now["canLose"].is_number() && before["canLose"].is_number() && now["canLose"] < before["canLose"];
   const auto isKnown = [&](const Json& disk) {
+    // As long as udev knows nothing of a disk, its name stands for the identity.
+    const auto isNamed = [](const Json& one) { return one["id"].is_string() && one["id"] != one["name"]; };
     return std::ranges::any_of(before["disks"], [&](const Json& one) {
-      const char* const key = one["id"].is_string() && disk["id"].is_string() ? "id" : "name";
-      return one[key] == disk[key];
+      const auto isBy = [&](const char* key) { return one[key].is_string() && one[key] == disk[key]; };
+      return isBy("id") || isBy("serial") ||
+             (one["name"] == disk["name"] && !(isNamed(one) && isNamed(disk)));
     });
   };
   return LevelOf(now) > LevelOf(before) || hasLess || !std::ranges::all_of(now["disks"], isKnown);
@@ -112,7 +115,9 @@ void CConditions::Place(Json& condition, const Json& arrays, const Json& disks) 
     });
     if (!isItself && !isMembers) continue;
     condition["subject"] = array["name"];
-    condition["uuid"] = array["uuid"];
+    // The halves of a mirror that was split have the same: then their names tell them apart.
+    const auto isIts = [&](const Json& one) { return one["uuid"] == array["uuid"]; };
+    if (std::ranges::count_if(arrays, isIts) == 1) condition["uuid"] = array["uuid"];
   }
 }
 
@@ -146,6 +151,7 @@ void CConditions::Update(const Host::SHealth& health, const Json& arrays, const 
                                           condition["kind"] == "disk-missing")) {
         condition["subject"] = (*before)["subject"];
         condition["uuid"] = (*before)["uuid"];
+        if (condition["disks"].empty()) condition["disks"] = (*before)["disks"];
       }
     }
     now[id] = std::move(condition);

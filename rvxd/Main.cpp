@@ -64,7 +64,7 @@ std::optional<SPicture> PictureOf(const CKeeper& keeper) {
   const auto now = keeper.Now();
   // A machine that nobody ever gets to see: what was so is taken to be so still.
   if (now == nullptr && !IsBlind(keeper.Pass())) return std::nullopt;
-  SPicture picture{keeper.Conditions()};
+  SPicture picture{keeper.Conditions(), {}, now != nullptr};
   if (now == nullptr) return picture;
   for (const Json& array : now->Arrays())
     for (const char* const name : {"name", "uuid"})

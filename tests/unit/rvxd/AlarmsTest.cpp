@@ -208,6 +208,7 @@ TEST(Alarms, AnotherDiskIsAnotherLoss) {
   };
   channel.At(BEGIN + MINUTE, lacking("b", "sdb"));
   channel.At(BEGIN + 2 * MINUTE, lacking("b", "sdx"));
+  channel.At(BEGIN + 2 * MINUTE, lacking("sdb", "sdb"));  // udev's record has gone with it
   EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0"));
   channel.At(BEGIN + 3 * MINUTE, lacking("a", "sdb"));  // sdb came back by itself, and the other one went
   EXPECT_THAT(channel.m_Messages, ElementsAre("began md_d0", "worse md_d0"));
@@ -364,6 +365,24 @@ TEST(Conditions, AnotherDisksLossIsNotNotedAndAWornDiskIsItsOwn) {
   const Json other = update("sdb", false);
   EXPECT_TRUE(other[0]["acknowledged"].is_null());
   EXPECT_EQ(other[1]["subject"], "sdw");
+}
+
+TEST(Conditions, HalvesOfAMirrorThatWasSplitAreTwoArrays) {
+  const CTemporaryFolder folder;
+  CCounters counters;
+  CFeed feed(folder.Path(), counters);
+  CConditions conditions(folder.Path(), feed);
+  Host::SHealth health;
+  Json arrays = Json::array();
+  for (const char* const name : {"md0", "md9"}) {
+    health.m_Problems.push_back({Host::EHealth::CRITICAL, "array degraded", name, "", ""});
+    arrays.push_back({{"name", name},
+                      {"uuid", "u"},
+                      {"redundancy", {{"missing", 1}, {"canLose", 0}}},
+                      {"members", Json::array()}});
+  }
+  conditions.Update(health, arrays, Json::array());
+  EXPECT_NE(SubjectOf(conditions.All()[0]), SubjectOf(conditions.All()[1]));
 }
 
 TEST(Settings, WhatWasToldOfANameStaysWithTheArray) {
