@@ -85,7 +85,7 @@ const TKeys<SMember>& MemberKeys() {
       NonEmpty("disk", &SMember::m_Name),
       Number("number", &SMember::m_Number, 0, MOST_MEMBERS - 1),
       Number("slot", &SMember::m_Slot, -1, MOST_MEMBERS - 1),
-      Number("saved_slot", &SMember::m_SavedSlot, -1, MOST_MEMBERS - 1),
+      Number("saved_slot", &SMember::m_SavedSlot, -1, MD_DISK_ROLE_MAX - 1),  // its superblock may say any
       {"state", ReadMemberState, WriteMemberState},
       Number("sectors", &SMember::m_Sectors, 0, SECTORS * MOST_SIZE),
       Number("recovered", &SMember::m_RecoveredSectors, 0, EVERYTHING),
