@@ -229,7 +229,7 @@ void CFeed::Push(std::uint64_t number, const Json& event) {
   if (Repeats(event.value("code", 0U)))
     m_Repeats[RepeatKey(event)] = {number, Host::NowMilliseconds()};
   else
-    std::erase_if(m_Repeats, [&](const auto& one) { return one.first.ends_with(" " + NameIn(event)); });
+    DropRepeats(NameIn(event));
   if (m_Events.size() <= EVENT_LIMIT) return;
   m_First = m_Events.front().m_Number;
   m_Events.pop_front();
@@ -242,6 +242,15 @@ void CFeed::Count(std::uint64_t number, const Json& event) {
   counted["count"] = counted.value("count", 1UL) + 1;
   counted["last"] = event["time"];
   kept->m_Json = std::make_shared<const std::string>(Dumped(counted));
+}
+
+void CFeed::DropRepeats(const std::string& name) {
+  std::erase_if(m_Repeats, [&](const auto& one) { return one.first.ends_with(" " + name); });
+}
+
+void CFeed::EndRepeats(const std::string& name) {
+  const std::lock_guard lock(m_Mutex);
+  DropRepeats(name);
 }
 
 bool CFeed::Fold(const Json& event, std::uint64_t now) {

@@ -58,6 +58,8 @@ class CFeed {
   /// repeats on every pass, and the states that it finds AT_START as if they were new. `now` is in
   /// milliseconds since 1970.
   void Add(Json event, std::uint64_t now, EFound found);
+  /// What was repeated of this array or disk has ended: the next time it is told again.
+  void EndRepeats(const std::string& name);
   /// Tells the streams, and keeps nothing: "operation", "condition", "state".
   void Notify(const std::string& type, const Json& data);
   /// Ends all streams and waits.
@@ -109,6 +111,7 @@ class CFeed {
   /// An event that is kept was told once more.
   void Count(std::uint64_t number, const Json& event);
   bool Fold(const Json& event, std::uint64_t now);
+  void DropRepeats(const std::string& name);
   /// A state that was told before this start, and has not ended since.
   bool FoldFound(const Json& event);
   std::string IdOf(std::uint64_t number) const { return m_Epoch + "-" + std::to_string(number); }

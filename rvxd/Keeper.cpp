@@ -240,6 +240,12 @@ void CKeeper::Look() {
     m_Conditions.Update(now->Health(), now->Arrays(), now->Disks());
     m_Settings.Learn(now->Arrays());
     now->Publish(m_Instance, cursor, m_Conditions.All(), pass, before.get());
+    // The plug-in tells nothing of a disk that somebody releases and adds again: if it fails then, it is
+    // news.
+    for (const Json& disk : now->Disks())
+      if (const Json* const was = before ? before->FindDisk(disk["id"]) : nullptr;
+          was != nullptr && (*was)["state"] == "failed" && disk["state"] != "failed")
+        m_Feed.EndRepeats(disk["name"]);
     m_Seen = std::move(seen);
   }
   if (isNew) pass.m_Look = std::chrono::duration<double>(Clock::now() - begin).count();
