@@ -6,6 +6,7 @@ RVX_SOAK_SECONDS is how long, RVX_SEED repeats the order of changes as far as th
 """
 
 import collections
+import functools
 import http.client
 import json
 import os
@@ -22,7 +23,7 @@ SECONDS = int(os.environ.get("RVX_SOAK_SECONDS") or 120)
 SEED = int(os.environ.get("RVX_SEED") or random.randrange(2**32))
 BUILD = os.environ["RVX_BUILD"]
 SETTLE_SECONDS = 60  # for rvxd's state to be md's: seconds are usual, a busy machine is not
-WINDOW = 30          # between the monitor's word and ours, either way
+NEAR, WINDOW = 2, 30  # between the monitor's word and ours, either way: usually, and at most
 
 # What the monitor tells, and ours for it: about the array, and about the disk that it names.
 COUNTERPARTS = {
@@ -255,7 +256,7 @@ def listen():
 def compare(monitor):
     """How many of the monitor's events were compared, and those without a counterpart. One of ours counts once for each kind
     of theirs."""
-    used, missing, compared, known = set(), [], collections.Counter(), {}
+    used, pending, compared, known = set(), [], collections.Counter(), {}
     for moment, event, path, disk, real in monitor:
         moment, disk = float(moment), disk[5:]
         # It may name an array by a link of udev's, which is gone with the array.
@@ -265,20 +266,34 @@ def compare(monitor):
                 name == array and begin - 1 <= moment <= (end or moment) + 5 for name, begin, end in checks):
             compared["told by the state alone"] += 1
             continue
-        of_array, of_disk = COUNTERPARTS.get(event, ((), ()))
-        near = [(at, one) for at, one in enumerate(ours) if abs(one[0] - moment) < WINDOW]
-        found = next(((at, event) for at, (_, code, names) in near if (at, event) not in used and
-                      (code in of_array and array in names or code in of_disk and disk in names)), None)
         compared[event] += 1
-        if found is None and event.startswith("Rebuild"):
-            # A spare that fails interrupts what is built, and md goes on at once: two runs for the monitor, one for rvxd.
-            found = next(((at, text, event) for at, text in kernel if (at, text, event) not in used and
-                          abs(at - moment) < WINDOW and re.search(rf"\b{array}: (resync|recovery) interrupted", text)), None)
-            compared["interrupted, and begun again at once"] += found is not None
-        used.add(found)
-        if found is None:
-            missing.append(f"{event} {array} {disk} at {moment}")
-            explain(missing[-1], array, moment, monitor)
+        pending.append((moment, event, array, disk))
+
+    def counterpart(window, moment, event, array, disk):
+        of_array, of_disk = COUNTERPARTS.get(event, ((), ()))
+        return next(((at, event) for at, (ours_at, code, names) in enumerate(ours) if (at, event) not in used and
+                     abs(ours_at - moment) < window and (code in of_array and array in names or code in of_disk and disk in names)), None)
+
+    def interruption(moment, event, array, _):
+        # A spare that fails interrupts what is built, and md goes on at once: two runs for the monitor, one for rvxd.
+        found = next(((at, text, event) for at, text in kernel if event.startswith("Rebuild") and (at, text, event) not in used and
+                      abs(at - moment) < WINDOW and re.search(rf"\b{array}: (resync|recovery) interrupted", text)), None)
+        compared["interrupted, and begun again at once"] += found is not None
+        return found
+
+    # What is told in the same moment belongs together: else one without a counterpart would take that of the next one.
+    for find in (functools.partial(counterpart, NEAR), functools.partial(counterpart, WINDOW), interruption):
+        rest = []
+        for one in pending:
+            found = find(*one)
+            if found:
+                used.add(found)
+            else:
+                rest.append(one)
+        pending = rest
+    missing = [f"{event} {array} {disk} at {moment}" for moment, event, array, disk in pending]
+    for what, (moment, _, array, _) in zip(missing, pending):
+        explain(what, array, moment, monitor)
     return compared, missing
 
 
