@@ -197,8 +197,8 @@ void CNotifier::Tell(const std::string& name, const SChannel& channel, SState& s
     state.m_Delivery = Deliver(channel, {EPhase::TEST, "rvxd", Json::array(), Host::NowMilliseconds()});
     return;
   }
-  SPicture others{Json::array(), picture.m_Arrays,
-                  picture.m_IsSeen};  // that it does not work is for the other channels
+  // That it does not work is for the other channels.
+  SPicture others{Json::array(), picture.m_Arrays, picture.m_IsSeen};
   for (const Json& condition : picture.m_Conditions)
     if (condition["id"] != "notify-failing:" + name) others.m_Conditions.push_back(condition);
   const Milliseconds now = Host::NowMilliseconds();
